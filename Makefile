@@ -1,0 +1,71 @@
+# Top-level entry points; each one sets up what it needs first.
+#   make demo    build and run the demo on the built-in test card
+#   make test    build and run the whole test suite
+#   make bench   build and run the benchmarks
+#   make fuzz    run each fuzz target for FUZZ_SECONDS (default 60)
+#   make sanitize  build with ASan and UBSan and run the test suite
+
+BUILD ?= build
+JOBS ?= $(shell nproc)
+FUZZ_SECONDS ?= 60
+CMAKE_FLAGS ?=
+
+PACKAGES = cmake ninja-build g++ clang libgtest-dev libbenchmark-dev \
+	libtiff-tools netpbm imagemagick libjpeg-turbo-progs giflib-tools python3-pil python3-numpy \
+	libclang-rt-14-dev libtiff-dev libgif-dev libturbojpeg0-dev libstb-dev
+
+.PHONY: all deps build demo test bench fuzz sanitize clean
+
+all: build
+
+deps:
+	@missing=$$(for p in $(PACKAGES); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q 'install ok installed' || echo $$p; done); \
+	if [ -n "$$missing" ]; then \
+	  if [ "$$(id -u)" = 0 ]; then \
+	    echo "installing:" $$missing; \
+	    (apt-get update -qq || true) && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing >/dev/null; \
+	  else \
+	    echo "missing packages; run: sudo apt-get install -y $$missing"; exit 1; \
+	  fi; \
+	fi
+
+$(BUILD)/build.ninja:
+	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS)
+
+build: deps $(BUILD)/build.ninja
+	cmake --build $(BUILD) -j $(JOBS)
+
+demo: build
+	./$(BUILD)/brivanta demo $(BUILD)/demo
+
+test: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 600
+
+sanitize: deps
+	cmake -S . -B build-sanitize -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+	  -DCMAKE_CXX_FLAGS="-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer" \
+	  -DCMAKE_EXE_LINKER_FLAGS="-fsanitize=address,undefined" \
+	  -DCMAKE_SHARED_LINKER_FLAGS="-fsanitize=address,undefined"
+	cmake --build build-sanitize -j $(JOBS)
+	cd build-sanitize && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+	  ctest --output-on-failure -j $(JOBS) --timeout 900 -E '^interop_'
+
+bench: deps
+	cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DBRIVANTA_BENCH=ON -DBRIVANTA_TESTS=OFF
+	cmake --build build-bench -j $(JOBS)
+	@for b in build-bench/bench/*_bench; do echo "== $$b"; $$b --benchmark_counters_tabular=true || exit 1; done
+
+fuzz: deps
+	cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBRIVANTA_FUZZ=ON -DBRIVANTA_TESTS=OFF \
+	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+	cmake --build build-fuzz -j $(JOBS)
+	@mkdir -p fuzz/crashers
+	@for f in build-fuzz/fuzz/*_fuzz; do \
+	  n=$$(basename $$f); mkdir -p build-fuzz/corpus/$$n; \
+	  echo "== $$n for $(FUZZ_SECONDS) s"; \
+	  $$f -max_total_time=$(FUZZ_SECONDS) -max_len=65536 -timeout=10 -rss_limit_mb=4096 \
+	    -artifact_prefix=fuzz/crashers/$$n- build-fuzz/corpus/$$n fuzz/corpus || exit 1; \
+	done
+
+clean:
+	rm -rf $(BUILD) build-sanitize build-bench build-fuzz

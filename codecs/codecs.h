@@ -1,0 +1,42 @@
+// Entry points of the format readers and writers, as the dispatch tables
+// name them.  Readers follow reader_fn, writers writer_fn (frame/frame.h).
+#pragma once
+#include "frame/frame.h"
+
+#define BRIVANTA_READER(name) \
+    int name(int32_t where, IMG_put_row_fn put_row, void *context, IMG_begin_image_fn begin_image, int fd)
+#define BRIVANTA_WRITER(name) int name(int fd, const dib_info *header, IMG_get_row_fn get_row, void *context)
+
+// BMP
+BRIVANTA_READER(bmp_read);
+BRIVANTA_WRITER(bmp_write);
+BRIVANTA_WRITER(bmp_write_rle);
+
+// TIFF
+BRIVANTA_READER(tiff_decompress);
+int tiff_page_count(int fd);
+BRIVANTA_WRITER(tiff_write_uncompressed);  // type 0
+BRIVANTA_WRITER(tiff_write_huffman);       // type 7
+BRIVANTA_WRITER(tiff_write_g3);            // type 8
+BRIVANTA_WRITER(tiff_write_lzw);           // type 9
+BRIVANTA_WRITER(tiff_write_g4);            // type 10
+BRIVANTA_WRITER(tiff_write_packbits);      // type 16
+BRIVANTA_WRITER(tiff_write_jpeg);          // type 40
+BRIVANTA_WRITER(fax_write_g3);             // type 33
+BRIVANTA_WRITER(fax_write_g4);             // type 34
+
+// GIF, PCX, DCX
+BRIVANTA_READER(gif_decompress);
+BRIVANTA_WRITER(gif_write);
+BRIVANTA_READER(pcx_decompress);
+BRIVANTA_WRITER(pcx_write);
+BRIVANTA_READER(dcx_decompress);
+BRIVANTA_WRITER(dcx_write);
+int dcx_page_count(int fd);
+
+// JPEG, Targa
+BRIVANTA_READER(jpeg_read_file);
+BRIVANTA_WRITER(jpeg_write_file);
+BRIVANTA_READER(targa_read_file);
+BRIVANTA_WRITER(targa_write_file);
+BRIVANTA_WRITER(targa_write_file_15bit);

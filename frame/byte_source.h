@@ -1,0 +1,77 @@
+// A bounds-safe buffered byte source over the file access layer.  It never
+// asks for bytes past the source's known end, so a decoder that reads
+// through it sees a clean end of data on truncated or hostile input, whatever
+// the underlying source reports past its end.
+#pragma once
+#include "frame/frame.h"
+
+struct byte_source {
+    int fd = 0;
+    uint8_t *buf = nullptr;
+    int32_t cap = 0;
+    int32_t pos = 0;       // next byte in buf
+    int32_t len = 0;       // valid bytes in buf
+    int32_t file_pos = 0;  // absolute source position of buf[len]
+    int32_t end = 0;       // the source's size
+};
+
+// Takes a scratch buffer of cap bytes and positions at the absolute offset.
+inline bool source_open(byte_source &s, int fd, int32_t offset, int32_t cap) {
+    s.fd = fd;
+    s.cap = cap;
+    s.buf = static_cast<uint8_t *>(scratch_alloc(static_cast<uint32_t>(cap)));
+    s.end = file_size_hint(fd);
+    s.pos = s.len = 0;
+    s.file_pos = file_seek(fd, offset, 0);
+    if (s.file_pos < 0) s.file_pos = s.end;
+    return s.buf != nullptr;
+}
+
+inline bool source_fill(byte_source &s) {
+    if (s.pos < s.len) return true;
+    int32_t want = s.cap;
+    if (s.end - s.file_pos < want) want = s.end - s.file_pos;
+    if (want <= 0) return false;
+    int32_t n = file_read(s.fd, s.buf, want);
+    if (n <= 0) return false;
+    if (n > want) n = want;
+    s.pos = 0;
+    s.len = n;
+    s.file_pos += n;
+    return true;
+}
+
+// The next byte, or -1 at the end of the data.
+inline int source_byte(byte_source &s) {
+    if (s.pos >= s.len && !source_fill(s)) return -1;
+    return s.buf[s.pos++];
+}
+
+// Copies up to n bytes; returns how many were available.
+inline int32_t source_read(byte_source &s, void *dst, int32_t n) {
+    auto *d = static_cast<uint8_t *>(dst);
+    int32_t done = 0;
+    while (done < n) {
+        if (s.pos >= s.len && !source_fill(s)) break;
+        int32_t k = s.len - s.pos < n - done ? s.len - s.pos : n - done;
+        std::memcpy(d + done, s.buf + s.pos, k);
+        s.pos += k;
+        done += k;
+    }
+    return done;
+}
+
+inline int32_t source_tell(const byte_source &s) { return s.file_pos - (s.len - s.pos); }
+
+inline void source_seek(byte_source &s, int32_t offset) {
+    int32_t base = s.file_pos - s.len;
+    if (offset >= base && offset <= s.file_pos) {
+        s.pos = offset - base;
+        return;
+    }
+    s.pos = s.len = 0;
+    s.file_pos = file_seek(s.fd, offset, 0);
+    if (s.file_pos < 0) s.file_pos = s.end;
+}
+
+inline bool source_at_end(byte_source &s) { return s.pos >= s.len && !source_fill(s); }

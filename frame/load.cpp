@@ -1,0 +1,282 @@
+// The load pipeline: detection, dispatch to a reader, and the handle-level
+// begin and row steps that build a DIB, reducing and shrinking on the way.
+#include "frame/load.h"
+
+#include "colour/colour.h"
+#include "frame/handles.h"
+
+#include <strings.h>
+
+namespace {
+
+// Per-load state beside the context record: the shrink buffer is taken once
+// per load instead of once per row.
+struct shrink_state {
+    uint8_t *buffer = nullptr;
+    uint32_t size = 0;
+};
+shrink_state shrink;
+
+int IMG_CALLBACK ignore_header(void *, void *) { return 0; }
+int IMG_CALLBACK ignore_row(unsigned char *, void *, int, int) { return 0; }
+
+template <int Bits>
+void sample_row(const uint8_t *src, uint8_t *dst, int out_width, uint32_t step) {
+    if constexpr (Bits == 24 || Bits == 8) {
+        constexpr int N = Bits / 8;
+        for (int i = 0; i < out_width; i++) {
+            uint32_t s = static_cast<uint32_t>((static_cast<uint64_t>(i) * step) >> 16);
+            for (int k = 0; k < N; k++) dst[N * i + k] = src[N * s + k];
+        }
+    } else if constexpr (Bits == 4) {
+        std::memset(dst, 0, (out_width + 1) / 2);
+        for (int i = 0; i < out_width; i++) {
+            uint32_t s = static_cast<uint32_t>((static_cast<uint64_t>(i) * step) >> 16);
+            int v = (src[s >> 1] >> ((s & 1) ? 0 : 4)) & 15;
+            dst[i >> 1] |= static_cast<uint8_t>(v << ((i & 1) ? 0 : 4));
+        }
+    } else {
+        std::memset(dst, 0, (out_width + 7) / 8);
+        for (int i = 0; i < out_width; i++) {
+            uint32_t s = static_cast<uint32_t>((static_cast<uint64_t>(i) * step) >> 16);
+            if ((src[s >> 3] >> (7 - (s & 7))) & 1) dst[i >> 3] |= static_cast<uint8_t>(0x80 >> (i & 7));
+        }
+    }
+}
+
+bool shrinking(const dib_info *announced) {
+    return settings.shrink_width && settings.shrink_height && announced->biWidth > settings.shrink_width &&
+           announced->biHeight > settings.shrink_height;
+}
+
+int run_reader(int fd, int32_t offset, int page, IMG_put_row_fn put_row, void *context,
+               IMG_begin_image_fn begin_image) {
+    if (!put_row) put_row = ignore_row;
+    if (!begin_image) begin_image = ignore_header;
+    shrink = shrink_state{};
+    file_seek(fd, offset, 0);
+    char text[4];
+    detect_file_type(fd, text);
+    file_seek(fd, offset, 0);
+    int32_t where = page == 0 ? offset : static_cast<int32_t>(static_cast<uint32_t>(page) | WHERE_PAGE);
+    for (int i = 0; i < reader_table_size; i++) {
+        if (text[0] && strcasecmp(text, reader_table[i].ext) == 0) {
+            int r = reader_table[i].read ? reader_table[i].read(where, put_row, context, begin_image, fd)
+                                         : IMG_ERR_TYPE;
+            scratch_free_all();
+            shrink = shrink_state{};
+            return r < 0 ? r : 0;
+        }
+    }
+    scratch_free_all();
+    return IMG_ERR_TYPE;
+}
+
+int load_into_handle(int fd, int32_t offset, int page) {
+    int h = handle_alloc();
+    if (h < 0) return h;
+    load_context ctx{nullptr, h, settings.reduction};
+    int r = run_reader(fd, offset, page, handle_put_row, &ctx, handle_begin_image);
+    if (r < 0) {
+        handle_free(h);
+        return r;
+    }
+    handle_record *rec = handle_get(h);
+    if (!rec->dib_memory) {
+        // A reader that ended without announcing an image made no bitmap.
+        handle_free(h);
+        return IMG_ERR_DATA;
+    }
+    // The success path unlocks slot 0's block, not the new one's; callers
+    // have come to rely on the block staying locked, so this is kept.
+    if (handle_record *first = handle_get(0); first && first->dib_memory) mem_unlock(first->dib_memory);
+    return h;
+}
+
+int IMG_CALLBACK header_only(void *header, void *context) {
+    std::memcpy(context, header, 40);
+    return IMG_ERR_STOPPED;
+}
+
+}  // namespace
+
+int IMG_CALLBACK handle_begin_image(void *header, void *context) {
+    auto *ctx = static_cast<load_context *>(context);
+    ctx->header = header;
+    const dib_info *a = dib_of(header);
+    if (a->biWidth < 1 || a->biHeight < 1 || a->biBitCount == 0) return IMG_ERR_HEADER;
+    int b = a->biBitCount;
+    if (b != 1 && b != 4 && b != 8 && b != 24) return IMG_ERR_HEADER;
+    handle_record *rec = handle_get(ctx->handle);
+    if (!rec) return IMG_ERR_HANDLE;
+    if (rec->dib_memory) {
+        // A second image in one load replaces the first.
+        mem_unlock(rec->dib_memory);
+        mem_free(rec->dib_memory);
+        rec->dib_memory = 0;
+    }
+    rec->raster_op = SRCCOPY;
+    rec->reserved = 0;
+    rec->gamma = 150;
+    rec->last_row = -1;
+    rec->transparent_colour = a->biClrUsed;
+
+    int t = ctx->reduction;
+    int stored_bits = b;
+    if ((t == 8 && b == 24) || (t == 4 && b >= 8) || (t == 1 && b >= 4))
+        stored_bits = t;
+    else
+        ctx->reduction = 0;
+    int w = a->biWidth, hgt = a->biHeight;
+    if ((settings.shrink_width || settings.shrink_height) && a->biWidth > settings.shrink_width &&
+        a->biHeight > settings.shrink_height) {
+        w = settings.shrink_width;
+        hgt = settings.shrink_height;
+    }
+    uint32_t stride = row_bytes(w, stored_bits);
+    uint32_t pb_in = palette_bytes(b), pb_out = palette_bytes(stored_bits);
+    uint32_t size;
+    uint64_t rows4 = (static_cast<uint64_t>(hgt) + 3) & ~uint64_t{3};
+    if (!stride || !size_mul_add(stride, rows4, 40 + (pb_in > pb_out ? pb_in : pb_out) + 2000, &size))
+        return IMG_ERR_MEMORY;
+    mem_block block = mem_alloc(size, MEM_MOVEABLE | MEM_ZEROINIT);
+    if (!block) return IMG_ERR_MEMORY;
+    auto *dib = static_cast<uint8_t *>(mem_lock(block));
+    if (!dib) {
+        mem_free(block);
+        return IMG_ERR_MEMORY;
+    }
+    rec->width = w;
+    rec->height = hgt;
+    rec->stride = static_cast<int32_t>(stride);
+    rec->crop_left = rec->crop_top = 0;
+    rec->crop_width = w;
+    rec->crop_height = hgt;
+    rec->dib_memory = block;
+    rec->dib_address = dib;
+    std::memcpy(dib, header, 40 + pb_in);
+    dib_info *s = dib_of(dib);
+    s->biBitCount = static_cast<uint16_t>(stored_bits);
+    s->biWidth = w;
+    s->biHeight = hgt;
+    if (ctx->reduction) set_named_palette(s, stored_bits == 8 ? "332" : stored_bits == 4 ? "dither" : "tiff");
+    return 1;
+}
+
+int IMG_CALLBACK handle_put_row(unsigned char *row, void *context, int r, int) {
+    auto *ctx = static_cast<load_context *>(context);
+    if (!ctx->header) return IMG_ERR_HEADER;
+    const dib_info *a = dib_of(ctx->header);
+    if (int s = status_report(a->biHeight); s < 0) return s;
+    handle_record *rec = handle_get(ctx->handle);
+    if (!rec || !rec->dib_address || r < 0 || r >= a->biHeight) return 0;
+    int bits = ctx->reduction ? ctx->reduction : a->biBitCount;
+    if (ctx->reduction) reduce_row(a, row, bits, r, settings.dithermode);
+    if (shrinking(a)) {
+        int rs = static_cast<int>(static_cast<int64_t>(r) * settings.shrink_height / a->biHeight);
+        if (rs == rec->last_row) return 0;  // only the first source row of a stored row is kept
+        rec->last_row = rs;
+        uint32_t step = static_cast<uint32_t>((static_cast<uint64_t>(a->biWidth) << 16) / settings.shrink_width);
+        uint32_t n = row_bytes(a->biWidth, bits);
+        if (n < static_cast<uint32_t>(rec->stride)) n = rec->stride;
+        if (shrink.size < n + 200) {
+            if (shrink.buffer) scratch_free(shrink.buffer);
+            shrink.buffer = static_cast<uint8_t *>(scratch_alloc(n + 200));
+            shrink.size = shrink.buffer ? n + 200 : 0;
+            if (!shrink.buffer) return IMG_ERR_MEMORY;
+        }
+        std::memcpy(shrink.buffer, row, n);
+        int ow = settings.shrink_width;
+        switch (bits) {
+        case 24: sample_row<24>(shrink.buffer, row, ow, step); break;
+        case 8: sample_row<8>(shrink.buffer, row, ow, step); break;
+        case 4: sample_row<4>(shrink.buffer, row, ow, step); break;
+        default: sample_row<1>(shrink.buffer, row, ow, step); break;
+        }
+        r = rs;
+        if (r >= rec->height) return 0;
+    }
+    auto *dib = static_cast<uint8_t *>(rec->dib_address);
+    uint32_t offset = 40 + palette_bytes(bits) + static_cast<uint32_t>(rec->height - r - 1) * rec->stride;
+    std::memcpy(dib + offset, row, row_bytes(rec->width, bits));
+    return 0;
+}
+
+// ---- Exports -------------------------------------------------------------------
+
+extern "C" {
+
+int IMG_API IMGLOW_decompress_bitmap(int fd, int offset, int page, IMG_put_row_fn put_row, void *context,
+                                     IMG_begin_image_fn begin_image) {
+    return run_reader(fd, offset, page, put_row, context, begin_image);
+}
+
+int IMG_API IMGLOW_decompress_bitmap_mem(void *block, int page, IMG_put_row_fn put_row, void *context,
+                                         IMG_begin_image_fn begin_image) {
+    if (!block) return IMG_ERR_OPEN;
+    memory_source_set(block);
+    return run_reader(MEMORY_FD, 0, page, put_row, context, begin_image);
+}
+
+int IMG_API IMG_decompress_bitmap(const char *name) {
+    if (!name || !*name) return IMG_ERR_OPEN;
+    int fd = os_open(name, OS_OPEN_READ);
+    if (fd < 0) return IMG_ERR_OPEN;
+    int r = load_into_handle(fd, 0, 0);
+    os_close(fd);
+    return r;
+}
+
+int IMG_API IMG_decompress_bitmap_fd(int fd, int offset, int page) { return load_into_handle(fd, offset, page); }
+
+int IMG_API IMG_decompress_bitmap_mem(void *block, int page) {
+    if (!block) return IMG_ERR_OPEN;
+    memory_source_set(block);
+    return load_into_handle(MEMORY_FD, 0, page);
+}
+
+int IMG_API IMGLOW_set_decompsize(int width, int height) {
+    settings.shrink_width = width;
+    settings.shrink_height = height;
+    return 0;
+}
+
+int IMG_API IMGLOW_set_decomp_reduction(int bits) {
+    settings.reduction = bits;
+    return 0;
+}
+
+int IMG_API IMGLOW_set_dithermode(int mode) {
+    settings.dithermode = mode;
+    return 0;
+}
+
+int IMG_API IMGLOW_autocolor(int flag) {
+    settings.autocolor = flag;
+    return 0;
+}
+
+int IMG_API IMGLOW_get_fileinfo(const char *name, void *header_out) {
+    if (!name || !*name || !header_out) return IMG_ERR_OPEN;
+    int fd = os_open(name, OS_OPEN_READ);
+    if (fd < 0) return IMG_ERR_OPEN;
+    int r = run_reader(fd, 0, 0, ignore_row, header_out, header_only);
+    os_close(fd);
+    return r == IMG_ERR_STOPPED ? 0 : r;
+}
+
+int IMG_API IMGLOW_get_pages(const char *name) {
+    if (!name || !*name) return IMG_ERR_OPEN;
+    int fd = os_open(name, OS_OPEN_READ);
+    if (fd < 0) return IMG_ERR_OPEN;
+    char text[4];
+    detect_file_type(fd, text);
+    file_seek(fd, 0, 0);
+    page_count_fn count = text[0] ? page_counter_for(text) : nullptr;
+    int r = count ? count(fd) : 1;
+    scratch_free_all();
+    os_close(fd);
+    return r;
+}
+
+}  // extern "C"

@@ -1,0 +1,100 @@
+// Library-wide settings, small queries and the exported memory-block calls.
+#include "frame/handles.h"
+
+#include <cstdio>
+
+library_settings settings = [] {
+    library_settings s{};
+    s.comp_quality = 75;
+    std::strcpy(s.bitmap_name, "Brivanta image file library");
+    std::strcpy(s.bitmap_date, "11-21-2026");
+    return s;
+}();
+
+extern "C" {
+
+int IMG_API IMG_set_statusbar(void *value, IMG_status_fn function, int enable) {
+    if (enable) {
+        settings.status_fn = function;
+        settings.status_value = value;
+        settings.status_enabled = true;
+    } else {
+        settings.status_enabled = false;  // the function and value are kept
+    }
+    return 0;
+}
+
+int IMG_API IMGLOW_set_rop(int h, int rop) {
+    handle_record *rec = handle_get(h);
+    if (!rec) return IMG_ERR_HANDLE;
+    rec->raster_op = rop;
+    return 0;
+}
+
+int IMG_API IMGLOW_get_transp_color(int h) {
+    handle_record *rec = handle_get(h);
+    if (!rec) return IMG_ERR_HANDLE;
+    return rec->transparent_colour ? static_cast<int>(rec->transparent_colour) : IMG_ERR_NO_TRANSPARENT;
+}
+
+int IMG_API IMGLOW_get_image_orientation(const char *name) {
+    if (!name || !*name) return IMG_ERR_OPEN;
+    int fd = os_open(name, OS_OPEN_READ);
+    if (fd < 0) return IMG_ERR_OPEN;
+    // The image attribute byte of a picture pack; no type check, by design.
+    uint8_t b = 0;
+    int r = 0;
+    if (os_seek(fd, 3586, 0) == 3586 && os_read(fd, &b, 1) == 1) {
+        static constexpr int degrees[4] = {0, 270, 180, 90};
+        r = degrees[b & 3];
+    }
+    os_close(fd);
+    return r;
+}
+
+int IMG_API IMG_qor_version(int *major, int *minor) {
+    if (major) *major = 5;
+    if (minor) *minor = 10;
+    return 0;
+}
+
+int IMG_API IMGLOW_set_wipedelay(int delay) {
+    settings.wipedelay = delay;
+    return 0;
+}
+
+int IMG_API IMGLOW_set_comp_quality(int quality) {
+    settings.comp_quality = quality;
+    return 0;
+}
+
+int IMG_API IMGLOW_get_bitmap_name(char *text_out, char *date_out) {
+    if (text_out) std::strcpy(text_out, settings.bitmap_name);
+    if (date_out) std::strcpy(date_out, settings.bitmap_date);
+    return 0;
+}
+
+int IMG_API IMGLOW_set_bitmap_name(const char *text, const char *date) {
+    // Bounded copies: callers are told to keep within the default lengths,
+    // and a longer text is cut rather than overrunning the buffer.
+    if (text) std::snprintf(settings.bitmap_name, sizeof settings.bitmap_name, "%s", text);
+    if (date) std::snprintf(settings.bitmap_date, sizeof settings.bitmap_date, "%s", date);
+    return 0;
+}
+
+int IMG_API WEP(int) { return 1; }
+
+int IMG_API IMG_mem_alloc(int size) {
+    if (size < 0) return 0;
+    return mem_alloc(static_cast<uint32_t>(size), MEM_MOVEABLE | MEM_ZEROINIT);
+}
+
+void *IMG_API IMG_mem_lock(int block) { return mem_lock(block); }
+
+int IMG_API IMG_mem_unlock(int block) { return mem_unlock(block); }
+
+int IMG_API IMG_mem_free(int block) { return mem_free(block); }
+
+int IMG_API IMG_mem_size(int block) { return static_cast<int>(mem_size(block)); }
+
+}  // extern "C"

@@ -1,0 +1,187 @@
+/* Brivanta image file library: the public interface.
+ *
+ * Pictures live in memory as device-independent bitmaps behind small integer
+ * handles.  Every export returns a signed 32-bit int: 0 or a positive value
+ * (a handle, a type code, a count) on success, a negative IMG_ERR_* code on
+ * failure.  The library serves one call at a time. */
+#ifndef BRIVANTA_H
+#define BRIVANTA_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The Windows standard calling convention on 32-bit Windows, nothing elsewhere. */
+#if defined(_WIN32) && !defined(_WIN64)
+#define IMG_API __stdcall
+#else
+#define IMG_API
+#endif
+#define IMG_CALLBACK IMG_API
+
+#if defined(_WIN32)
+#if defined(BRIVANTA_BUILD) && !defined(BRIVANTA_STATIC)
+#define IMG_EXPORT __declspec(dllexport)
+#else
+#define IMG_EXPORT
+#endif
+#elif defined(BRIVANTA_BUILD)
+#define IMG_EXPORT __attribute__((visibility("default")))
+#else
+#define IMG_EXPORT
+#endif
+
+/* Error codes. */
+#define IMG_ERR_MEMORY        (-1)  /* out of memory or a working buffer over its limit */
+#define IMG_ERR_OPEN          (-2)  /* input cannot be opened, or its header is too short */
+#define IMG_ERR_HEADER        (-3)  /* invalid image header or corrupt structure */
+#define IMG_ERR_CREATE        (-6)  /* output or temporary file cannot be opened or created */
+#define IMG_ERR_TYPE          (-7)  /* unknown or disabled type, or a variant or depth not accepted */
+#define IMG_ERR_EPS_PREVIEW   (-8)  /* EPS wrapper with a preview of unknown type */
+#define IMG_ERR_WRITE         (-9)  /* a write came out short */
+#define IMG_ERR_PAGE          (-11) /* the requested page does not exist */
+#define IMG_ERR_DATA          (-12) /* image data missing or truncated */
+#define IMG_ERR_HANDLE        (-13) /* invalid handle */
+#define IMG_ERR_SCAN_SOURCE   (-16) /* scanning failure */
+#define IMG_ERR_SCAN_ACQUIRE  (-17) /* scanning failure */
+#define IMG_ERR_STOPPED       (-18) /* stopped by a header callback */
+#define IMG_ERR_DEPTH         (-21) /* bit depth not supported by the format or operation */
+#define IMG_ERR_NO_TRANSPARENT (-26) /* the bitmap has no transparent colour */
+
+/* Type codes, shared by detection and saving. */
+#define IMG_TYPE_BY_EXTENSION (-1)
+#define IMG_TYPE_TIFF        0
+#define IMG_TYPE_BMP         1
+#define IMG_TYPE_PCX         2
+#define IMG_TYPE_TARGA       3
+#define IMG_TYPE_GIF         4
+#define IMG_TYPE_WPG         5
+#define IMG_TYPE_WMF         6
+#define IMG_TYPE_TIFF_HUFFMAN 7
+#define IMG_TYPE_TIFF_G3     8
+#define IMG_TYPE_TIFF_LZW    9
+#define IMG_TYPE_TIFF_G4     10
+#define IMG_TYPE_DCX         11
+#define IMG_TYPE_BMP_RLE     12
+#define IMG_TYPE_JPEG        13
+#define IMG_TYPE_EPS         14
+#define IMG_TYPE_PICT        15
+#define IMG_TYPE_TIFF_PACKBITS 16
+#define IMG_TYPE_TIFF_45     17
+#define IMG_TYPE_CALS        18
+#define IMG_TYPE_LSD         19
+#define IMG_TYPE_XBM         20
+#define IMG_TYPE_MACPAINT    21
+#define IMG_TYPE_GX2         22
+#define IMG_TYPE_KOFAX       23
+#define IMG_TYPE_IOCA        24
+#define IMG_TYPE_ICO         25
+#define IMG_TYPE_IFF         26
+#define IMG_TYPE_CLIPBOARD   27
+#define IMG_TYPE_GEM         28
+#define IMG_TYPE_BTR         29
+#define IMG_TYPE_MSP         30
+#define IMG_TYPE_CUT         31
+#define IMG_TYPE_TARGA16     32
+#define IMG_TYPE_RAW_G3      33
+#define IMG_TYPE_RAW_G4      34
+#define IMG_TYPE_XPM         35
+#define IMG_TYPE_XWD         36
+#define IMG_TYPE_SUNRAS      37
+#define IMG_TYPE_TEXT        38
+#define IMG_TYPE_PHOTOCD     39
+#define IMG_TYPE_TIFF_JPEG   40
+#define IMG_TYPE_PSD         41
+#define IMG_TYPE_IMT         42
+
+/* File descriptor that stands for the current memory block source. */
+#define IMG_MEMORY_FD 32767
+
+/* Callbacks.  Rows are in DIB layout for the header's bit count; row numbers
+ * count from the top of the image, from 0.  A negative result stops the
+ * load or save, which returns that value. */
+typedef int (IMG_CALLBACK *IMG_begin_image_fn)(void *header, void *context);
+typedef int (IMG_CALLBACK *IMG_put_row_fn)(unsigned char *row, void *context,
+                                           int row_number, int byte_count);
+typedef int (IMG_CALLBACK *IMG_get_row_fn)(void *context, unsigned char *buffer,
+                                           int row_number, int byte_count);
+typedef int (IMG_CALLBACK *IMG_status_fn)(void *value, int total_rows);
+typedef int (IMG_CALLBACK *IMG_read_fn)(int fd, void *buffer, int count);
+typedef int (IMG_CALLBACK *IMG_write_fn)(int fd, const void *buffer, int count);
+typedef int (IMG_CALLBACK *IMG_seek_fn)(int fd, int offset, int origin);
+
+/* Memory blocks: movable blocks named by positive 32-bit integers.  Pass a
+ * locked block's address to the _mem and _keep exports. */
+IMG_EXPORT int   IMG_API IMG_mem_alloc(int size);
+IMG_EXPORT void *IMG_API IMG_mem_lock(int block);
+IMG_EXPORT int   IMG_API IMG_mem_unlock(int block);
+IMG_EXPORT int   IMG_API IMG_mem_free(int block);
+IMG_EXPORT int   IMG_API IMG_mem_size(int block);
+
+/* Handles and bitmaps. */
+IMG_EXPORT int IMG_API IMG_create_handle(void *dib);
+IMG_EXPORT int IMG_API IMG_create_handle_keep(void *dib);
+IMG_EXPORT int IMG_API IMG_delete_bitmap(int handle);
+IMG_EXPORT int IMG_API IMG_delete_bitmap_keep(int handle);
+IMG_EXPORT int IMG_API IMG_bitmap_info(int handle, int *width, int *height, int *bits);
+IMG_EXPORT int IMG_API IMG_get_croprect(int handle, int *left, int *top, int *width, int *height);
+IMG_EXPORT int IMG_API IMG_set_croprect(int handle, int left, int top, int width, int height);
+IMG_EXPORT int IMG_API IMG_set_gamma(int handle, int gamma);
+IMG_EXPORT int IMG_API IMGLOW_get_palette(int handle, void *dst);
+IMG_EXPORT int IMG_API IMGLOW_put_palette(int handle, const void *src);
+IMG_EXPORT int IMG_API IMGLOW_get_bitmap_header(int handle, void *dst);
+
+/* File access. */
+IMG_EXPORT int IMG_API IMGLOW_set_fileio(IMG_read_fn read, IMG_write_fn write, IMG_seek_fn seek);
+
+/* Loading. */
+IMG_EXPORT int IMG_API IMG_decompress_bitmap(const char *name);
+IMG_EXPORT int IMG_API IMG_decompress_bitmap_fd(int fd, int offset, int page);
+IMG_EXPORT int IMG_API IMG_decompress_bitmap_mem(void *block, int page);
+IMG_EXPORT int IMG_API IMGLOW_decompress_bitmap(int fd, int offset, int page, IMG_put_row_fn put_row,
+                                                void *context, IMG_begin_image_fn begin_image);
+IMG_EXPORT int IMG_API IMGLOW_decompress_bitmap_mem(void *block, int page, IMG_put_row_fn put_row,
+                                                    void *context, IMG_begin_image_fn begin_image);
+IMG_EXPORT int IMG_API IMGLOW_set_decompsize(int width, int height);
+IMG_EXPORT int IMG_API IMGLOW_set_decomp_reduction(int bits);
+IMG_EXPORT int IMG_API IMGLOW_set_dithermode(int mode);
+IMG_EXPORT int IMG_API IMGLOW_autocolor(int flag);
+IMG_EXPORT int IMG_API IMGLOW_get_fileinfo(const char *name, void *header_out);
+IMG_EXPORT int IMG_API IMGLOW_get_pages(const char *name);
+
+/* Detection. */
+IMG_EXPORT int IMG_API IMGLOW_get_filetype(const char *name);
+IMG_EXPORT int IMG_API IMGLOW_get_filetype_fd(int fd);
+IMG_EXPORT int IMG_API IMGLOW_get_filetype_mem(void *block);
+IMG_EXPORT int IMG_API IMGLOW_set_auto_detect(int code);
+IMG_EXPORT int IMG_API IMGLOW_unset_auto_detect(int code);
+IMG_EXPORT int IMG_API IMGLOW_get_auto_detect(int code);
+
+/* Saving. */
+IMG_EXPORT int IMG_API IMG_save_bitmap(int handle, const char *name, int type);
+IMG_EXPORT int IMG_API IMG_save_bitmap_fd(int handle, int fd, int type);
+IMG_EXPORT int IMG_API IMG_save_bitmap_mem(int handle, void *block, int type);
+IMG_EXPORT int IMG_API IMGLOW_save_bitmap(int fd, const void *header, int type, IMG_get_row_fn get_row,
+                                          void *context);
+IMG_EXPORT int IMG_API IMGLOW_save_bitmap_mem(void *block, const void *header, int type,
+                                              IMG_get_row_fn get_row, void *context);
+IMG_EXPORT int IMG_API IMGLOW_set_comp_quality(int quality);
+IMG_EXPORT int IMG_API IMGLOW_get_bitmap_name(char *text_out, char *date_out);
+IMG_EXPORT int IMG_API IMGLOW_set_bitmap_name(const char *text, const char *date);
+
+/* Settings and queries. */
+IMG_EXPORT int IMG_API IMG_set_statusbar(void *value, IMG_status_fn function, int enable);
+IMG_EXPORT int IMG_API IMGLOW_set_rop(int handle, int rop);
+IMG_EXPORT int IMG_API IMGLOW_get_transp_color(int handle);
+IMG_EXPORT int IMG_API IMGLOW_get_image_orientation(const char *name);
+IMG_EXPORT int IMG_API IMG_qor_version(int *major, int *minor);
+IMG_EXPORT int IMG_API IMGLOW_set_wipedelay(int delay);
+
+/* The library's exit procedure: does nothing, returns 1. */
+IMG_EXPORT int IMG_API WEP(int reserved);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

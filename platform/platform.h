@@ -1,0 +1,46 @@
+// The operating-system boundary: movable memory blocks, files, temporary
+// files and the tick count.  One implementation per system lives beside this
+// header; the frame and the codecs see nothing else of the system.
+#pragma once
+#include <cstdint>
+
+// ---- Movable memory blocks -------------------------------------------------
+// A block is named by a positive 32-bit integer (0 = none).  Blocks never
+// move in practice, but callers lock before use and unlock after, so a
+// system whose blocks do move needs no change above this layer.
+using mem_block = int32_t;
+
+constexpr unsigned MEM_MOVEABLE = 0x0002;
+constexpr unsigned MEM_ZEROINIT = 0x0040;
+
+mem_block mem_alloc(uint32_t size, unsigned flags);
+void *mem_lock(mem_block block);
+int mem_unlock(mem_block block);       // lock count left after the unlock
+mem_block mem_free(mem_block block);   // 0 on success, the block on failure
+uint32_t mem_size(mem_block block);    // 0 for a block that does not exist
+// The block whose data starts exactly at address, or 0.
+mem_block mem_handle(const void *address);
+
+// Test hooks: make the k-th allocation from now fail (k = 1 is the next one;
+// 0 switches failing off), and count the blocks alive.
+void mem_fail_after(int k);
+int mem_live_blocks();
+
+// ---- Files -------------------------------------------------------------------
+constexpr int OS_OPEN_READ = 0;
+constexpr int OS_OPEN_READWRITE = 2;
+
+int os_open(const char *name, int mode);     // handle or -1
+int os_create(const char *name);             // truncates; handle or -1
+bool os_exists(const char *name);
+int32_t os_read(int fd, void *buffer, int32_t count);
+int32_t os_write(int fd, const void *buffer, int32_t count);
+int32_t os_seek(int fd, int32_t offset, int origin);
+int os_close(int fd);
+int os_delete(const char *name);
+
+// Fills dir (capacity bytes) with the temporary directory, ending in a separator.
+bool os_temp_dir(char *dir, int capacity);
+
+// Milliseconds since some fixed point; wraps.
+uint32_t os_tick_count();

@@ -1,0 +1,149 @@
+#include "test_util.h"
+
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+uint32_t stride_of(int width, int bits) {
+    uint32_t n = bits == 1 ? (width + 7) / 8 : bits == 4 ? (width + 1) / 2 : bits == 24 ? width * 3 : width;
+    return (n + 3) & ~3u;
+}
+
+static uint32_t next(uint32_t &s) {
+    s = s * 1664525u + 1013904223u;
+    return s >> 8;
+}
+
+// Pixels that mix runs and noise, so run-length coders see both; padding
+// bits and bytes stay zero, as a stored bitmap keeps them.
+picture make_picture(int width, int height, int bits, uint32_t seed) {
+    picture p;
+    p.width = width;
+    p.height = height;
+    p.bits = bits;
+    if (bits <= 8) {
+        p.palette.resize(4u << bits);
+        for (size_t i = 0; i < p.palette.size(); i += 4) {
+            p.palette[i] = static_cast<uint8_t>(next(seed));
+            p.palette[i + 1] = static_cast<uint8_t>(next(seed));
+            p.palette[i + 2] = static_cast<uint8_t>(next(seed));
+        }
+        if (bits == 1) p.palette = {0, 0, 0, 0, 255, 255, 255, 0};
+    }
+    int used = bits == 1 ? (width + 7) / 8 : bits == 4 ? (width + 1) / 2 : bits == 24 ? width * 3 : width;
+    for (int y = 0; y < height; y++) {
+        bytes row(stride_of(width, bits), 0);
+        int x = 0;
+        while (x < used) {
+            uint32_t n = 1 + next(seed) % 12;
+            bool run = next(seed) & 1;
+            uint8_t v = static_cast<uint8_t>(next(seed));
+            for (uint32_t k = 0; k < n && x < used; k++, x++) row[x] = run ? v : static_cast<uint8_t>(next(seed));
+        }
+        if (bits == 1 && (width & 7)) row[used - 1] &= static_cast<uint8_t>(0xFF00 >> (width & 7));
+        if (bits == 4 && (width & 1)) row[used - 1] &= 0xF0;
+        p.rows.push_back(row);
+    }
+    return p;
+}
+
+picture grey_palette_picture(int width, int height, int bits, uint32_t seed) {
+    picture p = make_picture(width, height, bits, seed);
+    int n = 1 << bits;
+    for (int i = 0; i < n; i++) {
+        uint8_t v = static_cast<uint8_t>(i * 255 / (n - 1));
+        p.palette[4 * i] = p.palette[4 * i + 1] = p.palette[4 * i + 2] = v;
+    }
+    return p;
+}
+
+block_ref::block_ref(const bytes &content) : block_ref(static_cast<uint32_t>(content.size())) {
+    if (data && !content.empty()) std::memcpy(data, content.data(), content.size());
+}
+
+block_ref::block_ref(uint32_t size) {
+    block = IMG_mem_alloc(static_cast<int>(size));
+    data = static_cast<uint8_t *>(IMG_mem_lock(block));
+}
+
+block_ref::~block_ref() {
+    if (block) {
+        IMG_mem_unlock(block);
+        IMG_mem_free(block);
+    }
+}
+
+bytes dib_of_picture(const picture &p, int xdpi, int ydpi) {
+    uint32_t stride = stride_of(p.width, p.bits);
+    bytes d(40 + p.palette.size() + stride * p.height);
+    int32_t h[10] = {40, p.width, p.height, 1 | p.bits << 16, 0, static_cast<int32_t>(stride * p.height),
+                     xdpi, ydpi, 0, 0};
+    std::memcpy(d.data(), h, 40);
+    if (!p.palette.empty()) std::memcpy(d.data() + 40, p.palette.data(), p.palette.size());
+    for (int y = 0; y < p.height; y++)
+        std::memcpy(d.data() + 40 + p.palette.size() + (p.height - 1 - y) * stride, p.rows[y].data(), stride);
+    return d;
+}
+
+int handle_of(const picture &p) {
+    block_ref b(dib_of_picture(p));
+    return IMG_create_handle(b.data);
+}
+
+picture picture_of(int handle) {
+    picture p;
+    int block = IMG_bitmap_info(handle, &p.width, &p.height, &p.bits);
+    if (block <= 0) return p;
+    auto *dib = static_cast<uint8_t *>(IMG_mem_lock(block));
+    uint32_t pal = p.bits == 24 ? 0 : 4u << p.bits;
+    p.palette.assign(dib + 40, dib + 40 + pal);
+    uint32_t stride = stride_of(p.width, p.bits);
+    int used = p.bits == 1 ? (p.width + 7) / 8 : p.bits == 4 ? (p.width + 1) / 2 : p.bits == 24 ? p.width * 3 : p.width;
+    for (int y = 0; y < p.height; y++) {
+        const uint8_t *src = dib + 40 + pal + (p.height - 1 - y) * stride;
+        bytes row(stride, 0);
+        std::memcpy(row.data(), src, used);
+        if (p.bits == 1 && (p.width & 7)) row[used - 1] &= static_cast<uint8_t>(0xFF00 >> (p.width & 7));
+        if (p.bits == 4 && (p.width & 1)) row[used - 1] &= 0xF0;
+        p.rows.push_back(row);
+    }
+    IMG_mem_unlock(block);
+    return p;
+}
+
+bytes read_file(const std::string &name) {
+    bytes out;
+    FILE *f = std::fopen(name.c_str(), "rb");
+    if (!f) return out;
+    uint8_t buf[65536];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) out.insert(out.end(), buf, buf + n);
+    std::fclose(f);
+    return out;
+}
+
+void write_file(const std::string &name, const bytes &content) {
+    FILE *f = std::fopen(name.c_str(), "wb");
+    if (!f) return;
+    std::fwrite(content.data(), 1, content.size(), f);
+    std::fclose(f);
+}
+
+std::string temp_path(const std::string &leaf) {
+    const char *t = std::getenv("TMPDIR");
+    return std::string(t && *t ? t : "/tmp") + "/brivanta_test_" + std::to_string(getpid()) + "_" + leaf;
+}
+
+int load_bytes(const bytes &file) {
+    block_ref b(file);
+    return IMG_decompress_bitmap_mem(b.data, 0);
+}
+
+bytes save_bytes(int handle, int type, int *result) {
+    // Generous room: the saved size is what the call reports.
+    block_ref b(uint32_t{64u << 20});
+    int n = IMG_save_bitmap_mem(handle, b.data, type);
+    if (result) *result = n;
+    if (n < 0) return {};
+    return bytes(b.data, b.data + n);
+}

@@ -1,0 +1,50 @@
+// Helpers the tests share: pictures built from small recipes, memory
+// blocks holding file images, and access to a handle's pixels.
+#pragma once
+#include "brivanta.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+using bytes = std::vector<uint8_t>;
+
+// A picture in top-down order: rows of row_bytes(width, bits) bytes, and a
+// full colour table (blue, green, red, 0) for depths up to 8.
+struct picture {
+    int width = 0, height = 0, bits = 0;
+    bytes palette;
+    std::vector<bytes> rows;
+    bool operator==(const picture &) const = default;
+};
+
+uint32_t stride_of(int width, int bits);
+picture make_picture(int width, int height, int bits, uint32_t seed);
+picture grey_palette_picture(int width, int height, int bits, uint32_t seed);
+
+// The picture as a DIB (header, table, bottom-up rows) in a new locked block.
+struct block_ref {
+    int block = 0;
+    uint8_t *data = nullptr;
+    block_ref() = default;
+    explicit block_ref(const bytes &content);
+    explicit block_ref(uint32_t size);
+    ~block_ref();
+    block_ref(const block_ref &) = delete;
+    block_ref &operator=(const block_ref &) = delete;
+};
+bytes dib_of_picture(const picture &p, int xdpi = 0, int ydpi = 0);
+
+// Creates a handle from the picture (through the memory load path).
+int handle_of(const picture &p);
+// Reads a handle's bitmap back into a picture, with padding bits masked.
+picture picture_of(int handle);
+
+bytes read_file(const std::string &name);
+void write_file(const std::string &name, const bytes &content);
+std::string temp_path(const std::string &leaf);
+
+// Loads a file image from memory into a handle.
+int load_bytes(const bytes &file);
+// Saves a handle to memory with a type code; the file image, or empty.
+bytes save_bytes(int handle, int type, int *result = nullptr);
