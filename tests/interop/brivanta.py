@@ -1,0 +1,162 @@
+"""Interop test harness: the library through ctypes, Pillow and the
+independent command-line tools, and a tiny table-driven runner.
+
+Run by ctest with /usr/bin/python3; BRIVANTA_LIB names the shared library,
+BRIVANTA_TOOL the command-line tool, BRIVANTA_FIXTURES the fixture folder."""
+import ctypes
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import traceback
+
+import numpy as np
+
+LIB = ctypes.CDLL(os.environ.get("BRIVANTA_LIB", "libbrivanta.so"))
+TOOL = os.environ.get("BRIVANTA_TOOL", "brivanta")
+FIXTURES = os.environ.get("BRIVANTA_FIXTURES", os.path.join(os.path.dirname(__file__), "..", "fixtures"))
+LIB.IMG_mem_lock.restype = ctypes.c_void_p
+LIB.IMG_mem_lock.argtypes = [ctypes.c_int]
+LIB.IMG_decompress_bitmap_mem.argtypes = [ctypes.c_void_p, ctypes.c_int]
+LIB.IMG_save_bitmap_mem.argtypes = [ctypes.c_int, ctypes.c_void_p, ctypes.c_int]
+LIB.IMG_decompress_bitmap.argtypes = [ctypes.c_char_p]
+LIB.IMG_save_bitmap.argtypes = [ctypes.c_int, ctypes.c_char_p, ctypes.c_int]
+LIB.IMG_decompress_bitmap_fd.argtypes = [ctypes.c_int, ctypes.c_int, ctypes.c_int]
+
+
+class Picture:
+    """A handle's bitmap: size, depth, colour table (BGR0 quads) and top-down rows."""
+
+    def __init__(self, width, height, bits, palette, rows):
+        self.width, self.height, self.bits = width, height, bits
+        self.palette, self.rows = palette, rows
+
+    def indices(self):
+        """Pixel values (indexes for palette images) as an H x W array."""
+        w = self.width
+        out = np.zeros((self.height, w), dtype=np.uint8)
+        for y, row in enumerate(self.rows):
+            a = np.frombuffer(row, dtype=np.uint8)
+            if self.bits == 8:
+                out[y] = a[:w]
+            elif self.bits == 4:
+                out[y] = np.stack([a >> 4, a & 15], axis=1).reshape(-1)[:w]
+            elif self.bits == 1:
+                out[y] = np.unpackbits(a)[:w]
+        return out
+
+    def rgb(self):
+        """The picture as an H x W x 3 array of red, green, blue."""
+        if self.bits == 24:
+            a = np.frombuffer(b"".join(r[: 3 * self.width] for r in self.rows), dtype=np.uint8)
+            return a.reshape(self.height, self.width, 3)[:, :, ::-1].copy()
+        pal = np.frombuffer(self.palette, dtype=np.uint8).reshape(-1, 4)[:, 2::-1]
+        return pal[self.indices()]
+
+
+def stride(width, bits):
+    n = {1: (width + 7) // 8, 4: (width + 1) // 2, 24: width * 3}.get(bits, width)
+    return (n + 3) & ~3
+
+
+def picture_of(handle):
+    w, h, b = ctypes.c_int(), ctypes.c_int(), ctypes.c_int()
+    block = LIB.IMG_bitmap_info(handle, ctypes.byref(w), ctypes.byref(h), ctypes.byref(b))
+    assert block > 0, "IMG_bitmap_info failed: %d" % block
+    addr = LIB.IMG_mem_lock(block)
+    w, h, b = w.value, h.value, b.value
+    pal = 0 if b == 24 else 4 << b
+    s = stride(w, b)
+    data = ctypes.string_at(addr, 40 + pal + s * h)
+    LIB.IMG_mem_unlock(block)
+    rows = [data[40 + pal + (h - 1 - y) * s: 40 + pal + (h - y) * s] for y in range(h)]
+    return Picture(w, h, b, data[40: 40 + pal], rows)
+
+
+def load(path, page=0):
+    """Loads a file into a handle and returns its Picture, or the error code."""
+    if page:
+        fd = os.open(path, os.O_RDONLY)
+        try:
+            h = LIB.IMG_decompress_bitmap_fd(fd, 0, page)
+        finally:
+            os.close(fd)
+    else:
+        h = LIB.IMG_decompress_bitmap(path.encode())
+    if h < 0:
+        return h
+    try:
+        return picture_of(h)
+    finally:
+        LIB.IMG_delete_bitmap(h)
+
+
+def load_handle(path):
+    return LIB.IMG_decompress_bitmap(path.encode())
+
+
+def convert(src, dst, type_code):
+    """Loads src and saves it as dst with a type code; returns the save's result."""
+    h = load_handle(src)
+    if h < 0:
+        return h
+    try:
+        return LIB.IMG_save_bitmap(h, dst.encode(), type_code)
+    finally:
+        LIB.IMG_delete_bitmap(h)
+
+
+def pillow_rgb(path, frame=0):
+    from PIL import Image
+    with Image.open(path) as im:
+        if frame:
+            im.seek(frame)
+        return np.asarray(im.convert("RGB"))
+
+
+def run(cmd, **kw):
+    """Runs an external tool; raises with its output when it fails."""
+    r = subprocess.run(cmd, shell=isinstance(cmd, str), capture_output=True, **kw)
+    if r.returncode != 0:
+        raise AssertionError("%s failed: %s" % (cmd, r.stderr.decode(errors="replace")[:400]))
+    return r.stdout
+
+
+def require(*tools):
+    """Skips the whole script (exit 77) when an independent tool is missing."""
+    missing = [t for t in tools if shutil.which(t) is None]
+    if missing:
+        print("skipped: missing " + " ".join(missing))
+        sys.exit(77)
+
+
+def fixture(*parts):
+    return os.path.join(FIXTURES, *parts)
+
+
+def tempdir():
+    return tempfile.mkdtemp(prefix="brivanta_interop_")
+
+
+def assert_same(a, b, what, tolerance=0):
+    assert a.shape == b.shape, "%s: shape %s != %s" % (what, a.shape, b.shape)
+    diff = np.abs(a.astype(int) - b.astype(int))
+    worst = int(diff.max()) if diff.size else 0
+    assert worst <= tolerance, "%s: differs by up to %d (%d pixels)" % (what, worst, int((diff > tolerance).any(axis=-1).sum()))
+
+
+def main(cases):
+    """Runs (name, function) cases and prints the closing count line."""
+    passed = failed = 0
+    for name, fn in cases:
+        try:
+            fn()
+            passed += 1
+            print("ok   " + name)
+        except Exception:
+            failed += 1
+            print("FAIL " + name)
+            traceback.print_exc()
+    print("%d passed, %d failed" % (passed, failed))
+    sys.exit(1 if failed else 0)
