@@ -135,7 +135,7 @@ void detect_file_type(int fd, char *text_out) {
     // PICT: 512 bytes further on; MacPaint: 467 bytes back from there (the
     // file-type field of a MacBinary header only when PICT has just read).
     if (auto_detect_flags[15]) {
-        uint8_t p[10];
+        uint8_t p[10] = {};
         file_seek(fd, 512, 1);
         int32_t n = file_read(fd, p, 10);
         if (n > 0 && (p[0] == 0x11 || p[1] == 0x11)) {
@@ -145,7 +145,7 @@ void detect_file_type(int fd, char *text_out) {
         }
     }
     if (auto_detect_flags[21]) {
-        uint8_t m[10];
+        uint8_t m[10] = {};
         file_seek(fd, -467, 1);
         int32_t n = file_read(fd, m, 10);
         if (n > 0 && (std::memcmp(m, "PNT", 3) == 0 || get32(m) == 0)) std::memcpy(text_out, "mac", 4);

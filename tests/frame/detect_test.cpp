@@ -1,0 +1,136 @@
+// Type detection: the probe chain's order and flags, and the query exports.
+#include "frame/frame.h"
+#include "test_util.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+bytes padded(bytes head, size_t size = 600, uint8_t fill = 0) {
+    head.resize(size, fill);
+    return head;
+}
+
+std::string detected(const bytes &content) {
+    block_ref b(content);
+    memory_source_set(b.data);
+    char text[4];
+    detect_file_type(MEMORY_FD, text);
+    return text;
+}
+
+int filetype_of_file(const bytes &content) {
+    std::string name = temp_path("detect");
+    write_file(name, content);
+    int r = IMGLOW_get_filetype(name.c_str());
+    std::remove(name.c_str());
+    return r;
+}
+
+}  // namespace
+
+TEST(Detect, ProbesInChainOrder) {
+    struct {
+        bytes head;
+        const char *want;
+    } cases[] = {
+        {{'I', 'I', 42, 0}, "tif"},
+        {{'M', 'M', 0, 42}, "tif"},
+        {{'G', 'I', 'F', '8', '9', 'a'}, "gif"},
+        {{'B', 'M'}, "bmp"},
+        {{40, 0, 0, 0}, "bmp"},
+        {{0xC5, 0xD0, 0xD3, 0xC6}, "eps"},
+        {{0xB1, 0x68, 0xDE, 0x3A}, "dcx"},
+        {{0xFF, 0xD8, 0xFF}, "jpg"},
+        {{0xFF, 'W', 'P', 'C'}, "wpg"},
+        {{'s', 'r', 'c'}, "cal"},
+        {{'\'', 'C', '1', 0}, "imt"},
+        {{'F', 'O', 'R', 'M'}, "iff"},
+        {{0xDC, 0xDC}, "lsd"},
+        {{10, 5, 1, 8}, "pcx"},
+        {{0, 0, 1, 0, 1, 0, 32}, "ico"},
+        {{0, 0, 2, 0}, "tga"},
+        {{30, 0, 0x9C}, "tga"},
+        {{0xD7, 0xCD, 0xC6, 0x9A}, "wmf"},
+        {{'P', 0xC3}, "clp"},
+        {{0x59, 0xA6, 0x6A, 0x95}, "ras"},
+        {{'8', 'B', 'P', 'S'}, "psd"},
+        {{'L', 'i', 'n', 'S'}, "msp"},
+        {{'#', 'd', 'e', 'f', 'i', 'n', 'e', ' '}, "xbm"},
+        {{'/', '*', ' ', 'X', 'P', 'M', ' ', '*', '/'}, "xpm"},
+        {{100, 0, 50, 0, 0, 0, 1}, "cut"},
+        // A PCX signature wins over anything later in the chain.
+        {{10, 0, 2, 0}, "pcx"},
+    };
+    for (auto &c : cases) EXPECT_EQ(detected(padded(c.head)), c.want) << int(c.head[0]);
+}
+
+TEST(Detect, PictAndMacPaintReadFurtherOn) {
+    bytes pict = padded({0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09, 0x0A}, 600);
+    pict[0] = 0x42, pict[1] = 0x43;  // nothing earlier claims it
+    pict[3] = 0x77;
+    pict[523] = 0x11;
+    EXPECT_EQ(detected(pict), "pct");
+    bytes mac = pict;
+    mac[523] = 0;
+    std::memcpy(&mac[65], "PNTG", 4);
+    for (int i = 10; i < 20; i++) mac[i] = static_cast<uint8_t>(0x30 + i);
+    EXPECT_EQ(detected(mac), "mac");
+    EXPECT_EQ(filetype_of_file(mac), IMG_TYPE_MACPAINT);
+    // With the PICT probe off, the MacPaint probe reads from elsewhere
+    // (here bytes 10-19 of the file) and no longer sees the MacBinary field.
+    IMGLOW_unset_auto_detect(IMG_TYPE_PICT);
+    EXPECT_EQ(filetype_of_file(mac), IMG_ERR_TYPE);
+    IMGLOW_set_auto_detect(IMG_TYPE_PICT);
+}
+
+TEST(Detect, FlagsFoldVariantsAndSwitchProbesOff) {
+    EXPECT_EQ(IMGLOW_get_auto_detect(IMG_TYPE_TEXT), 0) << "text is off until asked for";
+    EXPECT_EQ(IMGLOW_unset_auto_detect(IMG_TYPE_TIFF_G3), 1) << "8 folds onto TIFF";
+    EXPECT_EQ(IMGLOW_get_auto_detect(IMG_TYPE_TIFF), 0);
+    EXPECT_EQ(detected(padded({'I', 'I', 42, 0}, 600, 0x41)), "") << "no other probe claims II";
+    EXPECT_EQ(IMGLOW_set_auto_detect(IMG_TYPE_TIFF_G3), 0);
+    EXPECT_EQ(IMGLOW_get_auto_detect(IMG_TYPE_BMP_RLE), 1);
+    for (int bad : {-2, 44, 1000}) {
+        EXPECT_EQ(IMGLOW_set_auto_detect(bad), IMG_ERR_TYPE);
+        EXPECT_EQ(IMGLOW_get_auto_detect(bad), IMG_ERR_TYPE);
+    }
+}
+
+TEST(Detect, TextOnlyWhenSwitchedOn) {
+    bytes text = {'h', 'e', 'l', 'l', 'o', ' ', 'w', 'o', 'r', 'l', 'd', '\n'};
+    EXPECT_EQ(filetype_of_file(text), IMG_ERR_TYPE);
+    EXPECT_EQ(load_bytes(text), IMG_ERR_TYPE);
+    IMGLOW_set_auto_detect(IMG_TYPE_TEXT);
+    EXPECT_EQ(filetype_of_file(text), IMG_TYPE_TEXT);
+    IMGLOW_unset_auto_detect(IMG_TYPE_TEXT);
+}
+
+TEST(Detect, QueriesRefineBmpAndMapShorterListsForFdAndMemory) {
+    picture p = make_picture(20, 10, 8, 9);
+    int h = handle_of(p);
+    bytes plain = save_bytes(h, IMG_TYPE_BMP), rle = save_bytes(h, IMG_TYPE_BMP_RLE);
+    IMG_delete_bitmap(h);
+    EXPECT_EQ(filetype_of_file(plain), IMG_TYPE_BMP);
+    EXPECT_EQ(filetype_of_file(rle), IMG_TYPE_BMP_RLE);
+    block_ref b(rle);
+    EXPECT_EQ(IMGLOW_get_filetype_mem(b.data), IMG_TYPE_BMP_RLE);
+
+    bytes ras = padded({0x59, 0xA6, 0x6A, 0x95});
+    EXPECT_EQ(filetype_of_file(ras), IMG_TYPE_SUNRAS);
+    block_ref r(ras);
+    EXPECT_EQ(IMGLOW_get_filetype_mem(r.data), IMG_ERR_TYPE) << "the memory query leaves ras unmapped";
+    std::string name = temp_path("detect_fd");
+    write_file(name, ras);
+    int fd = os_open(name.c_str(), OS_OPEN_READ);
+    EXPECT_EQ(IMGLOW_get_filetype_fd(fd), IMG_ERR_TYPE);
+    os_close(fd);
+    write_file(name, plain);
+    fd = os_open(name.c_str(), OS_OPEN_READ);
+    EXPECT_EQ(IMGLOW_get_filetype_fd(fd), IMG_TYPE_BMP);
+    os_close(fd);
+    std::remove(name.c_str());
+    EXPECT_EQ(IMGLOW_get_filetype(name.c_str()), IMG_ERR_OPEN);
+    EXPECT_EQ(IMGLOW_get_filetype(""), IMG_ERR_OPEN);
+    EXPECT_EQ(filetype_of_file(padded({'\'', 'C', '1', 0})), IMG_ERR_TYPE) << "IMT loads but is not reported";
+}

@@ -1,0 +1,108 @@
+// The file access layer: memory source rules, hooks and scratch blocks.
+#include "frame/frame.h"
+#include "test_util.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+int seek_calls = 0;
+
+int IMG_CALLBACK counting_seek(int fd, int offset, int origin) {
+    seek_calls++;
+    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+    int r = file_seek(fd, offset, origin);
+    IMGLOW_set_fileio(nullptr, nullptr, counting_seek);
+    return r;
+}
+
+}  // namespace
+
+TEST(MemorySource, ReadsStopAtTheBlockEndAndThenReportSuccess) {
+    block_ref b(bytes{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15});
+    memory_source_set(b.data);
+    uint8_t buf[32] = {};
+    EXPECT_EQ(file_seek(MEMORY_FD, 10, 0), 10);
+    EXPECT_EQ(file_read(MEMORY_FD, buf, 20), 6);
+    EXPECT_EQ(buf[0], 10);
+    EXPECT_EQ(buf[5], 15);
+    EXPECT_EQ(file_seek(MEMORY_FD, 0, 1), 16);
+    std::memset(buf, 0xAA, sizeof buf);
+    EXPECT_EQ(file_read(MEMORY_FD, buf, 20), 20) << "past the end a read reports the count";
+    EXPECT_EQ(buf[0], 0xAA) << "and copies nothing";
+    EXPECT_EQ(file_seek(MEMORY_FD, -4, 2), 12);
+    EXPECT_EQ(file_size_hint(MEMORY_FD), 16);
+}
+
+TEST(MemorySource, WritesAreCutAtTheBlockEnd) {
+    block_ref b(uint32_t{8});
+    memory_source_set(b.data);
+    uint8_t src[12] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
+    EXPECT_EQ(file_write(MEMORY_FD, src, 6), 6);
+    EXPECT_EQ(file_write(MEMORY_FD, src, 6), 2) << "cut at the size";
+    EXPECT_EQ(file_write(MEMORY_FD, src, 6), 6) << "at the end: nothing copied, count reported";
+    EXPECT_EQ(b.data[7], 2);
+    EXPECT_EQ(file_length(MEMORY_FD), 8) << "the length of a memory source is its position";
+}
+
+TEST(MemorySource, InnerAddressIsUnbounded) {
+    block_ref b(uint32_t{64});
+    memory_source_set(b.data + 8);
+    EXPECT_EQ(file_size_hint(MEMORY_FD), 0x70000000);
+}
+
+TEST(MemorySource, SeekHookAloneRoutesSeeksButNotReads) {
+    block_ref b(bytes{'B', 'M', 9, 9});
+    memory_source_set(b.data);
+    seek_calls = 0;
+    IMGLOW_set_fileio(nullptr, nullptr, counting_seek);
+    uint8_t buf[2];
+    EXPECT_EQ(file_seek(MEMORY_FD, 2, 0), 2);
+    EXPECT_EQ(file_read(MEMORY_FD, buf, 2), 2);
+    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+    EXPECT_EQ(seek_calls, 1);
+    EXPECT_EQ(buf[0], 9) << "the read still came from memory";
+}
+
+TEST(Scratch, FreeAllReleasesEveryBlock) {
+    int live = mem_live_blocks();
+    void *blocks[20];
+    for (auto &p : blocks) {
+        p = scratch_alloc(100);
+        ASSERT_NE(p, nullptr);
+    }
+    EXPECT_EQ(scratch_count(), 20);
+    scratch_free(blocks[3]);
+    scratch_free(blocks[3]);  // unknown by now: ignored
+    EXPECT_EQ(scratch_count(), 19);
+    scratch_free_all();
+    EXPECT_EQ(scratch_count(), 0);
+    EXPECT_EQ(mem_live_blocks(), live);
+}
+
+TEST(TempFile, FixedNameIsReusedAndReadable) {
+    char name[100], again[100];
+    int fd = open_temp_file(name, 0);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(os_write(fd, "abc", 3), 3);
+    os_close(fd);
+    fd = open_temp_file(name, 1);
+    ASSERT_GE(fd, 0);
+    char buf[4] = {};
+    EXPECT_EQ(os_read(fd, buf, 3), 3);
+    EXPECT_STREQ(buf, "abc");
+    os_close(fd);
+    fd = open_temp_file(again, 0);
+    EXPECT_STREQ(name, again);
+    os_close(fd);
+    os_delete(name);
+    EXPECT_EQ(open_temp_file(name, 7), -1);
+}
+
+TEST(ByteOrder, SwapsAndReads) {
+    uint8_t a[4] = {1, 2, 3, 4};
+    swap16_array(a, 2);
+    EXPECT_EQ(get16(a), 0x0102);
+    swap32_array(a, 1);
+    EXPECT_EQ(get32(a), 0x02010403u);
+}

@@ -1,0 +1,301 @@
+// The load pipeline: dispatch, callbacks, shrinking, reduction and the status hook.
+#include "colour/colour.h"
+#include "frame/frame.h"
+#include "test_util.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+struct settings_guard {
+    ~settings_guard() {
+        IMGLOW_set_decompsize(0, 0);
+        IMGLOW_set_decomp_reduction(0);
+        IMGLOW_set_dithermode(0);
+        IMG_set_statusbar(nullptr, nullptr, 0);
+    }
+};
+
+// The picture as a BMP file, made with shrinking and reduction off.
+bytes bmp_of(const picture &p) {
+    IMGLOW_set_decompsize(0, 0);
+    IMGLOW_set_decomp_reduction(0);
+    int h = handle_of(p);
+    bytes b = save_bytes(h, IMG_TYPE_BMP);
+    IMG_delete_bitmap(h);
+    return b;
+}
+
+// A picture whose pixel at (x, y) names its own column and row, so point
+// sampling can be checked pixel by pixel.
+picture coordinates(int w, int h) {
+    picture p;
+    p.width = w, p.height = h, p.bits = 24;
+    for (int y = 0; y < h; y++) {
+        bytes row(stride_of(w, 24), 0);
+        for (int x = 0; x < w; x++) {
+            row[3 * x] = static_cast<uint8_t>(x);
+            row[3 * x + 1] = static_cast<uint8_t>(x >> 8);
+            row[3 * x + 2] = static_cast<uint8_t>(y);
+        }
+        p.rows.push_back(row);
+    }
+    return p;
+}
+
+struct recorded {
+    std::vector<int> rows;
+    uint8_t header[40];
+};
+
+int IMG_CALLBACK record_header(void *header, void *context) {
+    std::memcpy(static_cast<recorded *>(context)->header, header, 40);
+    return 0;
+}
+int IMG_CALLBACK record_row(unsigned char *, void *context, int r, int) {
+    static_cast<recorded *>(context)->rows.push_back(r);
+    return 0;
+}
+int IMG_CALLBACK stop_row(unsigned char *, void *, int, int) { return -5; }
+
+int status_calls = 0;
+int IMG_CALLBACK stop_on_fifth(void *value, int total) {
+    EXPECT_EQ(value, &status_calls);
+    EXPECT_GT(total, 0);
+    return ++status_calls == 5 ? -100 : 0;
+}
+
+}  // namespace
+
+TEST(Load, ShrinkKeepsTheFirstSourceRowOfEachStoredRow) {
+    settings_guard g;
+    picture big = coordinates(2000, 1000);
+    bytes file = bmp_of(big);
+    IMGLOW_set_decompsize(200, 100);
+    int h = load_bytes(file);
+    ASSERT_GE(h, 0);
+    picture got = picture_of(h);
+    IMG_delete_bitmap(h);
+    ASSERT_EQ(got.width, 200);
+    ASSERT_EQ(got.height, 100);
+    for (int y = 0; y < 100; y++)
+        for (int x = 0; x < 200; x += 37) {
+            const uint8_t *px = &got.rows[y][3 * x];
+            EXPECT_EQ(px[0] | px[1] << 8, x * 10) << x << "," << y;
+            // BMP delivers the bottom row first, so the last of each ten is the first to arrive.
+            EXPECT_EQ(px[2], (y * 10 + 9) & 0xFF) << "stored row " << y << " is source row " << y * 10 + 9;
+        }
+}
+
+TEST(Load, ShrinkOnlyWhenLargerInBothDirections) {
+    settings_guard g;
+    struct {
+        int w, h, sw, sh, want_w, want_h;
+    } cases[] = {
+        {150, 1000, 200, 100, 150, 1000},
+        {300, 90, 200, 100, 300, 90},
+        {300, 300, 200, 100, 200, 100},
+        {300, 300, 0, 0, 300, 300},
+    };
+    for (auto &c : cases) {
+        bytes file = bmp_of(make_picture(c.w, c.h, 8, 1));
+        IMGLOW_set_decompsize(c.sw, c.sh);
+        int h = load_bytes(file);
+        ASSERT_GE(h, 0);
+        int w, ht, b;
+        IMG_bitmap_info(h, &w, &ht, &b);
+        EXPECT_EQ(w, c.want_w);
+        EXPECT_EQ(ht, c.want_h);
+        int cl, ct, cw, ch;
+        IMG_get_croprect(h, &cl, &ct, &cw, &ch);
+        EXPECT_EQ(cw, c.want_w);
+        EXPECT_EQ(ch, c.want_h);
+        IMG_delete_bitmap(h);
+    }
+}
+
+TEST(Load, ShrinkSamplesEveryDepth) {
+    settings_guard g;
+    for (int bits : {1, 4, 8}) {
+        picture src = make_picture(64, 40, bits, 7);
+        bytes file = bmp_of(src);
+        IMGLOW_set_decompsize(16, 10);
+        int h = load_bytes(file);
+        ASSERT_GE(h, 0);
+        picture got = picture_of(h);
+        IMG_delete_bitmap(h);
+        auto pixel = [&](const picture &p, int x, int y) {
+            const bytes &row = p.rows[y];
+            return bits == 8 ? row[x] : bits == 4 ? (row[x / 2] >> (x & 1 ? 0 : 4)) & 15 : (row[x / 8] >> (7 - x % 8)) & 1;
+        };
+        for (int y = 0; y < 10; y++)
+            for (int x = 0; x < 16; x++) EXPECT_EQ(pixel(got, x, y), pixel(src, x * 4, y * 4 + 3)) << bits;
+    }
+}
+
+TEST(Load, ReductionRulesByDepth) {
+    settings_guard g;
+    struct {
+        int from, reduce, stored;
+    } cases[] = {
+        {24, 8, 8}, {24, 4, 4}, {24, 1, 1}, {8, 8, 8}, {8, 4, 4}, {8, 1, 1}, {4, 8, 4}, {4, 4, 4}, {4, 1, 1}, {1, 8, 1},
+    };
+    for (int mode : {0, 1})
+        for (auto &c : cases) {
+            bytes file = bmp_of(make_picture(37, 9, c.from, 3));
+            IMGLOW_set_decomp_reduction(c.reduce);
+            IMGLOW_set_dithermode(mode);
+            int h = load_bytes(file);
+            ASSERT_GE(h, 0);
+            picture got = picture_of(h);
+            IMG_delete_bitmap(h);
+            EXPECT_EQ(got.bits, c.stored) << c.from << "->" << c.reduce;
+            if (c.stored == c.from) continue;
+            dib_header want{};
+            want.info.biBitCount = static_cast<uint16_t>(c.stored);
+            set_named_palette(&want.info, c.stored == 8 ? "332" : c.stored == 4 ? "dither" : "tiff");
+            EXPECT_EQ(got.palette, bytes(want.palette, want.palette + palette_bytes(c.stored)))
+                << c.from << "->" << c.reduce;
+        }
+}
+
+TEST(Load, NearestReductionMapsPrimariesExactly) {
+    settings_guard g;
+    picture p;
+    p.width = 4, p.height = 1, p.bits = 24;
+    // white, black, red, blue in blue-green-red order
+    p.rows = {{255, 255, 255, 0, 0, 0, 0, 0, 255, 255, 0, 0, 0, 0, 0, 0}};
+    bytes file = bmp_of(p);
+    struct {
+        int reduce;
+        std::vector<int> want;
+    } cases[] = {{8, {255, 0, 0xE0, 0x03}}, {4, {15, 0, 9, 12}}, {1, {1, 0, 0, 0}}};
+    for (auto &c : cases) {
+        IMGLOW_set_decomp_reduction(c.reduce);
+        int h = load_bytes(file);
+        picture got = picture_of(h);
+        IMG_delete_bitmap(h);
+        for (int x = 0; x < 4; x++) {
+            int v = c.reduce == 8 ? got.rows[0][x]
+                    : c.reduce == 4 ? (got.rows[0][x / 2] >> (x & 1 ? 0 : 4)) & 15
+                                    : (got.rows[0][0] >> (7 - x)) & 1;
+            EXPECT_EQ(v, c.want[x]) << "reduce " << c.reduce << " pixel " << x;
+        }
+    }
+}
+
+TEST(Load, OrderedReductionOfMidGreyFillsHalfOfEachTile) {
+    settings_guard g;
+    picture p;
+    p.width = 16, p.height = 16, p.bits = 24;
+    for (int y = 0; y < 16; y++) p.rows.push_back(bytes(48, 128));
+    bytes file = bmp_of(p);
+    IMGLOW_set_decomp_reduction(1);
+    IMGLOW_set_dithermode(1);
+    int h = load_bytes(file);
+    ASSERT_EQ(picture_of(h).bits, 1);
+    picture got = picture_of(h);
+    IMG_delete_bitmap(h);
+    int white = 0;
+    for (auto &row : got.rows) white += __builtin_popcount(row[0]) + __builtin_popcount(row[1]);
+    EXPECT_EQ(white, 4 * 32) << "gray 128 passes 32 of the 64 thresholds in each 8 x 8 tile";
+}
+
+TEST(Load, UnknownTypeLeavesNoHandle) {
+    bytes junk(64, 0x55);
+    int live = mem_live_blocks();
+    EXPECT_EQ(load_bytes(junk), IMG_ERR_TYPE);
+    block_ref b(junk);
+    EXPECT_EQ(IMGLOW_decompress_bitmap_mem(b.data, 0, record_row, nullptr, record_header), IMG_ERR_TYPE);
+    EXPECT_EQ(mem_live_blocks(), live + 1) << "only the test's own block is alive";
+    EXPECT_EQ(handle_of(make_picture(1, 1, 8, 1)), 0) << "no slot was left taken";
+    IMG_delete_bitmap(0);
+}
+
+TEST(Load, LowLevelCallbacksSeeHeaderAndRows) {
+    bytes file = bmp_of(make_picture(7, 5, 24, 2));
+    block_ref b(file);
+    recorded rec;
+    ASSERT_EQ(IMGLOW_decompress_bitmap_mem(b.data, 0, record_row, &rec, record_header), 0);
+    EXPECT_EQ(get32(rec.header + 4), 7u);
+    EXPECT_EQ(get32(rec.header + 8), 5u);
+    EXPECT_EQ(rec.rows, std::vector<int>({4, 3, 2, 1, 0})) << "bottom row first";
+    EXPECT_EQ(IMGLOW_decompress_bitmap_mem(b.data, 0, stop_row, &rec, record_header), -5);
+    EXPECT_EQ(scratch_count(), 0);
+}
+
+TEST(Load, FileInfoStopsAfterTheHeader) {
+    std::string name = temp_path("info.bmp");
+    write_file(name, bmp_of(make_picture(11, 6, 4, 2)));
+    uint8_t header[40] = {};
+    EXPECT_EQ(IMGLOW_get_fileinfo(name.c_str(), header), 0);
+    EXPECT_EQ(get32(header + 4), 11u);
+    EXPECT_EQ(get16(header + 14), 4u);
+    EXPECT_EQ(IMGLOW_get_pages(name.c_str()), 1);
+    std::remove(name.c_str());
+    EXPECT_EQ(IMGLOW_get_fileinfo(name.c_str(), header), IMG_ERR_OPEN);
+    EXPECT_EQ(IMGLOW_get_pages(name.c_str()), IMG_ERR_OPEN);
+    EXPECT_EQ(IMG_decompress_bitmap(name.c_str()), IMG_ERR_OPEN);
+    EXPECT_EQ(IMG_decompress_bitmap(""), IMG_ERR_OPEN);
+}
+
+TEST(Load, FromOpenFileAtAnOffset) {
+    bytes file(100, 0xEE);
+    picture p = make_picture(9, 4, 8, 5);
+    bytes bmp = bmp_of(p);
+    file.insert(file.end(), bmp.begin(), bmp.end());
+    std::string name = temp_path("offset.bin");
+    write_file(name, file);
+    int fd = os_open(name.c_str(), OS_OPEN_READ);
+    int h = IMG_decompress_bitmap_fd(fd, 100, 0);
+    os_close(fd);
+    std::remove(name.c_str());
+    ASSERT_GE(h, 0);
+    EXPECT_EQ(picture_of(h), p);
+    IMG_delete_bitmap(h);
+}
+
+TEST(Status, NegativeAnswerAbortsLoadAndSave) {
+    settings_guard g;
+    bytes file = bmp_of(make_picture(8, 20, 8, 1));
+    status_calls = 0;
+    IMG_set_statusbar(&status_calls, stop_on_fifth, 1);
+    int live = mem_live_blocks();
+    EXPECT_EQ(load_bytes(file), -100);
+    EXPECT_EQ(status_calls, 5);
+    EXPECT_EQ(mem_live_blocks(), live);
+    IMG_set_statusbar(&status_calls, stop_on_fifth, 0);
+    int h = load_bytes(file);
+    ASSERT_GE(h, 0);
+    EXPECT_EQ(status_calls, 5) << "a disabled hook is not called";
+    IMG_set_statusbar(&status_calls, stop_on_fifth, 1);
+    status_calls = 0;
+    int r = 0;
+    save_bytes(h, IMG_TYPE_BMP, &r);
+    EXPECT_EQ(r, -100);
+    IMG_delete_bitmap(h);
+}
+
+TEST(Load, AllocationFailureAtEveryStepLeavesNothing) {
+    settings_guard g;
+    bytes file = bmp_of(make_picture(300, 40, 8, 1));
+    for (int shrink : {0, 1}) {
+        IMGLOW_set_decompsize(shrink ? 100 : 0, shrink ? 20 : 0);
+        for (int k = 1;; k++) {
+            block_ref b(file);
+            int live = mem_live_blocks();
+            mem_fail_after(k);
+            int h = IMG_decompress_bitmap_mem(b.data, 0);
+            mem_fail_after(0);
+            if (h >= 0) {
+                IMG_delete_bitmap(h);
+                EXPECT_EQ(mem_live_blocks(), live);
+                break;
+            }
+            EXPECT_EQ(h, IMG_ERR_MEMORY) << "k=" << k;
+            EXPECT_EQ(mem_live_blocks(), live) << "k=" << k;
+            EXPECT_EQ(scratch_count(), 0);
+            ASSERT_LT(k, 50);
+        }
+    }
+}

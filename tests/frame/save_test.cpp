@@ -1,0 +1,110 @@
+// The save pipeline: type selection, crop rectangle, memory saves and failures.
+#include "frame/frame.h"
+#include "test_util.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+int short_after = 0;
+int IMG_CALLBACK short_write(int fd, const void *buffer, int count) {
+    if (short_after <= 0) return 0;
+    int n = count < short_after ? count : short_after;
+    short_after -= n;
+    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+    int r = file_write(fd, buffer, n);
+    IMGLOW_set_fileio(nullptr, short_write, nullptr);
+    return r;
+}
+
+int IMG_CALLBACK zero_row(void *, unsigned char *buffer, int, int n) {
+    std::memset(buffer, 0, n);
+    return 0;
+}
+
+}  // namespace
+
+TEST(Save, TypeByExtensionIgnoresCaseAndLooksAtThreeCharacters) {
+    int h = handle_of(make_picture(6, 6, 8, 1));
+    std::string bmp = temp_path("UPPER.BMP"), jpeg = temp_path("photo.jpeg");
+    EXPECT_EQ(IMG_save_bitmap(h, bmp.c_str(), IMG_TYPE_BY_EXTENSION), 0);
+    EXPECT_EQ(IMGLOW_get_filetype(bmp.c_str()), IMG_TYPE_BMP);
+    EXPECT_EQ(IMG_save_bitmap(h, jpeg.c_str(), IMG_TYPE_BY_EXTENSION), IMG_ERR_TYPE);
+    EXPECT_FALSE(os_exists(jpeg.c_str())) << "nothing is created for an unknown extension";
+    EXPECT_EQ(IMG_save_bitmap(h, "/nonexistent-dir/x.bmp", IMG_TYPE_BMP), IMG_ERR_CREATE);
+    std::remove(bmp.c_str());
+    IMG_delete_bitmap(h);
+}
+
+TEST(Save, CropRectangleSelectsTheWrittenPixels) {
+    for (int bits : {8, 24}) {
+        picture p = make_picture(32, 20, bits, 11);
+        int h = handle_of(p);
+        ASSERT_EQ(IMG_set_croprect(h, 8, 3, 16, 16), 0);
+        bytes file = save_bytes(h, IMG_TYPE_BMP);
+        IMG_delete_bitmap(h);
+        int g = load_bytes(file);
+        ASSERT_GE(g, 0);
+        picture got = picture_of(g);
+        IMG_delete_bitmap(g);
+        ASSERT_EQ(got.width, 16);
+        ASSERT_EQ(got.height, 16);
+        int bpp = bits / 8;
+        for (int y = 0; y < 16; y++)
+            EXPECT_EQ(0, std::memcmp(got.rows[y].data(), p.rows[y + 3].data() + 8 * bpp, 16 * bpp)) << "row " << y;
+    }
+}
+
+TEST(Save, MemorySaveReportsTheBytesWritten) {
+    int h = handle_of(make_picture(13, 9, 4, 2));
+    bytes mem = save_bytes(h, IMG_TYPE_BMP);
+    std::string name = temp_path("mem.bmp");
+    ASSERT_EQ(IMG_save_bitmap(h, name.c_str(), IMG_TYPE_BMP), 0);
+    EXPECT_EQ(read_file(name), mem);
+    std::remove(name.c_str());
+    IMG_delete_bitmap(h);
+}
+
+TEST(Save, CodesWithoutWriterGiveMinusSevenAndLeaveNoScratch) {
+    uint8_t header[1064] = {};
+    put32(header, 40), put32(header + 4, 4), put32(header + 8, 4), put16(header + 12, 1), put16(header + 14, 8);
+    block_ref b(uint32_t{4096});
+    for (int type : {17, 19, 21, 38, 39, 43, 99, -5}) {
+        EXPECT_EQ(IMGLOW_save_bitmap_mem(b.data, header, type, zero_row, nullptr), IMG_ERR_TYPE) << type;
+        EXPECT_EQ(scratch_count(), 0);
+    }
+}
+
+TEST(Save, ShortWritesGiveMinusNine) {
+    int h = handle_of(make_picture(40, 30, 8, 3));
+    std::string name = temp_path("short.bmp");
+    for (int type : {IMG_TYPE_BMP, IMG_TYPE_BMP_RLE})
+        for (int limit : {0, 10, 14, 60, 1000, 2000}) {
+            short_after = limit;
+            IMGLOW_set_fileio(nullptr, short_write, nullptr);
+            int r = IMG_save_bitmap(h, name.c_str(), type);
+            IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+            EXPECT_EQ(r, IMG_ERR_WRITE) << "type " << type << " limit " << limit;
+        }
+    std::remove(name.c_str());
+    IMG_delete_bitmap(h);
+}
+
+TEST(Save, AllocationFailureLeavesTheBitmapAndNoBlocks) {
+    picture p = make_picture(50, 20, 8, 4);
+    int h = handle_of(p);
+    for (int type : {IMG_TYPE_BMP, IMG_TYPE_BMP_RLE})
+        for (int k = 1;; k++) {
+            block_ref out(uint32_t{1 << 16});
+            int live = mem_live_blocks();
+            mem_fail_after(k);
+            int r = IMG_save_bitmap_mem(h, out.data, type);
+            mem_fail_after(0);
+            EXPECT_EQ(mem_live_blocks(), live) << "k=" << k;
+            if (r >= 0) break;
+            EXPECT_EQ(r, IMG_ERR_MEMORY) << "k=" << k;
+            EXPECT_EQ(picture_of(h), p);
+            ASSERT_LT(k, 20);
+        }
+    IMG_delete_bitmap(h);
+}
