@@ -14,9 +14,8 @@ struct memory_source {
 };
 memory_source source;
 
-constexpr int SCRATCH_SLOTS = 20;
-// Twenty tracked slots as the contract promises, plus overflow room so a
-// reader holding more than twenty never loses track of a block.
+// Readers keep at most twenty scratch blocks alive; the extra room means a
+// reader that holds more never loses track of one.
 constexpr int SCRATCH_CAPACITY = 64;
 void *scratch[SCRATCH_CAPACITY];
 
