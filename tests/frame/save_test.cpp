@@ -1,5 +1,5 @@
 // The save pipeline: type selection, crop rectangle, memory saves and failures.
-#include "frame/frame.h"
+#include "frame/handles.h"
 #include "test_util.h"
 
 #include <gtest/gtest.h>
@@ -15,6 +15,13 @@ int IMG_CALLBACK short_write(int fd, const void *buffer, int count) {
     int r = file_write(fd, buffer, n);
     IMGLOW_set_fileio(nullptr, short_write, nullptr);
     return r;
+}
+
+picture picture_of_bmp(const bytes &file) {
+    int h = load_bytes(file);
+    picture p = picture_of(h);
+    IMG_delete_bitmap(h);
+    return p;
 }
 
 int IMG_CALLBACK zero_row(void *, unsigned char *buffer, int, int n) {
@@ -107,4 +114,54 @@ TEST(Save, AllocationFailureLeavesTheBitmapAndNoBlocks) {
             ASSERT_LT(k, 20);
         }
     IMG_delete_bitmap(h);
+}
+
+TEST(Save, BrightnessAndContrastApplyPerByteOrToThePalette) {
+    uint8_t levels[256];
+    build_level_table(100, 20, 10, levels);
+    EXPECT_EQ(levels[0], 11) << "276 * 20 / 255 - 10, truncated";
+    EXPECT_EQ(levels[255], 255);
+    struct {
+        int bits;
+        bool grey;
+        bool to_memory;
+        bool per_byte;  // else the palette is mapped and the pixels kept
+    } cases[] = {
+        {24, false, false, true}, {24, false, true, true},  {8, true, false, true},
+        {8, true, true, false},   {8, false, false, false}, {4, true, false, true},
+    };
+    for (auto &c : cases) {
+        picture p = c.grey ? grey_palette_picture(10, 4, c.bits, 3) : make_picture(10, 4, c.bits, 3);
+        int h = handle_of(p);
+        handle_get(h)->brightness = 20;
+        handle_get(h)->contrast = 10;
+        bytes file;
+        if (c.to_memory) {
+            file = save_bytes(h, IMG_TYPE_BMP);
+        } else {
+            std::string name = temp_path("levels.bmp");
+            ASSERT_EQ(IMG_save_bitmap(h, name.c_str(), IMG_TYPE_BMP), 0);
+            file = read_file(name);
+            std::remove(name.c_str());
+        }
+        EXPECT_EQ(picture_of(h), p) << "the bitmap itself is never changed";
+        IMG_delete_bitmap(h);
+        picture got = picture_of_bmp(file);
+        picture want = p;
+        if (c.per_byte) {
+            for (auto &row : want.rows)
+                for (auto &v : row) v = levels[v];
+        } else {
+            for (size_t i = 0; i < want.palette.size(); i++)
+                if (i % 4 != 3) want.palette[i] = levels[want.palette[i]];
+        }
+        // Padding bytes pass through the table too; compare what a picture holds.
+        for (size_t y = 0; y < want.rows.size(); y++) {
+            int used = c.bits == 24 ? 30 : c.bits == 8 ? 10 : 5;
+            EXPECT_EQ(bytes(got.rows[y].begin(), got.rows[y].begin() + used),
+                      bytes(want.rows[y].begin(), want.rows[y].begin() + used))
+                << c.bits << (c.grey ? " grey" : " colour") << (c.to_memory ? " memory" : " file");
+        }
+        EXPECT_EQ(got.palette, want.palette) << c.bits << (c.grey ? " grey" : " colour");
+    }
 }
