@@ -1,4 +1,5 @@
 // Library-wide settings, small queries and the exported memory-block calls.
+#include "codecs/jpeg.h"
 #include "frame/handles.h"
 
 #include <cstdio>
@@ -65,7 +66,7 @@ int IMG_API IMGLOW_set_wipedelay(int delay) {
 
 int IMG_API IMGLOW_set_comp_quality(int quality) {
     settings.comp_quality = quality;
-    return 0;
+    return jpeg_scale_quant_tables(quality);
 }
 
 int IMG_API IMGLOW_get_bitmap_name(char *text_out, char *date_out) {

@@ -1,0 +1,705 @@
+// JPEG decoder: the marker walk, the kept DQT/DHT tables, one baseline
+// Huffman scan, the fixed-point inverse DCT and the table-driven colour
+// conversion that hands DIB rows to the load pipeline.
+#include "codecs/jpeg.h"
+#include "frame/byte_source.h"
+
+jpeg_decoder_tables jpeg_tables;
+
+namespace {
+
+constexpr int32_t PLANE_LIMIT = 65280;
+constexpr int32_t HEADER_BUFFER = 4096;
+// Zero bytes behind the input buffer's fill area: a block read near the end
+// of the buffer runs on into them instead of past the allocation.
+constexpr int32_t INPUT_SPARE = 1024;
+constexpr int32_t REFILL_MARGIN = 200;
+constexpr int RESTART_SEARCH = 50;
+
+// ---- Fixed tables ---------------------------------------------------------------
+
+// clamp(i + 128) for i in -1024..1023; the documented range is -384..367 and
+// the wider one only keeps the YCCK sums (which reach beyond it) in bounds.
+struct range_table {
+    uint8_t v[2048];
+    constexpr range_table() : v() {
+        for (int i = -1024; i < 1024; i++) v[i + 1024] = static_cast<uint8_t>(i + 128 < 0 ? 0 : i + 128 > 255 ? 255 : i + 128);
+    }
+};
+constexpr range_table range_storage;
+inline const uint8_t *const jpeg_range_limit = range_storage.v + 1024;
+
+// Chroma products truncated toward zero, indexed by the sample byte.
+struct chroma_table {
+    int16_t v[256];
+    constexpr chroma_table(int num, int den) : v() {
+        for (int b = 0; b < 256; b++) {
+            int c = b < 128 ? b : b - 256;
+            v[b] = static_cast<int16_t>(c * num / den);
+        }
+    }
+};
+constexpr chroma_table jpeg_cr_r(1402, 1000), jpeg_cb_g(34414, 100000), jpeg_cr_g(71414, 100000),
+    jpeg_cb_b(1772, 1000);
+
+// ---- Per-stream header records ----------------------------------------------------
+
+struct frame_component {
+    uint8_t id, h, v, tq;
+};
+struct frame_record {
+    uint8_t precision;
+    uint16_t height, width;
+    uint8_t nf;
+    frame_component comp[4];
+};
+struct jfif_record {
+    uint8_t ident[5];
+    uint16_t version;
+    uint8_t units;
+    uint16_t xdensity, ydensity;
+    uint8_t thumb_w, thumb_h;
+};
+
+struct stream_headers {
+    frame_record frame;
+    bool have_frame;
+    jfif_record jfif;
+    bool have_jfif;
+    uint16_t restart_interval;
+    uint16_t sos_length;
+    jpeg_decoder_tables tables;  // the kept tables as this stream leaves them
+};
+stream_headers headers;
+
+// Frees the scratch blocks it was given when the decode ends, whichever way.
+struct scratch_set {
+    void *blocks[8] = {};
+    int n = 0;
+    void *take(uint32_t size) {
+        void *p = scratch_alloc(size);
+        if (p) blocks[n++] = p;
+        return p;
+    }
+    ~scratch_set() {
+        for (int i = n - 1; i >= 0; i--) scratch_free(blocks[i]);
+    }
+};
+
+int read_u8(byte_source &s) { return source_byte(s); }
+int read_u16(byte_source &s) {
+    int a = source_byte(s), b = source_byte(s);
+    return a < 0 || b < 0 ? -1 : a << 8 | b;
+}
+
+// ---- Huffman tables -----------------------------------------------------------------
+
+// Canonical codes per length and the three derived arrays, all kept as the
+// 16-bit numbers the bit-serial decode compares.
+void derive_table(jpeg_huffman_table &t) {
+    uint32_t code = 0, k = 0;
+    for (int l = 1; l <= 16; l++) {
+        t.valptr[l] = static_cast<int16_t>(k - code);
+        t.mincode[l] = static_cast<int16_t>(code);
+        if (t.bits[l]) {
+            code += t.bits[l];
+            k += t.bits[l];
+            t.maxcode[l] = static_cast<int16_t>(code - 1);
+        } else {
+            t.maxcode[l] = -1;
+        }
+        code <<= 1;
+    }
+    t.maxcode[16] = t.maxcode[17] = 32767;
+}
+
+jpeg_huffman_table empty_table() {
+    jpeg_huffman_table t{};
+    derive_table(t);
+    return t;
+}
+
+int read_dqt(byte_source &s, int length, jpeg_decoder_tables &tab) {
+    int remaining = length - 2, selected = 0;
+    while (remaining >= 1) {
+        int pqtq = read_u8(s);
+        if (pqtq < 0) return IMG_ERR_DATA;
+        if ((pqtq & 15) < 4) selected = pqtq & 15;
+        uint16_t *q = tab.quant[selected];
+        if (pqtq >> 4 == 0) {
+            uint8_t raw[64];
+            if (source_read(s, raw, 64) != 64) return IMG_ERR_DATA;
+            for (int i = 0; i < 64; i++) q[i] = raw[i];
+            remaining -= 65;
+        } else if (pqtq >> 4 == 1) {
+            uint8_t raw[128];
+            if (source_read(s, raw, 128) != 128) return IMG_ERR_DATA;
+            for (int i = 0; i < 64; i++) q[i] = get16be(raw + 2 * i);
+            remaining -= 129;
+        } else {
+            return IMG_ERR_HEADER;
+        }
+    }
+    return 0;
+}
+
+int read_dht(byte_source &s, int length, jpeg_decoder_tables &tab) {
+    int remaining = length - 2;
+    while (remaining >= 1) {
+        int tcth = read_u8(s);
+        if (tcth < 0) return IMG_ERR_DATA;
+        jpeg_huffman_table *t;
+        switch (tcth) {
+        case 0x00: case 0x01: case 0x02: t = &tab.dc[tcth]; break;
+        case 0x10: case 0x11: case 0x12: t = &tab.ac[tcth - 0x10]; break;
+        default: return IMG_ERR_HEADER;
+        }
+        uint8_t counts[16];
+        if (source_read(s, counts, 16) != 16) return IMG_ERR_DATA;
+        int total = 0;
+        for (int i = 0; i < 16; i++) total += counts[i];
+        if (total > 256) return IMG_ERR_HEADER;
+        std::memcpy(t->bits + 1, counts, 16);
+        if (source_read(s, t->huffval, total) != total) return IMG_ERR_DATA;
+        derive_table(*t);
+        remaining -= 17 + total;
+    }
+    return 0;
+}
+
+// Walks the segments from the SOI up to the SOS (or the EOI when only tables
+// are wanted), into `headers`.  The next marker must stand exactly where
+// the segment length says.
+int walk_markers(byte_source &s, int32_t offset, bool tables_only) {
+    source_seek(s, offset);
+    int b0 = read_u8(s), b1 = read_u8(s);
+    if (b0 < 0 || b1 < 0) return IMG_ERR_DATA;
+    int32_t pos = offset;
+    while (!(b0 == 0xFF && b1 == 0xD8)) {
+        if (pos - offset >= 1000) return IMG_ERR_HEADER;
+        b0 = b1;
+        b1 = read_u8(s);
+        if (b1 < 0) return IMG_ERR_HEADER;
+        pos++;
+    }
+    pos += 2;
+    headers.have_frame = headers.have_jfif = false;
+    headers.restart_interval = 0;
+    headers.tables = jpeg_tables;
+    for (;;) {
+        if (pos > 0x7FFFFFFF - 0x10004) return IMG_ERR_HEADER;
+        source_seek(s, pos);
+        int marker = read_u16(s);
+        if (marker < 0) return IMG_ERR_DATA;
+        if (tables_only && marker == 0xFFD9) return 0;
+        int length = read_u16(s);
+        if (length < 0) return IMG_ERR_DATA;
+        if (marker == 0xFFDA) {
+            headers.sos_length = static_cast<uint16_t>(length);
+            return 0;
+        }
+        int rc = 0;
+        switch (marker) {
+        case 0xFFC0:
+        case 0xFFC1: {
+            uint8_t f[18];
+            if (source_read(s, f, 18) != 18) return IMG_ERR_DATA;
+            frame_record &fr = headers.frame;
+            fr.precision = f[0];
+            fr.height = get16be(f + 1);
+            fr.width = get16be(f + 3);
+            fr.nf = f[5];
+            for (int i = 0; i < 4; i++) {
+                const uint8_t *c = f + 6 + 3 * i;
+                fr.comp[i] = {c[0], static_cast<uint8_t>(c[1] >> 4), static_cast<uint8_t>(c[1] & 15), c[2]};
+            }
+            headers.have_frame = true;
+            break;
+        }
+        case 0xFFDB: rc = read_dqt(s, length, headers.tables); break;
+        case 0xFFC4: rc = read_dht(s, length, headers.tables); break;
+        case 0xFFDD: {
+            int ri = read_u16(s);
+            if (ri < 0) return IMG_ERR_DATA;
+            headers.restart_interval = static_cast<uint16_t>(ri);
+            break;
+        }
+        case 0xFFE0: {
+            uint8_t a[14];
+            if (source_read(s, a, 14) != 14) return IMG_ERR_DATA;
+            jfif_record &j = headers.jfif;
+            std::memcpy(j.ident, a, 5);
+            j.version = get16be(a + 5);
+            j.units = a[7];
+            j.xdensity = get16be(a + 8);
+            j.ydensity = get16be(a + 10);
+            j.thumb_w = a[12];
+            j.thumb_h = a[13];
+            headers.have_jfif = true;
+            break;
+        }
+        default: break;  // other frames, APPn, COM, DNL, ...: skipped by length
+        }
+        if (rc == IMG_ERR_DATA) return rc;
+        if (rc < 0) return IMG_ERR_HEADER;
+        pos += length + 2;
+    }
+}
+
+// ---- Bit reader -----------------------------------------------------------------------
+
+// Bits come most significant first from the byte at the read pointer; after
+// a byte is used up the pointer moves on by two over a stuffed FF 00 pair,
+// else by one.  Bytes are fetched ahead into a 64-bit word, and the raw
+// address of each fetched byte is remembered so that the exact read
+// pointer and bit mask can be recovered for refills and restart markers.
+struct bit_reader {
+    const uint8_t *p;      // next raw byte to fetch
+    const uint8_t *limit;  // fetches stop here and give zero bits
+    uint64_t acc;          // unread bits, left-aligned
+    int nbits;
+    unsigned fetched;
+    const uint8_t *ring[8];
+
+    void fill() {
+        while (nbits <= 56) {
+            uint8_t b = 0;
+            ring[fetched++ & 7] = p;
+            if (p < limit) {
+                b = *p;
+                p += (b == 0xFF && p[1] == 0x00) ? 2 : 1;
+            }
+            acc |= static_cast<uint64_t>(b) << (56 - nbits);
+            nbits += 8;
+        }
+    }
+    // The byte holding the next unread bit, and that bit's mask.
+    const uint8_t *pointer(int &mask) const {
+        int whole = nbits >> 3, part = nbits & 7;
+        if (part) {
+            mask = 1 << (part - 1);
+            return ring[(fetched - whole - 1) & 7];
+        }
+        mask = 0x80;
+        return whole ? ring[(fetched - whole) & 7] : p;
+    }
+    void reset(const uint8_t *at, int mask) {
+        p = at;
+        acc = 0;
+        nbits = 0;
+        fill();
+        int used = 0;
+        while (mask < 0x80 && used < 8) mask <<= 1, used++;
+        acc <<= used;
+        nbits -= used;
+    }
+    uint32_t peek(int n) const { return static_cast<uint32_t>(acc >> (64 - n)); }
+    void skip(int n) {
+        acc <<= n;
+        nbits -= n;
+    }
+    int receive_extend(int s) {
+        if (!s) return 0;
+        int v = static_cast<int>(peek(s));
+        skip(s);
+        return v < (1 << (s - 1)) ? v - ((1 << s) - 1) : v;
+    }
+};
+
+// ---- Huffman decoding ------------------------------------------------------------------
+
+constexpr int LOOKAHEAD = 9;
+constexpr uint16_t LOOK_CORRUPT = 0x1000;
+
+// The bit-serial decode of one table, precomputed for every 9-bit prefix:
+// low 4 bits the length at which it stops (0 = not within 9 bits), then the
+// symbol; LOOK_CORRUPT when the value index falls outside the table.
+struct decode_table {
+    const jpeg_huffman_table *t;
+    uint16_t look[1 << LOOKAHEAD];
+};
+
+void build_decode_table(decode_table &d, const jpeg_huffman_table &t) {
+    d.t = &t;
+    for (uint32_t v = 0; v < (1u << LOOKAHEAD); v++) {
+        d.look[v] = 0;
+        for (int l = 1; l <= LOOKAHEAD; l++) {
+            uint32_t code = v >> (LOOKAHEAD - l);
+            if (static_cast<int16_t>(code) <= t.maxcode[l]) {
+                uint16_t idx = static_cast<uint16_t>(t.valptr[l] + code);
+                d.look[v] = idx < 256 ? static_cast<uint16_t>(l | t.huffval[idx] << 4) : static_cast<uint16_t>(l | LOOK_CORRUPT);
+                break;
+            }
+        }
+    }
+}
+
+// The next symbol, or -1 for a code whose value index is outside the table.
+// The reader holds at least 16 unread bits.
+inline int decode_symbol(bit_reader &br, const decode_table &d) {
+    uint16_t e = d.look[br.peek(LOOKAHEAD)];
+    if (e) {
+        br.skip(e & 15);
+        return e & LOOK_CORRUPT ? -1 : e >> 4;
+    }
+    uint32_t v16 = br.peek(16);
+    const jpeg_huffman_table &t = *d.t;
+    for (int l = LOOKAHEAD + 1; l <= 16; l++) {
+        uint32_t code = v16 >> (16 - l);
+        if (static_cast<int16_t>(code) <= t.maxcode[l]) {
+            br.skip(l);
+            uint16_t idx = static_cast<uint16_t>(t.valptr[l] + code);
+            return idx < 256 ? t.huffval[idx] : -1;
+        }
+    }
+    return -1;  // unreachable: maxcode[16] stops every code
+}
+
+// ---- Inverse DCT -------------------------------------------------------------------------
+
+// The 1-D kernel; C selects the 1/sqrt(2) factor of the pass (724/1024 first,
+// 181/256 second).  Every product is rounded down by an arithmetic shift.
+template <int Pass>
+inline void idct_kernel(int x0, int x1, int x2, int x3, int x4, int x5, int x6, int x7, int y[8]) {
+    auto c = [](int v) { return Pass == 1 ? (v * 724) >> 10 : (v * 181) >> 8; };
+    int e0 = c(x0) + c(x4), e1 = c(x0) - c(x4);
+    int p = x2 + x6;
+    int t = x2 + c(p), m = (553 * t) >> 10;
+    int u = x2 - c(p), n = (1338 * u) >> 10;
+    int E0 = e0 + m, E3 = e0 - m, E1 = e1 + n, E2 = e1 - n;
+    int a = x3 + x5, b = x1 + x3, d = x5 + x7 + b;
+    int g = ((c(d) + b) * 553) >> 10;
+    int h = x1 + c(a);
+    int O0 = ((g + h) * 261) >> 9, O3 = ((h - g) * 2624) >> 10;
+    int w = b - c(d), k = (1338 * w) >> 10;
+    int j = x1 - c(a);
+    int O1 = ((j + k) * 77) >> 7, O2 = ((j - k) * 461) >> 9;
+    y[0] = E0 + O0, y[1] = E1 + O1, y[2] = E2 + O2, y[3] = E3 + O3;
+    y[4] = E3 - O3, y[5] = E2 - O2, y[6] = E1 - O1, y[7] = E0 - O0;
+}
+
+inline int8_t clamp_sample(int v) {
+    v >>= 2;
+    return static_cast<int8_t>(v > 127 ? 127 : v < -127 ? -127 : v);
+}
+
+}  // namespace
+
+// coef: natural order; rows: bit i set when coefficient row i may be non-zero.
+void jpeg_idct_8x8(const int16_t *coef, unsigned rows, int8_t *dst, int stride) {
+    if (rows == 0) {
+        for (int k = 0; k < 8; k++) std::memset(dst + k * stride, 0, 8);
+        return;
+    }
+    int16_t work[8][8];
+    int y[8];
+    for (int i = 0; i < 8; i++) {
+        const int16_t *x = coef + 8 * i;
+        if (!(rows >> i & 1)) {
+            for (int jx = 0; jx < 8; jx++) work[jx][i] = 0;
+            continue;
+        }
+        idct_kernel<1>(x[0], x[1], x[2], x[3], x[4], x[5], x[6], x[7], y);
+        for (int jx = 0; jx < 8; jx++) work[jx][i] = static_cast<int16_t>(y[jx]);
+    }
+    for (int jx = 0; jx < 8; jx++) {
+        const int16_t *x = work[jx];
+        idct_kernel<2>(x[0], x[1], x[2], x[3], x[4], x[5], x[6], x[7], y);
+        for (int k = 0; k < 8; k++) dst[k * stride + jx] = clamp_sample(y[k]);
+    }
+}
+
+namespace {
+
+// A block whose only non-zero coefficient is the DC comes out flat.
+inline void idct_dc_only(int16_t dc, int8_t *dst, int stride) {
+    int v = ((dc * 724) >> 10);
+    int8_t s = clamp_sample((v * 181) >> 8);
+    for (int k = 0; k < 8; k++) std::memset(dst + k * stride, static_cast<uint8_t>(s), 8);
+}
+
+// ---- Scan decoding -------------------------------------------------------------------------
+
+struct scan_slot {
+    int16_t predictor;
+    int8_t *plane;
+    const uint16_t *quant;
+    int h, v;
+    const decode_table *dc, *ac;
+    int column;
+    int stride;
+};
+
+struct input_buffer {
+    uint8_t *base;
+    int32_t cap;  // the fill area; INPUT_SPARE zero bytes follow
+};
+
+// One block: Huffman decode, dequantise, inverse transform into the plane.
+int decode_block(bit_reader &br, scan_slot &sl, int8_t *dst) {
+    alignas(16) int16_t coef[64];
+    std::memset(coef, 0, sizeof coef);
+    br.fill();
+    int s = decode_symbol(br, *sl.dc);
+    if (s < 0) return IMG_ERR_HEADER;
+    int diff = br.receive_extend(s & 15);
+    sl.predictor = static_cast<int16_t>(sl.predictor + diff);
+    coef[0] = static_cast<int16_t>(sl.predictor * sl.quant[0]);
+    unsigned rows = coef[0] ? 1 : 0;
+    bool ac = false;
+    for (int k = 1; k < 64;) {
+        br.fill();
+        int rs = decode_symbol(br, *sl.ac);
+        if (rs <= 0) {
+            if (rs < 0) return IMG_ERR_HEADER;
+            break;
+        }
+        int r = rs >> 4, sz = rs & 15;
+        if (k + r > 64) return IMG_ERR_HEADER;
+        if (sz) {
+            if (k + r == 64) return IMG_ERR_HEADER;
+            int v = br.receive_extend(sz);
+            int n = jpeg_zigzag[k + r];
+            coef[n] = static_cast<int16_t>(v * sl.quant[k + r]);
+            rows |= 1u << (n >> 3);
+            ac = true;
+        }
+        k += r + 1;
+    }
+    if (!ac)
+        idct_dc_only(coef[0], dst, sl.stride);
+    else
+        jpeg_idct_8x8(coef, rows, dst, sl.stride);
+    return 0;
+}
+
+// Keeps at least the margin of unread bytes ahead of the read pointer.
+void maybe_refill(bit_reader &br, input_buffer &in, byte_source &src) {
+    const uint8_t *threshold = in.base + in.cap - REFILL_MARGIN;
+    if (br.p < threshold) return;  // the exact pointer never runs ahead of p
+    int mask;
+    const uint8_t *ptr = br.pointer(mask);
+    if (ptr < threshold) return;
+    int32_t tail = static_cast<int32_t>(in.base + in.cap - ptr);
+    if (tail < 0) tail = 0;
+    std::memmove(in.base, ptr, tail);
+    source_read(src, in.base + tail, in.cap - tail);
+    br.reset(in.base, mask);
+}
+
+// At a restart point: find FF D0..D7 within 50 bytes of the read pointer;
+// found, skip it and reset the predictors; not found, carry on as before.
+void restart(bit_reader &br, scan_slot *slots) {
+    int mask;
+    const uint8_t *ptr = br.pointer(mask);
+    for (int i = 0; i < RESTART_SEARCH && ptr + i + 1 < br.limit; i++) {
+        if (ptr[i] == 0xFF && (ptr[i + 1] & 0xF8) == 0xD0) {
+            br.reset(ptr + i + 2, 0x80);
+            for (int k = 0; k < 4; k++) slots[k].predictor = 0;
+            return;
+        }
+    }
+}
+
+// ---- Colour conversion -------------------------------------------------------------------------
+
+void grey_row(const int8_t *y, uint8_t *out, int width) {
+    for (int x = 0; x < width; x++) out[x] = jpeg_range_limit[y[x]];
+}
+
+template <int H>
+void ycc_row(const int8_t *y, const uint8_t *cb, const uint8_t *cr, uint8_t *out, int width) {
+    const uint8_t *lim = jpeg_range_limit;
+    for (int x = 0; x < width; x++) {
+        int b = cb[x / H], r = cr[x / H];
+        int Y = y[x];
+        out[3 * x] = lim[Y + jpeg_cb_b.v[b]];
+        out[3 * x + 1] = lim[Y - (jpeg_cb_g.v[b] + jpeg_cr_g.v[r])];
+        out[3 * x + 2] = lim[Y + jpeg_cr_r.v[r]];
+    }
+}
+
+// YCCK: each channel is K minus what the YCbCr equations give.
+template <int H>
+void ycck_row(const int8_t *y, const uint8_t *cb, const uint8_t *cr, const int8_t *k, uint8_t *out, int width) {
+    const uint8_t *lim = jpeg_range_limit;
+    for (int x = 0; x < width; x++) {
+        int b = cb[x / H], r = cr[x / H];
+        int Y = y[x] + 128, K = k[x];
+        out[3 * x] = lim[K - (Y + jpeg_cb_b.v[b])];
+        out[3 * x + 1] = lim[(jpeg_cb_g.v[b] + jpeg_cr_g.v[r]) - Y + K];
+        out[3 * x + 2] = lim[K - (Y + jpeg_cr_r.v[r])];
+    }
+}
+
+using ycc_fn = void (*)(const int8_t *, const uint8_t *, const uint8_t *, uint8_t *, int);
+using ycck_fn = void (*)(const int8_t *, const uint8_t *, const uint8_t *, const int8_t *, uint8_t *, int);
+
+int decode_scan(byte_source &src, IMG_put_row_fn put_row, void *context) {
+    const frame_record &fr = headers.frame;
+    const int width = fr.width, height = fr.height, nf = fr.nf;
+    const int H1 = fr.comp[0].h, V1 = fr.comp[0].v;
+    const int32_t W = (width + 8 * H1 - 1) / (8 * H1) * (8 * H1);
+    const int64_t plane_size = int64_t{8} * V1 * W + 200;
+    if (plane_size >= PLANE_LIMIT) return IMG_ERR_MEMORY;
+    const uint32_t row_len = row_bytes(width, nf == 1 ? 8 : 24);
+    scratch_set mem;
+    int8_t *planes[4];
+    for (auto &p : planes)
+        if (!(p = static_cast<int8_t *>(mem.take(static_cast<uint32_t>(plane_size))))) return IMG_ERR_MEMORY;
+    auto *row = static_cast<uint8_t *>(mem.take(row_len + 200));
+    input_buffer in{static_cast<uint8_t *>(mem.take(READ_BUFFER_SIZE + INPUT_SPARE + 64)), READ_BUFFER_SIZE};
+    if (!row || !in.base) return IMG_ERR_MEMORY;
+
+    // The rest of the SOS header: Ns, then (component id, Td/Ta) pairs.
+    int sos_bytes = headers.sos_length - 2;
+    uint8_t sos[16] = {};
+    int want = sos_bytes < 16 ? sos_bytes : 16;
+    const int32_t sos_at = source_tell(src);
+    if (sos_bytes <= 0 || source_read(src, sos, want) <= 0) return IMG_ERR_DATA;
+    source_seek(src, sos_at + sos_bytes);
+    const int ns = sos[0];
+    if (ns < 1 || ns > 4 || sos_bytes < 1 + 2 * ns) return IMG_ERR_HEADER;
+
+    // Scan slot i takes frame component i whatever the ids say; slots 3 and 4
+    // pick their DC table by the AC selector and slot 4 its quantiser by
+    // component 3.
+    static decode_table dc_tables[2], ac_tables[3];
+    const jpeg_decoder_tables &tab = jpeg_tables;
+    for (int i = 0; i < 2; i++) build_decode_table(dc_tables[i], tab.dc[i]);
+    for (int i = 0; i < 3; i++) build_decode_table(ac_tables[i], tab.ac[i]);
+    scan_slot slots[4] = {};
+    for (int i = 0; i < 4; i++) {
+        scan_slot &sl = slots[i];
+        const frame_component &c = fr.comp[i];
+        int td = sos[2 + 2 * i] >> 4, ta = sos[2 + 2 * i] & 15;
+        sl.plane = planes[i];
+        sl.h = c.h;
+        sl.v = c.v;
+        const frame_component &qc = fr.comp[i < 3 ? i : 2];
+        sl.quant = tab.quant[qc.tq ? 1 : 0];
+        if (i < 2) {
+            sl.dc = &dc_tables[td == 0 ? 0 : 1];
+            sl.ac = &ac_tables[ta ? 1 : 0];
+        } else if (i == 2) {
+            sl.dc = &dc_tables[ta ? 1 : 0];
+            sl.ac = &ac_tables[ta == 0 ? 0 : ta == 2 ? 2 : 1];
+        } else {
+            sl.dc = &dc_tables[ta ? 1 : 0];
+            sl.ac = &ac_tables[ta ? 1 : 0];
+        }
+        if (i < ns && (sl.h < 1 || sl.v < 1 || sl.h > H1 || sl.v > V1)) return IMG_ERR_HEADER;
+        sl.stride = sl.h * W / H1;
+    }
+
+    int32_t got = source_read(src, in.base, in.cap);
+    if (got <= 0) return IMG_ERR_DATA;
+    bit_reader br{};
+    br.limit = in.base + in.cap + INPUT_SPARE;
+    br.reset(in.base, 0x80);
+
+    ycc_fn ycc = H1 == 1 ? ycc_row<1> : H1 == 2 ? ycc_row<2> : H1 == 4 ? ycc_row<4> : nullptr;
+    ycck_fn ycck = H1 == 1 ? ycck_row<1> : H1 == 2 ? ycck_row<2> : H1 == 4 ? ycck_row<4> : nullptr;
+    const int chroma_step = W / H1;
+    unsigned mcu_count = 0;
+    const unsigned interval = headers.restart_interval;
+    int delivered = 0;
+    while (delivered < height) {
+        for (auto &sl : slots) sl.column = 0;
+        for (int32_t x = 0; x < W; x += 8 * H1) {
+            for (int i = 0; i < ns; i++) {
+                scan_slot &sl = slots[i];
+                for (int v = 0; v < sl.v; v++) {
+                    if (v) sl.column -= 8 * sl.h;
+                    for (int h = 0; h < sl.h; h++) {
+                        if (int rc = decode_block(br, sl, sl.plane + v * 8 * W + sl.column); rc < 0) return rc;
+                        sl.column += 8;
+                        maybe_refill(br, in, src);
+                    }
+                }
+            }
+            if (interval && ++mcu_count == interval) {
+                mcu_count = 0;
+                restart(br, slots);
+            }
+        }
+        for (int r = 0; r < 8 * V1 && delivered < height; r++, delivered++) {
+            const int8_t *y = planes[0] + r * W;
+            if (nf == 1) {
+                grey_row(y, row, width);
+            } else {
+                int32_t c = V1 == 2 ? (r >> 1) * (W / 2) : V1 == 4 ? (r >> 2) * (W / 4) : r * chroma_step;
+                auto *cb = reinterpret_cast<const uint8_t *>(planes[1] + c);
+                auto *cr = reinterpret_cast<const uint8_t *>(planes[2] + c);
+                if (nf == 3 && ycc) ycc(y, cb, cr, row, width);
+                if (nf == 4 && ycck) ycck(y, cb, cr, planes[3] + r * W, row, width);
+            }
+            if (int rc = put_row(row, context, delivered, static_cast<int>(row_len)); rc < 0) return rc;
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+void jpeg_reset_tables() {
+    std::memset(&jpeg_tables, 0, sizeof jpeg_tables);
+    for (auto &t : jpeg_tables.dc) t = empty_table();
+    for (auto &t : jpeg_tables.ac) t = empty_table();
+}
+
+namespace {
+// The kept tables start empty: every code decodes as corrupt.
+const bool tables_ready = (jpeg_reset_tables(), true);
+}  // namespace
+
+int jpeg_read_tables(int fd, int32_t offset) {
+    (void)tables_ready;
+    byte_source src;
+    scratch_set mem;
+    if (!source_open(src, fd, offset, HEADER_BUFFER)) return IMG_ERR_MEMORY;
+    mem.blocks[mem.n++] = src.buf;
+    int rc = walk_markers(src, offset, true);
+    if (rc < 0) return rc;
+    jpeg_tables = headers.tables;
+    return 0;
+}
+
+int jpeg_decode_stream(int fd, int32_t offset, IMG_put_row_fn put_row, void *context, IMG_begin_image_fn begin_image) {
+    byte_source src;
+    scratch_set mem;
+    if (!source_open(src, fd, offset, HEADER_BUFFER)) return IMG_ERR_MEMORY;
+    mem.blocks[mem.n++] = src.buf;
+    if (int rc = walk_markers(src, offset, false); rc < 0) return rc;
+    const frame_record &fr = headers.frame;
+    // Progressive, lossless and arithmetic-coded streams have no frame we
+    // decode: refuse them before the kept tables or the caller see anything.
+    if (!headers.have_frame) return IMG_ERR_TYPE;
+    if (fr.nf != 1 && fr.nf != 3 && fr.nf != 4) return IMG_ERR_TYPE;
+    if (!fr.width || !fr.height || !fr.comp[0].h || !fr.comp[0].v) return IMG_ERR_HEADER;
+    jpeg_tables = headers.tables;
+
+    auto *hdr = static_cast<dib_header *>(mem.take(sizeof(dib_header)));
+    if (!hdr) return IMG_ERR_MEMORY;
+    dib_info &h = hdr->info;
+    h.biSize = 40;
+    h.biWidth = fr.width;
+    h.biHeight = fr.height;
+    h.biPlanes = 1;
+    h.biBitCount = fr.nf == 1 ? 8 : 24;
+    if (!size_mul_add(row_bytes(fr.width, h.biBitCount), fr.height, 0, &h.biSizeImage)) h.biSizeImage = 0;
+    // Densities pass through as stored, whatever the units byte says.
+    if (headers.have_jfif && headers.jfif.ident[0] == 'J' && headers.jfif.ident[1] == 'F') {
+        h.biXPelsPerMeter = headers.jfif.xdensity;
+        h.biYPelsPerMeter = headers.jfif.ydensity;
+    }
+    if (fr.nf == 1)
+        for (int i = 0; i < 256; i++) std::memset(hdr->palette + 4 * i, i, 3);
+    if (int rc = begin_image(hdr, context); rc < 0) return rc;
+    return decode_scan(src, put_row, context);
+}
+
+BRIVANTA_READER(jpeg_read_file) {
+    int32_t start = where_is_page(where) ? file_seek(fd, 0, 1) : where;
+    return jpeg_decode_stream(fd, start, put_row, context, begin_image);
+}
