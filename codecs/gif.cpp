@@ -196,7 +196,7 @@ int gif_lzw_decode(byte_source &src, const dib_header *header, IMG_put_row_fn pu
     uint32_t fill = 0;  // indices waiting in out
     int code_width = root + 1, next = clear + 2, prev = -1;
 
-    if (next_code(bits, code_width) != clear) return IMG_ERR_HEADER;
+    if (int first = next_code(bits, code_width); first != clear) return first < 0 ? IMG_ERR_DATA : IMG_ERR_HEADER;
     for (;;) {
         int code = next_code(bits, code_width);
         if (code < 0) return IMG_ERR_DATA;
@@ -300,26 +300,24 @@ BRIVANTA_READER(gif_decompress) {
         b = source_byte(src);
     }
 
-    uint8_t desc[10];
-    if (source_read(src, desc, 10) != 10) return IMG_ERR_DATA;
+    // The descriptor, any local colour table, then the minimum code size.
+    uint8_t desc[9];
+    if (source_read(src, desc, 9) != 9) return IMG_ERR_DATA;
     int packed = desc[8];
-    const int min_code = desc[9];
     const bool has_local = packed & 0x80;
     bool has_table = has_global;
-    if (has_global) {
-        // The global table wins: a local one is passed over and the image's
-        // depth follows the global table's size.
-        if (has_local) {
-            int32_t n = 3 << ((packed & 7) + 1);
-            uint8_t skip[768];
-            if (source_read(src, skip, n) != n) return IMG_ERR_DATA;
-        }
-        packed |= global_bits;
-    } else if (has_local) {
-        int32_t n = 3 << ((packed & 7) + 1);
-        if (source_read(src, table, n) != n) return IMG_ERR_DATA;
+    if (has_local) {
+        const int32_t n = 3 << ((packed & 7) + 1);
+        uint8_t local[768];
+        if (source_read(src, local, n) != n) return IMG_ERR_DATA;
+        // The global table wins: a local one is passed over.
+        if (!has_global) std::memcpy(table, local, static_cast<size_t>(n));
         has_table = true;
     }
+    // With a global table the image's depth follows the global table's size.
+    if (has_global) packed |= global_bits;
+    const int min_code = source_byte(src);
+    if (min_code < 0) return IMG_ERR_DATA;
 
     dib_info &h = hdr->info;
     h.biSize = 40;

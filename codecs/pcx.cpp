@@ -118,7 +118,12 @@ void planar_to_bgr(const uint8_t *scan, uint32_t bpl, int width, uint8_t *row) {
 
 }  // namespace
 
-BRIVANTA_READER(pcx_decompress) {
+namespace {
+
+// palette_end: where the image's bytes end, for the trailing palette; -1
+// for the end of the file.
+int pcx_read(int32_t where, int32_t palette_end, IMG_put_row_fn put_row, void *context,
+             IMG_begin_image_fn begin_image, int fd) {
     auto *hdr = static_cast<dib_header *>(scratch_alloc(sizeof(dib_header)));
     auto *triples = static_cast<uint8_t *>(scratch_alloc(768));
     byte_source src;
@@ -151,7 +156,8 @@ BRIVANTA_READER(pcx_decompress) {
         std::memcpy(triples, ph + 16, 48);
     } else if (h.biBitCount != 24) {
         // The trailing palette; its 0x0C marker is not required.
-        if (file_seek(fd, -768, 2) >= 0) file_read(fd, triples, 768);
+        int32_t at = palette_end < 0 ? file_seek(fd, -768, 2) : file_seek(fd, palette_end - 768, 0);
+        if (at >= 0) file_read(fd, triples, 768);
         src.pos = src.len = 0;
         src.file_pos = file_seek(fd, where + 128, 0);
         if (src.file_pos < 0) src.file_pos = src.end;
@@ -192,6 +198,10 @@ BRIVANTA_READER(pcx_decompress) {
     }
     return 1;
 }
+
+}  // namespace
+
+BRIVANTA_READER(pcx_decompress) { return pcx_read(where, -1, put_row, context, begin_image, fd); }
 
 int pcx_encode_row(int fd, const uint8_t *bytes, int n) {
     uint8_t out[1024];
@@ -302,8 +312,12 @@ BRIVANTA_READER(dcx_decompress) {
         offset = get32(word);
         if (!offset) return IMG_ERR_PAGE;
     }
+    // A page's trailing palette ends where the next page starts; the last
+    // page's ends with the file.
+    uint32_t next = source_read(src, word, 4) == 4 ? get32(word) : 0;
+    int32_t end = next > offset && next <= 0x7FFFFFFF ? static_cast<int32_t>(next) : -1;
     scratch_free(src.buf);
-    return pcx_decompress(static_cast<int32_t>(offset), put_row, context, begin_image, fd);
+    return pcx_read(static_cast<int32_t>(offset), end, put_row, context, begin_image, fd);
 }
 
 int dcx_page_count(int fd) {

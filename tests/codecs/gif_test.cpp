@@ -1,0 +1,509 @@
+// GIF: writer round trips, decoder behaviour on streams built here with an
+// independent code packer, hostile and truncated files, allocation failures
+// and short writes.
+#include "codecs/gif.h"
+#include "frame/frame.h"
+#include "test_util.h"
+
+#include <gtest/gtest.h>
+
+#include <utility>
+
+namespace {
+
+// Packs (code, width) pairs least significant bit first.
+bytes pack_codes(const std::vector<std::pair<int, int>> &codes) {
+    bytes out;
+    uint32_t acc = 0;
+    int n = 0;
+    for (auto [code, width] : codes) {
+        acc |= static_cast<uint32_t>(code) << n;
+        n += width;
+        while (n >= 8) {
+            out.push_back(static_cast<uint8_t>(acc));
+            acc >>= 8;
+            n -= 8;
+        }
+    }
+    if (n) out.push_back(static_cast<uint8_t>(acc));
+    return out;
+}
+
+// A stream that sends every pixel as its own root code and never clears, so
+// the decoder's table fills up and stays full; widths follow the decoder.
+bytes plain_lzw(const bytes &indices, int root) {
+    const int clear = 1 << root;
+    int width = root + 1, next = clear + 2;
+    std::vector<std::pair<int, int>> codes{{clear, width}};
+    for (size_t i = 0; i < indices.size(); i++) {
+        codes.push_back({indices[i], width});
+        if (i > 0 && next < 4096 && ++next == (1 << width) && width < 12) width++;
+    }
+    codes.push_back({clear + 1, width});
+    return pack_codes(codes);
+}
+
+struct gif_recipe {
+    std::string version = "89a";
+    bytes global;                 // RGB triples, 2^k of them; empty: no table
+    std::vector<bytes> extensions;  // complete blocks placed before the image
+    int width = 4, height = 2;
+    bool interlace = false;
+    bytes local;
+    int min_code = 8;
+    bytes data;  // the LZW stream before it is cut into sub-blocks
+};
+
+int table_bits(const bytes &t) {
+    int n = static_cast<int>(t.size() / 3), k = 0;
+    while ((2 << k) < n) k++;
+    return k;
+}
+
+bytes build(const gif_recipe &r) {
+    bytes f = {'G', 'I', 'F'};
+    f.insert(f.end(), r.version.begin(), r.version.end());
+    f.insert(f.end(), {uint8_t(r.width), uint8_t(r.width >> 8), uint8_t(r.height), uint8_t(r.height >> 8)});
+    f.push_back(r.global.empty() ? 0 : static_cast<uint8_t>(0x80 | table_bits(r.global)));
+    f.insert(f.end(), {0, 0});
+    f.insert(f.end(), r.global.begin(), r.global.end());
+    for (auto &e : r.extensions) f.insert(f.end(), e.begin(), e.end());
+    f.insert(f.end(), {',', 0, 0, 0, 0, uint8_t(r.width), uint8_t(r.width >> 8), uint8_t(r.height),
+                       uint8_t(r.height >> 8)});
+    f.push_back(static_cast<uint8_t>((r.local.empty() ? 0 : 0x80 | table_bits(r.local)) | (r.interlace ? 0x40 : 0)));
+    f.insert(f.end(), r.local.begin(), r.local.end());
+    f.push_back(static_cast<uint8_t>(r.min_code));
+    for (size_t i = 0; i < r.data.size(); i += 255) {
+        size_t n = std::min<size_t>(255, r.data.size() - i);
+        f.push_back(static_cast<uint8_t>(n));
+        f.insert(f.end(), r.data.begin() + i, r.data.begin() + i + n);
+    }
+    f.insert(f.end(), {0, ';'});
+    return f;
+}
+
+bytes ramp_table(int n) {
+    bytes t;
+    for (int i = 0; i < n; i++) t.insert(t.end(), {uint8_t(i), uint8_t(255 - i), uint8_t(i * 7)});
+    return t;
+}
+
+bytes graphic_control(bool transparent, uint8_t index) {
+    return {'!', 0xF9, 4, uint8_t(transparent ? 1 : 0), 0, 0, index, 0};
+}
+
+picture load_picture(const bytes &file, int *code = nullptr) {
+    int h = load_bytes(file);
+    if (code) *code = h;
+    if (h < 0) return {};
+    picture p = picture_of(h);
+    IMG_delete_bitmap(h);
+    return p;
+}
+
+// Rows as the low-level load delivers them, by row number.
+struct row_log {
+    dib_info header{};
+    std::vector<std::pair<int, bytes>> rows;
+    int stop_at = -1;  // return -5 on this delivery
+};
+
+int IMG_CALLBACK log_header(void *header, void *context) {
+    std::memcpy(&static_cast<row_log *>(context)->header, header, 40);
+    return 0;
+}
+
+int IMG_CALLBACK log_row(unsigned char *row, void *context, int r, int n) {
+    auto *log = static_cast<row_log *>(context);
+    if (static_cast<int>(log->rows.size()) == log->stop_at) return -5;
+    log->rows.push_back({r, bytes(row, row + n)});
+    return 0;
+}
+
+int IMG_CALLBACK stop_header(void *, void *) { return IMG_ERR_STOPPED; }
+
+int low_level(const bytes &file, row_log &log) {
+    block_ref b(file);
+    return IMGLOW_decompress_bitmap_mem(b.data, 0, log_row, &log, log_header);
+}
+
+}  // namespace
+
+TEST(Gif, WriterRoundTripEveryDepthAndShape) {
+    for (int bits : {4, 8})
+        for (auto [w, h] : {std::pair{1, 1}, {2, 3}, {7, 5}, {33, 17}, {300, 40}, {1000, 2}}) {
+            picture noisy = make_picture(w, h, bits, static_cast<uint32_t>(w * 131 + h + bits));
+            picture flat = noisy;
+            for (auto &row : flat.rows) std::fill(row.begin(), row.begin() + (bits == 8 ? w : w / 2), 0x33);
+            for (const picture *p : {&noisy, &flat}) {
+                int hd = handle_of(*p);
+                int n = 0;
+                bytes file = save_bytes(hd, IMG_TYPE_GIF, &n);
+                IMG_delete_bitmap(hd);
+                ASSERT_GT(n, 13) << bits << " " << w << "x" << h;
+                EXPECT_EQ(load_picture(file), *p) << bits << " bits " << w << "x" << h << (p == &flat ? " flat" : "");
+            }
+        }
+}
+
+TEST(Gif, WriterFillsAndClearsTheTableOnNoise) {
+    // 256-level noise needs many table resets; a 40000-pixel flat picture
+    // needs strings longer than a row.
+    picture noise = make_picture(500, 200, 8, 77);
+    for (auto &row : noise.rows)
+        for (int x = 0; x < 500; x++) row[x] = static_cast<uint8_t>((x * 7919 + row[x] * 31) >> 3);
+    picture flat = make_picture(200, 200, 8, 5);
+    for (auto &row : flat.rows) std::fill(row.begin(), row.end(), 200);
+    for (const picture *p : {&noise, &flat}) {
+        int h = handle_of(*p);
+        bytes file = save_bytes(h, IMG_TYPE_GIF);
+        IMG_delete_bitmap(h);
+        EXPECT_EQ(load_picture(file), *p);
+    }
+}
+
+TEST(Gif, WriterLayoutEndsWithTerminatorAndTrailer) {
+    for (int bits : {4, 8}) {
+        int h = handle_of(make_picture(123, 45, bits, 9));
+        bytes f = save_bytes(h, IMG_TYPE_GIF);
+        IMG_delete_bitmap(h);
+        ASSERT_GT(f.size(), 40u);
+        EXPECT_EQ(std::string(f.begin(), f.begin() + 6), "GIF87a");
+        EXPECT_EQ(f[10], 0x80 | (bits - 1));
+        size_t at = 13 + (3u << bits);
+        ASSERT_EQ(f[at], ',');
+        EXPECT_EQ(get16(&f[at + 5]), 123);
+        EXPECT_EQ(get16(&f[at + 7]), 45);
+        EXPECT_EQ(f[at + 10], bits) << "minimum code size";
+        // Walk the sub-blocks: they must end on a zero block right before ';'.
+        at += 11;
+        while (at < f.size() && f[at]) at += f[at] + 1u;
+        EXPECT_EQ(at + 2, f.size());
+        EXPECT_EQ(f.back(), ';');
+    }
+}
+
+TEST(Gif, WriterRefusesOneAndTwentyFourBitsBeforeWriting) {
+    std::string name = temp_path("refused.gif");
+    for (int bits : {1, 24}) {
+        int h = handle_of(make_picture(10, 10, bits, 1));
+        EXPECT_EQ(IMG_save_bitmap(h, name.c_str(), IMG_TYPE_GIF), IMG_ERR_DEPTH);
+        EXPECT_EQ(read_file(name).size(), 0u) << bits;
+        IMG_delete_bitmap(h);
+    }
+    std::remove(name.c_str());
+}
+
+TEST(Gif, TwoColoursBecomeAnEightBitBitmap) {
+    gif_recipe r;
+    r.global = {10, 20, 30, 40, 50, 60};
+    r.min_code = 2;
+    r.data = plain_lzw({0, 1, 1, 0, 1, 1, 0, 0}, 2);
+    picture p = load_picture(build(r));
+    ASSERT_EQ(p.bits, 8);
+    EXPECT_EQ(p.rows[0], bytes({0, 1, 1, 0}));
+    EXPECT_EQ(p.rows[1], bytes({1, 1, 0, 0}));
+    EXPECT_EQ(bytes(p.palette.begin(), p.palette.begin() + 8), bytes({30, 20, 10, 0, 60, 50, 40, 0}));
+    EXPECT_EQ(bytes(p.palette.begin() + 8, p.palette.end()), bytes(1016, 0)) << "unused entries are zero";
+}
+
+TEST(Gif, InterlacedRowsArriveInPassOrderFromEightRowsUp) {
+    for (int height : {5, 7, 8, 9, 16, 21}) {
+        gif_recipe r;
+        r.width = 3, r.height = height, r.interlace = true;
+        r.global = ramp_table(256);
+        bytes px;
+        for (int s = 0; s < height; s++) px.insert(px.end(), {uint8_t(s), uint8_t(s), uint8_t(s)});
+        r.data = plain_lzw(px, 8);
+        std::vector<int> order;  // stored row s lands on row order[s]
+        if (height < 8) {
+            for (int y = 0; y < height; y++) order.push_back(y);
+        } else {
+            for (auto [start, step] : {std::pair{0, 8}, {4, 8}, {2, 4}, {1, 2}})
+                for (int y = start; y < height; y += step) order.push_back(y);
+        }
+        picture p = load_picture(build(r));
+        ASSERT_EQ(p.height, height);
+        for (int s = 0; s < height; s++) EXPECT_EQ(p.rows[order[s]][0], s) << "height " << height << " stored " << s;
+    }
+}
+
+TEST(Gif, TheGlobalTableWinsOverALocalOne) {
+    struct {
+        int global_colours, local_colours, want_bits;
+    } cases[] = {{4, 256, 8}, {16, 4, 4}, {2, 8, 4}};
+    for (auto &c : cases) {
+        gif_recipe r;
+        r.global = ramp_table(c.global_colours);
+        r.local = bytes(3 * c.local_colours, 0xEE);
+        r.data = plain_lzw({0, 1, 2, 3, 3, 2, 1, 0}, 8);
+        int code = 0;
+        picture p = load_picture(build(r), &code);
+        ASSERT_EQ(p.bits, c.want_bits) << c.global_colours << "/" << c.local_colours << " code " << code;
+        EXPECT_EQ(p.palette[5], 255 - 1) << "entry 1 comes from the global table";
+        EXPECT_EQ(p.palette[6], 1);
+        if (4u * c.global_colours < p.palette.size()) {
+            EXPECT_EQ(p.palette[4 * c.global_colours + 1], 0) << "entries past the global table are zero";
+        }
+        if (c.want_bits == 8) EXPECT_EQ(p.rows[0], bytes({0, 1, 2, 3}));
+        else EXPECT_EQ(p.rows[0], bytes({0x01, 0x23, 0, 0}));
+    }
+    // Without a global table the local one is read.
+    gif_recipe r;
+    r.local = ramp_table(16);
+    r.data = plain_lzw({0, 1, 2, 3, 3, 2, 1, 0}, 8);
+    picture p = load_picture(build(r));
+    ASSERT_EQ(p.bits, 4);
+    EXPECT_EQ(p.palette[4 * 3 + 2], 3);
+    EXPECT_EQ(p.rows[1], bytes({0x32, 0x10, 0, 0}));
+}
+
+TEST(Gif, WithoutAnyColourTableIndicesReadAsGrey) {
+    gif_recipe r;
+    r.local.clear();
+    r.data = plain_lzw({0, 1, 2, 3, 3, 2, 1, 0}, 8);
+    picture p = load_picture(build(r));
+    ASSERT_EQ(p.bits, 8) << "size bits 0 read as two colours";
+    EXPECT_EQ(p.rows[0], bytes({0, 1, 2, 3}));
+    EXPECT_EQ(bytes(p.palette.begin() + 12, p.palette.begin() + 16), bytes({3, 3, 3, 0}));
+    EXPECT_EQ(bytes(p.palette.begin() + 1020, p.palette.end()), bytes({255, 255, 255, 0}));
+}
+
+TEST(Gif, TransparentIndexComesFromTheGraphicControlExtension) {
+    struct {
+        const char *what;
+        std::string version;
+        std::vector<bytes> extensions;
+        int want;
+    } cases[] = {
+        {"transparent", "89a", {graphic_control(true, 5)}, 5},
+        {"flag clear", "89a", {graphic_control(false, 5)}, IMG_ERR_NO_TRANSPARENT},
+        {"last one counts", "89a", {graphic_control(true, 9), graphic_control(true, 3)}, 3},
+        {"after a comment", "89a", {{'!', 0xFE, 3, 'a', ',', 'b', 2, 'c', 'd', 0}, graphic_control(true, 7)}, 7},
+        {"87a skips extensions", "87a", {graphic_control(true, 5)}, IMG_ERR_NO_TRANSPARENT},
+        {"none", "89a", {}, IMG_ERR_NO_TRANSPARENT},
+    };
+    for (auto &c : cases) {
+        gif_recipe r;
+        r.version = c.version;
+        r.extensions = c.extensions;
+        r.global = ramp_table(16);
+        r.data = plain_lzw({0, 1, 2, 3, 3, 2, 1, 0}, 8);
+        int h = load_bytes(build(r));
+        ASSERT_GE(h, 0) << c.what;
+        EXPECT_EQ(IMGLOW_get_transp_color(h), c.want) << c.what;
+        EXPECT_EQ(picture_of(h).rows[1], bytes({0x32, 0x10, 0, 0})) << c.what;
+        IMG_delete_bitmap(h);
+    }
+}
+
+TEST(Gif, ACodePastTheTableEndsQuietlyWithTheRowsSoFar) {
+    gif_recipe r;
+    r.global = ramp_table(256);
+    r.width = 4, r.height = 3;
+    r.data = pack_codes({{256, 9}, {1, 9}, {2, 9}, {3, 9}, {4, 9}, {5, 9}, {400, 9}, {6, 9}});
+    row_log log;
+    EXPECT_EQ(low_level(build(r), log), 0);
+    ASSERT_EQ(log.rows.size(), 1u);
+    EXPECT_EQ(log.rows[0].first, 0);
+    EXPECT_EQ(log.rows[0].second, bytes({1, 2, 3, 4}));
+}
+
+TEST(Gif, FullTableWithoutClearKeepsDecoding) {
+    // 9000 pixels through a table that fills at 4096 and is never cleared.
+    gif_recipe r;
+    r.global = ramp_table(256);
+    r.width = 150, r.height = 60;
+    bytes px(150 * 60);
+    for (size_t i = 0; i < px.size(); i++) px[i] = static_cast<uint8_t>(i * 37 >> 4);
+    r.data = plain_lzw(px, 8);
+    picture p = load_picture(build(r));
+    ASSERT_EQ(p.height, 60);
+    for (int y = 0; y < 60; y++)
+        ASSERT_TRUE(std::equal(px.begin() + 150 * y, px.begin() + 150 * (y + 1), p.rows[y].begin())) << y;
+}
+
+TEST(Gif, RepeatedStringsAndResetsDecode) {
+    // Clear in mid-stream, a code naming the entry being built (the case of
+    // a string followed by itself), and a run longer than a row.
+    gif_recipe r;
+    r.global = ramp_table(4);
+    r.min_code = 2;
+    r.width = 3, r.height = 4;
+    // Clear 4, End 5.  1, 1 adds 6 = "11"; 6 gives "11" and adds 7, which
+    // widens codes to 4 bits; 8 is the entry being built: "11" + "1".  Then
+    // a Clear (at 4 bits), 2 and 0 at 3 bits, and End before the last row.
+    r.data = pack_codes({{4, 3}, {1, 3}, {1, 3}, {6, 3}, {8, 4}, {4, 4}, {2, 3}, {0, 3}, {5, 3}});
+    picture p = load_picture(build(r));
+    ASSERT_EQ(p.bits, 4);
+    EXPECT_EQ(p.rows[0], bytes({0x11, 0x10, 0, 0}));
+    EXPECT_EQ(p.rows[1], bytes({0x11, 0x10, 0, 0}));
+    EXPECT_EQ(p.rows[2], bytes({0x12, 0x00, 0, 0}));
+    EXPECT_EQ(p.rows[3], bytes({0, 0, 0, 0})) << "the stream ended early with an End code";
+}
+
+TEST(Gif, MinimumCodeSizeOutOfRangeFallsBackToTheTableSize) {
+    for (int bad : {0, 9, 12}) {
+        gif_recipe r;
+        r.global = ramp_table(16);
+        r.min_code = bad;
+        r.data = plain_lzw({0, 1, 2, 3, 3, 2, 1, 0}, 4);
+        picture p = load_picture(build(r));
+        ASSERT_EQ(p.bits, 4) << bad;
+        EXPECT_EQ(p.rows[0], bytes({0x01, 0x23, 0, 0})) << bad;
+    }
+}
+
+TEST(Gif, CallbackResultsComeBackUnchanged) {
+    gif_recipe r;
+    r.global = ramp_table(256);
+    r.data = plain_lzw({0, 1, 2, 3, 3, 2, 1, 0}, 8);
+    bytes file = build(r);
+    row_log log;
+    log.stop_at = 1;
+    EXPECT_EQ(low_level(file, log), -5);
+    EXPECT_EQ(log.rows.size(), 1u);
+    EXPECT_EQ(log.header.biBitCount, 8);
+    block_ref b(file);
+    EXPECT_EQ(IMGLOW_decompress_bitmap_mem(b.data, 0, log_row, &log, stop_header), IMG_ERR_STOPPED);
+}
+
+TEST(Gif, BrokenFilesEndWithCleanCodes) {
+    auto valid = [] {
+        gif_recipe r;
+        r.global = ramp_table(256);
+        r.width = 20, r.height = 10;
+        bytes px(200);
+        for (size_t i = 0; i < px.size(); i++) px[i] = static_cast<uint8_t>(i);
+        r.data = plain_lzw(px, 8);
+        return r;
+    };
+    struct {
+        const char *what;
+        gif_recipe r;
+        int want;
+    } cases[] = {
+        {"first code not clear", [&] { auto r = valid(); r.data[0] = 7; return r; }(), IMG_ERR_HEADER},
+        {"zero width", [&] { auto r = valid(); r.width = 0; return r; }(), IMG_ERR_HEADER},
+        {"extension runs out", [&] { auto r = valid(); r.extensions = {{'!', 0xFE, 200, 'x'}}; r.data.clear(); return r; }(),
+         IMG_ERR_HEADER},
+        {"no separator", [&] { auto r = valid(); r.extensions = {{';'}}; return r; }(), 0},
+        {"no data", [&] { auto r = valid(); r.data.clear(); return r; }(), IMG_ERR_DATA},
+        {"data stops early", [&] { auto r = valid(); r.data.resize(100); return r; }(), IMG_ERR_DATA},
+    };
+    for (auto &c : cases) {
+        int live = mem_live_blocks();
+        int code = 0;
+        load_picture(build(c.r), &code);
+        if (c.want) EXPECT_EQ(code, c.want) << c.what;
+        else EXPECT_GE(code, 0) << c.what << ": a stray byte before the separator is scanned past";
+        EXPECT_EQ(mem_live_blocks(), live) << c.what;
+        EXPECT_EQ(scratch_count(), 0) << c.what;
+    }
+    // Every truncation of a valid file: a clean code before the data is
+    // complete, never a crash or a leak.
+    bytes file = build(valid());
+    const size_t data_end = file.size() - 2;  // terminator and trailer may go
+    for (size_t cut = 1; cut < file.size(); cut++) {
+        int live = mem_live_blocks();
+        int code = 0;
+        load_picture(bytes(file.begin(), file.begin() + static_cast<long>(cut)), &code);
+        const size_t separator = 13 + 768;
+        if (cut < 3) EXPECT_EQ(code, IMG_ERR_TYPE) << cut;
+        else if (cut == separator) EXPECT_EQ(code, IMG_ERR_HEADER) << cut << ": no separator before the end";
+        else if (cut < data_end - 1) EXPECT_EQ(code, IMG_ERR_DATA) << cut;
+        else if (cut >= data_end) {
+            EXPECT_GE(code, 0) << cut;
+        }
+        EXPECT_EQ(mem_live_blocks(), live) << cut;
+    }
+}
+
+TEST(Gif, AllocationFailuresLeaveNothingBehind) {
+    picture p = make_picture(64, 20, 8, 3);
+    int h = handle_of(p);
+    bytes file = save_bytes(h, IMG_TYPE_GIF);
+    block_ref in(file);
+    for (int k = 1;; k++) {
+        int live = mem_live_blocks();
+        mem_fail_after(k);
+        int code = IMG_decompress_bitmap_mem(in.data, 0);
+        mem_fail_after(0);
+        EXPECT_EQ(scratch_count(), 0);
+        if (code >= 0) {
+            EXPECT_EQ(picture_of(code), p);
+            IMG_delete_bitmap(code);
+            EXPECT_EQ(mem_live_blocks(), live);
+            break;
+        }
+        EXPECT_EQ(mem_live_blocks(), live) << "load k=" << k;
+        EXPECT_EQ(code, IMG_ERR_MEMORY) << "load k=" << k;
+        ASSERT_LT(k, 50);
+    }
+    block_ref out(uint32_t{1} << 20);
+    for (int k = 1;; k++) {
+        int live = mem_live_blocks();
+        mem_fail_after(k);
+        int n = IMG_save_bitmap_mem(h, out.data, IMG_TYPE_GIF);
+        mem_fail_after(0);
+        EXPECT_EQ(mem_live_blocks(), live) << "save k=" << k;
+        if (n >= 0) {
+            EXPECT_EQ(bytes(out.data, out.data + n), file);
+            break;
+        }
+        EXPECT_EQ(n, IMG_ERR_MEMORY) << "save k=" << k;
+        ASSERT_LT(k, 50);
+    }
+    EXPECT_EQ(picture_of(h), p) << "the bitmap is unchanged";
+    IMG_delete_bitmap(h);
+}
+
+namespace {
+int write_budget = 0;
+int IMG_CALLBACK budget_write(int fd, const void *buffer, int n) {
+    int allowed = n < write_budget ? n : write_budget;
+    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+    int r = file_write(fd, buffer, allowed);
+    IMGLOW_set_fileio(nullptr, budget_write, nullptr);
+    write_budget -= r;
+    return r;
+}
+}  // namespace
+
+TEST(Gif, ShortWritesEndWithWriteError) {
+    int h = handle_of(make_picture(300, 80, 8, 11));
+    bytes full = save_bytes(h, IMG_TYPE_GIF);
+    block_ref out(uint32_t{1} << 20);
+    for (size_t budget : {size_t{0}, size_t{5}, size_t{13}, size_t{100}, size_t{13 + 768 + 5}, full.size() / 2,
+                          full.size() - 2, full.size() - 1}) {
+        write_budget = static_cast<int>(budget);
+        IMGLOW_set_fileio(nullptr, budget_write, nullptr);
+        int r = IMG_save_bitmap_mem(h, out.data, IMG_TYPE_GIF);
+        IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+        EXPECT_EQ(r, IMG_ERR_WRITE) << budget;
+        EXPECT_EQ(scratch_count(), 0);
+    }
+    IMG_delete_bitmap(h);
+}
+
+TEST(Gif, LzwDecoderDirectlyOverASource) {
+    // The decoder alone, fed sub-blocks from memory: 4-bit rows pack two
+    // indices to a byte and mask out-of-range indices to their low nibble.
+    bytes stream;
+    bytes codes = plain_lzw({1, 2, 0x1F, 4, 5, 6}, 8);
+    stream.push_back(static_cast<uint8_t>(codes.size()));
+    stream.insert(stream.end(), codes.begin(), codes.end());
+    stream.push_back(0);
+    block_ref b(stream);
+    memory_source_set(b.data);
+    byte_source src;
+    ASSERT_TRUE(source_open(src, MEMORY_FD, 0, 512));
+    dib_header h{};
+    h.info.biWidth = 3, h.info.biHeight = 2, h.info.biBitCount = 4;
+    row_log log;
+    EXPECT_EQ(gif_lzw_decode(src, &h, log_row, &log, 3 | 8 << 8), 0);
+    ASSERT_EQ(log.rows.size(), 2u);
+    EXPECT_EQ(log.rows[0].second, bytes({0x12, 0xF0, 0, 0}));
+    EXPECT_EQ(log.rows[1].second, bytes({0x45, 0x60, 0, 0}));
+    scratch_free_all();
+}
