@@ -1,0 +1,319 @@
+// Targa: every reader variant built from a truth picture (types, depths,
+// maps, origins, ID fields, run-length packets across row ends), the two
+// writers read back, JPEG-in-Targa, hostile files and fault injection.
+#include "jpeg_support.h"
+
+#include <gtest/gtest.h>
+
+using namespace jpeg_testing;
+
+namespace {
+
+uint32_t next(uint32_t &s) {
+    s = s * 1103515245u + 12345u;
+    return s >> 9;
+}
+
+// A truth picture as the reader must deliver it: for 15/16-bit sources
+// every channel is a multiple of 8, as those files can only hold.
+picture truth(int width, int height, int bits, bool five_bit, uint32_t seed) {
+    picture p = make_picture(width, height, bits, seed);
+    if (five_bit) {
+        for (bytes &r : p.rows)
+            for (uint8_t &v : r) v &= 0xF8;
+        for (uint8_t &v : p.palette) v &= 0xF8;
+    }
+    if (bits == 8)
+        for (int i = 0; i < 256; i++) p.palette[4 * i + 3] = 0;
+    return p;
+}
+
+struct recipe {
+    int type;
+    int depth;
+    int map_bits = 0;  // 0: no colour map
+    int map_length = 256;
+    bool top_down = false;
+    int id_length = 0;
+};
+
+void put_pixel(bytes &out, const uint8_t *bgr, int depth, uint32_t &seed) {
+    if (depth == 15 || depth == 16) {
+        uint32_t w = bgr[0] >> 3 | (bgr[1] >> 3) << 5 | (bgr[2] >> 3) << 10 | (next(seed) & 1) << 15;
+        out.push_back(static_cast<uint8_t>(w));
+        out.push_back(static_cast<uint8_t>(w >> 8));
+    } else {
+        out.insert(out.end(), bgr, bgr + 3);
+        if (depth == 32) out.push_back(static_cast<uint8_t>(next(seed)));
+    }
+}
+
+// Run-length packets over the whole pixel stream, so runs cross row ends.
+bytes rle_encode(const bytes &px, int bpp) {
+    bytes out;
+    size_t n = px.size() / bpp, i = 0;
+    auto same = [&](size_t a, size_t b) { return std::memcmp(&px[a * bpp], &px[b * bpp], bpp) == 0; };
+    while (i < n) {
+        size_t run = 1;
+        while (i + run < n && run < 128 && same(i, i + run)) run++;
+        if (run >= 2) {
+            out.push_back(static_cast<uint8_t>(0x80 | (run - 1)));
+            out.insert(out.end(), px.begin() + i * bpp, px.begin() + (i + 1) * bpp);
+            i += run;
+            continue;
+        }
+        size_t raw = 1;
+        while (i + raw < n && raw < 128 && !(i + raw + 1 < n && same(i + raw, i + raw + 1))) raw++;
+        out.push_back(static_cast<uint8_t>(raw - 1));
+        out.insert(out.end(), px.begin() + i * bpp, px.begin() + (i + raw) * bpp);
+        i += raw;
+    }
+    return out;
+}
+
+bytes build_targa(const picture &p, const recipe &r, uint32_t seed = 9) {
+    bytes f(18, 0);
+    f[0] = static_cast<uint8_t>(r.id_length);
+    f[1] = r.map_bits ? 1 : 0;
+    f[2] = static_cast<uint8_t>(r.type);
+    put16(&f[5], r.map_bits ? r.map_length : 0);
+    f[7] = static_cast<uint8_t>(r.map_bits);
+    put16(&f[12], p.width);
+    put16(&f[14], p.height);
+    f[16] = static_cast<uint8_t>(r.depth);
+    f[17] = r.top_down ? 0x20 : 0;
+    for (int i = 0; i < r.id_length; i++) f.push_back(static_cast<uint8_t>('A' + i));
+    for (int i = 0; i < (r.map_bits ? r.map_length : 0); i++) {
+        const uint8_t *e = &p.palette[4 * (i % 256)];
+        uint8_t junk[3] = {1, 2, 3};
+        put_pixel(f, i < 256 ? e : junk, r.map_bits, seed);
+        if (r.map_bits == 32) f.back() = 0;  // the reserved byte the reader copies
+    }
+    bytes px;
+    for (int i = 0; i < p.height; i++) {
+        const bytes &row = p.rows[r.top_down ? i : p.height - 1 - i];
+        for (int x = 0; x < p.width; x++) {
+            if (r.depth == 8)
+                px.push_back(row[x]);
+            else
+                put_pixel(px, &row[3 * x], r.depth, seed);
+        }
+    }
+    int bpp = r.depth == 8 ? 1 : r.depth == 24 ? 3 : r.depth == 32 ? 4 : 2;
+    bytes data = r.type >= 9 ? rle_encode(px, bpp) : px;
+    f.insert(f.end(), data.begin(), data.end());
+    return f;
+}
+
+int read_targa(const bytes &file, sink &s, int fail_after = 0) {
+    return run_reader_on(file, s, targa_read_file, 0, fail_after);
+}
+
+picture picture_of_sink(const sink &s) {
+    picture p;
+    p.width = s.info.biWidth, p.height = s.info.biHeight, p.bits = s.info.biBitCount;
+    if (p.bits == 8) p.palette = s.palette;
+    p.rows = s.rows;
+    return p;
+}
+
+bytes grey_ramp() {
+    bytes p(1024, 0);
+    for (int i = 0; i < 256; i++) p[4 * i] = p[4 * i + 1] = p[4 * i + 2] = static_cast<uint8_t>(i);
+    return p;
+}
+
+}  // namespace
+
+TEST(TargaRead, EveryTypeDepthMapAndOrigin) {
+    std::vector<recipe> recipes;
+    for (int type : {2, 10})
+        for (int depth : {15, 16, 24, 32})
+            for (bool top : {false, true}) recipes.push_back({type, depth, 0, 256, top, top ? 7 : 0});
+    for (int type : {1, 9})
+        for (int map_bits : {15, 16, 24, 32}) recipes.push_back({type, 8, map_bits, 256, map_bits == 24, 3});
+    for (int type : {3, 11}) recipes.push_back({type, 8, 0, 256, type == 11, 0});
+    recipes.push_back({1, 8, 24, 300});  // only the first 256 map entries count
+    recipes.push_back({9, 8, 16, 1000, true, 0});
+    for (const recipe &r : recipes)
+        for (auto [w, h] : {std::pair{1, 1}, {5, 3}, {61, 120}, {1700, 3}, {3400, 2}}) {
+            bool five = r.depth == 15 || r.depth == 16 || r.map_bits == 15 || r.map_bits == 16;
+            picture want = truth(w, h, r.depth == 8 ? 8 : 24, five, w * 7 + h + r.type);
+            if (r.type == 3 || r.type == 11) want.palette = grey_ramp();
+            sink s;
+            ASSERT_EQ(read_targa(build_targa(want, r), s), 1)
+                << "type " << r.type << " depth " << r.depth << " map " << r.map_bits << " " << w << "x" << h;
+            EXPECT_EQ(s.bad_rows, 0);
+            EXPECT_EQ(picture_of_sink(s), want)
+                << "type " << r.type << " depth " << r.depth << " map " << r.map_bits << " top " << r.top_down << " "
+                << w << "x" << h;
+        }
+}
+
+TEST(TargaRead, RunLengthEqualsItsUncompressedForm) {
+    picture p = make_picture(37, 29, 24, 77);
+    for (bool top : {false, true}) {
+        sink raw, rle;
+        ASSERT_EQ(read_targa(build_targa(p, {2, 24, 0, 256, top}), raw), 1);
+        ASSERT_EQ(read_targa(build_targa(p, {10, 24, 0, 256, top}), rle), 1);
+        EXPECT_EQ(raw.rows, rle.rows);
+    }
+}
+
+TEST(TargaRead, JpegInsideTarga) {
+    picture p = smooth_picture(30, 20, kind::rgb24, 1);
+    bytes jpeg = save_picture(p, IMG_TYPE_JPEG);
+    ASSERT_FALSE(jpeg.empty());
+    bytes f(18, 0);
+    f[0] = 30, f[2] = 0x9C;
+    for (int i = 0; i < 30; i++) f.push_back(static_cast<uint8_t>(i));
+    f.insert(f.end(), jpeg.begin(), jpeg.end());
+    sink direct, wrapped;
+    ASSERT_EQ(run_reader_on(jpeg, direct, jpeg_read_file), 0);
+    ASSERT_EQ(read_targa(f, wrapped), 0) << "the JPEG decoder's result";
+    EXPECT_EQ(wrapped.rows, direct.rows);
+    // Detection takes it as Targa too.
+    int h = load_bytes(f);
+    ASSERT_GE(h, 0);
+    EXPECT_EQ(picture_of(h).width, 30);
+    IMG_delete_bitmap(h);
+}
+
+TEST(TargaRead, HostileFilesEndWithCleanCodes) {
+    picture p = make_picture(20, 6, 24, 3);
+    struct {
+        const char *what;
+        recipe r;
+        size_t at;
+        uint8_t value;
+        int code;
+    } cases[] = {
+        {"image type 4", {2, 24}, 2, 4, IMG_ERR_TYPE},
+        {"image type 32", {2, 24}, 2, 32, IMG_ERR_TYPE},
+        {"depth 1", {2, 24}, 16, 1, IMG_ERR_TYPE},
+        {"depth 12", {2, 24}, 16, 12, IMG_ERR_TYPE},
+        {"zero width", {2, 24}, 12, 0, IMG_ERR_HEADER},
+    };
+    for (auto &c : cases) {
+        bytes f = build_targa(p, c.r);
+        f[c.at] = c.value;
+        if (c.at == 12) f[13] = 0;
+        sink s;
+        EXPECT_EQ(read_targa(f, s), c.code) << c.what;
+        EXPECT_EQ(s.begin_calls, 0) << c.what;
+    }
+    const int live = mem_live_blocks();
+    for (const recipe &r : {recipe{2, 24}, recipe{10, 16}, recipe{9, 8, 24}, recipe{1, 8, 32}}) {
+        bytes f = build_targa(p.bits == 24 && r.depth == 8 ? truth(20, 6, 8, false, 4) : p, r);
+        for (size_t n = 1; n < f.size(); n++) {  // a zero-size block has no known size
+            sink s;
+            int rc = read_targa(bytes(f.begin(), f.begin() + n), s);
+            EXPECT_TRUE(rc == 1 || rc == IMG_ERR_DATA) << "type " << r.type << " cut at " << n << ": " << rc;
+            EXPECT_EQ(s.bad_rows, 0);
+        }
+    }
+    scratch_free_all();
+    EXPECT_EQ(mem_live_blocks(), live);
+}
+
+TEST(TargaRead, AllocationFailuresAndRowCodes) {
+    bytes f = build_targa(make_picture(40, 10, 24, 5), {10, 24});
+    const int live = mem_live_blocks();
+    int failures = 0;
+    for (int k = 1; k < 12; k++) {
+        sink s;
+        int rc = read_targa(f, s, k);
+        ASSERT_TRUE(rc == 1 || rc == IMG_ERR_MEMORY) << k << ": " << rc;
+        failures += rc == IMG_ERR_MEMORY;
+        EXPECT_EQ(mem_live_blocks(), live);
+        if (rc == 1) break;
+    }
+    EXPECT_GE(failures, 3);
+    sink s;
+    s.fail_at_row = 9 - 4, s.fail_code = -31;  // bottom-up: the fifth row read
+    EXPECT_EQ(read_targa(f, s), -31);
+    EXPECT_TRUE(s.rows[4].empty());
+}
+
+// ---- Writers ------------------------------------------------------------------------
+
+TEST(TargaWrite, RoundTripEveryWriterAndDepth) {
+    struct {
+        int type;
+        kind k;
+        int file_type, map_type, depth;
+    } cases[] = {{IMG_TYPE_TARGA, kind::grey8, 3, 0, 8},
+                 {IMG_TYPE_TARGA, kind::palette8, 1, 1, 8},
+                 {IMG_TYPE_TARGA, kind::rgb24, 2, 0, 24},
+                 {IMG_TYPE_TARGA16, kind::rgb24, 2, 0, 15}};
+    for (auto &c : cases)
+        for (auto [w, h] : {std::pair{1, 1}, {3, 2}, {61, 47}, {3400, 2}}) {
+            picture p = c.k == kind::rgb24 ? make_picture(w, h, 24, w + h) : smooth_picture(w, h, c.k, w);
+            int n = 0;
+            bytes f = save_picture(p, c.type, &n);
+            ASSERT_GT(n, 18) << c.type << " " << w;
+            EXPECT_EQ(f[1], c.map_type);
+            EXPECT_EQ(f[2], c.file_type);
+            EXPECT_EQ(f[16], c.depth);
+            EXPECT_EQ(f[17], 0) << "bottom-left origin";
+            EXPECT_EQ(get16(&f[12]), w);
+            int bpp = c.depth == 8 ? 1 : c.depth == 24 ? 3 : 2;
+            EXPECT_EQ(f.size(), 18u + (c.map_type ? 768u : 0u) + static_cast<size_t>(w) * h * bpp);
+            sink s;
+            ASSERT_EQ(read_targa(f, s), 1);
+            picture want = p;
+            if (c.type == IMG_TYPE_TARGA16)
+                for (bytes &r : want.rows)
+                    for (size_t i = 0; i < static_cast<size_t>(3 * w); i++) r[i] &= 0xF8;
+            EXPECT_EQ(picture_of_sink(s), want) << c.type << " " << c.file_type << " " << w << "x" << h;
+        }
+}
+
+TEST(TargaWrite, RefusalsBeforeAnythingIsWritten) {
+    struct {
+        int type, bits, code;
+    } cases[] = {{IMG_TYPE_TARGA, 4, IMG_ERR_DEPTH}, {IMG_TYPE_TARGA, 1, IMG_ERR_DEPTH},
+                 {IMG_TYPE_TARGA16, 8, IMG_ERR_TYPE}, {IMG_TYPE_TARGA16, 4, IMG_ERR_TYPE}};
+    for (auto &c : cases) {
+        int n = 0;
+        save_picture(make_picture(9, 4, c.bits, 2), c.type, &n);
+        EXPECT_EQ(n, c.code) << c.type << "/" << c.bits;
+    }
+}
+
+namespace {
+int writes, fail_write_at;
+int IMG_CALLBACK failing_write(int fd, const void *buffer, int count) {
+    if (++writes == fail_write_at) return count - 1;
+    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+    int n = file_write(fd, buffer, count);
+    IMGLOW_set_fileio(nullptr, failing_write, nullptr);
+    return n;
+}
+}  // namespace
+
+TEST(TargaWrite, ShortWritesAndAllocationFailures) {
+    for (int type : {IMG_TYPE_TARGA, IMG_TYPE_TARGA16}) {
+        picture p = type == IMG_TYPE_TARGA ? smooth_picture(12, 5, kind::palette8, 1) : make_picture(12, 5, 24, 1);
+        const int live = mem_live_blocks();
+        int expected_writes = type == IMG_TYPE_TARGA ? 1 + 1 + 5 : 1 + 5;  // header, map, rows
+        for (int k = 1; k <= expected_writes; k++) {
+            writes = 0, fail_write_at = k;
+            IMGLOW_set_fileio(nullptr, failing_write, nullptr);
+            int n = 0;
+            save_picture(p, type, &n);
+            IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+            EXPECT_EQ(n, IMG_ERR_WRITE) << type << " write " << k;
+        }
+        int failures = 0;
+        for (int k = 1; k < 10; k++) {
+            int n = 0;
+            save_picture(p, type, &n, 0, 0, k);
+            ASSERT_TRUE(n > 0 || n == IMG_ERR_MEMORY) << k;
+            failures += n == IMG_ERR_MEMORY;
+            if (n > 0) break;
+        }
+        EXPECT_GE(failures, 2);
+        EXPECT_EQ(mem_live_blocks(), live);
+    }
+}
