@@ -5,6 +5,9 @@
 
 #include <cstdlib>
 #include <cstring>
+#if defined(__linux__)
+#include <sys/mman.h>
+#endif
 
 namespace {
 
@@ -38,6 +41,21 @@ block_entry *entry_of(mem_block block) {
     block_entry *e = &table[slot - 1];
     if (is_free(*e) || e->generation != gen) return nullptr;
     return e;
+}
+
+// Picture-sized blocks are first touched row by row right after they are
+// taken; asking for huge pages there saves thousands of page faults a load.
+void advise_large(void *p, uint32_t size) {
+#if defined(__linux__) && defined(MADV_HUGEPAGE)
+    constexpr uintptr_t HUGE = uintptr_t{2} << 20;
+    if (size < 4 * HUGE) return;
+    uintptr_t start = (reinterpret_cast<uintptr_t>(p) + HUGE - 1) & ~(HUGE - 1);
+    uintptr_t end = (reinterpret_cast<uintptr_t>(p) + size) & ~(HUGE - 1);
+    if (end > start) madvise(reinterpret_cast<void *>(start), end - start, MADV_HUGEPAGE);
+#else
+    (void)p;
+    (void)size;
+#endif
 }
 
 bool take_failure() {
@@ -75,6 +93,7 @@ mem_block mem_alloc(uint32_t size, unsigned flags) {
         free_head = slot;
         return 0;
     }
+    advise_large(p, size);
     e.data = p;
     e.size = size;
     e.locks = 0;
