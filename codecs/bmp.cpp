@@ -24,14 +24,19 @@ struct bmp_reader {
 // Plain rows, read up to 10000 bytes at a time and delivered bottom row first.
 int read_plain(bmp_reader &b) {
     const int w = b.width;
-    uint32_t L = b.file_bits == 16 ? static_cast<uint32_t>(w) * 2  // not padded, deliberately
-                                   : row_bytes(w, b.file_bits == 32 ? 32 : b.file_bits);
-    if (b.file_bits == 32) L = static_cast<uint32_t>(w) * 4;
-    if (!L) return IMG_ERR_HEADER;
-    uint32_t k = L > READ_BUFFER_SIZE ? 1 : READ_BUFFER_SIZE / L;
+    uint32_t L, tmp;
+    if (b.file_bits == 16 || b.file_bits == 32) {
+        // 16-bit rows are not padded, deliberately.
+        if (!size_mul_add(static_cast<uint32_t>(w), b.file_bits / 8, 0, &L)) return IMG_ERR_HEADER;
+    } else {
+        L = row_bytes(w, b.file_bits);
+    }
     uint32_t out_len = row_bytes(w, b.info->biBitCount);
-    uint32_t buf_size, tmp;
-    if (!size_mul_add(k, L, 2000 + out_len, &buf_size)) return IMG_ERR_MEMORY;
+    // A row too wide to store cannot be delivered either.
+    if (!L || !out_len) return IMG_ERR_HEADER;
+    uint32_t k = L > READ_BUFFER_SIZE ? 1 : READ_BUFFER_SIZE / L;
+    uint32_t buf_size;
+    if (!size_mul_add(k, L, 2000 + uint64_t{out_len}, &buf_size)) return IMG_ERR_MEMORY;
     auto *buf = static_cast<uint8_t *>(scratch_alloc(buf_size));
     bool convert = b.mode == row_mode::from16 || b.mode == row_mode::from32;
     uint8_t *out = convert ? static_cast<uint8_t *>(scratch_alloc(out_len + 16)) : nullptr;
@@ -82,7 +87,9 @@ template <bool Nibbles>
 int read_rle(bmp_reader &b) {
     const uint32_t rb = row_bytes(b.width, Nibbles ? 4 : 8);
     // RLE8 drops writes past rb + 1000; RLE4 keeps four rows' worth of room.
-    const uint32_t cap = Nibbles ? 4 * rb : rb + 3000;
+    uint32_t cap;
+    if (!rb || !size_mul_add(rb, Nibbles ? 4 : 1, Nibbles ? 16 : 3016, &cap)) return IMG_ERR_MEMORY;
+    cap -= 16;
     const uint32_t limit = Nibbles ? 2 * (cap - 1) : rb + 1000;  // in pixels
     auto *row = static_cast<uint8_t *>(scratch_alloc(cap + 16));
     byte_source src;
@@ -244,8 +251,11 @@ BRIVANTA_READER(bmp_read) {
     }
     if (int rc = begin_image(hdr, context); rc < 0) return rc;
 
-    if (has_file_header)
-        file_seek(fd, where + static_cast<int32_t>(get32(fh + 10)), 0);
+    if (has_file_header) {
+        // An offset past the largest position lands past the end, not before the start.
+        int64_t pixels = int64_t{where} + get32(fh + 10);
+        file_seek(fd, static_cast<int32_t>(pixels > INT32_MAX ? INT32_MAX : pixels), 0);
+    }
     else if (colour_count && colour_count <= 0x10000)
         file_seek(fd, where + 40 + 4 * static_cast<int32_t>(colour_count), 0);
     else

@@ -17,6 +17,7 @@ memory_source source;
 // Readers keep at most twenty scratch blocks alive; the extra room means a
 // reader that holds more never loses track of one.
 constexpr int SCRATCH_CAPACITY = 64;
+static_assert(SCRATCH_CAPACITY >= SCRATCH_SLOTS);
 void *scratch[SCRATCH_CAPACITY];
 
 }  // namespace
@@ -80,9 +81,10 @@ int32_t file_size_hint(int fd) {
 void memory_source_set(void *block) {
     source.base = static_cast<uint8_t *>(block);
     source.position = 0;
-    uint32_t size = mem_size(mem_handle(block));
-    // An address that is not the start of a block has no known size.
-    source.size = size ? static_cast<int32_t>(size) : 0x70000000;
+    // An address that is not the start of a block has no known size; a
+    // block of zero bytes is empty, not unbounded.
+    mem_block b = mem_handle(block);
+    source.size = b ? static_cast<int32_t>(mem_size(b)) : 0x70000000;
 }
 
 void *scratch_alloc(uint32_t size) {

@@ -292,11 +292,52 @@ def save_case(type_code, bits, source):
     return check
 
 
+# ---- Hostile files ---------------------------------------------------------------
+# Crash files kept for the fuzz replays, with the codes they must give through
+# the handle-level load and through the low-level load with accepting callbacks
+# (which allocates no bitmap, so the reader's own size checks must hold).
+# The fuzz replays run the same files under the sanitizers and count blocks.
+CRASHERS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "fuzz", "crashers")
+HOSTILE = [
+    ("empty_block", -7, -7),
+    ("huge_24bit.bmp", -1, -3),
+    ("wide_32bit_row.bmp", -1, -3),
+    ("wide_16bit_row.bmp", -1, -3),
+    ("rle4_row_size_overflow.bmp", -1, -1),
+    ("offbits_wraps_negative.bmp", -12, -12),
+]
+
+ROW_FN = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p, ctypes.c_void_p, ctypes.c_int, ctypes.c_int)
+HEADER_FN = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p, ctypes.c_void_p)
+ACCEPT_ROW = ROW_FN(lambda row, context, r, n: 0)
+ACCEPT_HEADER = HEADER_FN(lambda header, context: 0)
+LIB.IMGLOW_decompress_bitmap_mem.argtypes = [ctypes.c_void_p, ctypes.c_int, ROW_FN, ctypes.c_void_p, HEADER_FN]
+
+
+def hostile_case(name, handle_code, low_code):
+    def check():
+        with open(os.path.join(CRASHERS, name), "rb") as f:
+            data = f.read()
+        got = load_mem(data)
+        assert got == handle_code, "handle-level load gave %r, expected %d" % (got, handle_code)
+        block = LIB.IMG_mem_alloc(len(data))
+        addr = LIB.IMG_mem_lock(block)
+        ctypes.memmove(addr, data, len(data))
+        try:
+            got = LIB.IMGLOW_decompress_bitmap_mem(addr, 0, ACCEPT_ROW, None, ACCEPT_HEADER)
+        finally:
+            LIB.IMG_mem_unlock(block)
+            LIB.IMG_mem_free(block)
+        assert got == low_code, "low-level load gave %d, expected %d" % (got, low_code)
+    return check
+
+
 WRITER_DEPTHS = {1: (1, 4, 8, 24), 12: (4, 8)}
 FIXTURE_OF = {1: "nb_1.bmp", 4: "nb_4.bmp", 8: "nb_8.bmp", 24: "im_24.bmp"}
 SHAPES = [(601, 12, 1), (37, 23, 2), (1, 3, 3), (2, 3, 4), (3, 5, 5), (5, 4, 6), (255, 6, 7), (256, 6, 8), (257, 6, 9)]
 
 cases = [("read " + c[0], read_case(*c)) for c in READ_CASES]
+cases += [("hostile " + c[0], hostile_case(*c)) for c in HOSTILE]
 for t, depths in WRITER_DEPTHS.items():
     for bits in depths:
         cases.append(("type %d, %d bits, %s" % (t, bits, FIXTURE_OF[bits]), save_case(t, bits, FIXTURE_OF[bits])))
