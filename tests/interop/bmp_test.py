@@ -297,7 +297,7 @@ def save_case(type_code, bits, source):
 # the handle-level load and through the low-level load with accepting callbacks
 # (which allocates no bitmap, so the reader's own size checks must hold).
 # The fuzz replays run the same files under the sanitizers and count blocks.
-CRASHERS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "fuzz", "crashers")
+CRASHERS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "fuzz", "crashers", "bmp")
 HOSTILE = [
     ("empty_block", -7, -7),
     ("huge_24bit.bmp", -1, -3),
