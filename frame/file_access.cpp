@@ -17,7 +17,6 @@ memory_source source;
 // Readers keep at most twenty scratch blocks alive; the extra room means a
 // reader that holds more never loses track of one.
 constexpr int SCRATCH_CAPACITY = 64;
-static_assert(SCRATCH_CAPACITY >= SCRATCH_SLOTS);
 void *scratch[SCRATCH_CAPACITY];
 
 }  // namespace
