@@ -4,6 +4,8 @@
 #   make bench   build and run the benchmarks
 #   make fuzz    run each fuzz target for FUZZ_SECONDS (default 60)
 #   make sanitize  build with ASan and UBSan and run the test suite
+#   make windows   cross-build brivanta.dll for 32-bit (build-win32) and 64-bit (build-win64) Windows
+#   make test-windows  run the portable tests, the DLL test and the Linux comparison under Wine
 
 BUILD ?= build
 JOBS ?= $(shell nproc)
@@ -12,9 +14,10 @@ CMAKE_FLAGS ?=
 
 PACKAGES = cmake ninja-build g++ clang libgtest-dev libbenchmark-dev \
 	libtiff-tools netpbm imagemagick libjpeg-turbo-progs giflib-tools python3-pil python3-numpy \
-	libclang-rt-14-dev libtiff-dev libgif-dev libturbojpeg0-dev libstb-dev
+	libclang-rt-14-dev libtiff-dev libgif-dev libturbojpeg0-dev libstb-dev \
+	mingw-w64 g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix googletest wine wine64
 
-.PHONY: all deps build demo test bench fuzz sanitize clean
+.PHONY: all deps build demo test bench fuzz sanitize clean windows test-windows
 
 all: build
 
@@ -67,5 +70,27 @@ fuzz: deps
 	    -artifact_prefix=fuzz/crashers/$$n- build-fuzz/corpus/$$n fuzz/corpus || exit 1; \
 	done
 
+# Windows: 32-bit is what applications load; 64-bit runs the tests under Wine.
+WIN_RUNNER = $(CURDIR)/tests/windows/wine-run.sh
+WIN32_TARGETS = brivanta brivanta_tool brivanta_dll_test brivanta_link_example
+
+build-win32/build.ninja:
+	cmake -S . -B build-win32 -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/mingw-i686.cmake $(CMAKE_FLAGS)
+
+build-win64/build.ninja:
+	cmake -S . -B build-win64 -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/mingw-x86_64.cmake \
+	  -DCMAKE_CROSSCOMPILING_EMULATOR=$(WIN_RUNNER) \
+	  -DBRIVANTA_HOST_BUILD=$(abspath $(BUILD)) $(CMAKE_FLAGS)
+
+windows: deps build-win32/build.ninja build-win64/build.ninja
+	cmake --build build-win32 -j $(JOBS) --target $(WIN32_TARGETS)
+	cmake --build build-win64 -j $(JOBS)
+
+test-windows: build windows
+	cd build-win32 && ctest --output-on-failure -R '^dll_(export_table|stdcall_returns)$$'
+	cd build-win64 && ctest --output-on-failure -j $(JOBS) --timeout 900
+
 clean:
-	rm -rf $(BUILD) build-sanitize build-bench build-fuzz
+	rm -rf $(BUILD) build-sanitize build-bench build-fuzz build-win32 build-win64

@@ -138,10 +138,8 @@ int scratch_count() {
 int open_temp_file(char *name, int mode) {
     if (mode == 1) return os_open(name, OS_OPEN_READ);
     if (mode != 0) return -1;
-    char dir[88];
-    if (!os_temp_dir(dir, sizeof dir)) return -1;
     // One fixed name, as the contract says: an older file of that name is overwritten.
-    std::snprintf(name, 100, "%simg0001.tmp", dir);
+    if (!os_temp_file_name(name, 100)) return -1;
     return os_create(name);
 }
 

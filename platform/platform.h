@@ -41,6 +41,9 @@ int os_delete(const char *name);
 
 // Fills dir (capacity bytes) with the temporary directory, ending in a separator.
 bool os_temp_dir(char *dir, int capacity);
+// Fills name (capacity bytes) with the library's one temporary file name in
+// that directory; the same name every time.  Creates nothing.
+bool os_temp_file_name(char *name, int capacity);
 
 // Milliseconds since some fixed point; wraps.
 uint32_t os_tick_count();

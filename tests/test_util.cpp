@@ -1,8 +1,14 @@
 #include "test_util.h"
+#include "platform/platform.h"
 
 #include <cstdio>
 #include <cstring>
+#ifdef _WIN32
+#include <process.h>
+#define getpid _getpid
+#else
 #include <unistd.h>
+#endif
 
 uint32_t stride_of(int width, int bits) {
     uint32_t n = bits == 1 ? (width + 7) / 8 : bits == 4 ? (width + 1) / 2 : bits == 24 ? width * 3 : width;
@@ -130,8 +136,9 @@ void write_file(const std::string &name, const bytes &content) {
 }
 
 std::string temp_path(const std::string &leaf) {
-    const char *t = std::getenv("TMPDIR");
-    return std::string(t && *t ? t : "/tmp") + "/brivanta_test_" + std::to_string(getpid()) + "_" + leaf;
+    char dir[512];
+    if (!os_temp_dir(dir, sizeof dir)) dir[0] = 0;
+    return std::string(dir) + "brivanta_test_" + std::to_string(getpid()) + "_" + leaf;
 }
 
 int load_bytes(const bytes &file) {

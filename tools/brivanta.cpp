@@ -5,10 +5,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <vector>
+#ifdef _WIN32
+#include <io.h>
+#define isatty _isatty
+#else
+#include <unistd.h>
+#endif
 
 namespace {
 
@@ -207,7 +212,13 @@ int cmd_convert(int argc, char **argv) {
             progress_stop();
             return fail(in, IMG_ERR_OPEN);
         }
-        h = IMG_decompress_bitmap_fd(fileno(f), 0, page);
+#ifdef _WIN32
+        // The library's descriptors are system file handles, not C runtime ones.
+        int fd = static_cast<int>(_get_osfhandle(_fileno(f)));
+#else
+        int fd = fileno(f);
+#endif
+        h = IMG_decompress_bitmap_fd(fd, 0, page);
         std::fclose(f);
     } else {
         h = IMG_decompress_bitmap(in);
@@ -325,7 +336,8 @@ int cmd_demo(int argc, char **argv) {
         return 0;
     }
     std::string dir = argc > 2 ? argv[2] : "brivanta-demo";
-    mkdir(dir.c_str(), 0755);
+    std::error_code made;
+    std::filesystem::create_directory(dir, made);
     int block = make_card_block();
     if (!block) return fail("test card", IMG_ERR_MEMORY);
     void *dib = IMG_mem_lock(block);
@@ -365,8 +377,8 @@ int cmd_demo(int argc, char **argv) {
             }
             int h = IMG_decompress_bitmap(file);
             double ms = ms_since(t0);
-            struct stat st {};
-            stat(file, &st);
+            std::error_code sized;
+            auto file_bytes = std::filesystem::file_size(file, sized);
             const char *verdict = "load fails";
             if (h >= 0) {
                 bool same = bitmap_bytes(h) == bitmap_bytes(cards[i]);
@@ -376,7 +388,7 @@ int cmd_demo(int argc, char **argv) {
             }
             rows++;
             std::printf("%-4d %-30s %-28s %9lld  %-10s %8.2f\n", t.code, t.name, file + dir.size() + 1,
-                        static_cast<long long>(st.st_size), verdict, ms);
+                        sized ? -1LL : static_cast<long long>(file_bytes), verdict, ms);
         }
     }
     for (int c : cards) IMG_delete_bitmap(c);

@@ -2,6 +2,7 @@
 #include "platform/platform.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -79,6 +80,13 @@ bool os_temp_dir(char *dir, int capacity) {
     if (!slash) dir[n++] = '/';
     dir[n] = 0;
     return true;
+}
+
+bool os_temp_file_name(char *name, int capacity) {
+    char dir[256];
+    if (!os_temp_dir(dir, sizeof dir)) return false;
+    int n = std::snprintf(name, capacity > 0 ? static_cast<size_t>(capacity) : 0, "%simg0001.tmp", dir);
+    return n > 0 && n < capacity;
 }
 
 uint32_t os_tick_count() {

@@ -1,0 +1,23 @@
+#!/bin/sh
+# brivanta.exe's demo writes the same files as the Linux tool's, and a program
+# linked to the import library converts one of them back to the same bytes.
+# Usage: tool_test.sh HOST_TOOL RUNNER WINDOWS_TOOL LINK_EXAMPLE WORK_DIR
+set -eu
+host=$1 runner=$2 tool=$3 example=$4 work=$5
+rm -rf "$work"
+mkdir -p "$work"
+"$host" demo "$work/linux" >/dev/null
+$runner "$tool" demo "$work/windows" >/dev/null
+files=$(find "$work/linux" -type f | wc -l)
+if [ "$files" -lt 5 ]; then
+  echo "only $files demo files written on Linux"
+  exit 1
+fi
+if ! diff -r "$work/linux" "$work/windows"; then
+  echo "the Windows tool writes different files"
+  exit 1
+fi
+echo "demo: $files files identical"
+$runner "$example" "$work/windows/card24.bmp" "$work/copy.bmp" 1
+cmp "$work/windows/card24.bmp" "$work/copy.bmp"
+echo "import library: BMP to BMP unchanged"

@@ -1,0 +1,221 @@
+#!/usr/bin/env python3
+"""The library's export list, taken from the public header.
+
+  exports.py names HEADER                     one exported name a line
+  exports.py def HEADER OUT [--stdcall]       module-definition file for the DLL
+  exports.py table HEADER OUT                 X(name) lines for C programs
+  exports.py check-pe HEADER DLL OBJDUMP      the DLL exports exactly the header's names
+  exports.py check-elf HEADER SO NM           the shared object exports exactly them
+  exports.py check-stdcall HEADER DLL OBJDUMP every 32-bit export pops its own arguments
+
+With --stdcall every name carries its argument byte count (name@N), which
+the linker's --kill-at strips from the export table while the import library
+keeps the decorated names that callers compiled against the header use.
+"""
+import re
+import subprocess
+import sys
+
+EXPORT = re.compile(r"\bIMG_EXPORT\b(?P<ret>[^;{]*?)\bIMG_API\s+(?P<name>[A-Za-z_]\w*)\s*\(")
+EIGHT_BYTE = re.compile(r"\b(double|long\s+long|u?int64_t|__int64)\b")
+NOT_A_WORD = re.compile(r"\b(float|struct|union)\b")
+
+
+def strip_comments(text):
+    text = re.sub(r"/\*.*?\*/", " ", text, flags=re.S)
+    text = re.sub(r"//[^\n]*", " ", text)
+    # Preprocessor lines (with their continuations) declare nothing.
+    return re.sub(r"^[ \t]*#(?:[^\n]*\\\n)*[^\n]*", " ", text, flags=re.M)
+
+
+def split_params(text):
+    """Top-level comma split of a parameter list."""
+    parts, depth, cur = [], 0, ""
+    for ch in text:
+        if ch == "(":
+            depth += 1
+        elif ch == ")":
+            depth -= 1
+        if ch == "," and depth == 0:
+            parts.append(cur.strip())
+            cur = ""
+        else:
+            cur += ch
+    if cur.strip():
+        parts.append(cur.strip())
+    return parts
+
+
+def param_bytes(param):
+    """Stack bytes of one argument on 32-bit x86."""
+    if "*" in param or "(" in param:
+        return 4
+    if EIGHT_BYTE.search(param):
+        return 8
+    if NOT_A_WORD.search(param) and "*" not in param:
+        raise ValueError(f"cannot size parameter '{param}'")
+    return 4
+
+
+def parse(header_path):
+    """[(name, stdcall argument bytes)] in header order."""
+    with open(header_path, encoding="utf-8") as f:
+        text = strip_comments(f.read())
+    found = []
+    for m in EXPORT.finditer(text):
+        # Find the matching close parenthesis of the parameter list.
+        i, depth = m.end(), 1
+        while depth and i < len(text):
+            depth += {"(": 1, ")": -1}.get(text[i], 0)
+            i += 1
+        if depth:
+            raise ValueError(f"unterminated declaration of {m.group('name')}")
+        params = split_params(text[m.end():i - 1])
+        if params in ([], ["void"]):
+            size = 0
+        else:
+            size = sum(param_bytes(p) for p in params)
+        found.append((m.group("name"), size))
+    names = [n for n, _ in found]
+    dupes = {n for n in names if names.count(n) > 1}
+    if dupes:
+        raise ValueError("declared twice: " + ", ".join(sorted(dupes)))
+    if not found:
+        raise ValueError(f"no exports found in {header_path}")
+    return found
+
+
+def pe_exports(dll, objdump):
+    out = subprocess.run([objdump, "-p", dll], check=True, capture_output=True, text=True).stdout
+    names, inside = [], False
+    for line in out.splitlines():
+        if line.startswith("[Ordinal/Name Pointer] Table"):
+            inside = True
+            continue
+        if inside:
+            m = re.match(r"\s*\[\s*\d+\]\s+(\S+)\s*$", line)
+            if not m:
+                break
+            names.append(m.group(1))
+    return names
+
+
+def elf_exports(so, nm):
+    out = subprocess.run([nm, "-D", "--defined-only", so], check=True, capture_output=True, text=True).stdout
+    names = []
+    for line in out.splitlines():
+        parts = line.split()
+        # Symbol-version records (type A) are not functions.
+        if len(parts) >= 3 and parts[1] != "A":
+            names.append(parts[2].split("@")[0])
+    return names
+
+
+def stdcall_problems(exports, dll, objdump):
+    """Each export's code must return with 'ret $bytes': the callee pops."""
+    out = subprocess.run([objdump, "-d", "--no-show-raw-insn", dll], check=True, capture_output=True,
+                         text=True).stdout
+    label = re.compile(r"^[0-9a-f]+ <_(?P<name>\w+)@(?P<size>\d+)(?P<part>\.\w+)?>:$")
+    rets, tails, current = {}, {}, None
+    for line in out.splitlines():
+        m = label.match(line)
+        if m:
+            current = (m.group("name"), int(m.group("size")))
+            rets.setdefault(current, [])
+            continue
+        if current is None:
+            continue
+        if not line.strip():
+            current = None
+            continue
+        fields = line.split("\t")
+        insn = fields[-1].strip() if len(fields) > 1 else ""
+        if insn.startswith("ret"):
+            rets[current].append(insn)
+        elif insn:
+            tails[current] = insn.startswith("jmp")
+    problems = []
+    for name, size in exports:
+        key = (name, size)
+        if key not in rets:
+            problems.append(f"{name}: no code labelled {name}@{size}")
+            continue
+        want = f"ret    $0x{size:x}" if size else "ret"
+        wrong = sorted({r for r in rets[key] if " ".join(r.split()) != " ".join(want.split())})
+        if wrong:
+            problems.append(f"{name}: returns with {', '.join(wrong)}, expected '{want}'")
+        if not rets[key] and not tails.get(key):
+            problems.append(f"{name}: no return found")
+    return problems
+
+
+def compare(header_names, exported, what):
+    missing = sorted(set(header_names) - set(exported))
+    extra = sorted(set(exported) - set(header_names))
+    dupes = sorted({n for n in exported if exported.count(n) > 1})
+    for n in missing:
+        print(f"{what}: missing export {n}")
+    for n in extra:
+        print(f"{what}: export not in the header: {n}")
+    for n in dupes:
+        print(f"{what}: exported twice: {n}")
+    if missing or extra or dupes:
+        return 1
+    print(f"{what}: exports match the header ({len(header_names)} names)")
+    return 0
+
+
+def main(argv):
+    if len(argv) < 3:
+        print(__doc__.strip(), file=sys.stderr)
+        return 2
+    cmd, header = argv[1], argv[2]
+    exports = parse(header)
+    names = [n for n, _ in exports]
+    if cmd == "names":
+        print("\n".join(names))
+        return 0
+    if cmd == "def" and len(argv) >= 4:
+        stdcall = "--stdcall" in argv[4:]
+        lines = ["LIBRARY brivanta.dll", "EXPORTS"]
+        lines += [f"  {n}@{size}" if stdcall else f"  {n}" for n, size in exports]
+        write_if_changed(argv[3], "\n".join(lines) + "\n")
+        return 0
+    if cmd == "table" and len(argv) >= 4:
+        lines = ["/* Generated from the public header: one X(name) per export. */"]
+        lines += [f"X({n})" for n in names]
+        write_if_changed(argv[3], "\n".join(lines) + "\n")
+        return 0
+    if cmd == "check-pe" and len(argv) >= 5:
+        return compare(names, pe_exports(argv[3], argv[4]), argv[3])
+    if cmd == "check-stdcall" and len(argv) >= 5:
+        problems = stdcall_problems(exports, argv[3], argv[4])
+        for p in problems:
+            print(f"{argv[3]}: {p}")
+        if not problems:
+            print(f"{argv[3]}: all {len(exports)} exports pop their own arguments")
+        return 1 if problems else 0
+    if cmd == "check-elf" and len(argv) >= 5:
+        return compare(names, elf_exports(argv[3], argv[4]), argv[3])
+    print(__doc__.strip(), file=sys.stderr)
+    return 2
+
+
+def write_if_changed(path, text):
+    """Leaves an unchanged file untouched, so nothing downstream rebuilds."""
+    try:
+        with open(path, encoding="utf-8") as f:
+            if f.read() == text:
+                return
+    except OSError:
+        pass
+    with open(path, "w", encoding="utf-8") as f:
+        f.write(text)
+
+
+if __name__ == "__main__":
+    try:
+        sys.exit(main(sys.argv))
+    except (ValueError, OSError, subprocess.CalledProcessError) as e:
+        print(f"exports.py: {e}", file=sys.stderr)
+        sys.exit(1)
