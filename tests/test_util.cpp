@@ -3,8 +3,10 @@
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #ifdef _WIN32
 #include <process.h>
+#include <windows.h>
 #define getpid _getpid
 #else
 #include <unistd.h>
@@ -139,6 +141,21 @@ std::string temp_path(const std::string &leaf) {
     char dir[512];
     if (!os_temp_dir(dir, sizeof dir)) dir[0] = 0;
     return std::string(dir) + "brivanta_test_" + std::to_string(getpid()) + "_" + leaf;
+}
+
+std::string use_private_temp_dir(const std::string &tag) {
+    std::string dir = temp_path(tag);
+    std::error_code ec;
+    std::filesystem::create_directories(dir, ec);
+#ifdef _WIN32
+    // GetTempPathA reads TMP first, then TEMP.
+    SetEnvironmentVariableA("TMP", dir.c_str());
+    SetEnvironmentVariableA("TEMP", dir.c_str());
+    return dir + "\\";
+#else
+    setenv("TMPDIR", dir.c_str(), 1);
+    return dir + "/";
+#endif
 }
 
 int load_bytes(const bytes &file) {

@@ -43,6 +43,9 @@ picture picture_of(int handle);
 bytes read_file(const std::string &name);
 void write_file(const std::string &name, const bytes &content);
 std::string temp_path(const std::string &leaf);
+// Points the library's temporary directory at a new directory of this
+// process's own (named after tag) and returns it, ending in a separator.
+std::string use_private_temp_dir(const std::string &tag);
 
 // Loads a file image from memory into a handle.
 int load_bytes(const bytes &file);

@@ -7,10 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 namespace {
 
 struct pcx_recipe {
@@ -75,9 +71,7 @@ bytes appearance(const picture &p) {
 // DCX saves go through the library's fixed temporary file name; a private
 // directory keeps parallel test processes apart.
 void private_temp_dir() {
-    static std::string dir = "/tmp/brivanta_pcx_" + std::to_string(getpid());
-    mkdir(dir.c_str(), 0700);
-    setenv("TMPDIR", dir.c_str(), 1);
+    static std::string dir = use_private_temp_dir("pcx");
 }
 
 bytes save_picture(const picture &p, int type, int *code = nullptr) {
@@ -406,9 +400,9 @@ TEST(Dcx, RepeatedSavesAddPages) {
     EXPECT_EQ(get32(&file[0]), 987654321u);
     EXPECT_EQ(get32(&file[4]), 404u);
     for (int i = 0; i < 4; i++) {
-        int fd = open(name.c_str(), O_RDONLY);
+        int fd = os_open(name.c_str(), OS_OPEN_READ);
         int h = IMG_decompress_bitmap_fd(fd, 0, i);
-        close(fd);
+        os_close(fd);
         ASSERT_GE(h, 0) << "page " << i;
         EXPECT_EQ(picture_of(h), pages[i]) << "page " << i;
         IMG_delete_bitmap(h);
