@@ -7,6 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <utility>
 
 namespace {
@@ -506,4 +509,22 @@ TEST(Gif, LzwDecoderDirectlyOverASource) {
     EXPECT_EQ(log.rows[0].second, bytes({0x12, 0xF0, 0, 0}));
     EXPECT_EQ(log.rows[1].second, bytes({0x45, 0x60, 0, 0}));
     scratch_free_all();
+}
+
+TEST(Gif, ReadsFromAStartOffset) {
+    picture p = make_picture(29, 11, 8, 4);
+    int h = handle_of(p);
+    bytes gif = save_bytes(h, IMG_TYPE_GIF);
+    IMG_delete_bitmap(h);
+    bytes file(300 + gif.size(), 0xAB);
+    std::copy(gif.begin(), gif.end(), file.begin() + 300);
+    std::string name = temp_path("offset.gif");
+    write_file(name, file);
+    int fd = open(name.c_str(), O_RDONLY);
+    h = IMG_decompress_bitmap_fd(fd, 300, 0);
+    close(fd);
+    std::remove(name.c_str());
+    ASSERT_GE(h, 0);
+    EXPECT_EQ(picture_of(h), p);
+    IMG_delete_bitmap(h);
 }

@@ -479,3 +479,20 @@ TEST(Dcx, BrokenContainersEndWithCleanCodes) {
     EXPECT_EQ(dcx_page_count(MEMORY_FD), IMG_ERR_HEADER);
     scratch_free_all();
 }
+
+TEST(Pcx, ReadsFromAStartOffset) {
+    // The 8-bit palette is still found at the end of the file.
+    picture p = make_picture(29, 11, 8, 4);
+    bytes pcx = save_picture(p, IMG_TYPE_PCX);
+    bytes file(300 + pcx.size(), 0xAB);
+    std::copy(pcx.begin(), pcx.end(), file.begin() + 300);
+    std::string name = temp_path("offset.pcx");
+    write_file(name, file);
+    int fd = open(name.c_str(), O_RDONLY);
+    int h = IMG_decompress_bitmap_fd(fd, 300, 0);
+    close(fd);
+    std::remove(name.c_str());
+    ASSERT_GE(h, 0);
+    EXPECT_EQ(picture_of(h), p);
+    IMG_delete_bitmap(h);
+}
