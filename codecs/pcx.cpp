@@ -35,6 +35,16 @@ constexpr auto gather_table = [] {
     return t;
 }();
 
+// Reads up to n bytes, going on after short reads (hooks may trickle);
+// stops at the first read that brings nothing.
+void read_up_to(int fd, uint8_t *dst, int32_t n) {
+    for (int32_t done = 0; done < n;) {
+        int32_t got = file_read(fd, dst + done, n - done);
+        if (got <= 0 || got > n - done) return;
+        done += got;
+    }
+}
+
 enum class row_kind { none, as_is, planar4, invert1, planar24 };
 
 // Puts the palette of the image into the header: named tables for grey and
@@ -157,7 +167,7 @@ int pcx_read(int32_t where, int32_t palette_end, IMG_put_row_fn put_row, void *c
     } else if (h.biBitCount != 24) {
         // The trailing palette; its 0x0C marker is not required.
         int32_t at = palette_end < 0 ? file_seek(fd, -768, 2) : file_seek(fd, palette_end - 768, 0);
-        if (at >= 0) file_read(fd, triples, 768);
+        if (at >= 0) read_up_to(fd, triples, 768);
         src.pos = src.len = 0;
         src.file_pos = file_seek(fd, where + 128, 0);
         if (src.file_pos < 0) src.file_pos = src.end;
@@ -339,7 +349,7 @@ int append_page(int fd, int tmp) {
     auto *buf = static_cast<uint8_t *>(scratch_alloc(COPY_CHUNK));
     if (!buf) return IMG_ERR_MEMORY;
     const int32_t p = file_seek(fd, 0, 1);
-    file_read(fd, buf, DCX_TABLE_BYTES);
+    read_up_to(fd, buf, DCX_TABLE_BYTES);
     uint8_t word[4];
     if (get32(buf) == DCX_MAGIC) {
         int slot = 1;
@@ -362,11 +372,14 @@ int append_page(int fd, int tmp) {
         if (file_write(fd, word, 4) != 4) return IMG_ERR_WRITE;
         file_seek(fd, p + DCX_TABLE_BYTES, 0);
     }
+    // Exactly the bytes the page took, whatever size the reads come in.
+    int32_t left = file_seek(tmp, 0, 1);
     file_seek(tmp, 0, 0);
-    for (;;) {
-        int32_t n = file_read(tmp, buf, COPY_CHUNK);
-        if (n > 0 && file_write(fd, buf, n) != n) return IMG_ERR_WRITE;
-        if (n < COPY_CHUNK) break;
+    while (left > 0) {
+        int32_t n = file_read(tmp, buf, left < COPY_CHUNK ? left : COPY_CHUNK);
+        if (n <= 0 || n > left) return IMG_ERR_CREATE;
+        if (file_write(fd, buf, n) != n) return IMG_ERR_WRITE;
+        left -= n;
     }
     scratch_free(buf);
     return 0;

@@ -528,3 +528,43 @@ TEST(Gif, ReadsFromAStartOffset) {
     EXPECT_EQ(picture_of(h), p);
     IMG_delete_bitmap(h);
 }
+
+namespace {
+// A read hook that hands out at most seven bytes a call, and nothing past
+// the file's end or past a budget.
+int32_t hooked_size = 0, read_budget = 0;
+int IMG_CALLBACK trickle_read(int fd, void *buffer, int n) {
+    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+    int32_t left = hooked_size - file_seek(fd, 0, 1);
+    int k = std::min({n, 7, read_budget, left > 0 ? left : 0});
+    int r = k > 0 ? file_read(fd, buffer, k) : 0;
+    IMGLOW_set_fileio(trickle_read, nullptr, nullptr);
+    read_budget -= r;
+    return r;
+}
+}  // namespace
+
+TEST(Gif, ShortReadsThroughHooks) {
+    picture p = make_picture(300, 80, 8, 12);
+    int h = handle_of(p);
+    bytes file = save_bytes(h, IMG_TYPE_GIF);
+    IMG_delete_bitmap(h);
+    block_ref b(file);
+    hooked_size = static_cast<int32_t>(file.size());
+    for (size_t budget : {file.size(), size_t{5}, size_t{13}, size_t{800}, file.size() / 2, file.size() - 3}) {
+        // The whole file gets an endless budget: detection reads its start twice.
+        read_budget = budget == file.size() ? INT32_MAX : static_cast<int32_t>(budget);
+        int live = mem_live_blocks();
+        IMGLOW_set_fileio(trickle_read, nullptr, nullptr);
+        int got = IMG_decompress_bitmap_mem(b.data, 0);
+        IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+        if (budget == file.size()) {
+            ASSERT_GE(got, 0);
+            EXPECT_EQ(picture_of(got), p) << "reads of seven bytes at a time";
+            IMG_delete_bitmap(got);
+        } else {
+            EXPECT_EQ(got, budget < 3 ? IMG_ERR_TYPE : IMG_ERR_DATA) << budget;
+        }
+        EXPECT_EQ(mem_live_blocks(), live) << budget;
+    }
+}

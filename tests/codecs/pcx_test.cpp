@@ -496,3 +496,66 @@ TEST(Pcx, ReadsFromAStartOffset) {
     EXPECT_EQ(picture_of(h), p);
     IMG_delete_bitmap(h);
 }
+
+namespace {
+// A read hook that hands out at most seven bytes a call, and nothing past
+// the file's end or past a budget.
+int32_t hooked_size = 0, read_budget = 0;
+int IMG_CALLBACK trickle_read(int fd, void *buffer, int n) {
+    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+    int32_t left = hooked_size - file_seek(fd, 0, 1);
+    int k = std::min({n, 7, read_budget, left > 0 ? left : 0});
+    int r = k > 0 ? file_read(fd, buffer, k) : 0;
+    IMGLOW_set_fileio(trickle_read, nullptr, nullptr);
+    read_budget -= r;
+    return r;
+}
+}  // namespace
+
+TEST(Pcx, ShortReadsThroughHooks) {
+    private_temp_dir();
+    std::string name = temp_path("trickle.dcx");
+    std::remove(name.c_str());
+    std::vector<picture> pages = {make_picture(70, 20, 8, 1), make_picture(33, 9, 24, 2)};
+    for (auto &p : pages) {
+        int h = handle_of(p);
+        ASSERT_EQ(IMG_save_bitmap(h, name.c_str(), IMG_TYPE_DCX), 0);
+        IMG_delete_bitmap(h);
+    }
+    bytes dcx = read_file(name);
+    std::remove(name.c_str());
+    struct {
+        bytes file;
+        int page;
+        const picture &want;
+    } cases[] = {
+        {save_picture(pages[0], IMG_TYPE_PCX), 0, pages[0]},
+        {save_picture(pages[1], IMG_TYPE_PCX), 0, pages[1]},
+        {dcx, 0, pages[0]},
+        {dcx, 1, pages[1]},
+    };
+    for (auto &c : cases) {
+        block_ref b(c.file);
+        hooked_size = static_cast<int32_t>(c.file.size());
+        // A DCX page needs only its own bytes, so the cut near the end is
+        // for single PCX files.
+        const size_t near_end = c.file[0] == 10 ? c.file.size() - 800 : 700;
+        for (size_t budget : {c.file.size(), size_t{3}, size_t{100}, size_t{700}, near_end}) {
+            // The whole file gets an endless budget: detection reads its start twice.
+            read_budget = budget == c.file.size() ? INT32_MAX : static_cast<int32_t>(budget);
+            int live = mem_live_blocks();
+            IMGLOW_set_fileio(trickle_read, nullptr, nullptr);
+            int got = IMG_decompress_bitmap_mem(b.data, c.page);
+            IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+            if (budget == c.file.size()) {
+                ASSERT_GE(got, 0) << c.page;
+                EXPECT_EQ(picture_of(got), c.want) << "reads of seven bytes at a time, page " << c.page;
+                IMG_delete_bitmap(got);
+            } else {
+                EXPECT_LT(got, 0) << budget << " of " << c.file.size() << " page " << c.page;
+                if (got >= 0) IMG_delete_bitmap(got);
+            }
+            EXPECT_EQ(mem_live_blocks(), live) << budget;
+        }
+    }
+}
