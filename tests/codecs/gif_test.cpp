@@ -7,9 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <utility>
 
 namespace {
@@ -520,9 +517,9 @@ TEST(Gif, ReadsFromAStartOffset) {
     std::copy(gif.begin(), gif.end(), file.begin() + 300);
     std::string name = temp_path("offset.gif");
     write_file(name, file);
-    int fd = open(name.c_str(), O_RDONLY);
+    int fd = os_open(name.c_str(), OS_OPEN_READ);
     h = IMG_decompress_bitmap_fd(fd, 300, 0);
-    close(fd);
+    os_close(fd);
     std::remove(name.c_str());
     ASSERT_GE(h, 0);
     EXPECT_EQ(picture_of(h), p);

@@ -488,9 +488,9 @@ TEST(Pcx, ReadsFromAStartOffset) {
     std::copy(pcx.begin(), pcx.end(), file.begin() + 300);
     std::string name = temp_path("offset.pcx");
     write_file(name, file);
-    int fd = open(name.c_str(), O_RDONLY);
+    int fd = os_open(name.c_str(), OS_OPEN_READ);
     int h = IMG_decompress_bitmap_fd(fd, 300, 0);
-    close(fd);
+    os_close(fd);
     std::remove(name.c_str());
     ASSERT_GE(h, 0);
     EXPECT_EQ(picture_of(h), p);
