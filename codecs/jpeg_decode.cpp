@@ -4,6 +4,10 @@
 #include "codecs/jpeg.h"
 #include "frame/byte_source.h"
 
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#endif
+
 jpeg_decoder_tables jpeg_tables;
 
 namespace {
@@ -411,6 +415,57 @@ void jpeg_idct_8x8(const int16_t *coef, unsigned rows, int8_t *dst, int stride) 
 
 namespace {
 
+// The same transform on eight rows or columns at once: lanes of 32-bit
+// integers carry one 1-D kernel each, with the same shifts, so the result
+// is the scalar one bit for bit.
+using lanes8 = int32_t __attribute__((vector_size(32)));
+
+#define c(v) (Pass == 1 ? ((v) * 724) >> 10 : ((v) * 181) >> 8)
+template <int Pass>
+__attribute__((always_inline)) inline void idct_kernel_lanes(const lanes8 *x, lanes8 *y) {
+    lanes8 e0 = c(x[0]) + c(x[4]), e1 = c(x[0]) - c(x[4]);
+    lanes8 p = x[2] + x[6];
+    lanes8 m = ((x[2] + c(p)) * 553) >> 10;
+    lanes8 n = ((x[2] - c(p)) * 1338) >> 10;
+    lanes8 E0 = e0 + m, E3 = e0 - m, E1 = e1 + n, E2 = e1 - n;
+    lanes8 a = x[3] + x[5], b = x[1] + x[3], d = x[5] + x[7] + b;
+    lanes8 g = ((c(d) + b) * 553) >> 10;
+    lanes8 h = x[1] + c(a);
+    lanes8 O0 = ((g + h) * 261) >> 9, O3 = ((h - g) * 2624) >> 10;
+    lanes8 k = ((b - c(d)) * 1338) >> 10;
+    lanes8 j = x[1] - c(a);
+    lanes8 O1 = ((j + k) * 77) >> 7, O2 = ((j - k) * 461) >> 9;
+    y[0] = E0 + O0, y[1] = E1 + O1, y[2] = E2 + O2, y[3] = E3 + O3;
+    y[4] = E3 - O3, y[5] = E2 - O2, y[6] = E1 - O1, y[7] = E0 - O0;
+}
+#undef c
+
+}  // namespace
+
+// coefT: coefficient (row i, column k) at k * 8 + i.  Pass 1 runs the eight
+// coefficient rows side by side, pass 2 the eight work rows.
+__attribute__((target_clones("avx2", "default")))
+void jpeg_idct_8x8_transposed(const int16_t *coefT, int8_t *dst, int stride) {
+    lanes8 x[8], y[8];
+    for (int k = 0; k < 8; k++)
+        for (int i = 0; i < 8; i++) x[k][i] = coefT[k * 8 + i];
+    idct_kernel_lanes<1>(x, y);
+    // y[j][i]: work row j, column i, kept to 16 bits; pass 2 takes work row
+    // j as its input, so lane j of input m is y[j][m].
+    for (int m = 0; m < 8; m++)
+        for (int jx = 0; jx < 8; jx++) x[m][jx] = static_cast<int16_t>(y[jx][m]);
+    idct_kernel_lanes<2>(x, y);
+    for (int k = 0; k < 8; k++) {
+        lanes8 v = y[k] >> 2;
+        v = v > 127 ? 127 : v;
+        v = v < -127 ? -127 : v;
+        int8_t *out = dst + k * stride;
+        for (int jx = 0; jx < 8; jx++) out[jx] = static_cast<int8_t>(v[jx]);
+    }
+}
+
+namespace {
+
 // A block whose only non-zero coefficient is the DC comes out flat.
 inline void idct_dc_only(int16_t dc, int8_t *dst, int stride) {
     int v = ((dc * 724) >> 10);
@@ -419,6 +474,16 @@ inline void idct_dc_only(int16_t dc, int8_t *dst, int stride) {
 }
 
 // ---- Scan decoding -------------------------------------------------------------------------
+
+// Zig-zag index to the transposed natural index the block transform reads.
+struct transposed_order {
+    uint8_t v[64];
+    constexpr transposed_order() : v() {
+        for (int k = 0; k < 64; k++) v[k] = static_cast<uint8_t>((jpeg_zigzag[k] & 7) * 8 + (jpeg_zigzag[k] >> 3));
+    }
+};
+constexpr transposed_order transposed_storage;
+inline const uint8_t *const zigzag_transposed = transposed_storage.v;
 
 struct scan_slot {
     int16_t predictor;
@@ -437,7 +502,7 @@ struct input_buffer {
 
 // One block: Huffman decode, dequantise, inverse transform into the plane.
 int decode_block(bit_reader &br, scan_slot &sl, int8_t *dst) {
-    alignas(16) int16_t coef[64];
+    alignas(32) int16_t coef[64];  // transposed: (row i, column k) at k * 8 + i
     std::memset(coef, 0, sizeof coef);
     br.fill();
     int s = decode_symbol(br, *sl.dc);
@@ -445,7 +510,6 @@ int decode_block(bit_reader &br, scan_slot &sl, int8_t *dst) {
     int diff = br.receive_extend(s & 15);
     sl.predictor = static_cast<int16_t>(sl.predictor + diff);
     coef[0] = static_cast<int16_t>(sl.predictor * sl.quant[0]);
-    unsigned rows = coef[0] ? 1 : 0;
     bool ac = false;
     for (int k = 1; k < 64;) {
         br.fill();
@@ -459,9 +523,7 @@ int decode_block(bit_reader &br, scan_slot &sl, int8_t *dst) {
         if (sz) {
             if (k + r == 64) return IMG_ERR_HEADER;
             int v = br.receive_extend(sz);
-            int n = jpeg_zigzag[k + r];
-            coef[n] = static_cast<int16_t>(v * sl.quant[k + r]);
-            rows |= 1u << (n >> 3);
+            coef[zigzag_transposed[k + r]] = static_cast<int16_t>(v * sl.quant[k + r]);
             ac = true;
         }
         k += r + 1;
@@ -469,7 +531,7 @@ int decode_block(bit_reader &br, scan_slot &sl, int8_t *dst) {
     if (!ac)
         idct_dc_only(coef[0], dst, sl.stride);
     else
-        jpeg_idct_8x8(coef, rows, dst, sl.stride);
+        jpeg_idct_8x8_transposed(coef, dst, sl.stride);
     return 0;
 }
 
@@ -504,18 +566,109 @@ void restart(bit_reader &br, scan_slot *slots) {
 // ---- Colour conversion -------------------------------------------------------------------------
 
 void grey_row(const int8_t *y, uint8_t *out, int width) {
-    for (int x = 0; x < width; x++) out[x] = jpeg_range_limit[y[x]];
+    for (int x = 0; x < width; x++) out[x] = static_cast<uint8_t>(y[x] + 128);  // samples stay within -127..127
 }
 
+#if defined(__x86_64__) || defined(__i386__)
+__attribute__((target("ssse3"))) inline void chroma_terms(__m128i c8, __m128i r8, __m128i &ob, __m128i &og,
+                                                         __m128i &orr) {
+    const __m128i m_cr_r = _mm_set1_epi16(91879 - 65536), m_cb_b = _mm_set1_epi16(116126 - 65536);
+    const __m128i m_cb_g = _mm_set1_epi16(22551), m_cr_g = _mm_set1_epi16(static_cast<short>(46735));
+    __m128i c = _mm_srai_epi16(_mm_unpacklo_epi8(c8, c8), 8), r = _mm_srai_epi16(_mm_unpacklo_epi8(r8, r8), 8);
+    __m128i ca = _mm_abs_epi16(c), ra = _mm_abs_epi16(r);
+    ob = _mm_sign_epi16(_mm_add_epi16(ca, _mm_mulhi_epu16(ca, m_cb_b)), c);
+    orr = _mm_sign_epi16(_mm_add_epi16(ra, _mm_mulhi_epu16(ra, m_cr_r)), r);
+    og = _mm_add_epi16(_mm_sign_epi16(_mm_mulhi_epu16(ca, m_cb_g), c), _mm_sign_epi16(_mm_mulhi_epu16(ra, m_cr_g), r));
+}
+
+// Byte shuffles interleaving B, G and R into three 16-byte stores.
+alignas(16) const int8_t interleave_mask[9][16] = {
+    {0, -1, -1, 1, -1, -1, 2, -1, -1, 3, -1, -1, 4, -1, -1, 5},
+    {-1, 0, -1, -1, 1, -1, -1, 2, -1, -1, 3, -1, -1, 4, -1, -1},
+    {-1, -1, 0, -1, -1, 1, -1, -1, 2, -1, -1, 3, -1, -1, 4, -1},
+    {-1, -1, 6, -1, -1, 7, -1, -1, 8, -1, -1, 9, -1, -1, 10, -1},
+    {5, -1, -1, 6, -1, -1, 7, -1, -1, 8, -1, -1, 9, -1, -1, 10},
+    {-1, 5, -1, -1, 6, -1, -1, 7, -1, -1, 8, -1, -1, 9, -1, -1},
+    {-1, 11, -1, -1, 12, -1, -1, 13, -1, -1, 14, -1, -1, 15, -1, -1},
+    {-1, -1, 11, -1, -1, 12, -1, -1, 13, -1, -1, 14, -1, -1, 15, -1},
+    {10, -1, -1, 11, -1, -1, 12, -1, -1, 13, -1, -1, 14, -1, -1, 15},
+};
+
+__attribute__((target("ssse3"))) inline __m128i interleave3(__m128i b, __m128i g, __m128i r, int part) {
+    auto *m = reinterpret_cast<const __m128i *>(interleave_mask[3 * part]);
+    return _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(b, _mm_load_si128(m)), _mm_shuffle_epi8(g, _mm_load_si128(m + 1))),
+                        _mm_shuffle_epi8(r, _mm_load_si128(m + 2)));
+}
+
+// Sixteen pixels at a time.  The chroma products come from multiplies that
+// equal the tables' truncated values for every sample (|c| * M >> 16 with
+// the sign put back), and the saturating pack is the range limit.
+template <int H>
+__attribute__((target("ssse3"))) int ycc_row_ssse3(const int8_t *y, const uint8_t *cb, const uint8_t *cr,
+                                                   uint8_t *out, int width) {
+    const __m128i bias = _mm_set1_epi16(128);
+    int x = 0;
+    for (; x + 16 <= width; x += 16) {
+        __m128i y8 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(y + x));
+        __m128i ylo = _mm_srai_epi16(_mm_unpacklo_epi8(y8, y8), 8), yhi = _mm_srai_epi16(_mm_unpackhi_epi8(y8, y8), 8);
+        __m128i ob_lo, og_lo, or_lo, ob_hi, og_hi, or_hi;
+        if (H == 2) {
+            __m128i c8 = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(cb + x / 2));
+            __m128i r8 = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(cr + x / 2));
+            __m128i ob, og, orr;
+            chroma_terms(c8, r8, ob, og, orr);
+            ob_lo = _mm_unpacklo_epi16(ob, ob), ob_hi = _mm_unpackhi_epi16(ob, ob);
+            og_lo = _mm_unpacklo_epi16(og, og), og_hi = _mm_unpackhi_epi16(og, og);
+            or_lo = _mm_unpacklo_epi16(orr, orr), or_hi = _mm_unpackhi_epi16(orr, orr);
+        } else {
+            __m128i c8 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(cb + x));
+            __m128i r8 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(cr + x));
+            chroma_terms(c8, r8, ob_lo, og_lo, or_lo);
+            chroma_terms(_mm_srli_si128(c8, 8), _mm_srli_si128(r8, 8), ob_hi, og_hi, or_hi);
+        }
+        ylo = _mm_add_epi16(ylo, bias), yhi = _mm_add_epi16(yhi, bias);
+        __m128i B = _mm_packus_epi16(_mm_add_epi16(ylo, ob_lo), _mm_add_epi16(yhi, ob_hi));
+        __m128i G = _mm_packus_epi16(_mm_sub_epi16(ylo, og_lo), _mm_sub_epi16(yhi, og_hi));
+        __m128i R = _mm_packus_epi16(_mm_add_epi16(ylo, or_lo), _mm_add_epi16(yhi, or_hi));
+        __m128i o0 = interleave3(B, G, R, 0), o1 = interleave3(B, G, R, 1), o2 = interleave3(B, G, R, 2);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(out + 3 * x), o0);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(out + 3 * x + 16), o1);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(out + 3 * x + 32), o2);
+    }
+    return x;
+}
+#endif
+
+#if defined(__x86_64__) || defined(__i386__)
+const bool simd_colour = __builtin_cpu_supports("ssse3");
+#endif
+
+inline uint8_t limit(int i) { return static_cast<uint8_t>(i < -128 ? 0 : i > 127 ? 255 : i + 128); }
+
+// The three chroma terms are looked up once per chroma sample and shared by
+// the H pixels it covers; limit() is the range-limit table's rule.
 template <int H>
 void ycc_row(const int8_t *y, const uint8_t *cb, const uint8_t *cr, uint8_t *out, int width) {
-    const uint8_t *lim = jpeg_range_limit;
-    for (int x = 0; x < width; x++) {
-        int b = cb[x / H], r = cr[x / H];
-        int Y = y[x];
-        out[3 * x] = lim[Y + jpeg_cb_b.v[b]];
-        out[3 * x + 1] = lim[Y - (jpeg_cb_g.v[b] + jpeg_cr_g.v[r])];
-        out[3 * x + 2] = lim[Y + jpeg_cr_r.v[r]];
+    int x = 0;
+#if defined(__x86_64__) || defined(__i386__)
+    if constexpr (H <= 2)
+        if (simd_colour) x = ycc_row_ssse3<H>(y, cb, cr, out, width);
+#endif
+    for (int cx = x / H; x + H <= width; cx++) {
+        int b = cb[cx], r = cr[cx];
+        int ob = jpeg_cb_b.v[b], og = -(jpeg_cb_g.v[b] + jpeg_cr_g.v[r]), orr = jpeg_cr_r.v[r];
+        for (int k = 0; k < H; k++, x++) {
+            int Y = y[x];
+            out[3 * x] = limit(Y + ob);
+            out[3 * x + 1] = limit(Y + og);
+            out[3 * x + 2] = limit(Y + orr);
+        }
+    }
+    for (; x < width; x++) {
+        int b = cb[x / H], r = cr[x / H], Y = y[x];
+        out[3 * x] = limit(Y + jpeg_cb_b.v[b]);
+        out[3 * x + 1] = limit(Y - (jpeg_cb_g.v[b] + jpeg_cr_g.v[r]));
+        out[3 * x + 2] = limit(Y + jpeg_cr_r.v[r]);
     }
 }
 

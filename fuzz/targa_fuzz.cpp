@@ -18,7 +18,7 @@ int IMG_CALLBACK begin(void *header, void *context) {
     std::memcpy(d->header, header, sizeof d->header);
     auto *h = static_cast<dib_info *>(header);
     // Bound the work a hostile header can ask for.
-    if (static_cast<int64_t>(h->biWidth) * h->biHeight > (1 << 22)) return IMG_ERR_STOPPED;
+    if (static_cast<int64_t>(h->biWidth) * h->biHeight > (1 << 20)) return IMG_ERR_STOPPED;
     d->width = h->biWidth, d->height = h->biHeight, d->bits = h->biBitCount;
     d->pixels = static_cast<uint8_t *>(std::calloc(row_bytes(d->width, d->bits), d->height));
     return d->pixels ? 0 : IMG_ERR_MEMORY;
