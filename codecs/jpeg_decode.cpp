@@ -446,21 +446,40 @@ __attribute__((always_inline)) inline void idct_kernel_lanes(const lanes8 *x, la
 // coefficient rows side by side, pass 2 the eight work rows.
 __attribute__((target_clones("avx2", "default")))
 void jpeg_idct_8x8_transposed(const int16_t *coefT, int8_t *dst, int stride) {
+    using short8 = int16_t __attribute__((vector_size(16)));
+    using byte8 = int8_t __attribute__((vector_size(8)));
     lanes8 x[8], y[8];
-    for (int k = 0; k < 8; k++)
-        for (int i = 0; i < 8; i++) x[k][i] = coefT[k * 8 + i];
+    for (int k = 0; k < 8; k++) {
+        short8 v;
+        std::memcpy(&v, coefT + 8 * k, sizeof v);
+        x[k] = __builtin_convertvector(v, lanes8);
+    }
     idct_kernel_lanes<1>(x, y);
-    // y[j][i]: work row j, column i, kept to 16 bits; pass 2 takes work row
-    // j as its input, so lane j of input m is y[j][m].
-    for (int m = 0; m < 8; m++)
-        for (int jx = 0; jx < 8; jx++) x[m][jx] = static_cast<int16_t>(y[jx][m]);
+    // y[j] holds work row j (lanes: columns i), kept to 16 bits; pass 2 runs
+    // the work rows side by side, so its input m is column m: a transpose.
+    for (auto &v : y) v = (v << 16) >> 16;
+    lanes8 t[8], u[8];
+    for (int q = 0; q < 8; q += 2) {
+        t[q] = __builtin_shuffle(y[q], y[q + 1], lanes8{0, 8, 1, 9, 4, 12, 5, 13});
+        t[q + 1] = __builtin_shuffle(y[q], y[q + 1], lanes8{2, 10, 3, 11, 6, 14, 7, 15});
+    }
+    for (int q = 0; q < 8; q += 4) {
+        u[q] = __builtin_shuffle(t[q], t[q + 2], lanes8{0, 1, 8, 9, 4, 5, 12, 13});
+        u[q + 1] = __builtin_shuffle(t[q], t[q + 2], lanes8{2, 3, 10, 11, 6, 7, 14, 15});
+        u[q + 2] = __builtin_shuffle(t[q + 1], t[q + 3], lanes8{0, 1, 8, 9, 4, 5, 12, 13});
+        u[q + 3] = __builtin_shuffle(t[q + 1], t[q + 3], lanes8{2, 3, 10, 11, 6, 7, 14, 15});
+    }
+    for (int m = 0; m < 4; m++) {
+        x[m] = __builtin_shuffle(u[m], u[m + 4], lanes8{0, 1, 2, 3, 8, 9, 10, 11});
+        x[m + 4] = __builtin_shuffle(u[m], u[m + 4], lanes8{4, 5, 6, 7, 12, 13, 14, 15});
+    }
     idct_kernel_lanes<2>(x, y);
     for (int k = 0; k < 8; k++) {
         lanes8 v = y[k] >> 2;
         v = v > 127 ? 127 : v;
         v = v < -127 ? -127 : v;
-        int8_t *out = dst + k * stride;
-        for (int jx = 0; jx < 8; jx++) out[jx] = static_cast<int8_t>(v[jx]);
+        byte8 out = __builtin_convertvector(v, byte8);
+        std::memcpy(dst + k * stride, &out, sizeof out);
     }
 }
 
@@ -502,8 +521,9 @@ struct input_buffer {
 
 // One block: Huffman decode, dequantise, inverse transform into the plane.
 int decode_block(bit_reader &br, scan_slot &sl, int8_t *dst) {
-    alignas(32) int16_t coef[64];  // transposed: (row i, column k) at k * 8 + i
-    std::memset(coef, 0, sizeof coef);
+    using zero16 = int16_t __attribute__((vector_size(32)));
+    zero16 block[4] = {};  // four plain vector stores rather than a string clear
+    auto *coef = reinterpret_cast<int16_t *>(block);  // transposed: (row i, column k) at k * 8 + i
     br.fill();
     int s = decode_symbol(br, *sl.dc);
     if (s < 0) return IMG_ERR_HEADER;
@@ -513,6 +533,22 @@ int decode_block(bit_reader &br, scan_slot &sl, int8_t *dst) {
     bool ac = false;
     for (int k = 1; k < 64;) {
         br.fill();
+        // A short code and its value bits often fit in one 9-bit look:
+        // take both from the same peek.
+        const uint32_t ahead = br.peek(LOOKAHEAD);
+        const uint16_t e = sl.ac->look[ahead];
+        const int len = e & 15, esz = (e >> 4) & 15;
+        if (e && !(e & LOOK_CORRUPT) && esz && len + esz <= LOOKAHEAD) {
+            const int r = (e >> 8) & 15;
+            if (k + r >= 64) return IMG_ERR_HEADER;
+            int v = static_cast<int>((ahead >> (LOOKAHEAD - len - esz)) & ((1u << esz) - 1));
+            if (v < (1 << (esz - 1))) v -= (1 << esz) - 1;
+            br.skip(len + esz);
+            coef[zigzag_transposed[k + r]] = static_cast<int16_t>(v * sl.quant[k + r]);
+            ac = true;
+            k += r + 1;
+            continue;
+        }
         int rs = decode_symbol(br, *sl.ac);
         if (rs <= 0) {
             if (rs < 0) return IMG_ERR_HEADER;
