@@ -419,6 +419,11 @@ namespace {
 // integers carry one 1-D kernel each, with the same shifts, so the result
 // is the scalar one bit for bit.
 using lanes8 = int32_t __attribute__((vector_size(32)));
+#if defined(__clang__)
+#define LANE_SHUFFLE(a, b, ...) __builtin_shufflevector(a, b, __VA_ARGS__)
+#else
+#define LANE_SHUFFLE(a, b, ...) __builtin_shuffle(a, b, lanes8{__VA_ARGS__})
+#endif
 
 #define c(v) (Pass == 1 ? ((v) * 724) >> 10 : ((v) * 181) >> 8)
 template <int Pass>
@@ -440,12 +445,9 @@ __attribute__((always_inline)) inline void idct_kernel_lanes(const lanes8 *x, la
 }
 #undef c
 
-}  // namespace
-
 // coefT: coefficient (row i, column k) at k * 8 + i.  Pass 1 runs the eight
 // coefficient rows side by side, pass 2 the eight work rows.
-__attribute__((target_clones("avx2", "default")))
-void jpeg_idct_8x8_transposed(const int16_t *coefT, int8_t *dst, int stride) {
+__attribute__((always_inline)) inline void idct_lanes(const int16_t *coefT, int8_t *dst, int stride) {
     using short8 = int16_t __attribute__((vector_size(16)));
     using byte8 = int8_t __attribute__((vector_size(8)));
     lanes8 x[8], y[8];
@@ -460,18 +462,18 @@ void jpeg_idct_8x8_transposed(const int16_t *coefT, int8_t *dst, int stride) {
     for (auto &v : y) v = (v << 16) >> 16;
     lanes8 t[8], u[8];
     for (int q = 0; q < 8; q += 2) {
-        t[q] = __builtin_shuffle(y[q], y[q + 1], lanes8{0, 8, 1, 9, 4, 12, 5, 13});
-        t[q + 1] = __builtin_shuffle(y[q], y[q + 1], lanes8{2, 10, 3, 11, 6, 14, 7, 15});
+        t[q] = LANE_SHUFFLE(y[q], y[q + 1], 0, 8, 1, 9, 4, 12, 5, 13);
+        t[q + 1] = LANE_SHUFFLE(y[q], y[q + 1], 2, 10, 3, 11, 6, 14, 7, 15);
     }
     for (int q = 0; q < 8; q += 4) {
-        u[q] = __builtin_shuffle(t[q], t[q + 2], lanes8{0, 1, 8, 9, 4, 5, 12, 13});
-        u[q + 1] = __builtin_shuffle(t[q], t[q + 2], lanes8{2, 3, 10, 11, 6, 7, 14, 15});
-        u[q + 2] = __builtin_shuffle(t[q + 1], t[q + 3], lanes8{0, 1, 8, 9, 4, 5, 12, 13});
-        u[q + 3] = __builtin_shuffle(t[q + 1], t[q + 3], lanes8{2, 3, 10, 11, 6, 7, 14, 15});
+        u[q] = LANE_SHUFFLE(t[q], t[q + 2], 0, 1, 8, 9, 4, 5, 12, 13);
+        u[q + 1] = LANE_SHUFFLE(t[q], t[q + 2], 2, 3, 10, 11, 6, 7, 14, 15);
+        u[q + 2] = LANE_SHUFFLE(t[q + 1], t[q + 3], 0, 1, 8, 9, 4, 5, 12, 13);
+        u[q + 3] = LANE_SHUFFLE(t[q + 1], t[q + 3], 2, 3, 10, 11, 6, 7, 14, 15);
     }
     for (int m = 0; m < 4; m++) {
-        x[m] = __builtin_shuffle(u[m], u[m + 4], lanes8{0, 1, 2, 3, 8, 9, 10, 11});
-        x[m + 4] = __builtin_shuffle(u[m], u[m + 4], lanes8{4, 5, 6, 7, 12, 13, 14, 15});
+        x[m] = LANE_SHUFFLE(u[m], u[m + 4], 0, 1, 2, 3, 8, 9, 10, 11);
+        x[m + 4] = LANE_SHUFFLE(u[m], u[m + 4], 4, 5, 6, 7, 12, 13, 14, 15);
     }
     idct_kernel_lanes<2>(x, y);
     for (int k = 0; k < 8; k++) {
@@ -482,6 +484,25 @@ void jpeg_idct_8x8_transposed(const int16_t *coefT, int8_t *dst, int stride) {
         std::memcpy(dst + k * stride, &out, sizeof out);
     }
 }
+
+#if defined(__x86_64__) || defined(__i386__)
+__attribute__((target("avx2"))) void idct_lanes_avx2(const int16_t *coefT, int8_t *dst, int stride) {
+    idct_lanes(coefT, dst, stride);
+}
+#endif
+void idct_lanes_plain(const int16_t *coefT, int8_t *dst, int stride) { idct_lanes(coefT, dst, stride); }
+
+using idct_fn = void (*)(const int16_t *, int8_t *, int);
+#if defined(__x86_64__) || defined(__i386__)
+// Static initialisers must ask for the processor's features themselves.
+const idct_fn idct_lanes_best = (__builtin_cpu_init(), __builtin_cpu_supports("avx2")) ? idct_lanes_avx2 : idct_lanes_plain;
+#else
+const idct_fn idct_lanes_best = idct_lanes_plain;
+#endif
+
+}  // namespace
+
+void jpeg_idct_8x8_transposed(const int16_t *coefT, int8_t *dst, int stride) { idct_lanes_best(coefT, dst, stride); }
 
 namespace {
 
@@ -567,7 +588,7 @@ int decode_block(bit_reader &br, scan_slot &sl, int8_t *dst) {
     if (!ac)
         idct_dc_only(coef[0], dst, sl.stride);
     else
-        jpeg_idct_8x8_transposed(coef, dst, sl.stride);
+        idct_lanes_best(coef, dst, sl.stride);
     return 0;
 }
 
@@ -608,7 +629,7 @@ void grey_row(const int8_t *y, uint8_t *out, int width) {
 #if defined(__x86_64__) || defined(__i386__)
 __attribute__((target("ssse3"))) inline void chroma_terms(__m128i c8, __m128i r8, __m128i &ob, __m128i &og,
                                                          __m128i &orr) {
-    const __m128i m_cr_r = _mm_set1_epi16(91879 - 65536), m_cb_b = _mm_set1_epi16(116126 - 65536);
+    const __m128i m_cr_r = _mm_set1_epi16(91879 - 65536), m_cb_b = _mm_set1_epi16(static_cast<short>(116126 - 65536));
     const __m128i m_cb_g = _mm_set1_epi16(22551), m_cr_g = _mm_set1_epi16(static_cast<short>(46735));
     __m128i c = _mm_srai_epi16(_mm_unpacklo_epi8(c8, c8), 8), r = _mm_srai_epi16(_mm_unpacklo_epi8(r8, r8), 8);
     __m128i ca = _mm_abs_epi16(c), ra = _mm_abs_epi16(r);
@@ -676,7 +697,7 @@ __attribute__((target("ssse3"))) int ycc_row_ssse3(const int8_t *y, const uint8_
 #endif
 
 #if defined(__x86_64__) || defined(__i386__)
-const bool simd_colour = __builtin_cpu_supports("ssse3");
+const bool simd_colour = (__builtin_cpu_init(), __builtin_cpu_supports("ssse3"));
 #endif
 
 inline uint8_t limit(int i) { return static_cast<uint8_t>(i < -128 ? 0 : i > 127 ? 255 : i + 128); }
