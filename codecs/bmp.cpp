@@ -48,32 +48,46 @@ int read_plain(bmp_reader &b) {
         if (!size_mul_add(rows, L, 0, &tmp)) return IMG_ERR_MEMORY;
         // Never ask past the source's end: a truncated file ends cleanly.
         if (available <= 0) return IMG_ERR_DATA;
+        // Data that ends inside a chunk with rows after it can only end in
+        // -12: stop before decoding rows that would be thrown away.
+        if (available < int64_t{tmp} && static_cast<uint32_t>(b.height - delivered) > rows) return IMG_ERR_DATA;
         int32_t got = file_read(b.fd, buf, static_cast<int32_t>(tmp));
         if (got <= 0) return IMG_ERR_DATA;
-        if (got < static_cast<int32_t>(tmp)) std::memset(buf + got, 0, tmp - got);
+        // A short read leaves zeros; rows are converted only as far as the
+        // data reaches, the rest takes what zeros convert to.
+        const uint32_t valid = static_cast<uint32_t>(got) < tmp ? static_cast<uint32_t>(got) : tmp;
+        if (valid < tmp) std::memset(buf + valid, 0, tmp - valid);
         available -= static_cast<int32_t>(tmp);
         for (uint32_t i = 0; i < rows; i++, delivered++) {
             uint8_t *row = buf + i * L;
+            const uint32_t have = valid <= i * L ? 0 : valid - i * L < L ? valid - i * L : L;
             int r = b.height - 1 - delivered;
             switch (b.mode) {
             case row_mode::invert:
-                for (uint32_t j = 0; j < L; j++) row[j] = static_cast<uint8_t>(~row[j]);
+                for (uint32_t j = 0; j < have; j++) row[j] = static_cast<uint8_t>(~row[j]);
+                std::memset(row + have, 0xFF, L - have);
                 break;
             case row_mode::top_down: r = delivered; break;
-            case row_mode::from16:
-                for (int x = 0; x < w; x++) {
+            case row_mode::from16: {
+                const int n = static_cast<int>((have + 1) / 2);
+                for (int x = 0; x < n; x++) {
                     uint32_t p = get16(row + 2 * x);
                     out[3 * x] = static_cast<uint8_t>(p << 3);
                     out[3 * x + 1] = static_cast<uint8_t>((p >> 2) & 0xF8);
                     out[3 * x + 2] = static_cast<uint8_t>((p >> 7) & 0xF8);
                 }
+                std::memset(out + 3 * static_cast<size_t>(n), 0, 3 * static_cast<size_t>(w - n));
                 row = out;
                 break;
-            case row_mode::from32:
-                for (int x = 0; x < w; x++) std::memcpy(out + 3 * x, row + 4 * x, 3);
+            }
+            case row_mode::from32: {
+                const int n = static_cast<int>((have + 3) / 4);
+                for (int x = 0; x < n; x++) std::memcpy(out + 3 * x, row + 4 * x, 3);
+                std::memset(out + 3 * static_cast<size_t>(n), 0, 3 * static_cast<size_t>(w - n));
                 row = out;
                 if (b.top_down) r = delivered;
                 break;
+            }
             case row_mode::plain: break;
             }
             if (int rc = b.put_row(row, b.context, r, static_cast<int>(out_len)); rc < 0) return rc;
