@@ -266,6 +266,25 @@ struct bit_reader {
     const uint8_t *ring[8];
 
     void fill() {
+        if (nbits > 56) return;
+        // Eight raw bytes without a 0xFF advance one by one: take the whole
+        // bytes that fit in one step.
+        if (p + 8 <= limit) {
+            uint64_t w;
+            std::memcpy(&w, p, 8);
+            const uint64_t x = ~w;
+            if (!((x - 0x0101010101010101ull) & ~x & 0x8080808080808080ull)) {
+                const int k = (64 - nbits) >> 3, rest = 64 - nbits - 8 * k;
+                uint64_t bits = __builtin_bswap64(w) >> nbits;
+                if (rest) bits &= ~((uint64_t{1} << rest) - 1);
+                acc |= bits;
+                for (int i = 0; i < k; i++) ring[(fetched + i) & 7] = p + i;
+                fetched += k;
+                p += k;
+                nbits += 8 * k;
+                return;
+            }
+        }
         while (nbits <= 56) {
             uint8_t b = 0;
             ring[fetched++ & 7] = p;
@@ -542,9 +561,13 @@ struct input_buffer {
 
 // One block: Huffman decode, dequantise, inverse transform into the plane.
 int decode_block(bit_reader &br, scan_slot &sl, int8_t *dst) {
-    using zero16 = int16_t __attribute__((vector_size(32)));
-    zero16 block[4] = {};  // four plain vector stores rather than a string clear
-    auto *coef = reinterpret_cast<int16_t *>(block);  // transposed: (row i, column k) at k * 8 + i
+    alignas(32) int16_t coef[64];  // transposed: (row i, column k) at k * 8 + i
+#if defined(__x86_64__) || defined(__i386__)
+    // Eight plain stores: compilers turn a 128-byte clear into a slow string store.
+    for (int i = 0; i < 64; i += 8) _mm_store_si128(reinterpret_cast<__m128i *>(coef + i), _mm_setzero_si128());
+#else
+    std::memset(coef, 0, sizeof coef);
+#endif
     br.fill();
     int s = decode_symbol(br, *sl.dc);
     if (s < 0) return IMG_ERR_HEADER;
@@ -622,8 +645,17 @@ void restart(bit_reader &br, scan_slot *slots) {
 
 // ---- Colour conversion -------------------------------------------------------------------------
 
-void grey_row(const int8_t *y, uint8_t *out, int width) {
-    for (int x = 0; x < width; x++) out[x] = static_cast<uint8_t>(y[x] + 128);  // samples stay within -127..127
+// Samples stay within -127..127, so adding 128 is flipping the top bit.
+void grey_row(const int8_t *__restrict y, uint8_t *__restrict out, int width) {
+    using bytes16 = uint8_t __attribute__((vector_size(16)));
+    int x = 0;
+    for (; x + 16 <= width; x += 16) {
+        bytes16 v;
+        std::memcpy(&v, y + x, 16);
+        v ^= 0x80;
+        std::memcpy(out + x, &v, 16);
+    }
+    for (; x < width; x++) out[x] = static_cast<uint8_t>(y[x] + 128);
 }
 
 #if defined(__x86_64__) || defined(__i386__)
