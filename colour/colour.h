@@ -14,3 +14,7 @@ void reduce_row(const dib_info *announced, uint8_t *row, int target_bits, int r,
 
 // The 8 x 8 ordered-dither thresholds, read as T[8 * (x % 8) + (r % 8)].
 extern const uint8_t bayer_thresholds[64];
+
+// CIE L*a*b* (L 0-100, a and b about -128..127) relative to the D65 white
+// point, to sRGB bytes written as blue, green, red.
+void cielab_to_bgr(double L, double a, double b, uint8_t *bgr);

@@ -148,6 +148,11 @@ IMG_EXPORT int IMG_API IMGLOW_set_dithermode(int mode);
 IMG_EXPORT int IMG_API IMGLOW_autocolor(int flag);
 IMG_EXPORT int IMG_API IMGLOW_get_fileinfo(const char *name, void *header_out);
 IMG_EXPORT int IMG_API IMGLOW_get_pages(const char *name);
+/* Raw CCITT fax data from an open file's current position into a new 1-bit
+ * handle.  fax_type 4: Group 4; 2: Group 3 two-dimensional; 3: Group 3 with
+ * EOLs; other values: one-dimensional rows (2 byte-aligned).  height 0 takes
+ * the rows the data holds; fill_order 2 reads bytes least significant bit first. */
+IMG_EXPORT int IMG_API IMG_decompress_fax(int fd, int width, int height, int fax_type, int fill_order);
 
 /* Detection. */
 IMG_EXPORT int IMG_API IMGLOW_get_filetype(const char *name);

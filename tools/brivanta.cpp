@@ -2,6 +2,7 @@
 #include "brivanta.h"
 
 #include <chrono>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -168,14 +169,45 @@ int cmd_detect(int argc, char **argv) {
     return 0;
 }
 
+// TYPE:WIDTH[:HEIGHT[:FILLORDER]], TYPE a number or g4, g3-2d, g3, mh.
+bool parse_fax(const char *text, int *type, int *width, int *height, int *fill) {
+    char name[16] = {};
+    const char *colon = std::strchr(text, ':');
+    if (!colon || colon - text >= static_cast<int>(sizeof name)) return false;
+    std::memcpy(name, text, colon - text);
+    static const struct {
+        const char *name;
+        int type;
+    } names[] = {{"g4", 4}, {"g3-2d", 2}, {"g3", 3}, {"mh", 1}};
+    *type = -1;
+    for (char *c = name; *c; c++) *c = static_cast<char>(std::tolower(static_cast<unsigned char>(*c)));
+    for (const auto &n : names)
+        if (!std::strcmp(name, n.name)) *type = n.type;
+    char *end = nullptr;
+    if (*type < 0) {
+        long t = std::strtol(name, &end, 10);
+        if (!*name || *end || t < 0 || t > 99) return false;
+        *type = static_cast<int>(t);
+    }
+    *height = 0;
+    *fill = 1;
+    int got = std::sscanf(colon + 1, "%d:%d:%d", width, height, fill);
+    return got >= 1 && *width > 0 && *height >= 0 && (*fill == 1 || *fill == 2);
+}
+
 int cmd_convert(int argc, char **argv) {
     if (wants_help(argc, argv)) {
         std::printf("usage: brivanta convert IN OUT [--type N] [--page N] [--quality Q] [--reduce 1|4|8] [--shrink WxH]\n"
-                    "Loads IN by its content and saves OUT as type N, or by OUT's extension.\n");
+                    "                          [--fax TYPE:WIDTH[:HEIGHT[:FILLORDER]]]\n"
+                    "Loads IN by its content and saves OUT as type N, or by OUT's extension.\n"
+                    "--fax reads IN as raw CCITT data instead: TYPE 4 (or g4) Group 4, 2 (or g3-2d) Group 3\n"
+                    "two-dimensional, 3 (or g3) Group 3 with EOLs, 1 (or mh) byte-aligned modified Huffman;\n"
+                    "HEIGHT 0 or absent takes the rows the data holds; FILLORDER 2 reads bytes LSB first.\n");
         return 0;
     }
     const char *in = nullptr, *out = nullptr;
     int type = IMG_TYPE_BY_EXTENSION, page = 0, quality = -1, reduce = 0, sw = 0, sh = 0;
+    int fax_type = -1, fax_width = 0, fax_height = 0, fax_fill = 1;
     for (int i = 2; i < argc; i++) {
         std::string a = argv[i];
         auto value = [&]() -> const char * { return i + 1 < argc ? argv[++i] : nullptr; };
@@ -187,6 +219,11 @@ int cmd_convert(int argc, char **argv) {
         else if (a == "--shrink" && (v = value())) {
             if (std::sscanf(v, "%dx%d", &sw, &sh) != 2 || sw < 1 || sh < 1) {
                 std::fprintf(stderr, "brivanta: --shrink wants WIDTHxHEIGHT\n");
+                return 2;
+            }
+        } else if (a == "--fax" && (v = value())) {
+            if (!parse_fax(v, &fax_type, &fax_width, &fax_height, &fax_fill)) {
+                std::fprintf(stderr, "brivanta: --fax wants TYPE:WIDTH[:HEIGHT[:FILLORDER]]\n");
                 return 2;
             }
         } else if (a[0] == '-' && a.size() > 1) {
@@ -206,7 +243,7 @@ int cmd_convert(int argc, char **argv) {
     if (quality >= 0) IMGLOW_set_comp_quality(quality);
     progress_start("load");
     int h;
-    if (page) {
+    if (fax_type >= 0 || page) {
         FILE *f = std::fopen(in, "rb");
         if (!f) {
             progress_stop();
@@ -218,7 +255,8 @@ int cmd_convert(int argc, char **argv) {
 #else
         int fd = fileno(f);
 #endif
-        h = IMG_decompress_bitmap_fd(fd, 0, page);
+        h = fax_type >= 0 ? IMG_decompress_fax(fd, fax_width, fax_height, fax_type, fax_fill)
+                          : IMG_decompress_bitmap_fd(fd, 0, page);
         std::fclose(f);
     } else {
         h = IMG_decompress_bitmap(in);

@@ -1,0 +1,45 @@
+// Bilevel fax coding: Group 3 one- and two-dimensional and Group 4 decoders
+// over the file access layer, and the code tables they share.
+#pragma once
+#include "frame/frame.h"
+
+// Run-length code tables: for each colour one directly indexed table per
+// code length, entries 0x8000 | run (4095 = EOL), 0 where nothing matches.
+struct ccitt_tables {
+    uint16_t *white[13];  // index = code length; null for lengths with no code
+    uint16_t *black[14];
+    uint16_t *storage;
+};
+// Builds the tables in one scratch block: false when it cannot be allocated.
+bool ccitt_tables_build(ccitt_tables &t);
+void ccitt_tables_free(ccitt_tables &t);
+
+// Row sink: a negative result ends decoding and is returned.
+using ccitt_sink = int (*)(void *context, uint8_t *row, int row_index, int byte_count);
+
+struct ccitt_params {
+    int32_t width;
+    int32_t rows;          // rows to decode in this call
+    int32_t first_row;     // index handed to the sink with the first row
+    uint32_t compression;  // 2, 3, 4 or 45; any other value decodes 1-D rows without EOL or alignment rules
+    uint32_t photometric;  // 0: rows are inverted before delivery
+    uint32_t fill_order;   // 2: bytes are bit-reversed as they are read
+    bool pad_white;        // RTC or a lost EOL delivers the remaining rows white
+    const ccitt_tables *tables;  // prebuilt tables, or null to build them for this call
+};
+
+// Each decoder reads from the file's current position through the work
+// buffer and returns 0 or a negative code.  Input that ends or turns to
+// garbage stops decoding with 0 after the last complete row.
+int ccitt_decode_g3_1d(uint8_t *work, int32_t work_size, const ccitt_params &p, int fd, ccitt_sink sink, void *context);
+int ccitt_decode_g3_2d(uint8_t *work, int32_t work_size, const ccitt_params &p, int fd, ccitt_sink sink, void *context);
+int ccitt_decode_g4(uint8_t *work, int32_t work_size, const ccitt_params &p, int fd, ccitt_sink sink, void *context);
+
+// The code of a run: bits (right-aligned) and length, for the encoders.
+struct ccitt_code {
+    uint16_t bits;
+    uint8_t length;
+};
+// Terminating codes (run < 64) and make-up codes (multiples of 64 up to 2560).
+ccitt_code ccitt_terminating(int colour, int run);
+ccitt_code ccitt_makeup(int colour, int run);

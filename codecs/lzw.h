@@ -1,0 +1,26 @@
+// The LZW decoder of TIFF Compression 5: codes most significant bit first,
+// 9 to 12 bits wide, the width growing one code early.
+#pragma once
+#include "frame/frame.h"
+
+// Row sink: a negative result ends decoding and is returned.
+using lzw_sink = int (*)(void *context, uint8_t *row, int row_index);
+
+struct tiff_lzw_state {
+    uint16_t *prefix;  // 4096 entries each
+    uint16_t *length;
+    uint8_t *suffix;
+    uint8_t *first;
+    void *block;
+};
+
+// Allocates the string table: 0, or -1 when it cannot be had.
+int tiff_lzw_begin(tiff_lzw_state &s);
+// Decodes one strip from the file's current position through the input
+// buffer (in_size bytes) into the row buffer (at least row_bytes + 4200
+// bytes), handing each full row to the sink.  1 when the strip's rows are
+// done or its end code came; -3 for a bad code, -12 when the data ran out,
+// or the sink's negative result.
+int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_size, int first_row, uint32_t row_bytes,
+                          uint8_t *row_buffer, uint32_t row_buffer_size, int row_count, lzw_sink sink, void *context);
+void tiff_lzw_end(tiff_lzw_state &s);

@@ -1,0 +1,877 @@
+// The TIFF reader: header and IFD walk in both byte orders, page selection,
+// the DIB header and palette, strip lookup, the uncompressed, PackBits,
+// CCITT and LZW strip decoders, the row converter and planar reassembly.
+#include "codecs/ccitt.h"
+#include "codecs/codecs.h"
+#include "codecs/lzw.h"
+#include "codecs/tiff.h"
+#include "colour/colour.h"
+
+#include <cmath>
+
+namespace {
+
+constexpr uint32_t WHOLE_IMAGE = 0xFFFFFFFE;  // rows per strip when the tag is absent
+constexpr uint32_t FIRST_IFD_MAX = 550;
+constexpr uint32_t LATER_IFD_MIN = 5, LATER_IFD_MAX = 300;
+constexpr uint32_t MAX_ROW = 1u << 28;  // a working row beyond this is refused as out of memory
+constexpr double CENTIMETRE_FACTOR = 2.567;
+
+// Values that survive from one IFD to the next and from one decode to the next.
+uint32_t jpeg_tables[3];
+
+struct tiff_reader {
+    int fd;
+    int32_t base;
+    int32_t size;  // the source's known size
+    bool mm;
+    tiff_tag_record rec;
+    tiff_ifd_entry strip_entry;
+    uint32_t resolution_unit;
+    uint8_t *entries;  // raw entries of the current IFD and its next offset
+
+    // strip lookup
+    uint8_t *strip_array;
+    uint32_t strip_array_count;
+    bool strip_array_loaded;
+
+    // callbacks
+    IMG_put_row_fn put_row;
+    void *user;
+
+    // row conversion
+    uint32_t row_size;  // decoded bytes of one row (of one plane when planar)
+    uint32_t bits;      // bits per sample
+    uint32_t samples;
+    bool planar;
+    bool ycbcr_full;  // YCbCr rows that are not subsampled: Y, Cb, Cr per pixel
+    uint8_t *work, *out;
+    bool sink_failed;
+
+    // planar images go through a temporary file
+    int plane;
+    uint32_t plane_row_bytes;
+    int temp_fd;
+    char temp_name[100];
+};
+
+uint16_t u16(const tiff_reader &r, const uint8_t *p) { return r.mm ? get16be(p) : get16(p); }
+uint32_t u32(const tiff_reader &r, const uint8_t *p) { return r.mm ? get32be(p) : get32(p); }
+
+// Reads n bytes at base + offset, never past the source's end; the rest of
+// the buffer is zeroed.  Returns the bytes read.
+int32_t read_at(tiff_reader &r, uint32_t offset, void *buf, int32_t n) {
+    std::memset(buf, 0, static_cast<size_t>(n));
+    int64_t at = static_cast<int64_t>(r.base) + offset;
+    if (at > 0x7FFFFFFF || at >= r.size) return 0;
+    if (n > r.size - at) n = static_cast<int32_t>(r.size - at);
+    if (file_seek(r.fd, static_cast<int32_t>(at), 0) < 0) return 0;
+    int32_t got = file_read(r.fd, buf, n);
+    return got < 0 ? 0 : got > n ? n : got;
+}
+
+// Reads from the current position, never past the source's end.
+int32_t read_here(tiff_reader &r, uint8_t *buf, int32_t n) {
+    int32_t here = file_seek(r.fd, 0, 1);
+    if (here < 0 || here >= r.size) return 0;
+    if (n > r.size - here) n = r.size - here;
+    int32_t got = file_read(r.fd, buf, n);
+    return got < 0 ? 0 : got > n ? n : got;
+}
+
+// ---- Entries ------------------------------------------------------------------------
+tiff_ifd_entry entry_at(const tiff_reader &r, const uint8_t *p) {
+    tiff_ifd_entry e;
+    if (!r.mm) {
+        e = {get16(p), get16(p + 2), get32(p + 4), get32(p + 8)};
+        return e;
+    }
+    e.tag = get16be(p);
+    e.type = get16be(p + 2);
+    e.count = get32be(p + 4);
+    const uint8_t *v = p + 8;
+    // The value field is swapped by its type, as a whole word or by halves.
+    if (e.type == TIFF_BYTE && e.count < 5)
+        e.value = static_cast<uint32_t>(v[1] | v[0] << 8 | v[2] << 16) | static_cast<uint32_t>(v[3]) << 24;
+    else if (e.type == TIFF_SHORT && e.count < 3)
+        e.value = get16be(v) | static_cast<uint32_t>(get16be(v + 2)) << 16;
+    else if (e.type == TIFF_SHORT || e.type == TIFF_BYTE || e.type == TIFF_ASCII || e.type == TIFF_LONG ||
+             e.type == TIFF_RATIONAL)
+        e.value = get32be(v);
+    else
+        e.value = get32(v);
+    return e;
+}
+
+// The first value of an entry.
+uint32_t tiff_tag_value(tiff_reader &r, const tiff_ifd_entry &e) {
+    uint8_t b[8];
+    switch (e.type) {
+    case TIFF_BYTE:
+        if (e.count > 4) {
+            read_at(r, e.value, b, 1);
+            return b[0];
+        }
+        return e.value & 0xFF;
+    case TIFF_ASCII:
+        if (e.count > 1) {
+            read_at(r, e.value, b, 4);
+            return u32(r, b);
+        }
+        return e.value;
+    case TIFF_SHORT:
+        if (e.count == 2) return e.value;
+        if (e.count > 2) {
+            read_at(r, e.value, b, 2);
+            return u16(r, b);
+        }
+        return e.value & 0xFFFF;
+    case TIFF_LONG:
+        if (e.count != 1) {
+            read_at(r, e.value, b, 4);
+            return u32(r, b);
+        }
+        return e.value;
+    case TIFF_RATIONAL:
+        read_at(r, e.value, b, 4);
+        return u32(r, b);
+    default: return 0;
+    }
+}
+
+uint32_t resolution(tiff_reader &r, const tiff_ifd_entry &e) {
+    if (e.type != TIFF_RATIONAL) return tiff_tag_value(r, e);
+    uint8_t b[8];
+    read_at(r, e.value, b, 8);
+    uint32_t num = u32(r, b), den = u32(r, b + 4);
+    return den ? num / den : num;
+}
+
+void read_text(tiff_reader &r, uint32_t offset, int32_t length, char *dst, size_t capacity) {
+    uint8_t text[200];
+    read_at(r, offset, text, length);
+    size_t n = static_cast<size_t>(length) < capacity - 1 ? static_cast<size_t>(length) : capacity - 1;
+    std::memcpy(dst, text, n);
+    dst[n] = 0;
+}
+
+void apply_entry(tiff_reader &r, tiff_ifd_entry e) {
+    tiff_tag_record &t = r.rec;
+    switch (e.tag) {
+    case TAG_IMAGE_WIDTH: e.count = 1; t.width = tiff_tag_value(r, e); break;
+    case TAG_IMAGE_LENGTH: e.count = 1; t.height = tiff_tag_value(r, e); break;
+    case TAG_BITS_PER_SAMPLE: t.bits_per_sample = tiff_tag_value(r, e) & 0xFFFF; break;
+    case TAG_COMPRESSION: t.compression = tiff_tag_value(r, e); break;
+    case TAG_PHOTOMETRIC: t.photometric = tiff_tag_value(r, e); break;
+    case TAG_FILL_ORDER: t.fill_order = tiff_tag_value(r, e); break;
+    case TAG_STRIP_OFFSETS:
+        r.strip_entry = e;
+        t.strip_offsets = tiff_tag_value(r, e);
+        break;
+    case TAG_SAMPLES_PER_PIXEL: t.samples_per_pixel = tiff_tag_value(r, e); break;
+    case TAG_ROWS_PER_STRIP: t.rows_per_strip = tiff_tag_value(r, e); break;
+    case TAG_STRIP_BYTE_COUNTS: t.strip_byte_counts = tiff_tag_value(r, e); break;
+    case TAG_X_RESOLUTION: t.x_resolution = resolution(r, e); break;
+    case TAG_Y_RESOLUTION: t.y_resolution = resolution(r, e); break;
+    case TAG_PLANAR_CONFIG:
+        if (t.samples_per_pixel == 3 || t.samples_per_pixel == 4) t.planar_config = tiff_tag_value(r, e);
+        break;
+    case TAG_GRAY_RESPONSE_UNIT: t.gray_response_unit = tiff_tag_value(r, e); break;
+    case TAG_GRAY_RESPONSE_CURVE: t.gray_response_curve = e.value; break;
+    case TAG_T4_OPTIONS:
+        if ((tiff_tag_value(r, e) & 1) && t.compression == 3) t.compression = TIFF_COMPRESSION_G3_2D;
+        break;
+    case TAG_RESOLUTION_UNIT: r.resolution_unit = tiff_tag_value(r, e); break;
+    // These two change library-wide texts that the TIFF writer embeds.
+    case TAG_DATE_TIME: read_text(r, e.value, 40, settings.bitmap_date, sizeof settings.bitmap_date); break;
+    case TAG_ARTIST: read_text(r, e.value, 200, settings.bitmap_name, sizeof settings.bitmap_name); break;
+    case TAG_PREDICTOR: t.predictor = tiff_tag_value(r, e); break;
+    case TAG_COLOR_MAP: t.color_map = e.value; break;
+    case TAG_TILE_WIDTH: e.count = 1; t.width = tiff_tag_value(r, e); break;
+    case TAG_TILE_LENGTH: e.count = 1; t.height = tiff_tag_value(r, e); break;
+    case TAG_TILE_OFFSETS:
+        t.tiled = 1;
+        r.strip_entry = e;
+        t.strip_offsets = tiff_tag_value(r, e);
+        break;
+    case TAG_JPEG_INTERCHANGE: t.jpeg_interchange = tiff_tag_value(r, e); break;
+    case TAG_JPEG_Q_TABLES: jpeg_tables[0] = e.value; break;
+    case TAG_JPEG_DC_TABLES: jpeg_tables[1] = e.value; break;
+    case TAG_JPEG_AC_TABLES: jpeg_tables[2] = e.value; break;
+    case TAG_YCBCR_SUBSAMPLING: t.ycbcr_subsampling = e.value; break;
+    default: break;
+    }
+}
+
+void reset_record(tiff_reader &r) {
+    r.rec = tiff_tag_record{};
+    r.rec.rows_per_strip = WHOLE_IMAGE;
+    r.rec.samples_per_pixel = 1;
+    r.rec.bits_per_sample = 1;
+    r.rec.compression = 1;
+    r.rec.fill_order = 1;
+    r.rec.planar_config = 1;
+    r.rec.predictor = 1;
+    r.strip_entry = tiff_ifd_entry{};
+    r.resolution_unit = 0;
+}
+
+uint32_t scale_resolution(uint32_t v) {
+    double d = std::trunc(v * CENTIMETRE_FACTOR);
+    return d >= 4294967295.0 ? 0xFFFFFFFFu : static_cast<uint32_t>(d);
+}
+
+bool is_fax(uint32_t compression) {
+    return compression == 2 || compression == 3 || compression == 4 || compression == TIFF_COMPRESSION_G3_2D;
+}
+
+// Parses the IFD at base + ifd holding count entries; returns the next
+// IFD's offset, 0 when the chain ends there.
+uint32_t tiff_read_ifd(tiff_reader &r, uint32_t ifd, uint32_t count) {
+    reset_record(r);
+    int32_t n = static_cast<int32_t>(count * 12 + 4);
+    read_at(r, ifd + 2, r.entries, n);
+    for (uint32_t i = 0; i < count; i++) apply_entry(r, entry_at(r, r.entries + 12 * i));
+    uint32_t next = u32(r, r.entries + 12 * count);
+    if (is_fax(r.rec.compression)) r.rec.photometric ^= 1;  // fax rows come with 1-bits white
+    if (r.resolution_unit == 3) {
+        r.rec.x_resolution = scale_resolution(r.rec.x_resolution);
+        r.rec.y_resolution = scale_resolution(r.rec.y_resolution);
+    }
+    if (next) {
+        uint8_t b[2];
+        if (read_at(r, next, b, 2) < 2) return 0;
+        uint32_t c = u16(r, b);
+        if (c < LATER_IFD_MIN || c > LATER_IFD_MAX) return 0;
+    }
+    return next;
+}
+
+// Opens the header at base.  The first IFD's offset and entry count, or a
+// negative code.
+int open_header(tiff_reader &r, uint32_t *ifd, uint32_t *count) {
+    uint8_t h[8];
+    if (read_at(r, 0, h, 8) < 8) return IMG_ERR_HEADER;
+    uint16_t order = get16(h);
+    if (order != TIFF_II && order != TIFF_MM) return IMG_ERR_TYPE;
+    r.mm = order == TIFF_MM;
+    *ifd = u32(r, h + 4);
+    uint8_t c[2];
+    read_at(r, *ifd, c, 2);
+    int16_t n = static_cast<int16_t>(u16(r, c));
+    if (n < 0 || static_cast<uint32_t>(n) > FIRST_IFD_MAX) return IMG_ERR_HEADER;
+    *count = static_cast<uint32_t>(n);
+    return 0;
+}
+
+// An IFD takes at least 66 bytes, so a source holds no more of them than
+// this; a chain that loops is cut there.
+uint32_t ifd_limit(const tiff_reader &r) {
+    uint32_t by_size = static_cast<uint32_t>(r.size / 66) + 1;
+    return by_size < 65536 ? by_size : 65536;
+}
+
+bool reader_open(tiff_reader &r, int fd, int32_t base) {
+    r = tiff_reader{};
+    r.fd = fd;
+    r.base = base;
+    r.size = file_size_hint(fd);
+    r.temp_fd = -1;
+    r.entries = static_cast<uint8_t *>(scratch_alloc(FIRST_IFD_MAX * 12 + 8));
+    return r.entries != nullptr;
+}
+
+// Walks the chain to the wanted page; 0 or a negative code.
+int walk(tiff_reader &r, uint32_t wanted) {
+    uint32_t ifd, count;
+    if (int rc = open_header(r, &ifd, &count); rc < 0) return rc;
+    uint32_t page = 0, limit = ifd_limit(r);
+    for (;;) {
+        uint32_t next = tiff_read_ifd(r, ifd, count);
+        if (!next || page == wanted || r.rec.tiled || page + 1 >= limit) break;
+        uint8_t b[2];
+        read_at(r, next, b, 2);
+        count = u16(r, b);
+        ifd = next;
+        page++;
+    }
+    if (r.rec.tiled) {
+        r.rec.tiled = wanted;  // the page number picks the tile
+    } else if (wanted && page != wanted) {
+        return IMG_ERR_PAGE;
+    }
+    return 0;
+}
+
+// ---- DIB header and palette ------------------------------------------------------------
+int dib_bits(uint32_t samples, uint32_t bits) {
+    uint64_t product = samples == 2 ? bits : static_cast<uint64_t>(samples) * bits;
+    uint64_t count = product;
+    bool adjusted = false;
+    if (product != 32 && samples != 3) {
+        if (product == 2 || product == 3) {
+            count = 4;
+            adjusted = true;
+        } else if (product > 8 && samples == 1) {
+            count = 8;
+            adjusted = true;
+        }
+    }
+    if (product == 32 || samples == 3 || (samples == 4 && bits == 4) || (samples >= 5 && !adjusted)) count = 24;
+    return count > 24 ? 0 : static_cast<int>(count);
+}
+
+void read_palette(tiff_reader &r, dib_header &h) {
+    const uint32_t n = 1u << h.info.biBitCount;
+    uint16_t map[3 * 256];
+    uint8_t raw[6 * 256];
+    const tiff_tag_record &t = r.rec;
+    read_at(r, t.gray_response_curve ? t.gray_response_curve : t.color_map, raw, static_cast<int32_t>(6 * n));
+    for (uint32_t i = 0; i < 3 * n; i++) map[i] = u16(r, raw + 2 * i);
+    uint8_t *pal = h.palette;
+    if (!t.gray_response_curve) {
+        // Maps written with 8-bit values are taken as they are.
+        auto scale = [](uint16_t v) { return static_cast<uint8_t>(v >= 256 ? v >> 8 : v); };
+        for (uint32_t i = 0; i < n; i++) {
+            pal[4 * i + 2] = scale(map[i]);
+            pal[4 * i + 1] = scale(map[n + i]);
+            pal[4 * i] = scale(map[2 * n + i]);
+        }
+        return;
+    }
+    double divisor = 2 * std::pow(10.0, static_cast<double>(t.gray_response_unit));
+    for (uint32_t i = 0; i < n; i++) {
+        double v = std::trunc(255 / std::pow(10.0, map[i] / divisor));
+        uint8_t g = !(v > 0) ? 0 : v >= 255 ? 255 : static_cast<uint8_t>(v);
+        pal[4 * i] = pal[4 * i + 1] = pal[4 * i + 2] = g;
+    }
+}
+
+// ---- Strip lookup ------------------------------------------------------------------------
+bool tiff_strip_seek(tiff_reader &r, uint32_t k) {
+    if (r.rec.tiled) k = r.rec.tiled;
+    const tiff_ifd_entry &e = r.strip_entry;
+    uint32_t offset;
+    if (e.count == 1 && e.type == TIFF_LONG) {
+        offset = e.value;
+    } else if (e.count < 5 && e.type == TIFF_BYTE) {
+        offset = e.value;
+    } else if (e.count < 3 && e.type == TIFF_SHORT) {
+        offset = k == 0 ? e.value & 0xFFFF : e.value >> 16;
+    } else {
+        const uint32_t size = e.type == TIFF_SHORT ? 2 : 4;
+        if (!r.strip_array_loaded) {
+            r.strip_array_loaded = true;
+            int64_t at = static_cast<int64_t>(r.base) + e.value;
+            int64_t room = at < r.size ? (r.size - at) / size : 0;
+            uint32_t n = e.count < room ? e.count : static_cast<uint32_t>(room);
+            if (n > (1u << 24)) n = 1u << 24;
+            if (n) {
+                r.strip_array = static_cast<uint8_t *>(scratch_alloc(n * size));
+                if (!r.strip_array) return false;
+                r.strip_array_count = static_cast<uint32_t>(read_at(r, e.value, r.strip_array, static_cast<int32_t>(n * size))) / size;
+            }
+        }
+        if (k >= r.strip_array_count) return false;
+        offset = size == 2 ? u16(r, r.strip_array + 2 * k) : u32(r, r.strip_array + 4 * k);
+    }
+    int64_t at = static_cast<int64_t>(r.base) + offset;
+    if (at > 0x7FFFFFFF) return false;
+    return file_seek(r.fd, static_cast<int32_t>(at), 0) >= 0;
+}
+
+// ---- Row converter ---------------------------------------------------------------------------
+int deliver(tiff_reader &r, uint8_t *row, int index) {
+    int rc = r.put_row(row, r.user, index, static_cast<int>(r.rec.dib_row_bytes));
+    if (rc < 0) r.sink_failed = true;
+    return rc < 0 ? rc : 0;
+}
+
+// Keeps the first (most significant in "MM" files) byte of every sample.
+void first_bytes(uint8_t *w, uint32_t samples) {
+    for (uint32_t i = 0; i < samples; i++) w[i] = w[2 * i];
+}
+
+void undo_predictor(uint8_t *w, uint32_t n, uint32_t stride) {
+    for (uint32_t i = stride; i < n; i++) w[i] = static_cast<uint8_t>(w[i] + w[i - stride]);
+}
+
+inline uint8_t ink(int a, int b) { return a + b >= 255 ? 0 : static_cast<uint8_t>(255 - (a + b)); }
+inline uint8_t clamp255(int v) { return v < 0 ? 0 : v > 255 ? 255 : static_cast<uint8_t>(v); }
+inline int nibble(const uint8_t *w, uint32_t i) { return (w[i >> 1] >> ((i & 1) ? 0 : 4)) & 15; }
+inline int bit(const uint8_t *w, uint32_t i) { return (w[i >> 3] >> (7 - (i & 7))) & 1; }
+
+// Samples of three or more per pixel, chunky: to a 24-bit BGR row in out.
+void convert_colour(tiff_reader &r, const uint8_t *w, uint8_t *out, uint32_t bits) {
+    const uint32_t width = r.rec.width, spp = r.samples;
+    switch (r.rec.photometric) {
+    case 5:  // cyan, magenta, yellow, black
+        for (uint32_t x = 0; x < width; x++) {
+            const uint8_t *p = w + spp * x;
+            int k = spp >= 4 ? p[3] : 0;
+            out[3 * x] = ink(p[2], k);
+            out[3 * x + 1] = ink(p[1], k);
+            out[3 * x + 2] = ink(p[0], k);
+        }
+        return;
+    case 8:  // CIE L*a*b*: L 0-255 for 0-100, a and b signed
+        for (uint32_t x = 0; x < width; x++) {
+            const uint8_t *p = w + spp * x;
+            cielab_to_bgr(p[0] * (100.0 / 255.0), static_cast<int8_t>(p[1]), static_cast<int8_t>(p[2]), out + 3 * x);
+        }
+        return;
+    default: break;
+    }
+    if (bits == 8) {
+        for (uint32_t x = 0; x < width; x++) {
+            const uint8_t *p = w + spp * x;
+            out[3 * x] = p[2];
+            out[3 * x + 1] = p[1];
+            out[3 * x + 2] = p[0];
+        }
+    } else if (bits == 4) {
+        for (uint32_t x = 0; x < width; x++)
+            for (int c = 0; c < 3; c++) out[3 * x + 2 - c] = static_cast<uint8_t>(nibble(w, spp * x + c) << 4);
+    } else if (bits == 1) {
+        for (uint32_t x = 0; x < width; x++)
+            for (int c = 0; c < 3; c++) out[3 * x + 2 - c] = bit(w, spp * x + c) ? 128 : 0;
+    }
+}
+
+// Two pixels from each group of Y1, Y2, Cb, Cr; or, for rows that are not
+// subsampled, one pixel from each Y, Cb, Cr.
+void convert_ycbcr(const uint8_t *w, uint8_t *out, uint32_t width, bool full) {
+    const uint32_t step = full ? 1 : 2;
+    for (uint32_t x = 0; x < width; x += step) {
+        const uint8_t *g = full ? w + 3 * x : w + 2 * x;
+        int cb = g[step] - 128, cr = g[step + 1] - 128;
+        int db = static_cast<int>(1.772 * cb), dg = static_cast<int>(0.71414 * cr + 0.34414 * cb),
+            dr = static_cast<int>(1.402 * cr);
+        for (uint32_t k = 0; k < step; k++) {
+            int y = g[k];
+            uint8_t *o = out + 3 * (x + k);
+            o[0] = clamp255(y + db);
+            o[1] = clamp255(y - dg);
+            o[2] = clamp255(y + dr);
+        }
+    }
+}
+
+int write_plane_row(tiff_reader &r, const uint8_t *w, int index) {
+    int64_t at = (static_cast<int64_t>(r.plane) * r.rec.height + index) * r.plane_row_bytes;
+    if (index < 0 || static_cast<uint32_t>(index) >= r.rec.height || at > 0x7FFFFFFF) return 0;
+    if (os_seek(r.temp_fd, static_cast<int32_t>(at), 0) != at) return IMG_ERR_CREATE;
+    if (os_write(r.temp_fd, w, static_cast<int32_t>(r.plane_row_bytes)) != static_cast<int32_t>(r.plane_row_bytes)) {
+        r.sink_failed = true;
+        return IMG_ERR_WRITE;
+    }
+    return 0;
+}
+
+int tiff_row_convert(tiff_reader &r, const uint8_t *row, int index) {
+    uint8_t *w = r.work;
+    const tiff_tag_record &t = r.rec;
+    std::memcpy(w, row, r.row_size);
+    uint32_t bits = r.bits;
+    const uint32_t spp = r.samples, width = t.width;
+    if (r.planar) {
+        if (t.predictor == 2) undo_predictor(w, r.row_size, 1);
+        if (bits == 16) first_bytes(w, width);
+        return write_plane_row(r, w, index);
+    }
+    const uint64_t product = static_cast<uint64_t>(spp) * bits;
+    if (t.photometric == 0 && (product == 1 || product == 4 || product == 8 || product == 24))
+        for (uint32_t i = 0; i < r.row_size; i++) w[i] = static_cast<uint8_t>(255 - w[i]);
+    if (t.predictor == 2) undo_predictor(w, r.row_size, spp == 3 ? 3 : spp == 4 ? 4 : 1);
+    if (bits == 16) {
+        first_bytes(w, spp >= 3 ? width * spp : width);
+        bits = 8;
+    }
+    if (spp >= 3) {
+        if (t.photometric == 6) {
+            convert_ycbcr(w, r.out, width, r.ycbcr_full);
+            return deliver(r, r.out, index);
+        }
+        if (t.photometric == 5 || t.photometric == 8 || bits == 8 || bits == 4 || (bits == 1 && spp == 3)) {
+            convert_colour(r, w, r.out, bits);
+            return deliver(r, r.out, index);
+        }
+        return deliver(r, w, index);  // 1-bit four-sample pixels already are 4-bit indices
+    }
+    if (spp == 2 && bits == 8) {
+        for (uint32_t i = 0; i < width; i++) w[i] = w[2 * i];  // gray with alpha: drop the alpha
+    } else if (bits == 2 && spp == 1) {
+        // Each 2-bit value v becomes the nibble 4v; a last partial byte stays as it was.
+        for (uint32_t i = width / 4; i-- > 0;) {
+            uint8_t b = w[i];
+            w[2 * i] = static_cast<uint8_t>((b >> 6) << 6 | ((b >> 4) & 3) << 2);
+            w[2 * i + 1] = static_cast<uint8_t>(((b >> 2) & 3) << 6 | (b & 3) << 2);
+        }
+    }
+    return deliver(r, w, index);
+}
+
+// ---- Strip decoders ----------------------------------------------------------------------------
+uint32_t rows_in(const tiff_reader &r, uint32_t row) {
+    uint32_t left = r.rec.height - row;
+    return r.rec.rows_per_strip < left ? r.rec.rows_per_strip : left;
+}
+
+int planes_of(const tiff_reader &r) { return r.planar ? static_cast<int>(r.samples) : 1; }
+
+int tiff_read_uncompressed(tiff_reader &r) {
+    const uint32_t rs = r.row_size, height = r.rec.height, rps = r.rec.rows_per_strip;
+    const uint32_t cap = (rs > READ_BUFFER_SIZE ? rs : READ_BUFFER_SIZE);
+    auto *buf = static_cast<uint8_t *>(scratch_alloc(cap + 200));
+    if (!buf) return IMG_ERR_MEMORY;
+    uint32_t fit = READ_BUFFER_SIZE / rs ? READ_BUFFER_SIZE / rs : 1;
+    uint32_t per_read = rps >= height ? fit : static_cast<uint64_t>(rps) * rs < READ_BUFFER_SIZE ? rps : fit;
+    uint32_t strip = 0;
+    for (r.plane = 0; r.plane < planes_of(r); r.plane++) {
+        for (uint32_t row = 0; row < height; strip++) {
+            if (!tiff_strip_seek(r, strip)) return IMG_ERR_DATA;
+            for (uint32_t left = rows_in(r, row); left;) {
+                uint32_t n = per_read < left ? per_read : left;
+                int32_t want = static_cast<int32_t>(n * rs);
+                int32_t got = read_here(r, buf, want);
+                if (got <= 0) return IMG_ERR_DATA;
+                std::memset(buf + got, 0, static_cast<size_t>(want - got));
+                for (uint32_t i = 0; i < n; i++)
+                    if (int rc = tiff_row_convert(r, buf + i * rs, static_cast<int>(row + i)); rc < 0) return rc;
+                row += n;
+                left -= n;
+            }
+        }
+    }
+    return 0;
+}
+
+// Compressed input through a buffer whose unread bytes move to the front
+// when it is topped up.
+struct input {
+    tiff_reader *r;
+    uint8_t *buf;
+    int32_t cap, pos, len;
+
+    void reset() { pos = len = 0; }
+    bool top_up() {
+        if (pos > 0) {
+            std::memmove(buf, buf + pos, static_cast<size_t>(len - pos));
+            len -= pos;
+            pos = 0;
+        }
+        int32_t got = read_here(*r, buf + len, cap - len);
+        len += got;
+        return got > 0;
+    }
+};
+
+int tiff_read_packbits(tiff_reader &r) {
+    const uint32_t rs = r.row_size, height = r.rec.height;
+    input in{&r, static_cast<uint8_t *>(scratch_alloc(READ_BUFFER_SIZE + 200)), READ_BUFFER_SIZE + 200, 0, 0};
+    auto *row = static_cast<uint8_t *>(scratch_alloc((rs > READ_BUFFER_SIZE ? rs : READ_BUFFER_SIZE) + 200));
+    if (!in.buf || !row) return IMG_ERR_MEMORY;
+    uint32_t strip = 0;
+    for (r.plane = 0; r.plane < planes_of(r); r.plane++) {
+        for (uint32_t y = 0; y < height; strip++) {
+            if (!tiff_strip_seek(r, strip)) return IMG_ERR_DATA;
+            in.reset();
+            if (!in.top_up()) return IMG_ERR_DATA;
+            for (uint32_t left = rows_in(r, y); left; left--, y++) {
+                uint32_t x = 0;
+                while (x < rs) {
+                    if (in.len - in.pos < 2 && !in.top_up() && in.pos >= in.len) return IMG_ERR_DATA;
+                    int n = in.buf[in.pos++];
+                    if (n < 128) {
+                        // A literal run; bytes past the row's end are dropped.
+                        for (int count = n + 1; count > 0;) {
+                            if (in.pos >= in.len && !in.top_up()) return IMG_ERR_DATA;
+                            int k = in.len - in.pos < count ? in.len - in.pos : count;
+                            uint32_t keep = rs - x < static_cast<uint32_t>(k) ? rs - x : static_cast<uint32_t>(k);
+                            std::memcpy(row + x, in.buf + in.pos, keep);
+                            x += keep;
+                            in.pos += k;
+                            count -= k;
+                        }
+                    } else {
+                        // 128 repeats 129 times: no no-op control byte here.
+                        if (in.pos >= in.len && !in.top_up()) return IMG_ERR_DATA;
+                        uint32_t count = static_cast<uint32_t>((257 - n) & 0xFF);
+                        if (count > rs - x) count = rs - x;
+                        std::memset(row + x, in.buf[in.pos++], count);
+                        x += count;
+                    }
+                }
+                if (int rc = tiff_row_convert(r, row, static_cast<int>(y)); rc < 0) return rc;
+                if (in.len - in.pos < static_cast<int32_t>(2 * rs)) in.top_up();
+            }
+        }
+    }
+    return 0;
+}
+
+struct ccitt_sink_state {
+    tiff_reader *r;
+};
+
+int ccitt_row(void *context, uint8_t *row, int index, int) {
+    auto *r = static_cast<tiff_reader *>(context);
+    return deliver(*r, row, index);
+}
+
+int tiff_read_ccitt(tiff_reader &r) {
+    const int32_t work_size = READ_BUFFER_SIZE + 300;
+    auto *work = static_cast<uint8_t *>(scratch_alloc(work_size));
+    ccitt_tables tables{};
+    if (!work || !ccitt_tables_build(tables)) return IMG_ERR_MEMORY;
+    ccitt_params p{};
+    p.width = static_cast<int32_t>(r.rec.width);
+    p.compression = r.rec.compression;
+    p.photometric = r.rec.photometric;
+    p.fill_order = r.rec.fill_order;
+    p.pad_white = true;
+    p.tables = &tables;
+    int rc = 0;
+    uint32_t strip = 0;
+    for (uint32_t row = 0; row < r.rec.height && rc >= 0; strip++) {
+        p.rows = static_cast<int32_t>(rows_in(r, row));
+        p.first_row = static_cast<int32_t>(row);
+        if (!tiff_strip_seek(r, strip)) {
+            rc = IMG_ERR_DATA;
+            break;
+        }
+        if (p.compression == 4)
+            rc = ccitt_decode_g4(work, work_size, p, r.fd, ccitt_row, &r);
+        else if (p.compression == TIFF_COMPRESSION_G3_2D)
+            rc = ccitt_decode_g3_2d(work, work_size, p, r.fd, ccitt_row, &r);
+        else
+            rc = ccitt_decode_g3_1d(work, work_size, p, r.fd, ccitt_row, &r);
+        row += static_cast<uint32_t>(p.rows);
+    }
+    ccitt_tables_free(tables);
+    return rc;
+}
+
+int lzw_row(void *context, uint8_t *row, int index) {
+    return tiff_row_convert(*static_cast<tiff_reader *>(context), row, index);
+}
+
+int tiff_read_lzw(tiff_reader &r) {
+    const uint32_t rs = r.row_size, height = r.rec.height, rps = r.rec.rows_per_strip;
+    const int32_t in_size = READ_BUFFER_SIZE + 1000;
+    uint32_t row_buffer_size;
+    if (!size_mul_add(rs, r.bits == 1 ? 10 : 4, 4200, &row_buffer_size)) return IMG_ERR_MEMORY;
+    auto *in = static_cast<uint8_t *>(scratch_alloc(in_size));
+    auto *rows = static_cast<uint8_t *>(scratch_alloc(row_buffer_size));
+    tiff_lzw_state s{};
+    if (!in || !rows || tiff_lzw_begin(s) < 0) return IMG_ERR_MEMORY;
+    int rc = 0;
+    uint32_t strip = 0;
+    for (r.plane = 0; r.plane < planes_of(r) && rc >= 0; r.plane++) {
+        for (uint32_t y = 0; y < height; strip++) {
+            uint32_t n = rows_in(r, y);
+            rc = tiff_strip_seek(r, strip)
+                     ? tiff_lzw_decode_strip(s, r.fd, in, in_size, static_cast<int>(y), rs, rows, row_buffer_size,
+                                             static_cast<int>(n), lzw_row, &r)
+                     : IMG_ERR_DATA;
+            y += n;
+            // A damaged full-length strip is passed over; a short one ends the image.
+            if (rc < 0 && (r.sink_failed || rc == IMG_ERR_MEMORY || n < rps)) break;
+            rc = 0;
+        }
+    }
+    tiff_lzw_end(s);
+    return rc;
+}
+
+// ---- Planar reassembly ----------------------------------------------------------------------
+int reassemble(tiff_reader &r) {
+    const uint32_t prb = r.plane_row_bytes, width = r.rec.width, height = r.rec.height;
+    const int planes = static_cast<int>(r.samples < 4 ? r.samples : 4);
+    auto *p = static_cast<uint8_t *>(scratch_alloc(4 * prb + 16));
+    if (!p) return IMG_ERR_MEMORY;
+    uint8_t *plane[4] = {p, p + prb, p + 2 * prb, p + 3 * prb};
+    uint8_t *out = r.out;
+    const uint32_t bits = r.bits == 16 ? 8 : r.bits;
+    for (uint32_t y = 0; y < height; y++) {
+        std::memset(p, 0, 4 * prb);
+        for (int k = 0; k < planes; k++) {
+            int64_t at = (static_cast<int64_t>(k) * height + y) * prb;
+            if (os_seek(r.temp_fd, static_cast<int32_t>(at), 0) == at) os_read(r.temp_fd, plane[k], static_cast<int32_t>(prb));
+        }
+        if (bits == 1 && planes == 4) {
+            std::memset(out, 0, r.rec.dib_row_bytes);
+            for (uint32_t x = 0; x < width; x++) {
+                int v = bit(plane[3], x) << 3 | bit(plane[0], x) << 2 | bit(plane[1], x) << 1 | bit(plane[2], x);
+                out[x >> 1] |= static_cast<uint8_t>((x & 1) ? v : v << 4);
+            }
+        } else {
+            for (uint32_t x = 0; x < width; x++) {
+                for (int c = 0; c < 3; c++) {
+                    const uint8_t *s = plane[2 - c];
+                    uint8_t v;
+                    switch (bits) {
+                    case 8: v = s[x]; break;
+                    case 4: v = static_cast<uint8_t>(nibble(s, x) << 4); break;
+                    case 1: v = bit(s, x) ? 255 : 0; break;
+                    default: v = static_cast<uint8_t>(((s[x * bits / 8] >> (8 - bits - (x * bits) % 8)) & 3) * 85); break;
+                    }
+                    out[3 * x + c] = v;
+                }
+            }
+        }
+        if (int rc = deliver(r, out, static_cast<int>(y)); rc < 0) return rc;
+    }
+    return 0;
+}
+
+struct temp_file_guard {
+    tiff_reader &r;
+    ~temp_file_guard() {
+        if (r.temp_fd >= 0) {
+            os_close(r.temp_fd);
+            os_delete(r.temp_name);
+            r.temp_fd = -1;
+        }
+    }
+};
+
+// ---- The decode --------------------------------------------------------------------------------
+int decode(tiff_reader &r, uint32_t wanted, IMG_put_row_fn put_row, void *user, IMG_begin_image_fn begin_image) {
+    if (int rc = walk(r, wanted); rc < 0) return rc;
+    tiff_tag_record &t = r.rec;
+    r.put_row = put_row;
+    r.user = user;
+    if (t.compression == 6 && t.jpeg_interchange) {
+        int64_t at = static_cast<int64_t>(r.base) + t.jpeg_interchange;
+        if (at > 0x7FFFFFFF) return IMG_ERR_HEADER;
+        return jpeg_read_file(static_cast<int32_t>(at), put_row, user, begin_image, r.fd);
+    }
+    auto *h = static_cast<dib_header *>(scratch_alloc(sizeof(dib_header)));
+    if (!h) return IMG_ERR_MEMORY;
+    r.samples = t.samples_per_pixel;
+    r.bits = t.bits_per_sample;
+    r.planar = t.planar_config == 2;
+    r.ycbcr_full = t.ycbcr_subsampling == 0x00010001;
+    const int bits = dib_bits(r.samples, r.bits);
+    if (t.width < 1 || t.width > 0x7FFFFFFF || t.height < 1 || t.height > 0x7FFFFFFF || r.samples == 0 ||
+        r.bits == 0 || r.bits > 32 || r.samples > 64 || (bits != 1 && bits != 4 && bits != 8 && bits != 24))
+        return IMG_ERR_HEADER;
+    if (is_fax(t.compression) && bits != 1) return IMG_ERR_HEADER;
+    if (t.rows_per_strip == 0) t.rows_per_strip = WHOLE_IMAGE;
+
+    // Row sizes, refused as out of memory when a working row would be absurd.
+    uint64_t plane_bits = static_cast<uint64_t>(t.width) * r.bits;
+    uint64_t row_size = r.planar ? (plane_bits + 7) / 8
+                        : t.ycbcr_subsampling && !r.ycbcr_full ? 2 * ((plane_bits + 7) / 8)
+                                              : (plane_bits * r.samples + 7) / 8;
+    uint64_t dib_row = ((static_cast<uint64_t>(t.width) * bits + 7) / 8 + 3) & ~uint64_t{3};
+    if (row_size > MAX_ROW || dib_row > MAX_ROW || dib_row * t.height > 0x7FFFFFFF) return IMG_ERR_MEMORY;
+    r.row_size = static_cast<uint32_t>(row_size);
+    t.dib_row_bytes = static_cast<uint32_t>(dib_row);
+
+    dib_info &i = h->info;
+    i.biSize = 40;
+    i.biWidth = static_cast<int32_t>(t.width);
+    i.biHeight = static_cast<int32_t>(t.height);
+    i.biPlanes = 1;
+    i.biBitCount = static_cast<uint16_t>(bits);
+    i.biSizeImage = static_cast<uint32_t>(dib_row * t.height);
+    i.biXPelsPerMeter = static_cast<int32_t>(t.x_resolution);
+    i.biYPelsPerMeter = static_cast<int32_t>(t.y_resolution);
+    if (t.color_map && t.photometric == 3 && bits <= 8)
+        read_palette(r, *h);
+    else if (r.samples == 4 && r.bits == 1)
+        set_named_palette(&i, "dither");
+    else if (bits != 24)
+        set_named_palette(&i, "tiff");
+
+    // Working rows: the converter's copy and its 24-bit output.
+    uint32_t big = static_cast<uint32_t>(row_size > dib_row ? row_size : dib_row);
+    r.work = static_cast<uint8_t *>(scratch_alloc(big + 64));
+    r.out = static_cast<uint8_t *>(scratch_alloc(static_cast<uint32_t>(dib_row) + 64));
+    if (!r.work || !r.out) return IMG_ERR_MEMORY;
+    if (r.planar) {
+        uint32_t pr = r.bits == 1 ? (t.width + 7) / 8 : r.bits == 4 ? (t.width + 1) / 2 : t.width;
+        r.plane_row_bytes = (pr + 3) & ~3u;
+        if (static_cast<uint64_t>(r.plane_row_bytes) * t.height * r.samples > 0x7FFFFFFF) return IMG_ERR_MEMORY;
+    }
+
+    if (int rc = begin_image(h, user); rc < 0) return rc;
+    temp_file_guard guard{r};
+    if (r.planar) {
+        r.temp_fd = open_temp_file(r.temp_name, 0);
+        if (r.temp_fd < 0) return IMG_ERR_CREATE;
+    }
+    int rc;
+    switch (t.compression) {
+    case 1: rc = tiff_read_uncompressed(r); break;
+    case 32773: rc = tiff_read_packbits(r); break;
+    case 2: case 3: case 4: case TIFF_COMPRESSION_G3_2D: rc = tiff_read_ccitt(r); break;
+    case 5: rc = tiff_read_lzw(r); break;
+    case 6: return IMG_ERR_TYPE;  // strips of JPEG data: the JPEG codec's part
+    default: return 1;  // announced, no rows: a compression this reader does not know
+    }
+    if (rc < 0) return rc;
+    if (r.planar) rc = reassemble(r);
+    return rc < 0 ? rc : 1;
+}
+
+}  // namespace
+
+BRIVANTA_READER(tiff_decompress) {
+    int32_t base;
+    uint32_t page = 0;
+    if (where_is_page(where)) {
+        base = file_seek(fd, 0, 1);
+        page = static_cast<uint32_t>(where) & 0xFFFF;
+    } else {
+        base = where_page(where);
+    }
+    if (base < 0) return IMG_ERR_OPEN;
+    tiff_reader r;
+    if (!reader_open(r, fd, base)) return IMG_ERR_MEMORY;
+    int rc = decode(r, page, put_row, context, begin_image);
+    // Scratch blocks go at the end of the load; the temporary file went with its guard.
+    scratch_free(r.entries);
+    return rc;
+}
+
+int tiff_page_count(int fd) {
+    tiff_reader r;
+    if (!reader_open(r, fd, 0)) return IMG_ERR_MEMORY;
+    uint32_t ifd, count;
+    int rc = open_header(r, &ifd, &count);
+    scratch_free(r.entries);
+    if (rc < 0) return rc;
+    uint32_t pages = 1, limit = ifd_limit(r);
+    for (; pages < limit; pages++) {
+        uint8_t b[4];
+        read_at(r, ifd + 2 + 12 * count, b, 4);
+        uint32_t next = u32(r, b);
+        if (!next || read_at(r, next, b, 2) < 2) break;
+        count = u16(r, b);
+        if (count < LATER_IFD_MIN || count > LATER_IFD_MAX) break;
+        ifd = next;
+    }
+    return static_cast<int>(pages);
+}
+
+int tiff_refine_type(int fd) {
+    tiff_reader r;
+    if (!reader_open(r, fd, 0)) return IMG_ERR_MEMORY;
+    int rc = walk(r, 0);
+    scratch_free(r.entries);
+    if (rc < 0) return IMG_ERR_TYPE;
+    switch (r.rec.compression) {
+    case 1: return IMG_TYPE_TIFF;
+    case 2: return IMG_TYPE_TIFF_HUFFMAN;
+    case 3: return IMG_TYPE_TIFF_G3;
+    case 5: return IMG_TYPE_TIFF_LZW;
+    case 4: return IMG_TYPE_TIFF_G4;
+    case 32773: return IMG_TYPE_TIFF_PACKBITS;
+    case TIFF_COMPRESSION_G3_2D: return IMG_TYPE_TIFF_45;
+    case 6: return IMG_TYPE_TIFF_JPEG;
+    default: return IMG_ERR_TYPE;
+    }
+}
