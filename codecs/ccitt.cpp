@@ -424,16 +424,13 @@ int run_g3_1d(decoder &d) {
     const ccitt_params &p = *d.p;
     int eols = 0;
     while (d.delivered < p.rows) {
-        if (d.br.only_zeros_left()) return 0;
+        if (d.br.only_zeros_left()) return pad_white(d);
         row_status s = decode_1d_row(d, p.compression == 3 || p.compression == TIFF_COMPRESSION_G3_2D, eols);
-        if (s == ROW_RTC) return pad_white(d);
-        if (s == ROW_END) return 0;
+        if (s == ROW_RTC || s == ROW_END) return pad_white(d);
         if (int rc = deliver(d); rc < 0) return rc;
         if (d.delivered >= p.rows) break;
         if (p.compression == 3) {
-            int f = find_eol(d, 3000);
-            if (f < 0) return 0;
-            if (f == 0) return pad_white(d);
+            if (find_eol(d, 3000) <= 0) return pad_white(d);
             eols = 1;
         } else if (p.compression == 2) {
             d.br.align();
@@ -508,9 +505,12 @@ int ccitt_decode_g3_2d(uint8_t *work, int32_t work_size, const ccitt_params &p, 
     ccitt_tables own{};
     int rc = open_decoder(d, work, work_size, p, fd, sink, context, own);
     while (rc == 0 && d.delivered < p.rows) {
-        if (d.br.only_zeros_left()) break;
-        int f = find_eol(d, 2000);
-        if (f <= 0) break;  // no EOL: decoding stops without padding
+        int f = d.br.only_zeros_left() ? -1 : find_eol(d, 2000);
+        if (f < 0) {  // the data ended: the end of the page
+            rc = pad_white(d);
+            break;
+        }
+        if (f == 0) break;  // no EOL within the limit: decoding stops without padding
         bool one_d = d.br.peek(1) != 0;
         d.br.skip(1);
         if (d.br.peek(12) == 1) {  // a second EOL: the end of the page
@@ -519,11 +519,10 @@ int ccitt_decode_g3_2d(uint8_t *work, int32_t work_size, const ccitt_params &p, 
         }
         int eols = 0;
         row_status s = one_d ? decode_1d_row(d, true, eols) : decode_2d_row(d);
-        if (s == ROW_RTC) {
+        if (s == ROW_RTC || s == ROW_END) {
             rc = pad_white(d);
             break;
         }
-        if (s == ROW_END) break;
         rc = deliver(d);
         swap_lines(d);
     }
@@ -537,12 +536,11 @@ int ccitt_decode_g4(uint8_t *work, int32_t work_size, const ccitt_params &p, int
     ccitt_tables own{};
     int rc = open_decoder(d, work, work_size, p, fd, sink, context, own);
     while (rc == 0 && d.delivered < p.rows) {
-        if (d.br.only_zeros_left()) break;
-        if (d.br.peek(12) == 1) {  // EOFB: the end of the page
+        // EOFB, or the end of the data: the end of the page.
+        if (d.br.only_zeros_left() || d.br.peek(12) == 1 || decode_2d_row(d) == ROW_END) {
             rc = pad_white(d);
             break;
         }
-        if (decode_2d_row(d) == ROW_END) break;
         rc = deliver(d);
         swap_lines(d);
     }

@@ -24,13 +24,13 @@ struct ccitt_params {
     uint32_t compression;  // 2, 3, 4 or 45; any other value decodes 1-D rows without EOL or alignment rules
     uint32_t photometric;  // 0: rows are inverted before delivery
     uint32_t fill_order;   // 2: bytes are bit-reversed as they are read
-    bool pad_white;        // RTC or a lost EOL delivers the remaining rows white
+    bool pad_white;        // the end of the page (RTC, EOFB, a lost EOL, the data's end) delivers the remaining rows white
     const ccitt_tables *tables;  // prebuilt tables, or null to build them for this call
 };
 
 // Each decoder reads from the file's current position through the work
-// buffer and returns 0 or a negative code.  Input that ends or turns to
-// garbage stops decoding with 0 after the last complete row.
+// buffer and returns 0 or a negative code.  Input that ends is the end of
+// the page: decoding stops with 0 after the last complete row.
 int ccitt_decode_g3_1d(uint8_t *work, int32_t work_size, const ccitt_params &p, int fd, ccitt_sink sink, void *context);
 int ccitt_decode_g3_2d(uint8_t *work, int32_t work_size, const ccitt_params &p, int fd, ccitt_sink sink, void *context);
 int ccitt_decode_g4(uint8_t *work, int32_t work_size, const ccitt_params &p, int fd, ccitt_sink sink, void *context);

@@ -1,6 +1,9 @@
 // The TIFF LZW decoder: a string table of (prefix, suffix, length) entries,
-// strings written backwards from their last byte straight into the row buffer.
+// strings written backwards from their last byte straight into the row
+// buffer, or copied from where they last stood when that is still there.
 #include "codecs/lzw.h"
+
+#include <bit>
 
 namespace {
 
@@ -8,58 +11,79 @@ constexpr int CLEAR = 256;
 constexpr int END = 257;
 constexpr int FIRST_FREE = 258;
 constexpr int TABLE = 4096;
-constexpr uint32_t MAX_STRING = TABLE + 8;
+constexpr uint32_t MAX_STRING = TABLE + 32;
 
+// Codes come from a 64-bit window refilled eight bytes at a time; the input
+// buffer keeps 16 bytes of slack so the wide loads never leave it.
 struct code_reader {
     int fd;
     uint8_t *in;
-    int32_t size, pos, len;
+    int32_t size;
+    const uint8_t *ip, *iend;
     int32_t left;  // source bytes not yet read
     uint64_t acc;
     int nbits;
 
+    // Moves the unread bytes to the front and reads more behind them.
     bool load() {
-        if (left <= 0) return false;
-        int32_t want = size < left ? size : left;
-        int32_t n = file_read(fd, in, want);
+        int32_t keep = static_cast<int32_t>(iend - ip);
+        std::memmove(in, ip, static_cast<size_t>(keep));
+        ip = in;
+        iend = in + keep;
+        int32_t room = size - 16 - keep;
+        if (left <= 0 || room <= 0) return false;
+        int32_t want = room < left ? room : left;
+        int32_t n = file_read(fd, in + keep, want);
         if (n <= 0) {
             left = 0;
             return false;
         }
         if (n > want) n = want;
         left -= n;
-        pos = 0;
-        len = n;
+        iend += n;
+        std::memset(in + keep + n, 0, 16);
         return true;
     }
-    // The next code of the given width, or -1 when the data ran out.
-    int next(int width) {
-        if (nbits < width) {
-            while (nbits <= 56) {
-                if (pos >= len && !load()) break;
-                acc |= static_cast<uint64_t>(in[pos++]) << (56 - nbits);
+    // Makes at least width bits ready; false when the data ran out.
+    bool ready(int width) {
+        if (nbits >= width) return true;
+        if (iend - ip < 8) {
+            load();
+            while (nbits <= 56 && ip < iend) {
+                acc |= static_cast<uint64_t>(*ip++) << (56 - nbits);
                 nbits += 8;
             }
-            if (nbits < width) return -1;
+            return nbits >= width;
         }
+        uint64_t v;
+        std::memcpy(&v, ip, 8);
+        if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
+        acc |= v >> nbits;
+        ip += (63 - nbits) >> 3;
+        nbits |= 56;
+        return true;
+    }
+    int take(int width) {
         int code = static_cast<int>(acc >> (64 - width));
         acc <<= width;
         nbits -= width;
         return code;
     }
+    int next(int width) { return ready(width) ? take(width) : -1; }
 };
 
 }  // namespace
 
 int tiff_lzw_begin(tiff_lzw_state &s) {
     s = tiff_lzw_state{};
-    auto *p = static_cast<uint8_t *>(scratch_alloc(TABLE * 6 + 16));
+    auto *p = static_cast<uint8_t *>(scratch_alloc(TABLE * 10 + 16));
     if (!p) return IMG_ERR_MEMORY;
     s.block = p;
-    s.prefix = reinterpret_cast<uint16_t *>(p);
-    s.length = reinterpret_cast<uint16_t *>(p + TABLE * 2);
-    s.suffix = p + TABLE * 4;
-    s.first = p + TABLE * 5;
+    s.where = reinterpret_cast<uint32_t *>(p);
+    s.prefix = reinterpret_cast<uint16_t *>(p + TABLE * 4);
+    s.length = reinterpret_cast<uint16_t *>(p + TABLE * 6);
+    s.suffix = p + TABLE * 8;
+    s.first = p + TABLE * 9;
     for (int i = 0; i < 256; i++) {
         s.prefix[i] = 0xFFFF;
         s.length[i] = 1;
@@ -75,17 +99,42 @@ void tiff_lzw_end(tiff_lzw_state &s) {
 
 int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_size, int first_row, uint32_t row_bytes,
                           uint8_t *out, uint32_t out_size, int row_count, lzw_sink sink, void *context) {
-    if (!s.block || row_bytes == 0 || out_size < row_bytes + MAX_STRING || in_size < 16) return IMG_ERR_MEMORY;
+    if (!s.block || row_bytes == 0 || out_size < row_bytes + MAX_STRING || in_size < 64) return IMG_ERR_MEMORY;
     code_reader r{};
     r.fd = fd;
     r.in = in;
     r.size = in_size;
+    r.ip = r.iend = in;
     int32_t here = file_seek(fd, 0, 1), end = file_size_hint(fd);
     r.left = here < 0 || end < here ? 0 : end - here;
 
     uint16_t *prefix = s.prefix, *length = s.length;
     uint8_t *suffix = s.suffix, *first = s.first;
+    uint32_t *where = s.where;
     uint32_t start = 0, fill = 0;  // undelivered bytes are out[start, fill)
+    uint32_t base = 0;             // the strip offset of out[0]
+    uint32_t prev_at = 0;          // the strip offset of the previous code's string
+
+    // Writes the string of code c (c < next) at out + fill.
+    auto put_string = [&](int c, uint32_t n) {
+        uint8_t *dst = out + fill;
+        if (c >= 256 && where[c] >= base) {
+            // Still in the buffer: copy it, 16 bytes at a time into the slack.
+            const uint8_t *src = out + (where[c] - base);
+            if (dst - src >= 16) {
+                for (uint32_t k = 0; k < n; k += 16) std::memcpy(dst + k, src + k, 16);
+            } else {
+                for (uint32_t k = 0; k < n; k++) dst[k] = src[k];
+            }
+            return;
+        }
+        uint8_t *p = dst + n;
+        while (c >= 256) {
+            *--p = suffix[c];
+            c = prefix[c];
+        }
+        *--p = static_cast<uint8_t>(c);
+    };
     int done = 0;
     int next = FIRST_FREE, width = 9, prev = -1;
 
@@ -98,6 +147,7 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
         if (out_size - fill < MAX_STRING) {
             std::memmove(out, out + start, fill - start);
             fill -= start;
+            base += start;
             start = 0;
         }
         return 0;
@@ -115,6 +165,7 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
             if (code < 0) return IMG_ERR_DATA;
             if (code == END) continue;
             if (code > 255) return IMG_ERR_HEADER;
+            prev_at = base + fill;
             out[fill++] = static_cast<uint8_t>(code);
             prev = code;
         } else if (code == END) {
@@ -126,41 +177,33 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
             return 1;
         } else {
             int add_first;
+            const uint32_t at = base + fill;
             if (code < next) {
                 uint32_t n = length[code];
-                uint8_t *p = out + fill + n;
-                int c = code;
-                while (c >= 256) {
-                    *--p = suffix[c];
-                    c = prefix[c];
-                }
-                *--p = static_cast<uint8_t>(c);
+                put_string(code, n);
                 fill += n;
                 add_first = first[code];
             } else if (code == next && prev >= 0) {
                 uint32_t n = length[prev];
-                uint8_t *p = out + fill + n;
+                put_string(prev, n);
                 out[fill + n] = first[prev];
-                int c = prev;
-                while (c >= 256) {
-                    *--p = suffix[c];
-                    c = prefix[c];
-                }
-                *--p = static_cast<uint8_t>(c);
                 fill += n + 1;
                 add_first = first[prev];
             } else {
                 return IMG_ERR_HEADER;
             }
             if (prev >= 0 && next < TABLE) {
+                // The new string is the previous one and the next byte, where both stand.
                 prefix[next] = static_cast<uint16_t>(prev);
                 suffix[next] = static_cast<uint8_t>(add_first);
                 first[next] = first[prev];
                 length[next] = static_cast<uint16_t>(length[prev] + 1);
+                where[next] = prev_at;
                 next++;
                 if (next == (1 << width) - 1 && width < 12) width++;
             }
             prev = code;
+            prev_at = at;
         }
         if (fill - start >= row_bytes || out_size - fill < MAX_STRING)
             if (int rc = flush(); rc < 0) return rc;

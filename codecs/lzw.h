@@ -11,6 +11,7 @@ struct tiff_lzw_state {
     uint16_t *length;
     uint8_t *suffix;
     uint8_t *first;
+    uint32_t *where;   // where each string last stood in the output, counted over the strip
     void *block;
 };
 

@@ -45,6 +45,7 @@ struct tiff_reader {
     uint32_t samples;
     bool planar;
     bool ycbcr_full;  // YCbCr rows that are not subsampled: Y, Cb, Cr per pixel
+    bool plain_rgb;   // chunky 8-bit RGB without predictor: only the byte order changes
     uint8_t *work, *out;
     bool sink_failed;
 
@@ -348,7 +349,9 @@ void read_palette(tiff_reader &r, dib_header &h) {
 }
 
 // ---- Strip lookup ------------------------------------------------------------------------
-bool tiff_strip_seek(tiff_reader &r, uint32_t k) {
+// Positions the file at strip k: 0, IMG_ERR_DATA when the strip has no
+// offset, IMG_ERR_MEMORY when the offset array cannot be loaded.
+int tiff_strip_seek(tiff_reader &r, uint32_t k) {
     if (r.rec.tiled) k = r.rec.tiled;
     const tiff_ifd_entry &e = r.strip_entry;
     uint32_t offset;
@@ -368,16 +371,19 @@ bool tiff_strip_seek(tiff_reader &r, uint32_t k) {
             if (n > (1u << 24)) n = 1u << 24;
             if (n) {
                 r.strip_array = static_cast<uint8_t *>(scratch_alloc(n * size));
-                if (!r.strip_array) return false;
+                if (!r.strip_array) {
+                    r.strip_array_loaded = false;
+                    return IMG_ERR_MEMORY;
+                }
                 r.strip_array_count = static_cast<uint32_t>(read_at(r, e.value, r.strip_array, static_cast<int32_t>(n * size))) / size;
             }
         }
-        if (k >= r.strip_array_count) return false;
+        if (k >= r.strip_array_count) return IMG_ERR_DATA;
         offset = size == 2 ? u16(r, r.strip_array + 2 * k) : u32(r, r.strip_array + 4 * k);
     }
     int64_t at = static_cast<int64_t>(r.base) + offset;
-    if (at > 0x7FFFFFFF) return false;
-    return file_seek(r.fd, static_cast<int32_t>(at), 0) >= 0;
+    if (at > 0x7FFFFFFF || file_seek(r.fd, static_cast<int32_t>(at), 0) < 0) return IMG_ERR_DATA;
+    return 0;
 }
 
 // ---- Row converter ---------------------------------------------------------------------------
@@ -404,7 +410,7 @@ inline int bit(const uint8_t *w, uint32_t i) { return (w[i >> 3] >> (7 - (i & 7)
 // Samples of three or more per pixel, chunky: to a 24-bit BGR row in out.
 void convert_colour(tiff_reader &r, const uint8_t *w, uint8_t *out, uint32_t bits) {
     const uint32_t width = r.rec.width, spp = r.samples;
-    switch (r.rec.photometric) {
+    switch (bits == 8 ? r.rec.photometric : 0) {
     case 5:  // cyan, magenta, yellow, black
         for (uint32_t x = 0; x < width; x++) {
             const uint8_t *p = w + spp * x;
@@ -468,12 +474,26 @@ int write_plane_row(tiff_reader &r, const uint8_t *w, int index) {
     return 0;
 }
 
+// RGB rows of 8-bit samples straight to BGR.
+void rgb_to_bgr(const uint8_t *p, uint8_t *out, uint32_t width) {
+    for (uint32_t x = 0; x < width; x++, p += 3, out += 3) {
+        uint8_t r = p[0], g = p[1], b = p[2];
+        out[0] = b;
+        out[1] = g;
+        out[2] = r;
+    }
+}
+
 int tiff_row_convert(tiff_reader &r, const uint8_t *row, int index) {
-    uint8_t *w = r.work;
     const tiff_tag_record &t = r.rec;
-    std::memcpy(w, row, r.row_size);
     uint32_t bits = r.bits;
     const uint32_t spp = r.samples, width = t.width;
+    if (r.plain_rgb) {  // the common case, without a detour through the work row
+        rgb_to_bgr(row, r.out, width);
+        return deliver(r, r.out, index);
+    }
+    uint8_t *w = r.work;
+    std::memcpy(w, row, r.row_size);
     if (r.planar) {
         if (t.predictor == 2) undo_predictor(w, r.row_size, 1);
         if (bits == 16) first_bytes(w, width);
@@ -488,15 +508,16 @@ int tiff_row_convert(tiff_reader &r, const uint8_t *row, int index) {
         bits = 8;
     }
     if (spp >= 3) {
-        if (t.photometric == 6) {
+        if (bits == 1 && spp == 4) return deliver(r, w, index);  // already 4-bit indices
+        if (t.photometric == 6 && bits == 8) {
             convert_ycbcr(w, r.out, width, r.ycbcr_full);
             return deliver(r, r.out, index);
         }
-        if (t.photometric == 5 || t.photometric == 8 || bits == 8 || bits == 4 || (bits == 1 && spp == 3)) {
+        if (bits == 8 || bits == 4 || bits == 1) {
             convert_colour(r, w, r.out, bits);
             return deliver(r, r.out, index);
         }
-        return deliver(r, w, index);  // 1-bit four-sample pixels already are 4-bit indices
+        return deliver(r, w, index);
     }
     if (spp == 2 && bits == 8) {
         for (uint32_t i = 0; i < width; i++) w[i] = w[2 * i];  // gray with alpha: drop the alpha
@@ -529,7 +550,7 @@ int tiff_read_uncompressed(tiff_reader &r) {
     uint32_t strip = 0;
     for (r.plane = 0; r.plane < planes_of(r); r.plane++) {
         for (uint32_t row = 0; row < height; strip++) {
-            if (!tiff_strip_seek(r, strip)) return IMG_ERR_DATA;
+            if (int rc = tiff_strip_seek(r, strip); rc < 0) return rc;
             for (uint32_t left = rows_in(r, row); left;) {
                 uint32_t n = per_read < left ? per_read : left;
                 int32_t want = static_cast<int32_t>(n * rs);
@@ -568,13 +589,15 @@ struct input {
 
 int tiff_read_packbits(tiff_reader &r) {
     const uint32_t rs = r.row_size, height = r.rec.height;
-    input in{&r, static_cast<uint8_t *>(scratch_alloc(READ_BUFFER_SIZE + 200)), READ_BUFFER_SIZE + 200, 0, 0};
+    // Room for a few rows, so wide rows do not force a refill after each one.
+    uint32_t in_cap = rs > READ_BUFFER_SIZE / 4 ? 4 * rs : READ_BUFFER_SIZE;
+    input in{&r, static_cast<uint8_t *>(scratch_alloc(in_cap + 200)), static_cast<int32_t>(in_cap + 200), 0, 0};
     auto *row = static_cast<uint8_t *>(scratch_alloc((rs > READ_BUFFER_SIZE ? rs : READ_BUFFER_SIZE) + 200));
     if (!in.buf || !row) return IMG_ERR_MEMORY;
     uint32_t strip = 0;
     for (r.plane = 0; r.plane < planes_of(r); r.plane++) {
         for (uint32_t y = 0; y < height; strip++) {
-            if (!tiff_strip_seek(r, strip)) return IMG_ERR_DATA;
+            if (int rc = tiff_strip_seek(r, strip); rc < 0) return rc;
             in.reset();
             if (!in.top_up()) return IMG_ERR_DATA;
             for (uint32_t left = rows_in(r, y); left; left--, y++) {
@@ -636,10 +659,7 @@ int tiff_read_ccitt(tiff_reader &r) {
     for (uint32_t row = 0; row < r.rec.height && rc >= 0; strip++) {
         p.rows = static_cast<int32_t>(rows_in(r, row));
         p.first_row = static_cast<int32_t>(row);
-        if (!tiff_strip_seek(r, strip)) {
-            rc = IMG_ERR_DATA;
-            break;
-        }
+        if (rc = tiff_strip_seek(r, strip); rc < 0) break;
         if (p.compression == 4)
             rc = ccitt_decode_g4(work, work_size, p, r.fd, ccitt_row, &r);
         else if (p.compression == TIFF_COMPRESSION_G3_2D)
@@ -670,10 +690,10 @@ int tiff_read_lzw(tiff_reader &r) {
     for (r.plane = 0; r.plane < planes_of(r) && rc >= 0; r.plane++) {
         for (uint32_t y = 0; y < height; strip++) {
             uint32_t n = rows_in(r, y);
-            rc = tiff_strip_seek(r, strip)
-                     ? tiff_lzw_decode_strip(s, r.fd, in, in_size, static_cast<int>(y), rs, rows, row_buffer_size,
-                                             static_cast<int>(n), lzw_row, &r)
-                     : IMG_ERR_DATA;
+            rc = tiff_strip_seek(r, strip);
+            if (rc == 0)
+                rc = tiff_lzw_decode_strip(s, r.fd, in, in_size, static_cast<int>(y), rs, rows, row_buffer_size,
+                                           static_cast<int>(n), lzw_row, &r);
             y += n;
             // A damaged full-length strip is passed over; a short one ends the image.
             if (rc < 0 && (r.sink_failed || rc == IMG_ERR_MEMORY || n < rps)) break;
@@ -714,7 +734,8 @@ int reassemble(tiff_reader &r) {
                     case 8: v = s[x]; break;
                     case 4: v = static_cast<uint8_t>(nibble(s, x) << 4); break;
                     case 1: v = bit(s, x) ? 255 : 0; break;
-                    default: v = static_cast<uint8_t>(((s[x * bits / 8] >> (8 - bits - (x * bits) % 8)) & 3) * 85); break;
+                    case 2: v = static_cast<uint8_t>(((s[x >> 2] >> (6 - 2 * (x & 3))) & 3) * 85); break;
+                    default: v = 0; break;  // no other plane depth is interleaved
                     }
                     out[3 * x + c] = v;
                 }
@@ -753,6 +774,8 @@ int decode(tiff_reader &r, uint32_t wanted, IMG_put_row_fn put_row, void *user, 
     r.bits = t.bits_per_sample;
     r.planar = t.planar_config == 2;
     r.ycbcr_full = t.ycbcr_subsampling == 0x00010001;
+    r.plain_rgb = !r.planar && r.samples == 3 && r.bits == 8 && t.predictor != 2 && t.photometric != 0 &&
+                  t.photometric != 5 && t.photometric != 6 && t.photometric != 8;
     const int bits = dib_bits(r.samples, r.bits);
     if (t.width < 1 || t.width > 0x7FFFFFFF || t.height < 1 || t.height > 0x7FFFFFFF || r.samples == 0 ||
         r.bits == 0 || r.bits > 32 || r.samples > 64 || (bits != 1 && bits != 4 && bits != 8 && bits != 24))

@@ -169,7 +169,7 @@ int cmd_detect(int argc, char **argv) {
     return 0;
 }
 
-// TYPE:WIDTH[:HEIGHT[:FILLORDER]], TYPE a number or g4, g3-2d, g3, mh.
+// TYPE:WIDTH[:HEIGHT[:FILLORDER]], TYPE a number or g4, g3-2d, g3.
 bool parse_fax(const char *text, int *type, int *width, int *height, int *fill) {
     char name[16] = {};
     const char *colon = std::strchr(text, ':');
@@ -178,7 +178,7 @@ bool parse_fax(const char *text, int *type, int *width, int *height, int *fill) 
     static const struct {
         const char *name;
         int type;
-    } names[] = {{"g4", 4}, {"g3-2d", 2}, {"g3", 3}, {"mh", 1}};
+    } names[] = {{"g4", 4}, {"g3-2d", 2}, {"g3", 3}};
     *type = -1;
     for (char *c = name; *c; c++) *c = static_cast<char>(std::tolower(static_cast<unsigned char>(*c)));
     for (const auto &n : names)
@@ -201,7 +201,7 @@ int cmd_convert(int argc, char **argv) {
                     "                          [--fax TYPE:WIDTH[:HEIGHT[:FILLORDER]]]\n"
                     "Loads IN by its content and saves OUT as type N, or by OUT's extension.\n"
                     "--fax reads IN as raw CCITT data instead: TYPE 4 (or g4) Group 4, 2 (or g3-2d) Group 3\n"
-                    "two-dimensional, 3 (or g3) Group 3 with EOLs, 1 (or mh) byte-aligned modified Huffman;\n"
+                    "two-dimensional, 3 (or g3) Group 3 with EOLs, other numbers one-dimensional rows without EOLs;\n"
                     "HEIGHT 0 or absent takes the rows the data holds; FILLORDER 2 reads bytes LSB first.\n");
         return 0;
     }

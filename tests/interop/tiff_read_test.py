@@ -148,7 +148,7 @@ def palette4():
 
 def rgb():
     f = path("rgb.tif")
-    sh("pnmtotiff -none %s > %s" % (SRC_RGB, f))
+    sh("pnmtotiff -none -truecolor %s > %s" % (SRC_RGB, f))
     same_as_pillow(f)
 
 
@@ -208,7 +208,7 @@ def tiffcp_case(src_maker, opts, name, tolerance=0):
 
 
 def rgb_src(f):
-    return "pnmtotiff -none %s > %s" % (SRC_RGB, f)
+    return "pnmtotiff -none -truecolor %s > %s" % (SRC_RGB, f)
 
 
 def gray_src(f):

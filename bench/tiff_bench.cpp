@@ -1,0 +1,195 @@
+// TIFF decoding speed: a Group 4 A4 text page at 300 dpi, an LZW and a
+// PackBits 2000 x 1500 RGB picture; each decoded from memory by this
+// library and, in the same run, by the system's libtiff when it is there.
+#include "brivanta.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#ifdef BRIVANTA_BENCH_LIBTIFF
+#include <tiffio.h>
+#endif
+
+namespace {
+
+using bytes = std::vector<uint8_t>;
+
+uint32_t next(uint32_t &s) {
+    s = s * 1664525u + 1013904223u;
+    return s >> 8;
+}
+
+// A text-like page: lines of word-shaped blobs of glyph strokes, 1 = black.
+std::vector<bytes> text_page(int w, int h) {
+    std::vector<bytes> rows(h, bytes((w + 7) / 8, 0));
+    uint32_t s = 7;
+    auto set = [&](int x, int y) { rows[y][x >> 3] |= static_cast<uint8_t>(0x80 >> (x & 7)); };
+    for (int line = 0; line < 60; line++) {
+        int top = 200 + line * 52;
+        if (top + 40 > h - 200) break;
+        int x = 240;
+        while (x < w - 300) {
+            int letters = 2 + next(s) % 8;
+            for (int l = 0; l < letters; l++) {
+                int gw = 14 + next(s) % 10, gh = 26 + next(s) % 8;
+                for (int k = 0; k < 3; k++) {  // three strokes per glyph
+                    int vx = x + next(s) % gw, len = gh / 2 + next(s) % (gh / 2);
+                    for (int y = 0; y < len; y++)
+                        for (int t = 0; t < 4; t++) set(vx + t, top + 34 - len + y);
+                    int hy = top + next(s) % 34, hl = gw / 2 + next(s) % (gw / 2);
+                    for (int xx = 0; xx < hl; xx++)
+                        for (int t = 0; t < 3; t++) set(x + xx, hy + t);
+                }
+                x += gw + 4;
+            }
+            x += 24;
+        }
+    }
+    return rows;
+}
+
+// A photograph-like RGB picture: smooth gradients, a few shapes, mild noise.
+std::vector<bytes> picture(int w, int h) {
+    std::vector<bytes> rows(h, bytes(3 * w));
+    uint32_t s = 11;
+    for (int y = 0; y < h; y++)
+        for (int x = 0; x < w; x++) {
+            uint8_t *p = &rows[y][3 * x];
+            int n = static_cast<int>(next(s) % 5) - 2;
+            int dx = x - w / 2, dy = y - h / 2;
+            bool disc = dx * dx + dy * dy < 300 * 300;
+            p[0] = static_cast<uint8_t>((disc ? 220 : x * 200 / w) + n);
+            p[1] = static_cast<uint8_t>((disc ? 40 : y * 180 / h) + n);
+            p[2] = static_cast<uint8_t>(((x + y) / 16 % 2 ? 90 : 120) + n);
+        }
+    return rows;
+}
+
+#ifdef BRIVANTA_BENCH_LIBTIFF
+// libtiff on a growable memory file.
+struct mem_file {
+    bytes data;
+    toff_t pos = 0;
+};
+tsize_t mf_read(thandle_t h, tdata_t buf, tsize_t n) {
+    auto *f = static_cast<mem_file *>(h);
+    if (f->pos >= f->data.size()) return 0;
+    tsize_t k = std::min<tsize_t>(n, static_cast<tsize_t>(f->data.size() - f->pos));
+    std::memcpy(buf, f->data.data() + f->pos, k);
+    f->pos += k;
+    return k;
+}
+tsize_t mf_write(thandle_t h, tdata_t buf, tsize_t n) {
+    auto *f = static_cast<mem_file *>(h);
+    if (f->pos + n > f->data.size()) f->data.resize(f->pos + n);
+    std::memcpy(f->data.data() + f->pos, buf, n);
+    f->pos += n;
+    return n;
+}
+toff_t mf_seek(thandle_t h, toff_t off, int whence) {
+    auto *f = static_cast<mem_file *>(h);
+    f->pos = whence == SEEK_SET ? off : whence == SEEK_CUR ? f->pos + off : f->data.size() + off;
+    return f->pos;
+}
+int mf_close(thandle_t) { return 0; }
+toff_t mf_size(thandle_t h) { return static_cast<mem_file *>(h)->data.size(); }
+int mf_map(thandle_t, tdata_t *, toff_t *) { return 0; }
+void mf_unmap(thandle_t, tdata_t, toff_t) {}
+
+TIFF *open_mem(mem_file &f, const char *mode) {
+    f.pos = 0;
+    return TIFFClientOpen("mem", mode, &f, mf_read, mf_write, mf_seek, mf_close, mf_size, mf_map, mf_unmap);
+}
+
+// Files are written by libtiff, so both decoders read the same bytes.
+bytes write_tiff(const std::vector<bytes> &rows, int w, int bits, int samples, int compression) {
+    mem_file f;
+    TIFF *t = open_mem(f, "w");
+    TIFFSetField(t, TIFFTAG_IMAGEWIDTH, w);
+    TIFFSetField(t, TIFFTAG_IMAGELENGTH, static_cast<int>(rows.size()));
+    TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, bits);
+    TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, samples);
+    TIFFSetField(t, TIFFTAG_COMPRESSION, compression);
+    TIFFSetField(t, TIFFTAG_PHOTOMETRIC, samples == 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISWHITE);
+    TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+    TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, samples == 3 ? TIFFDefaultStripSize(t, 0) : static_cast<uint32_t>(rows.size()));
+    for (size_t y = 0; y < rows.size(); y++) TIFFWriteScanline(t, const_cast<uint8_t *>(rows[y].data()), static_cast<uint32_t>(y), 0);
+    TIFFClose(t);
+    return f.data;
+}
+
+void libtiff_decode(benchmark::State &state, const bytes &file) {
+    mem_file f;
+    f.data = file;
+    TIFFSetErrorHandler(nullptr);
+    TIFFSetWarningHandler(nullptr);
+    for (auto _ : state) {
+        TIFF *t = open_mem(f, "rm");
+        std::vector<uint8_t> strip(TIFFStripSize(t));
+        uint32_t sum = 0;
+        for (tstrip_t s = 0; s < TIFFNumberOfStrips(t); s++) {
+            TIFFReadEncodedStrip(t, s, strip.data(), -1);
+            sum += strip[0];
+        }
+        benchmark::DoNotOptimize(sum);
+        TIFFClose(t);
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(file.size()));
+}
+#endif
+
+int IMG_CALLBACK ignore_header(void *, void *) { return 0; }
+int IMG_CALLBACK take_row(unsigned char *row, void *ctx, int, int) {
+    *static_cast<uint32_t *>(ctx) += row[0];
+    return 0;
+}
+
+void ours_decode(benchmark::State &state, const bytes &file) {
+    int block = IMG_mem_alloc(static_cast<int>(file.size()));
+    void *p = IMG_mem_lock(block);
+    std::memcpy(p, file.data(), file.size());
+    for (auto _ : state) {
+        uint32_t sum = 0;
+        int rc = IMGLOW_decompress_bitmap_mem(p, 0, take_row, &sum, ignore_header);
+        if (rc < 0) state.SkipWithError("decode failed");
+        benchmark::DoNotOptimize(sum);
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(file.size()));
+    IMG_mem_unlock(block);
+    IMG_mem_free(block);
+}
+
+#ifdef BRIVANTA_BENCH_LIBTIFF
+const bytes &g4_page() {
+    static bytes f = write_tiff(text_page(2480, 3508), 2480, 1, 1, COMPRESSION_CCITTFAX4);
+    return f;
+}
+const bytes &lzw_picture() {
+    static bytes f = write_tiff(picture(2000, 1500), 2000, 8, 3, COMPRESSION_LZW);
+    return f;
+}
+const bytes &packbits_picture() {
+    static bytes f = write_tiff(picture(2000, 1500), 2000, 8, 3, COMPRESSION_PACKBITS);
+    return f;
+}
+
+void BM_Group4Page_ours(benchmark::State &s) { ours_decode(s, g4_page()); }
+void BM_Group4Page_libtiff(benchmark::State &s) { libtiff_decode(s, g4_page()); }
+void BM_LzwPicture_ours(benchmark::State &s) { ours_decode(s, lzw_picture()); }
+void BM_LzwPicture_libtiff(benchmark::State &s) { libtiff_decode(s, lzw_picture()); }
+void BM_PackBitsPicture_ours(benchmark::State &s) { ours_decode(s, packbits_picture()); }
+void BM_PackBitsPicture_libtiff(benchmark::State &s) { libtiff_decode(s, packbits_picture()); }
+BENCHMARK(BM_Group4Page_ours)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Group4Page_libtiff)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LzwPicture_ours)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LzwPicture_libtiff)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PackBitsPicture_ours)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PackBitsPicture_libtiff)->Unit(benchmark::kMillisecond);
+#endif
+
+}  // namespace
+
+BENCHMARK_MAIN();

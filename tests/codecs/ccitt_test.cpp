@@ -1,0 +1,288 @@
+// The fax decoders: raw streams made by pbmtog3 and by libtiff's encoders
+// (taken from their TIFF strips), the EOL and RTC rules, fill order, every
+// run code, and truncated, garbage and allocation-failure runs.
+#include "codecs/tiff_test_util.h"
+
+#include "brivanta.h"
+#include "codecs/ccitt.h"
+#include "platform/platform.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// Decodes a raw stream from a memory block at an offset.
+int decode_fax(const bytes &data, int width, int height, int type, int fill = 1) {
+    block_ref block(data.empty() ? bytes{0} : data);
+    memory_source_set(block.data);
+    file_seek(MEMORY_FD, 0, 0);
+    return IMG_decompress_fax(MEMORY_FD, width, height, type, fill);
+}
+
+picture fax_picture(const bytes &data, int width, int height, int type, int fill = 1) {
+    int h = decode_fax(data, width, height, type, fill);
+    EXPECT_GE(h, 0);
+    if (h < 0) return {};
+    picture p = picture_of(h);
+    IMG_delete_bitmap(h);
+    return p;
+}
+
+picture with_white_rows(picture p, int rows) {
+    bytes white(p.rows[0].size(), 0);
+    size_t used = (p.width + 7) / 8;
+    for (size_t i = 0; i < used; i++) white[i] = 0xFF;
+    if (p.width & 7) white[used - 1] &= static_cast<uint8_t>(0xFF00 >> (p.width & 7));
+    for (int i = 0; i < rows; i++) p.rows.push_back(white);
+    p.height += rows;
+    return p;
+}
+
+bytes concatenated_strips(const bytes &tiff) {
+    // Strip offsets and counts of a little-endian file written by tiffcp.
+    uint32_t ifd = get32(tiff.data() + 4);
+    int n = get16(tiff.data() + ifd);
+    uint32_t offs = 0, counts = 0, strips = 0;
+    for (int i = 0; i < n; i++) {
+        const uint8_t *e = tiff.data() + ifd + 2 + 12 * i;
+        if (get16(e) == 273) offs = get32(e + 8), strips = get32(e + 4);
+        if (get16(e) == 279) counts = get32(e + 8);
+    }
+    bytes out;
+    for (uint32_t s = 0; s < strips; s++) {
+        uint32_t o = strips == 1 ? offs : get32(tiff.data() + offs + 4 * s);
+        uint32_t c = strips == 1 ? counts : get32(tiff.data() + counts + 4 * s);
+        out.insert(out.end(), tiff.begin() + o, tiff.begin() + o + c);
+    }
+    return out;
+}
+
+struct stream_case {
+    const char *name;
+    bytes data;
+    int type;
+};
+
+std::vector<stream_case> page_streams() {
+    return {
+        {"Group 3 with EOLs and RTC (pbmtog3)", read_file(fixture("page.g3")), 3},
+        {"Group 4 (libtiff)", first_strip(read_file(fixture("page_g4.tif"))), 4},
+        {"Group 3 two-dimensional (libtiff, strips joined)", concatenated_strips(read_file(fixture("page_g3_2d.tif"))), 2},
+    };
+}
+
+TEST(CcittFax, StreamsDecodeToTheSourcePage) {
+    picture page = read_pbm("page.pbm");
+    for (const stream_case &c : page_streams()) {
+        EXPECT_TRUE(fax_picture(c.data, 200, 60, c.type) == page) << c.name;
+        // Height 0 takes the rows the data holds.
+        EXPECT_TRUE(fax_picture(c.data, 200, 0, c.type) == page) << c.name;
+    }
+}
+
+TEST(CcittFax, EndOfPageBeforeTheStatedHeightPadsWhite) {
+    picture page = read_pbm("page.pbm");
+    for (const stream_case &c : page_streams())
+        EXPECT_TRUE(fax_picture(c.data, 200, 75, c.type) == with_white_rows(page, 15)) << c.name;
+}
+
+TEST(CcittFax, FillOrderTwoReadsBitReversedBytes) {
+    for (const stream_case &c : page_streams()) {
+        bytes reversed = c.data;
+        for (uint8_t &v : reversed) {
+            uint8_t r = 0;
+            for (int k = 0; k < 8; k++)
+                if (v & (1 << k)) r |= static_cast<uint8_t>(0x80 >> k);
+            v = r;
+        }
+        EXPECT_TRUE(fax_picture(reversed, 200, 60, c.type, 2) == fax_picture(c.data, 200, 60, c.type, 1)) << c.name;
+    }
+}
+
+TEST(CcittFax, ByteAlignedModifiedHuffmanInTiff) {
+    // Compression 2 rows, as Pillow writes them: no EOLs, each row byte-aligned.
+    bytes strip = first_strip(read_file(fixture("page_mh.tif")));
+    struct sink_state {
+        std::vector<bytes> rows;
+    } s;
+    ccitt_params p{};
+    p.width = 200;
+    p.rows = 60;
+    p.compression = 2;
+    p.photometric = 0;  // Pillow codes the page min-is-black: the rows come inverted
+    p.fill_order = 1;
+    block_ref block(strip);
+    memory_source_set(block.data);
+    file_seek(MEMORY_FD, 0, 0);
+    bytes work(READ_BUFFER_SIZE + 300);
+    auto sink = [](void *ctx, uint8_t *row, int, int n) {
+        static_cast<sink_state *>(ctx)->rows.emplace_back(row, row + n);
+        return 0;
+    };
+    ASSERT_EQ(ccitt_decode_g3_1d(work.data(), static_cast<int32_t>(work.size()), p, MEMORY_FD, sink, &s), 0);
+    scratch_free_all();
+    picture page = read_pbm("page.pbm");
+    ASSERT_EQ(s.rows.size(), 60u);
+    for (int y = 0; y < 60; y++) EXPECT_EQ(bytes(s.rows[y].begin(), s.rows[y].begin() + 25), bytes(page.rows[y].begin(), page.rows[y].begin() + 25)) << y;
+}
+
+// Rows of runs written with the code tables: every terminating and make-up
+// code of both colours must come back as its run.
+struct bit_writer {
+    bytes out;
+    uint32_t acc = 0;
+    int n = 0;
+    void put(ccitt_code c) {
+        for (int i = c.length - 1; i >= 0; i--) {
+            acc = acc << 1 | ((c.bits >> i) & 1);
+            if (++n == 8) {
+                out.push_back(static_cast<uint8_t>(acc));
+                n = 0;
+                acc = 0;
+            }
+        }
+    }
+    void run(int colour, int length) {
+        while (length >= 2560) {
+            put(ccitt_makeup(colour, 2560));
+            length -= 2560;
+        }
+        if (length >= 64) put(ccitt_makeup(colour, length / 64 * 64));
+        put(ccitt_terminating(colour, length % 64));
+    }
+    void eol() { put({1, 12}); }
+    bytes done() {
+        while (n) put({0, 1});
+        return out;
+    }
+};
+
+TEST(CcittFax, EveryRunCodeDecodes) {
+    const int width = 6000;
+    std::vector<std::vector<int>> rows;
+    for (int colour = 0; colour < 2; colour++) {
+        std::vector<int> terms, makeups;
+        for (int r = 0; r < 64; r++) terms.push_back(r + (colour ? 0 : 1));  // runs 1..64 / 0..63
+        for (int m = 64; m <= 2560; m += 64) makeups.push_back(m + 5);
+        for (const auto &set : {terms, makeups}) {
+            // Alternate a run of the colour under test with a one-pixel run of the other.
+            std::vector<int> runs;
+            int used = 0;
+            if (colour) runs.push_back(0), used = 0;
+            for (int r : set) {
+                if (used + r + 1 > width) {
+                    rows.push_back(runs);
+                    runs.clear();
+                    used = 0;
+                    if (colour) runs.push_back(0);
+                }
+                runs.push_back(r);
+                runs.push_back(1);
+                used += r + 1;
+            }
+            runs.push_back(width - used);
+            rows.push_back(runs);
+        }
+    }
+    bit_writer w;
+    std::vector<bytes> expect;
+    for (auto &runs : rows) {
+        int used = 0;
+        for (size_t i = 0; i + 1 < runs.size(); i++) used += runs[i];
+        runs.back() = width - used;
+        w.eol();
+        bytes row(stride_of(width, 1), 0);
+        int x = 0;
+        for (size_t i = 0; i < runs.size(); i++) {
+            w.run(static_cast<int>(i & 1), runs[i]);
+            for (int k = 0; k < runs[i]; k++, x++)
+                if (!(i & 1)) row[x >> 3] |= static_cast<uint8_t>(0x80 >> (x & 7));
+        }
+        expect.push_back(row);
+    }
+    for (int i = 0; i < 6; i++) w.eol();
+    picture got = fax_picture(w.done(), width, 0, 3);
+    ASSERT_EQ(got.height, static_cast<int>(expect.size()));
+    for (size_t y = 0; y < expect.size(); y++) EXPECT_EQ(got.rows[y], expect[y]) << y;
+}
+
+TEST(CcittFax, LostEolAfterARowPadsWhite) {
+    // One good row, then 3000 codes without an EOL: the stated rows come white.
+    bit_writer w;
+    w.eol();
+    w.run(0, 8);
+    w.run(1, 8);
+    for (int i = 0; i < 3001; i++) w.put(ccitt_terminating(0, 2));
+    picture got = fax_picture(w.done(), 16, 4, 3);
+    ASSERT_EQ(got.height, 4);
+    EXPECT_EQ(got.rows[0][0], 0xFF);
+    EXPECT_EQ(got.rows[0][1], 0x00);
+    for (int y = 1; y < 4; y++) EXPECT_EQ(got.rows[y][0] & got.rows[y][1], 0xFF) << y;
+}
+
+TEST(CcittFax, BadArgumentsAndEmptyData) {
+    EXPECT_EQ(decode_fax(bytes(10, 0x55), 0, 10, 4), IMG_ERR_HEADER);
+    EXPECT_EQ(decode_fax(bytes(10, 0x55), 10, -1, 4), IMG_ERR_HEADER);
+    for (int type : {2, 3, 4, 1}) EXPECT_EQ(decode_fax(bytes(), 100, 0, type), IMG_ERR_DATA) << type;
+}
+
+TEST(CcittFax, TruncatedStreamsEndCleanly) {
+    for (const stream_case &c : page_streams()) {
+        int live = mem_live_blocks();
+        for (size_t n = 1; n < c.data.size(); n += 7) {
+            bytes cut(c.data.begin(), c.data.begin() + n);
+            for (int height : {0, 60}) {
+                int h = decode_fax(cut, 200, height, c.type);
+                if (h >= 0) {
+                    int w, ht, bits;
+                    IMG_bitmap_info(h, &w, &ht, &bits);
+                    EXPECT_LE(ht, 60);
+                    IMG_delete_bitmap(h);
+                } else {
+                    EXPECT_EQ(h, IMG_ERR_DATA) << c.name << " " << n;
+                }
+            }
+            ASSERT_EQ(mem_live_blocks(), live) << c.name << " cut at " << n;
+        }
+    }
+}
+
+TEST(CcittFax, GarbageEndsCleanly) {
+    uint32_t seed = 99;
+    int live = mem_live_blocks();
+    for (int trial = 0; trial < 60; trial++) {
+        bytes junk(64 + trial * 37);
+        for (uint8_t &v : junk) {
+            seed = seed * 1664525u + 1013904223u;
+            v = static_cast<uint8_t>(seed >> 24);
+        }
+        int type = std::vector<int>{1, 2, 3, 4}[trial % 4];
+        int h = decode_fax(junk, 1 + (trial * 53) % 700, trial % 3 ? 0 : 40, type, 1 + trial % 2);
+        if (h >= 0) IMG_delete_bitmap(h);
+        ASSERT_EQ(mem_live_blocks(), live) << trial;
+    }
+}
+
+TEST(CcittFax, AllocationFailureAtEveryStep) {
+    block_ref g4(first_strip(read_file(fixture("page_g4.tif"))));
+    int live = mem_live_blocks();
+    int failures = 0;
+    for (int k = 1; k < 50; k++) {
+        memory_source_set(g4.data);
+        file_seek(MEMORY_FD, 0, 0);
+        mem_fail_after(k);
+        int h = IMG_decompress_fax(MEMORY_FD, 200, 0, 4, 1);
+        mem_fail_after(0);
+        if (h >= 0) {
+            IMG_delete_bitmap(h);
+            ASSERT_EQ(mem_live_blocks(), live);
+            break;
+        }
+        EXPECT_EQ(h, IMG_ERR_MEMORY) << k;
+        ASSERT_EQ(mem_live_blocks(), live) << k;
+        failures++;
+    }
+    EXPECT_GE(failures, 5);  // handle, header, work, DIB, tables, row, lists
+}
+
+}  // namespace
