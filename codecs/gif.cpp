@@ -178,17 +178,18 @@ int gif_lzw_decode(byte_source &src, const dib_header *header, IMG_put_row_fn pu
     uint32_t out_size = width < 200 ? static_cast<uint32_t>(width) * 10 + 500 : static_cast<uint32_t>(width) * 4;
     if (out_size < static_cast<uint32_t>(width) + MAX_CODES + 16) out_size = static_cast<uint32_t>(width) + MAX_CODES + 16;
     const uint32_t stride = row_bytes(width, h.biBitCount);
-    auto *suffix = static_cast<uint8_t *>(scratch_alloc(TABLE_ENTRIES));
-    auto *prefix = static_cast<uint16_t *>(scratch_alloc(TABLE_ENTRIES * sizeof(uint16_t)));
-    auto *length = static_cast<uint16_t *>(scratch_alloc(TABLE_ENTRIES * sizeof(uint16_t)));
+    // Suffix, prefix and length side by side: one cache line per step of a walk.
+    struct entry {
+        uint16_t prefix, length;
+        uint8_t suffix;
+    };
+    auto *table = static_cast<entry *>(scratch_alloc(TABLE_ENTRIES * sizeof(entry)));
     auto *out = static_cast<uint8_t *>(scratch_alloc(out_size));
     auto *row = static_cast<uint8_t *>(scratch_alloc(stride + 16));
     auto *data = static_cast<uint8_t *>(scratch_alloc(SOURCE_SIZE));
-    if (!suffix || !prefix || !length || !out || !row || !data || !stride) return IMG_ERR_MEMORY;
+    if (!table || !out || !row || !data || !stride) return IMG_ERR_MEMORY;
     for (int i = 0; i < 256; i++) {
-        suffix[i] = static_cast<uint8_t>(i);
-        prefix[i] = 0xFFFF;
-        length[i] = 1;
+        table[i] = {0xFFFF, 1, static_cast<uint8_t>(i)};
     }
 
     gif_bits bits{&src, data, SOURCE_SIZE};
@@ -216,18 +217,18 @@ int gif_lzw_decode(byte_source &src, const dib_header *header, IMG_put_row_fn pu
             uint8_t *at = out + fill;
             int len;
             if (code < next) {
-                len = length[code];
+                len = table[code].length;
                 int c = code;
                 for (int i = len - 1; i > 0; i--) {
-                    at[i] = suffix[c];
-                    c = prefix[c];
+                    at[i] = table[c].suffix;
+                    c = table[c].prefix;
                 }
                 at[0] = static_cast<uint8_t>(c);
             } else if (code == next) {
-                int plen = length[prev], c = prev;
+                int plen = table[prev].length, c = prev;
                 for (int i = plen - 1; i > 0; i--) {
-                    at[i] = suffix[c];
-                    c = prefix[c];
+                    at[i] = table[c].suffix;
+                    c = table[c].prefix;
                 }
                 at[0] = static_cast<uint8_t>(c);
                 at[plen] = at[0];
@@ -236,9 +237,7 @@ int gif_lzw_decode(byte_source &src, const dib_header *header, IMG_put_row_fn pu
                 return 0;  // a code past the table ends the image quietly
             }
             if (next < MAX_CODES) {
-                suffix[next] = at[0];
-                prefix[next] = static_cast<uint16_t>(prev);
-                length[next] = static_cast<uint16_t>(length[prev] + 1);
+                table[next] = {static_cast<uint16_t>(prev), static_cast<uint16_t>(table[prev].length + 1), at[0]};
                 if (++next == (1 << code_width) && code_width < 12) code_width++;
             }
             fill += static_cast<uint32_t>(len);
