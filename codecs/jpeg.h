@@ -50,6 +50,9 @@ int jpeg_scale_quant_tables(int quality);
 // Inverse: natural-order coefficients (rows: bit i set when row i may be
 // non-zero) to signed samples clamped to -127..127 at a stride.
 void jpeg_fdct_8x8(const int16_t *src, int stride, int16_t *coef);
+// The forward transform the encoder runs, eight lanes at a time; bit for
+// bit the result of jpeg_fdct_8x8.
+void jpeg_fdct_8x8_lanes(const int16_t *src, int stride, int16_t *coef);
 void jpeg_idct_8x8(const int16_t *coef, unsigned rows, int8_t *dst, int stride);
 // The inverse transform the decoder runs, eight lanes at a time, on a
 // transposed block (coefficient row i, column k at k * 8 + i); bit for bit
