@@ -114,88 +114,42 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
     uint32_t start = 0, fill = 0;  // undelivered bytes are out[start, fill)
     uint32_t base = 0;             // the strip offset of out[0]
     uint32_t prev_at = 0;          // the strip offset of the previous code's string
-
-    // Writes the string of code c (c < next) at out + fill.
-    auto put_string = [&](int c, uint32_t n) {
-        uint8_t *dst = out + fill;
-        if (c >= 256 && where[c] >= base) {
-            // Still in the buffer: copy it, 16 bytes at a time into the slack.
-            const uint8_t *src = out + (where[c] - base);
-            if (dst - src >= 16) {
-                for (uint32_t k = 0; k < n; k += 16) std::memcpy(dst + k, src + k, 16);
-            } else {
-                for (uint32_t k = 0; k < n; k++) dst[k] = src[k];
-            }
-            return;
-        }
-        uint8_t *p = dst + n;
-        while (c >= 256) {
-            *--p = suffix[c];
-            c = prefix[c];
-        }
-        *--p = static_cast<uint8_t>(c);
-    };
     int done = 0;
     int next = FIRST_FREE, width = 9, prev = -1;
-
-    auto flush = [&]() -> int {
-        while (fill - start >= row_bytes && done < row_count) {
-            if (int rc = sink(context, out + start, first_row + done); rc < 0) return rc;
-            start += row_bytes;
-            done++;
-        }
-        if (out_size - fill < MAX_STRING) {
-            std::memmove(out, out + start, fill - start);
-            fill -= start;
-            base += start;
-            start = 0;
-        }
-        return 0;
-    };
 
     int code = r.next(9);
     if (code < 0) return IMG_ERR_DATA;
     if (code != CLEAR) return IMG_ERR_HEADER;
-    while (done < row_count) {
-        if (code == CLEAR) {
-            next = FIRST_FREE;
-            width = 9;
-            do code = r.next(9);
-            while (code == CLEAR);
-            if (code < 0) return IMG_ERR_DATA;
-            if (code == END) continue;
-            if (code > 255) return IMG_ERR_HEADER;
-            prev_at = base + fill;
-            out[fill++] = static_cast<uint8_t>(code);
-            prev = code;
-        } else if (code == END) {
-            // The rest of the strip repeats the buffer as it stands.
-            while (done < row_count) {
-                if (int rc = sink(context, out + start, first_row + done); rc < 0) return rc;
-                done++;
-            }
-            return 1;
-        } else {
-            int add_first;
+    // The window lives in locals through the loop; the reader's own copy is
+    // only brought up to date around a refill from the file.
+    uint64_t acc = r.acc;
+    int nbits = r.nbits;
+    for (;;) {
+        if (code < next && code != CLEAR && code != END) {
+            // The common case: a string already in the table.
             const uint32_t at = base + fill;
-            if (code < next) {
-                uint32_t n = length[code];
-                put_string(code, n);
-                fill += n;
-                add_first = first[code];
-            } else if (code == next && prev >= 0) {
-                uint32_t n = length[prev];
-                put_string(prev, n);
-                out[fill + n] = first[prev];
-                fill += n + 1;
-                add_first = first[prev];
+            uint32_t n = length[code];
+            uint8_t *dst = out + fill;
+            if (code < 256) {
+                *dst = static_cast<uint8_t>(code);
+            } else if (where[code] >= base && at - where[code] >= 16) {
+                // Still in the buffer: copy it, 16 bytes at a time into the slack.
+                const uint8_t *src = out + (where[code] - base);
+                for (uint32_t k = 0; k < n; k += 16) std::memcpy(dst + k, src + k, 16);
             } else {
-                return IMG_ERR_HEADER;
+                uint8_t *q = dst + n;
+                int c = code;
+                while (c >= 256) {
+                    *--q = suffix[c];
+                    c = prefix[c];
+                }
+                *--q = static_cast<uint8_t>(c);
             }
+            fill += n;
             if (prev >= 0 && next < TABLE) {
-                // The new string is the previous one and the next byte, where both stand.
+                // The new string is the previous one and this one's first byte, where both stand.
                 prefix[next] = static_cast<uint16_t>(prev);
-                suffix[next] = static_cast<uint8_t>(add_first);
+                suffix[next] = first[code];
                 first[next] = first[prev];
                 length[next] = static_cast<uint16_t>(length[prev] + 1);
                 where[next] = prev_at;
@@ -204,12 +158,76 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
             }
             prev = code;
             prev_at = at;
+        } else if (code == CLEAR) {
+            next = FIRST_FREE;
+            width = 9;
+            prev = -1;
+        } else if (code == END) {
+            // The rest of the strip repeats the buffer as it stands.
+            while (done < row_count) {
+                if (int rc = sink(context, out + start, first_row + done); rc < 0) return rc;
+                done++;
+            }
+            return 1;
+        } else if (code == next && prev >= 0) {
+            // The string being defined: the previous one and its own first byte.
+            const uint32_t at = base + fill;
+            uint32_t n = length[prev];
+            uint8_t *q = out + fill + n;
+            out[fill + n] = first[prev];
+            int c = prev;
+            while (c >= 256) {
+                *--q = suffix[c];
+                c = prefix[c];
+            }
+            *--q = static_cast<uint8_t>(c);
+            fill += n + 1;
+            if (next < TABLE) {
+                prefix[next] = static_cast<uint16_t>(prev);
+                suffix[next] = first[prev];
+                first[next] = first[prev];
+                length[next] = static_cast<uint16_t>(n + 1);
+                where[next] = prev_at;
+                next++;
+                if (next == (1 << width) - 1 && width < 12) width++;
+            }
+            prev = code;
+            prev_at = at;
+        } else {
+            return IMG_ERR_HEADER;  // beyond the table, or a string code right after Clear
         }
-        if (fill - start >= row_bytes || out_size - fill < MAX_STRING)
-            if (int rc = flush(); rc < 0) return rc;
-        if (done >= row_count) break;
-        code = r.next(width);
-        if (code < 0) return IMG_ERR_DATA;
+        if (fill - start >= row_bytes) {
+            do {
+                if (int rc = sink(context, out + start, first_row + done); rc < 0) return rc;
+                start += row_bytes;
+                if (++done >= row_count) return 1;
+            } while (fill - start >= row_bytes);
+        }
+        if (out_size - fill < MAX_STRING) {
+            std::memmove(out, out + start, fill - start);
+            fill -= start;
+            base += start;
+            start = 0;
+        }
+        if (nbits < width) {
+            if (r.iend - r.ip >= 8) {
+                uint64_t v;
+                std::memcpy(&v, r.ip, 8);
+                if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
+                acc |= v >> nbits;
+                r.ip += (63 - nbits) >> 3;
+                nbits |= 56;
+            } else {
+                r.acc = acc;
+                r.nbits = nbits;
+                bool ok = r.ready(width);
+                acc = r.acc;
+                nbits = r.nbits;
+                if (!ok) return IMG_ERR_DATA;
+            }
+        }
+        code = static_cast<int>(acc >> (64 - width));
+        acc <<= width;
+        nbits -= width;
     }
-    return 1;
 }
