@@ -246,6 +246,8 @@ BRIVANTA_WRITER(pcx_write) {
 
     const int planes = bits == 4 ? 4 : bits == 24 ? 3 : 1;
     const int bpl = bits == 4 ? (width + 7) / 8 : bits == 24 ? width : (bits * width + 7) / 8;
+    // The bytes-per-line field is 16 bits wide: a 65536-pixel 8-bit row cannot be described.
+    if (bpl > 0xFFFF) return IMG_ERR_HEADER;
     uint8_t ph[128] = {10};
     ph[1] = bits <= 4 ? 2 : 5;
     ph[2] = 1;
