@@ -24,6 +24,10 @@ target_sources(brivanta PRIVATE ${BRIVANTA_DEF})
 # The .def alone names the exports: no __declspec(dllexport) in the objects.
 target_compile_definitions(brivanta_objects PRIVATE BRIVANTA_STATIC)
 
+# M_PI and its kin, which strict C++ on Windows hides unless asked for.
+target_compile_definitions(brivanta_objects PRIVATE _USE_MATH_DEFINES)
+add_compile_definitions(_USE_MATH_DEFINES)
+
 # brivanta.dll with brivanta.lib beside it; no runtime DLLs to ship.
 set_target_properties(brivanta PROPERTIES PREFIX "" IMPORT_PREFIX "" IMPORT_SUFFIX ".lib")
 add_link_options(-static)
