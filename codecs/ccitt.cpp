@@ -3,6 +3,7 @@
 #include "codecs/ccitt.h"
 
 #include "codecs/tiff.h"
+#include <utility>
 #include "frame/handles.h"
 #include "frame/load.h"
 
@@ -632,4 +633,184 @@ extern "C" int IMG_API IMG_decompress_fax(int fd, int width, int height, int fax
     if (height == 0) keep_top_rows(h, s.rows);
     if (handle_record *rec = handle_get(h); rec && rec->dib_memory) mem_unlock(rec->dib_memory);
     return h;
+}
+
+// ---- Encoders ------------------------------------------------------------------
+namespace {
+
+constexpr uint32_t ENCODE_FLUSH_AT = 8192;
+
+constexpr auto reverse_table = [] {
+    struct t { uint8_t v[256]; } r{};
+    for (int i = 0; i < 256; i++) {
+        int b = 0;
+        for (int k = 0; k < 8; k++) b |= ((i >> k) & 1) << (7 - k);
+        r.v[i] = static_cast<uint8_t>(b);
+    }
+    return r;
+}();
+
+inline void put_bits(ccitt_encoder &e, uint32_t bits, int length) {
+    e.acc = e.acc << length | bits;
+    e.nbits += length;
+    while (e.nbits >= 8) {
+        e.nbits -= 8;
+        uint8_t b = static_cast<uint8_t>(e.acc >> e.nbits);
+        e.out[e.used++] = e.reverse ? reverse_table.v[b] : b;
+    }
+}
+
+inline void put_code(ccitt_encoder &e, ccitt_code c) { put_bits(e, c.bits, c.length); }
+
+void put_run(ccitt_encoder &e, int colour, int32_t run) {
+    while (run >= 2560) {
+        put_code(e, ccitt_makeup(colour, 2560));
+        run -= 2560;
+    }
+    if (run >= 64) {
+        put_code(e, ccitt_makeup(colour, run & ~63));
+        run &= 63;
+    }
+    put_code(e, ccitt_terminating(colour, run));
+}
+
+void align_byte(ccitt_encoder &e) {
+    if (e.nbits & 7) put_bits(e, 0, 8 - (e.nbits & 7));
+}
+
+void put_eol(ccitt_encoder &e, bool aligned) {
+    // Fill bits so that the EOL ends on a byte boundary.
+    if (aligned) put_bits(e, 0, (8 - ((e.nbits + 12) & 7)) & 7);
+    put_bits(e, 1, 12);
+}
+
+int flush(ccitt_encoder &e, uint32_t at) {
+    if (e.used < at) return 0;
+    int32_t n = static_cast<int32_t>(e.used);
+    e.used = 0;
+    return file_write(e.fd, e.out, n) == n ? 0 : IMG_ERR_WRITE;
+}
+
+// Next position at or after x whose pixel differs from colour (1 = black).
+int32_t next_change(const uint8_t *row, int32_t x, int32_t width, int colour) {
+    const uint8_t skip = colour ? 0xFF : 0x00;
+    while (x < width) {
+        if ((x & 7) == 0 && row[x >> 3] == skip) {
+            x += 8;
+            continue;
+        }
+        if (((row[x >> 3] >> (7 - (x & 7))) & 1) != colour) return x;
+        x++;
+    }
+    return width;
+}
+
+// Transitions of a row, closed with the width four times.
+void transitions(const uint8_t *row, int32_t width, int32_t *list) {
+    int32_t x = 0, k = 0;
+    int colour = 0;
+    while ((x = next_change(row, x, width, colour)) < width) {
+        list[k++] = x;
+        colour ^= 1;
+    }
+    for (int i = 0; i < 4; i++) list[k++] = width;
+}
+
+void encode_1d(ccitt_encoder &e, const int32_t *t) {
+    int32_t x = 0;
+    int colour = 0;
+    for (int k = 0; x < e.width; k++, colour ^= 1) {
+        put_run(e, colour, t[k] - x);
+        x = t[k];
+    }
+}
+
+constexpr ccitt_code vertical_codes[7] = {
+    {0x02, 7}, {0x02, 6}, {0x02, 3}, {0x01, 1}, {0x03, 3}, {0x03, 6}, {0x03, 7},  // VL3 .. VR3
+};
+
+void encode_2d(ccitt_encoder &e) {
+    const int32_t *r = e.ref, *c = e.cur, w = e.width;
+    int32_t a0 = -1;
+    int colour = 0, i = 0, j = 0;
+    while (a0 < w) {
+        // b1: the first reference change right of a0 of the colour opposite a0's.
+        while (r[j] <= a0 && r[j] < w) j++;
+        if ((j & 1) != colour) j++;
+        int32_t b1 = r[j] < w ? r[j] : w, b2 = r[j + 1] < w ? r[j + 1] : w;
+        int32_t a1 = c[i];
+        if (b2 < a1) {  // pass
+            put_bits(e, 1, 4);
+            a0 = b2;
+        } else if (a1 - b1 <= 3 && b1 - a1 <= 3) {
+            put_code(e, vertical_codes[a1 - b1 + 3]);
+            a0 = a1;
+            colour ^= 1;
+            i++;
+        } else {
+            int32_t a2 = c[i + 1];
+            put_bits(e, 1, 3);
+            put_run(e, colour, a1 - (a0 < 0 ? 0 : a0));
+            put_run(e, colour ^ 1, a2 - a1);
+            a0 = a2;
+            i += 2;
+        }
+        if (j > 0 && r[j - 1] > a0) j--;  // b1 may lie left of the last one found after a pass
+        while (j > 0 && r[j - 1] > a0) j--;
+    }
+}
+
+}  // namespace
+
+int ccitt_encode_begin(ccitt_encoder &e, int fd, int32_t width, ccitt_kind kind, bool reverse) {
+    e = {};
+    if (width <= 0 || width > 0xFFFFFF) return IMG_ERR_MEMORY;
+    uint32_t lists = (static_cast<uint32_t>(width) + 8) * 4;
+    uint32_t out = ENCODE_FLUSH_AT + static_cast<uint32_t>(width) * 3 + 64;  // one worst-case row past the flush mark
+    e.block = scratch_alloc(out + 2 * lists);
+    if (!e.block) return IMG_ERR_MEMORY;
+    e.fd = fd;
+    e.width = width;
+    e.kind = kind;
+    e.reverse = reverse;
+    e.out = static_cast<uint8_t *>(e.block);
+    e.ref = reinterpret_cast<int32_t *>(e.out + out);
+    e.cur = e.ref + lists / 4;
+    for (int i = 0; i < 4; i++) e.ref[i] = width;  // all-white line above the first
+    return 0;
+}
+
+int ccitt_encode_row(ccitt_encoder &e, const uint8_t *row) {
+    transitions(row, e.width, e.cur);
+    switch (e.kind) {
+    case CCITT_MH_ALIGNED:
+        encode_1d(e, e.cur);
+        align_byte(e);
+        break;
+    case CCITT_G3_EOL:
+        put_eol(e, true);
+        encode_1d(e, e.cur);
+        break;
+    case CCITT_G4:
+        encode_2d(e);
+        std::swap(e.ref, e.cur);
+        break;
+    }
+    return flush(e, ENCODE_FLUSH_AT);
+}
+
+int ccitt_encode_end(ccitt_encoder &e, bool rtc) {
+    if (e.kind == CCITT_G4) {
+        put_bits(e, 1, 12);
+        put_bits(e, 1, 12);
+    } else if (rtc) {
+        for (int i = 0; i < 6; i++) put_eol(e, i == 0);
+    }
+    align_byte(e);
+    return flush(e, 1);
+}
+
+void ccitt_encode_free(ccitt_encoder &e) {
+    if (e.block) scratch_free(e.block);
+    e.block = nullptr;
 }

@@ -43,3 +43,29 @@ struct ccitt_code {
 // Terminating codes (run < 64) and make-up codes (multiples of 64 up to 2560).
 ccitt_code ccitt_terminating(int colour, int run);
 ccitt_code ccitt_makeup(int colour, int run);
+
+// ---- Encoders ------------------------------------------------------------------
+// Row kinds the encoder writes: one-dimensional rows padded to a byte
+// (TIFF compression 2), one-dimensional rows each after an EOL that ends on a
+// byte boundary (compression 3), and two-dimensional Group 4 rows.
+enum ccitt_kind { CCITT_MH_ALIGNED, CCITT_G3_EOL, CCITT_G4 };
+
+struct ccitt_encoder {
+    int fd;
+    int32_t width;
+    ccitt_kind kind;
+    bool reverse;       // fill order 2: bytes go out bit-reversed
+    uint8_t *out;       // output buffer, flushed to the file as it fills
+    uint32_t used;
+    uint64_t acc;       // pending bits, most significant first
+    int nbits;
+    int32_t *ref, *cur; // transition lists of the reference and coding lines
+    void *block;
+};
+// Allocates the buffers: 0, or -1.
+int ccitt_encode_begin(ccitt_encoder &e, int fd, int32_t width, ccitt_kind kind, bool reverse);
+// Codes one row of width pixels, 1-bits black: 0, or -9 on a short write.
+int ccitt_encode_row(ccitt_encoder &e, const uint8_t *row);
+// Ends the page (RTC for Group 3 when asked, EOFB for Group 4) and flushes.
+int ccitt_encode_end(ccitt_encoder &e, bool rtc);
+void ccitt_encode_free(ccitt_encoder &e);

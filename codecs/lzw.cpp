@@ -231,3 +231,110 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
         nbits -= width;
     }
 }
+
+// ---- Encoder ---------------------------------------------------------------------
+namespace {
+
+constexpr uint32_t HASH_SIZE = 8192;  // a power of two above the 4096 codes
+constexpr uint32_t OUT_SIZE = 16384;
+
+
+inline void put_code(tiff_lzw_encoder &e, int code) {
+    e.acc = e.acc << e.width | static_cast<uint32_t>(code);
+    e.nbits += e.width;
+    while (e.nbits >= 8) {
+        e.nbits -= 8;
+        e.out[e.used++] = static_cast<uint8_t>(e.acc >> e.nbits);
+    }
+}
+
+void reset_table(tiff_lzw_encoder &e) {
+    std::memset(e.keys, 0, HASH_SIZE * sizeof *e.keys);
+    e.width = 9;
+    e.next = 258;
+}
+
+int flush_out(tiff_lzw_encoder &e) {
+    int32_t n = static_cast<int32_t>(e.used);
+    e.used = 0;
+    return file_write(e.fd, e.out, n) == n ? 0 : IMG_ERR_WRITE;
+}
+
+// After a code goes out the decoder adds an entry one step behind the
+// encoder: the width grows when the next free code reaches a power of two.
+inline void count_entry(tiff_lzw_encoder &e) {
+    if (++e.next == 4094) {
+        put_code(e, CLEAR);
+        reset_table(e);
+    } else if (e.next == (1 << e.width)) {
+        e.width++;
+    }
+}
+
+}  // namespace
+
+int tiff_lzw_encode_begin(tiff_lzw_encoder &e, int fd) {
+    e = {};
+    e.block = scratch_alloc(HASH_SIZE * 6 + OUT_SIZE);
+    if (!e.block) return IMG_ERR_MEMORY;
+    e.fd = fd;
+    e.keys = static_cast<uint32_t *>(e.block);
+    e.codes = reinterpret_cast<uint16_t *>(e.keys + HASH_SIZE);
+    e.out = reinterpret_cast<uint8_t *>(e.codes + HASH_SIZE);
+    e.prefix = -1;
+    return 0;
+}
+
+void tiff_lzw_encode_strip_start(tiff_lzw_encoder &e) {
+    e.width = 9;
+    put_code(e, CLEAR);
+    reset_table(e);
+    e.prefix = -1;
+}
+
+int tiff_lzw_encode(tiff_lzw_encoder &e, const uint8_t *data, uint32_t count) {
+    uint32_t i = 0;
+    if (e.prefix < 0 && count) e.prefix = data[i++];
+    int prefix = e.prefix;
+    for (; i < count; i++) {
+        uint32_t key = static_cast<uint32_t>(prefix) << 8 | data[i];
+        uint32_t h = (key * 2654435761u) >> 19;  // 13 bits
+        for (;;) {
+            uint32_t k = e.keys[h];
+            if (k == key + 1) {
+                prefix = e.codes[h];
+                break;
+            }
+            if (k == 0) {
+                put_code(e, prefix);
+                e.keys[h] = key + 1;
+                e.codes[h] = static_cast<uint16_t>(e.next);
+                count_entry(e);
+                prefix = data[i];
+                break;
+            }
+            h = (h + 1) & (HASH_SIZE - 1);
+        }
+        if (e.used > OUT_SIZE - 64)
+            if (int rc = flush_out(e); rc < 0) return rc;
+    }
+    e.prefix = prefix;
+    return 0;
+}
+
+int tiff_lzw_encode_strip_end(tiff_lzw_encoder &e) {
+    if (e.prefix >= 0) {
+        put_code(e, e.prefix);
+        if (++e.next == (1 << e.width) && e.width < 12) e.width++;
+    }
+    put_code(e, END);
+    if (e.nbits) e.out[e.used++] = static_cast<uint8_t>(e.acc << (8 - e.nbits));
+    e.nbits = 0;
+    e.prefix = -1;
+    return flush_out(e);
+}
+
+void tiff_lzw_encode_free(tiff_lzw_encoder &e) {
+    if (e.block) scratch_free(e.block);
+    e.block = nullptr;
+}

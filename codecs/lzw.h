@@ -25,3 +25,22 @@ int tiff_lzw_begin(tiff_lzw_state &s);
 int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_size, int first_row, uint32_t row_bytes,
                           uint8_t *row_buffer, uint32_t row_buffer_size, int row_count, lzw_sink sink, void *context);
 void tiff_lzw_end(tiff_lzw_state &s);
+
+// The matching encoder: strips each start with a clear code and end with
+// the end code; output goes to the file through a buffer.
+struct tiff_lzw_encoder {
+    int fd;
+    uint32_t *keys;   // hash of (prefix << 8 | byte) + 1, 0 = empty slot
+    uint16_t *codes;
+    uint8_t *out;
+    uint32_t used;
+    uint64_t acc;
+    int nbits;
+    int width, next, prefix;
+    void *block;
+};
+int tiff_lzw_encode_begin(tiff_lzw_encoder &e, int fd);  // 0, or -1
+void tiff_lzw_encode_strip_start(tiff_lzw_encoder &e);
+int tiff_lzw_encode(tiff_lzw_encoder &e, const uint8_t *data, uint32_t count);  // 0, or -9
+int tiff_lzw_encode_strip_end(tiff_lzw_encoder &e);  // 0, or -9
+void tiff_lzw_encode_free(tiff_lzw_encoder &e);
