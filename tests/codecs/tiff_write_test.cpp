@@ -108,7 +108,9 @@ TEST(TiffWrite, EveryTypeAtEveryDepthReadsBackIdentical) {
                 EXPECT_EQ(back.rows, d.p.rows) << d.what << " type " << type;
             } else {
                 // A 4-bit grey ramp goes without a ColorMap; the loader's own ramp steps by 16.
-                if (d.p.bits != 4 || d.p.palette[4] != 17) EXPECT_EQ(back.palette, d.p.palette) << d.what << " type " << type;
+                if (d.p.bits != 4 || d.p.palette[4] != 17) {
+                    EXPECT_EQ(back.palette, d.p.palette) << d.what << " type " << type;
+                }
                 EXPECT_EQ(back.rows, d.p.rows) << d.what << " type " << type;
             }
         }

@@ -1,0 +1,142 @@
+"""TIFF writing against independent tools: every writer's output is listed by
+tiffinfo, copied by tiffcp, and decoded by Pillow to the same pixels; raw
+Group 3 output decodes with g3topbm, raw Group 4 wrapped in a TIFF with
+Pillow; two saves into one file give a two-page TIFF."""
+import os
+import struct
+import subprocess
+import sys
+
+import numpy as np
+
+sys.path.insert(0, os.path.dirname(__file__))
+import brivanta as b  # noqa: E402
+from PIL import Image, ImageDraw  # noqa: E402
+
+b.require("tiffinfo", "tiffcp", "g3topbm")
+TMP = b.tempdir()
+BRIVANTA = os.path.join(os.path.dirname(b.LIB._name), "brivanta")
+
+
+def path(name):
+    return os.path.join(TMP, name)
+
+
+def page(w=400, h=300):
+    im = Image.new("1", (w, h), 1)
+    d = ImageDraw.Draw(im)
+    for i in range(10):
+        d.text((8, 8 + 22 * i), "Brivanta writes line %02d: quick brown fox" % i, fill=0)
+    d.ellipse((250, 150, 390, 290), fill=0)
+    d.rectangle((300, 20, 380, 100), outline=0)
+    noise = np.random.RandomState(4).randint(0, 2, (40, w)).astype(bool)
+    im.paste(Image.fromarray(noise), (0, h - 40))
+    return im
+
+
+def rgb(w=83, h=57):
+    y, x = np.mgrid[0:h, 0:w]
+    a = np.stack([x * 255 // (w - 1), y * 255 // (h - 1), (x * 7 + y * 13) % 256], axis=-1).astype(np.uint8)
+    a[h // 3: h // 2] = [200, 30, 90]
+    return Image.fromarray(a, "RGB")
+
+
+SOURCES = {
+    "1": page(),
+    "4": rgb().quantize(16),
+    "8g": rgb().convert("L"),
+    "8": rgb().quantize(200),
+    "24": rgb(),
+}
+for key, im in SOURCES.items():
+    im.save(path("src_%s.bmp" % key))
+
+# Types and the sources they accept; the fax types code index 0 as white.
+TYPES = {0: "1 4 8g 8 24", 7: "1", 8: "1", 9: "1 4 8g 8 24", 10: "1", 16: "1 4 8g 8 24"}
+FAX = {7: 2, 8: 3, 10: 4}
+
+
+def save(src, dst, type_code):
+    if os.path.exists(dst):
+        os.remove(dst)
+    rc = b.convert(src, dst, type_code)
+    assert rc == 0, "save %s as %d gave %d" % (src, type_code, rc)
+
+
+def tags(file):
+    return b.run(["tiffinfo", file]).decode(errors="replace")
+
+
+def case_every_writer_decodes_in_pillow_and_libtiff():
+    for type_code, keys in TYPES.items():
+        for key in keys.split():
+            src, out = path("src_%s.bmp" % key), path("t%d_%s.tif" % (type_code, key))
+            save(src, out, type_code)
+            info = tags(out)
+            for needed in ("Image Width", "Bits/Sample", "Compression Scheme", "Photometric", "Resolution",
+                           "DateTime", "Artist", "Rows/Strip", "Planar Configuration"):
+                assert needed in info, "%s: tiffinfo lacks %s" % (out, needed)
+            r = subprocess.run(["tiffcp", out, path("copy.tif")], capture_output=True)
+            assert r.returncode == 0, "tiffcp %s: %s" % (out, r.stderr[:300])
+            assert b"rror" not in r.stderr, "tiffcp %s: %s" % (out, r.stderr[:300])
+            want = np.asarray(SOURCES[key].convert("RGB"))
+            if type_code in FAX:  # written white-is-zero: index 1 (white in the source) shows black
+                want = 255 - want
+            b.assert_same(b.pillow_rgb(out), want, "Pillow on type %d %s" % (type_code, key))
+            b.assert_same(b.pillow_rgb(path("copy.tif")), want, "tiffcp copy of type %d %s" % (type_code, key))
+
+
+def case_fax_types_refuse_deeper_pictures():
+    for type_code in (7, 8, 10, 34):
+        for key in ("4", "8", "24"):
+            rc = b.convert(path("src_%s.bmp" % key), path("refused.tif"), type_code)
+            assert rc == -21, "type %d on %s gave %d" % (type_code, key, rc)
+
+
+def case_raw_group3_decodes_with_g3topbm():
+    out = path("raw.g3")
+    save(path("src_1.bmp"), out, 33)
+    got = np.asarray(Image.open(__import__("io").BytesIO(b.run(["g3topbm", out]))).convert("L"))
+    want = np.asarray(SOURCES["1"].convert("L"))
+    assert got.shape[0] == want.shape[0], "g3topbm rows %d" % got.shape[0]
+    b.assert_same(got[:, : want.shape[1]], want, "g3topbm")
+
+
+def case_raw_group4_wrapped_decodes_in_libtiff():
+    out = path("raw.g4")
+    save(path("src_1.bmp"), out, 34)
+    data = open(out, "rb").read()
+    w, h = SOURCES["1"].size
+    entries = [(256, 3, 1, w), (257, 3, 1, h), (258, 3, 1, 1), (259, 3, 1, 4), (262, 3, 1, 0),
+               (273, 4, 1, 8 + 2 + 12 * 7 + 4), (278, 4, 1, h), (279, 4, 1, len(data))]
+    entries = [e for e in entries if e[0] != 278] + [(278, 4, 1, h)]
+    entries.sort()
+    ifd = struct.pack("<H", len(entries)) + b"".join(struct.pack("<HHII", *e) for e in entries) + b"\0" * 4
+    entries = [(t, ty, c, 8 + len(ifd) if t == 273 else v) for t, ty, c, v in entries]
+    ifd = struct.pack("<H", len(entries)) + b"".join(struct.pack("<HHII", *e) for e in entries) + b"\0" * 4
+    wrapped = path("wrapped.tif")
+    open(wrapped, "wb").write(b"II*\0" + struct.pack("<I", 8) + ifd + data)
+    # Raw fax rows are coded with the source's white as white.
+    want = np.asarray(SOURCES["1"].convert("RGB"))
+    b.assert_same(b.pillow_rgb(wrapped), want, "Pillow on wrapped Group 4")
+    ours = b.load(wrapped)
+    assert not isinstance(ours, int), "our reader gave %d" % ours
+    b.assert_same(ours.rgb(), want, "our reader on wrapped Group 4")
+
+
+def case_two_saves_give_two_pages():
+    out = path("two.tif")
+    save(path("src_1.bmp"), out, 10)
+    assert b.convert(path("src_24.bmp"), out, 9) == 0
+    assert tags(out).count("TIFF Directory") == 2
+    info = b.run([BRIVANTA, "info", out]).decode()
+    assert "pages=2" in info, info
+    b.assert_same(b.pillow_rgb(out, 1), np.asarray(SOURCES["24"]), "second page in Pillow")
+    with open(out, "r+b") as f:  # a big-endian file is overwritten, not appended to
+        f.write(b"MM\0*")
+    assert b.convert(path("src_8.bmp"), out, 16) == 0
+    assert tags(out).count("TIFF Directory") == 1
+    b.assert_same(b.pillow_rgb(out), np.asarray(SOURCES["8"].convert("RGB")), "overwritten file")
+
+
+b.main([(n, f) for n, f in sorted(globals().items()) if n.startswith("case_")])
