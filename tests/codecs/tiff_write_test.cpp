@@ -2,9 +2,6 @@
 // IFD laid out as readers expect, page append, raw fax output, and failures.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <map>
 
@@ -236,9 +233,9 @@ TEST(TiffWrite, SecondSaveAppendsAPageAndMotorolaFilesAreOverwritten) {
     EXPECT_EQ(first.next, first_size + (first_size & 1));
     EXPECT_EQ(parse_ifd(f, first.next).next, 0u);
     EXPECT_EQ(IMGLOW_get_pages(name.c_str()), 2);
-    int fd2 = ::open(name.c_str(), O_RDONLY);
+    int fd2 = os_open(name.c_str(), OS_OPEN_READ);
     int h2 = IMG_decompress_bitmap_fd(fd2, 0, 1);
-    ::close(fd2);
+    os_close(fd2);
     ASSERT_GT(h2, 0);
     EXPECT_EQ(picture_of(h2), b);
     IMG_delete_bitmap(h2);
@@ -267,9 +264,9 @@ TEST(TiffWrite, RawFaxOutputDecodesWithTheFaxLoader) {
     for (int type : {33, 34}) {
         std::remove(name.c_str());
         ASSERT_EQ(IMG_save_bitmap(h, name.c_str(), type), 0) << type;
-        int fd = ::open(name.c_str(), O_RDONLY);
+        int fd = os_open(name.c_str(), OS_OPEN_READ);
         int back = IMG_decompress_fax(fd, 1728, 0, type == 34 ? 4 : 3, 1);
-        ::close(fd);
+        os_close(fd);
         ASSERT_GT(back, 0) << type;
         picture q = picture_of(back);
         EXPECT_EQ(q.height, 50) << "the loader counts the rows the data holds";
