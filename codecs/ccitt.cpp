@@ -766,7 +766,8 @@ int ccitt_encode_begin(ccitt_encoder &e, int fd, int32_t width, ccitt_kind kind,
     e = {};
     if (width <= 0 || width > 0xFFFFFF) return IMG_ERR_MEMORY;
     uint32_t lists = (static_cast<uint32_t>(width) + 8) * 4;
-    uint32_t out = ENCODE_FLUSH_AT + static_cast<uint32_t>(width) * 3 + 64;  // one worst-case row past the flush mark
+    // One worst-case row past the flush mark, kept a multiple of 4 for the lists after it.
+    uint32_t out = (ENCODE_FLUSH_AT + static_cast<uint32_t>(width) * 3 + 64) & ~3u;
     e.block = scratch_alloc(out + 2 * lists);
     if (!e.block) return IMG_ERR_MEMORY;
     e.fd = fd;

@@ -248,11 +248,13 @@ TEST(TiffWrite, SecondSaveAppendsAPageAndMotorolaFilesAreOverwritten) {
     EXPECT_EQ(parse_ifd(f, 8).next, 0u);
     EXPECT_EQ(load_picture(f), b);
 
-    // A broken chain cannot be appended to; the file stays as it was.
-    bytes broken = {'I', 'I', 42, 0, 0xF0, 0xFF, 0, 0};
-    write_file(name, broken);
-    EXPECT_EQ(IMG_save_bitmap(hb, name.c_str(), 0), IMG_ERR_HEADER);
-    EXPECT_EQ(read_file(name), broken);
+    // A chain that cannot be followed (past the end, or in a loop) is not
+    // appended to; the file stays as it was.
+    for (bytes broken : {bytes{'I', 'I', 42, 0, 0xF0, 0xFF, 0, 0}, bytes{'I', 'I', 42, 0, 8, 0, 0, 0, 0, 0, 8, 0, 0, 0}}) {
+        write_file(name, broken);
+        EXPECT_EQ(IMG_save_bitmap(hb, name.c_str(), 0), IMG_ERR_HEADER);
+        EXPECT_EQ(read_file(name), broken);
+    }
     std::remove(name.c_str());
     IMG_delete_bitmap(ha), IMG_delete_bitmap(hb);
 }
