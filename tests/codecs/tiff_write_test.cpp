@@ -211,7 +211,7 @@ TEST(TiffWrite, IfdLayoutAndDefaults) {
     ifd_view v = parse_ifd(f, 8);
     EXPECT_EQ(v.tags[TAG_BITS_PER_SAMPLE].count, 3u);
     uint32_t bps = value(v, TAG_BITS_PER_SAMPLE);
-    EXPECT_EQ(bps, 8 + 12 * 18 + 22);
+    EXPECT_EQ(bps, 8u + 12 * 18 + 22);
     EXPECT_EQ(get16(&f[bps]), 8);
     EXPECT_EQ(get16(&f[bps + 2]), 8);
     EXPECT_EQ(get16(&f[bps + 4]), 8);
