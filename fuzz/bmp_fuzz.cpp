@@ -2,21 +2,12 @@
 // DIB), loaded low-level and into a handle under the load settings that the
 // last byte picks; a loaded bitmap must survive a plain and, at 4 and 8 bits,
 // a run-length BMP save and reload unchanged.
-#include "brivanta.h"
-#include "platform/platform.h"
+#include "fuzz/fuzz_support.h"
 
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
-static int64_t announced_pixels;
-static int IMG_CALLBACK accept_header(void *header, void *) {
-    int32_t wh[2];
-    std::memcpy(wh, static_cast<uint8_t *>(header) + 4, 8);
-    announced_pixels = int64_t{wh[0]} * wh[1];
-    return 0;
-}
-static int IMG_CALLBACK accept_row(unsigned char *, void *, int, int) { return 0; }
 
 static int stride_of(int w, int bits) {
     int64_t n = bits == 24 ? int64_t{w} * 3 : bits == 8 ? w : bits == 4 ? (int64_t{w} + 1) / 2 : (int64_t{w} + 7) / 8;
@@ -64,13 +55,7 @@ static void round_trip(int h, int type) {
     int n = o ? IMG_save_bitmap_mem(h, o, type) : -1;
     if (n > room) std::abort();  // a BMP of this picture cannot be larger
     if (n > 0) {
-        // Reload from a block of exactly the written size.
-        int exact = IMG_mem_alloc(n);
-        void *e = IMG_mem_lock(exact);
-        std::memcpy(e, o, static_cast<size_t>(n));
-        int back = IMG_decompress_bitmap_mem(e, 0);
-        IMG_mem_unlock(exact);
-        IMG_mem_free(exact);
+        int back = reload_exact(o, n);
         if (back < 0 || !same_bitmap(h, back)) std::abort();  // our own BMP must read back
         IMG_delete_bitmap(back);
     } else if (n != IMG_ERR_DEPTH) {

@@ -1,23 +1,12 @@
 // Fuzz target: bytes read as a PCX (the first byte is forced so every input
 // reaches the reader), loaded low-level and into a handle, then saved as PCX
 // and reloaded: what loaded must look the same after the round trip.
-#include "brivanta.h"
-#include "platform/platform.h"
+#include "fuzz/fuzz_support.h"
 
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
-// Records the announced size, so only pictures of a sane size go on to be
-// stored in a handle (the handle-level load allocates the whole bitmap).
-static int64_t announced_pixels;
-static int IMG_CALLBACK accept_header(void *header, void *) {
-    int32_t wh[2];
-    std::memcpy(wh, static_cast<uint8_t *>(header) + 4, 8);
-    announced_pixels = int64_t{wh[0]} * wh[1];
-    return 0;
-}
-static int IMG_CALLBACK accept_row(unsigned char *, void *, int, int) { return 0; }
 
 // The colour of pixel x of row y (bottom-up storage), as 0xRRGGBB.
 static uint32_t colour_at(const uint8_t *dib, int w, int h, int bits, int x, int y) {
@@ -64,14 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             void *o = IMG_mem_lock(out);
             int n = o ? IMG_save_bitmap_mem(h, o, IMG_TYPE_PCX) : -1;
             if (n > 0) {
-                // Reload from a block of exactly the written size: readers
-                // may look at the end of the source.
-                int exact = IMG_mem_alloc(n);
-                void *e = IMG_mem_lock(exact);
-                std::memcpy(e, o, static_cast<size_t>(n));
-                int back = IMG_decompress_bitmap_mem(e, 0);
-                IMG_mem_unlock(exact);
-                IMG_mem_free(exact);
+                int back = reload_exact(o, n);
                 if (back < 0 || !same_look(h, back)) std::abort();  // our own PCX must read back
                 IMG_delete_bitmap(back);
             }

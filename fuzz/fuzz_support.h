@@ -1,0 +1,68 @@
+// Pieces the fuzz targets share: a header sink that records the announced
+// size, a reload from a block of exactly a file's size, and a sink that keeps
+// a decoded picture so it can be fed back to a writer.
+#pragma once
+#include "brivanta.h"
+#include "frame/frame.h"
+#include "platform/platform.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+// The announced width x height, so only pictures of a sane size go on to be
+// stored in a handle (the handle-level load allocates the whole bitmap).
+inline int64_t announced_pixels;
+inline int IMG_CALLBACK accept_header(void *header, void *) {
+    int32_t wh[2];
+    std::memcpy(wh, static_cast<uint8_t *>(header) + 4, 8);
+    announced_pixels = int64_t{wh[0]} * wh[1];
+    return 0;
+}
+inline int IMG_CALLBACK accept_row(unsigned char *, void *, int, int) { return 0; }
+
+// Loads n bytes at file from a block of exactly that size: readers may look
+// at the end of the source.  The new handle or a negative code.
+inline int reload_exact(const void *file, int n) {
+    int exact = IMG_mem_alloc(n);
+    void *e = IMG_mem_lock(exact);
+    if (!e) return IMG_ERR_MEMORY;
+    std::memcpy(e, file, static_cast<size_t>(n));
+    int back = IMG_decompress_bitmap_mem(e, 0);
+    IMG_mem_unlock(exact);
+    IMG_mem_free(exact);
+    return back;
+}
+
+// A decoded picture kept top-down, row_bytes per row, for a writer to read back.
+struct decoded {
+    int width = 0, height = 0, bits = 0;
+    uint8_t header[1064];
+    uint8_t *pixels = nullptr;
+};
+
+inline int IMG_CALLBACK keep_header(void *header, void *context) {
+    auto *d = static_cast<decoded *>(context);
+    std::memcpy(d->header, header, sizeof d->header);
+    auto *h = static_cast<dib_info *>(header);
+    // Bound the work a hostile header can ask for.
+    if (static_cast<int64_t>(h->biWidth) * h->biHeight > (1 << 20)) return IMG_ERR_STOPPED;
+    d->width = h->biWidth, d->height = h->biHeight, d->bits = h->biBitCount;
+    d->pixels = static_cast<uint8_t *>(std::calloc(row_bytes(d->width, d->bits), d->height));
+    return d->pixels ? 0 : IMG_ERR_MEMORY;
+}
+
+inline int IMG_CALLBACK keep_row(unsigned char *row, void *context, int r, int n) {
+    auto *d = static_cast<decoded *>(context);
+    uint32_t stride = row_bytes(d->width, d->bits);
+    if (r < 0 || r >= d->height || static_cast<uint32_t>(n) != stride) std::abort();
+    std::memcpy(d->pixels + static_cast<size_t>(r) * stride, row, stride);
+    return 0;
+}
+
+inline int IMG_CALLBACK kept_row(void *context, unsigned char *buffer, int r, int n) {
+    auto *d = static_cast<decoded *>(context);
+    if (r < 0 || r >= d->height || static_cast<uint32_t>(n) > row_bytes(d->width, d->bits)) std::abort();
+    std::memcpy(buffer, d->pixels + static_cast<size_t>(r) * n, n);
+    return 0;
+}
