@@ -40,6 +40,10 @@ int jpeg_read_tables(int fd, int32_t offset);
 // go to put_row top-down, the header to begin_image.  0 or a negative code.
 int jpeg_decode_stream(int fd, int32_t offset, IMG_put_row_fn put_row, void *context, IMG_begin_image_fn begin_image);
 
+// The same on a stream already in memory (the SOI within its first 1,000 bytes).
+int jpeg_decode_buffer(const uint8_t *data, int32_t size, IMG_put_row_fn put_row, void *context,
+                       IMG_begin_image_fn begin_image);
+
 // Encoder working quantisation tables, natural order; quality 50 at start.
 extern uint8_t jpeg_quant_luma[64];
 extern uint8_t jpeg_quant_chroma[64];

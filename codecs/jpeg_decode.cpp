@@ -907,11 +907,9 @@ int jpeg_read_tables(int fd, int32_t offset) {
     return 0;
 }
 
-int jpeg_decode_stream(int fd, int32_t offset, IMG_put_row_fn put_row, void *context, IMG_begin_image_fn begin_image) {
-    byte_source src;
+namespace {
+int decode_from(byte_source &src, int32_t offset, IMG_put_row_fn put_row, void *context, IMG_begin_image_fn begin_image) {
     scratch_set mem;
-    if (!source_open(src, fd, offset, HEADER_BUFFER)) return IMG_ERR_MEMORY;
-    mem.blocks[mem.n++] = src.buf;
     if (int rc = walk_markers(src, offset, false); rc < 0) return rc;
     const frame_record &fr = headers.frame;
     // Progressive, lossless and arithmetic-coded streams have no frame we
@@ -939,6 +937,22 @@ int jpeg_decode_stream(int fd, int32_t offset, IMG_put_row_fn put_row, void *con
         for (int i = 0; i < 256; i++) std::memset(hdr->palette + 4 * i, i, 3);
     if (int rc = begin_image(hdr, context); rc < 0) return rc;
     return decode_scan(src, put_row, context);
+}
+}  // namespace
+
+int jpeg_decode_stream(int fd, int32_t offset, IMG_put_row_fn put_row, void *context, IMG_begin_image_fn begin_image) {
+    byte_source src;
+    scratch_set mem;
+    if (!source_open(src, fd, offset, HEADER_BUFFER)) return IMG_ERR_MEMORY;
+    mem.blocks[mem.n++] = src.buf;
+    return decode_from(src, offset, put_row, context, begin_image);
+}
+
+int jpeg_decode_buffer(const uint8_t *data, int32_t size, IMG_put_row_fn put_row, void *context,
+                       IMG_begin_image_fn begin_image) {
+    byte_source src;
+    source_open_span(src, data, size);
+    return decode_from(src, 0, put_row, context, begin_image);
 }
 
 BRIVANTA_READER(jpeg_read_file) {

@@ -27,6 +27,15 @@ inline bool source_open(byte_source &s, int fd, int32_t offset, int32_t cap) {
     return s.buf != nullptr;
 }
 
+// A source over bytes already in memory (fd -1): the whole block is the
+// buffer, so nothing is ever read from the file access layer.
+inline void source_open_span(byte_source &s, const uint8_t *data, int32_t size) {
+    s.fd = -1;
+    s.buf = const_cast<uint8_t *>(data);
+    s.cap = s.len = s.end = s.file_pos = size;
+    s.pos = 0;
+}
+
 inline bool source_fill(byte_source &s) {
     if (s.pos < s.len) return true;
     int32_t want = s.cap;
@@ -67,6 +76,10 @@ inline void source_seek(byte_source &s, int32_t offset) {
     int32_t base = s.file_pos - s.len;
     if (offset >= base && offset <= s.file_pos) {
         s.pos = offset - base;
+        return;
+    }
+    if (s.fd < 0) {  // a span: outside it is the end
+        s.pos = s.len;
         return;
     }
     s.pos = s.len = 0;
