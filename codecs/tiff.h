@@ -70,7 +70,10 @@ enum tiff_tag : uint16_t {
     TAG_TILE_WIDTH = 322,
     TAG_TILE_LENGTH = 323,
     TAG_TILE_OFFSETS = 324,
+    TAG_TILE_BYTE_COUNTS = 325,
+    TAG_JPEG_PROC = 512,
     TAG_JPEG_INTERCHANGE = 513,
+    TAG_JPEG_RESTART_INTERVAL = 515,
     TAG_JPEG_Q_TABLES = 519,
     TAG_JPEG_DC_TABLES = 520,
     TAG_JPEG_AC_TABLES = 521,
@@ -82,3 +85,34 @@ constexpr uint32_t TIFF_COMPRESSION_G3_2D = 45;
 
 constexpr uint16_t TIFF_II = 0x4949;
 constexpr uint16_t TIFF_MM = 0x4D4D;
+
+// ---- JPEG inside TIFF (codecs/tiff_jpeg.cpp) ---------------------------------
+
+// What the strip JPEG decoder needs of an IFD besides the tag record: where
+// the strips (or the tile) and their byte counts are, and the JPEG tags.
+struct tiff_jpeg_tags {
+    tiff_ifd_entry counts;      // StripByteCounts or TileByteCounts, whole
+    uint32_t proc;              // JPEGProc: 0 (absent) or 1 baseline
+    uint32_t restart_interval;  // JPEGRestartInterval
+};
+
+struct tiff_jpeg_source {
+    int fd;
+    int32_t base, size;  // header position and the source's known size
+    bool mm;
+    const tiff_tag_record *rec;
+    tiff_ifd_entry offsets;  // StripOffsets or TileOffsets, whole
+    tiff_jpeg_tags tags;
+    uint32_t tables[3];  // JPEGQTables, JPEGDCTables, JPEGACTables as stored
+};
+
+// Compression 6 without JPEGInterchangeFormat: checks the variant, announces
+// the reader's header, then decodes strip after strip.  1 or a negative code.
+int tiff_read_jpeg_strips(const tiff_jpeg_source &src, dib_header *header, IMG_put_row_fn put_row, void *user,
+                          IMG_begin_image_fn begin_image);
+
+// One single-strip page whose strip an encoder writes at the file position
+// after the IFD; StripByteCounts is patched once the encoder returns.
+using tiff_strip_encoder = int (*)(int fd, const dib_info *header, IMG_get_row_fn get_row, void *context);
+int tiff_write_encoded(int fd, const dib_info *header, uint32_t compression, tiff_strip_encoder encode,
+                       IMG_get_row_fn get_row, void *context);

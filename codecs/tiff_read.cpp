@@ -27,6 +27,7 @@ struct tiff_reader {
     bool mm;
     tiff_tag_record rec;
     tiff_ifd_entry strip_entry;
+    tiff_jpeg_tags jpeg;
     uint32_t resolution_unit;
     uint8_t *entries;  // raw entries of the current IFD and its next offset
 
@@ -171,7 +172,13 @@ void apply_entry(tiff_reader &r, tiff_ifd_entry e) {
         break;
     case TAG_SAMPLES_PER_PIXEL: t.samples_per_pixel = tiff_tag_value(r, e); break;
     case TAG_ROWS_PER_STRIP: t.rows_per_strip = tiff_tag_value(r, e); break;
-    case TAG_STRIP_BYTE_COUNTS: t.strip_byte_counts = tiff_tag_value(r, e); break;
+    case TAG_STRIP_BYTE_COUNTS:
+        r.jpeg.counts = e;
+        t.strip_byte_counts = tiff_tag_value(r, e);
+        break;
+    case TAG_TILE_BYTE_COUNTS: r.jpeg.counts = e; break;
+    case TAG_JPEG_PROC: r.jpeg.proc = tiff_tag_value(r, e); break;
+    case TAG_JPEG_RESTART_INTERVAL: r.jpeg.restart_interval = tiff_tag_value(r, e); break;
     case TAG_X_RESOLUTION: t.x_resolution = resolution(r, e); break;
     case TAG_Y_RESOLUTION: t.y_resolution = resolution(r, e); break;
     case TAG_PLANAR_CONFIG:
@@ -214,6 +221,7 @@ void reset_record(tiff_reader &r) {
     r.rec.planar_config = 1;
     r.rec.predictor = 1;
     r.strip_entry = tiff_ifd_entry{};
+    r.jpeg = tiff_jpeg_tags{};
     r.resolution_unit = 0;
 }
 
@@ -278,6 +286,8 @@ bool reader_open(tiff_reader &r, int fd, int32_t base) {
     r.base = base;
     r.size = file_size_hint(fd);
     r.temp_fd = -1;
+    // JPEG tables carry over between the IFDs of one file, never between files.
+    std::memset(jpeg_tables, 0, sizeof jpeg_tables);
     r.entries = static_cast<uint8_t *>(scratch_alloc(FIRST_IFD_MAX * 12 + 8));
     return r.entries != nullptr;
 }
@@ -820,6 +830,11 @@ int decode(tiff_reader &r, uint32_t wanted, IMG_put_row_fn put_row, void *user, 
         if (static_cast<uint64_t>(r.plane_row_bytes) * t.height * r.samples > 0x7FFFFFFF) return IMG_ERR_MEMORY;
     }
 
+    if (t.compression == 6) {
+        tiff_jpeg_source js{r.fd, r.base, r.size, r.mm, &t, r.strip_entry, r.jpeg, {}};
+        std::memcpy(js.tables, jpeg_tables, sizeof js.tables);
+        return tiff_read_jpeg_strips(js, h, put_row, user, begin_image);
+    }
     if (int rc = begin_image(h, user); rc < 0) return rc;
     temp_file_guard guard{r};
     if (r.planar) {
@@ -832,7 +847,6 @@ int decode(tiff_reader &r, uint32_t wanted, IMG_put_row_fn put_row, void *user, 
     case 32773: rc = tiff_read_packbits(r); break;
     case 2: case 3: case 4: case TIFF_COMPRESSION_G3_2D: rc = tiff_read_ccitt(r); break;
     case 5: rc = tiff_read_lzw(r); break;
-    case 6: return IMG_ERR_TYPE;  // strips of JPEG data: the JPEG codec's part
     default: return 1;  // announced, no rows: a compression this reader does not know
     }
     if (rc < 0) return rc;

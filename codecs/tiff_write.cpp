@@ -1,5 +1,6 @@
-// TIFF writers (uncompressed, fax, LZW, PackBits) and the raw fax outputs:
-// one IFD layout shared by all of them, and page append to an existing file.
+// TIFF writers (uncompressed, fax, LZW, PackBits, and strips from an outside
+// encoder) and the raw fax outputs: one IFD layout shared by all of them, and
+// page append to an existing file.
 #include "codecs/ccitt.h"
 #include "codecs/codecs.h"
 #include "codecs/lzw.h"
@@ -9,7 +10,7 @@
 
 namespace {
 
-enum class out_kind { plain, huffman, g3, lzw, g4, packbits, raw_g3, raw_g4 };
+enum class out_kind { plain, huffman, g3, lzw, g4, packbits, raw_g3, raw_g4, encoded };
 
 uint32_t compression_of(out_kind k) {
     switch (k) {
@@ -226,7 +227,9 @@ uint32_t packbits_row(const uint8_t *s, uint32_t n, uint8_t *out) {
     return static_cast<uint32_t>(o - out);
 }
 
-int write_image(out_kind kind, int fd, const dib_info *h, IMG_get_row_fn get_row, void *context) {
+// encoded: the strip comes whole from encode, under the given compression.
+int write_image(out_kind kind, int fd, const dib_info *h, IMG_get_row_fn get_row, void *context,
+                uint32_t encoded_compression = 0, tiff_strip_encoder encode = nullptr) {
     const int bits = h->biBitCount;
     const bool fax = kind == out_kind::huffman || kind == out_kind::g3 || kind == out_kind::g4 ||
                      kind == out_kind::raw_g3 || kind == out_kind::raw_g4;
@@ -234,7 +237,7 @@ int write_image(out_kind kind, int fd, const dib_info *h, IMG_get_row_fn get_row
     if (bits != 1 && bits != 4 && bits != 8 && bits != 24) return IMG_ERR_DEPTH;
     if (fax && bits != 1) return IMG_ERR_DEPTH;
     if (h->biWidth <= 0 || h->biHeight <= 0 || h->biWidth > 0xFFFF || h->biHeight > 0xFFFF) return IMG_ERR_DEPTH;
-    const uint32_t compression = compression_of(kind);
+    const uint32_t compression = kind == out_kind::encoded ? encoded_compression : compression_of(kind);
     const uint32_t stride = row_bytes(h->biWidth, bits);
     const uint32_t packed = (static_cast<uint32_t>(bits) * static_cast<uint32_t>(h->biWidth) + 7) / 8;
 
@@ -262,7 +265,8 @@ int write_image(out_kind kind, int fd, const dib_info *h, IMG_get_row_fn get_row
         if ((rc = start_file(fd, L)) < 0) return rc;
         if ((rc = tiff_write_ifd(fd, h, compression, L, ifd)) < 0) return rc;
     }
-    for (int y = 0; y < h->biHeight; y++) {
+    if (kind == out_kind::encoded && (rc = encode(fd, h, get_row, context)) < 0) return rc;
+    for (int y = 0; kind != out_kind::encoded && y < h->biHeight; y++) {
         if ((rc = get_row(context, row, y, static_cast<int>(stride))) < 0) return rc;
         if (bits == 24)
             for (uint32_t x = 0; x < packed; x += 3) std::swap(row[x], row[x + 2]);
@@ -328,3 +332,8 @@ BRIVANTA_WRITER(tiff_write_g4) { return write_image(out_kind::g4, fd, header, ge
 BRIVANTA_WRITER(tiff_write_packbits) { return write_image(out_kind::packbits, fd, header, get_row, context); }
 BRIVANTA_WRITER(fax_write_g3) { return write_image(out_kind::raw_g3, fd, header, get_row, context); }
 BRIVANTA_WRITER(fax_write_g4) { return write_image(out_kind::raw_g4, fd, header, get_row, context); }
+
+int tiff_write_encoded(int fd, const dib_info *header, uint32_t compression, tiff_strip_encoder encode,
+                       IMG_get_row_fn get_row, void *context) {
+    return write_image(out_kind::encoded, fd, header, get_row, context, compression, encode);
+}
