@@ -255,6 +255,42 @@ TEST(TiffJpeg, AllocationFailureAtEveryStepOfAStripLoad) {
     }
 }
 
+// A source behind the I/O hooks that stops answering after a budget of bytes.
+struct budget_source {
+    bytes data;
+    int32_t pos = 0, budget = 0;
+} hooked;
+
+int IMG_CALLBACK budget_read(int, void *buffer, int count) {
+    int32_t n = std::min<int32_t>({count, hooked.budget, static_cast<int32_t>(hooked.data.size()) - hooked.pos});
+    if (n <= 0) return 0;
+    std::memcpy(buffer, hooked.data.data() + hooked.pos, static_cast<size_t>(n));
+    hooked.pos += n, hooked.budget -= n;
+    return n;
+}
+int IMG_CALLBACK no_write(int, const void *, int) { return -1; }
+int IMG_CALLBACK budget_seek(int, int offset, int origin) {
+    int64_t p = origin == 0 ? offset : origin == 1 ? hooked.pos + int64_t{offset} : int64_t(hooked.data.size()) + offset;
+    return hooked.pos = static_cast<int32_t>(p < 0 ? 0 : p);
+}
+
+TEST(TiffJpeg, ReadsCutShortThroughTheHooksFailCleanly) {
+    bytes jpeg = jpeg_fixture("rows444.jpg");
+    for (const tiff_page &page : {old_style_page(split_jpeg(jpeg), 16), simple_page(67, 45, 8, 3, 6, 6, {jpeg})}) {
+        hooked.data = build_tiff({page}, true);
+        int live = mem_live_blocks(), completed = 0;
+        for (int32_t budget = 0; budget < 4 * static_cast<int32_t>(hooked.data.size()); budget += 61) {
+            hooked.pos = 0, hooked.budget = budget;
+            IMGLOW_set_fileio(budget_read, no_write, budget_seek);
+            int h = IMG_decompress_bitmap_fd(3, 0, 0);
+            IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+            if (h >= 0) completed++, IMG_delete_bitmap(h);
+            ASSERT_EQ(mem_live_blocks(), live) << "budget " << budget;
+        }
+        EXPECT_GT(completed, 0);
+    }
+}
+
 // ---- The type 40 writer ----------------------------------------------------------
 
 struct ifd_entries {
