@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <functional>
 #include <map>
-#include <stdexcept>
 
 #include "codecs/tiff.h"
 #include "jpeg_support.h"
@@ -165,6 +164,40 @@ TEST(TiffJpeg, OldStyleStripsDecodeAsTheirBaselineFile) {
     }
 }
 
+tiff_field &field(tiff_page &p, uint16_t tag) {
+    auto it = std::find_if(p.fields.begin(), p.fields.end(), [tag](const tiff_field &f) { return f.tag == tag; });
+    EXPECT_NE(it, p.fields.end()) << "no field " << tag;
+    return it != p.fields.end() ? *it : p.fields.front();
+}
+
+void drop(tiff_page &p, uint16_t tag) {
+    std::erase_if(p.fields, [tag](const tiff_field &f) { return f.tag == tag; });
+}
+
+TEST(TiffJpeg, TiledFileIsOneTileChosenByPage) {
+    // Two pictures coded with the same tables: one without restarts, one
+    // restarting every five MCUs (the interval both tiles are given).
+    jpeg_parts plain = split_jpeg(jpeg_fixture("c420.jpg")), rows = split_jpeg(jpeg_fixture("rows420.jpg"));
+    ASSERT_EQ(plain.quant, rows.quant);
+    ASSERT_EQ(plain.ac, rows.ac);
+    tiff_page page = old_style_page(rows, 0xFFFF);
+    tiff_page other = old_style_page(plain, 0xFFFF);
+    page.strips.insert(page.strips.begin() + 1, other.strips[1]);
+    const uint32_t first = field(page, 273).values[0];
+    const uint32_t first_size = static_cast<uint32_t>(page.strips[1].size());
+    set_field(page, 324, 4, {first, first + first_size});
+    set_field(page, 325, 4, {first_size, static_cast<uint32_t>(page.strips[2].size())});
+    set_field(page, 322, 3, {67});
+    set_field(page, 323, 3, {45});
+    drop(page, 256), drop(page, 257), drop(page, 273), drop(page, 278), drop(page, 279);
+    bytes tiff = build_tiff({page}, false);
+    decoded d0 = run_tiff(tiff), d1 = run_tiff(tiff, static_cast<int32_t>(WHERE_PAGE | 1));
+    ASSERT_EQ(d0.rc, 1);
+    ASSERT_EQ(d1.rc, 1);
+    EXPECT_EQ(d0.rows, jpeg_rows(jpeg_fixture("c420.jpg")));
+    EXPECT_EQ(d1.rows, jpeg_rows(jpeg_fixture("rows420.jpg")));
+}
+
 TEST(TiffJpeg, WholeStreamsInStripsAndTypeDetection) {
     // Each strip a complete file: two pictures stacked as two strips.
     bytes top = jpeg_fixture("c420.jpg");
@@ -180,16 +213,6 @@ TEST(TiffJpeg, WholeStreamsInStripsAndTypeDetection) {
 
     int fd_type = IMGLOW_get_filetype_mem(block_ref(tiff).data);
     EXPECT_EQ(fd_type, IMG_TYPE_TIFF_JPEG);
-}
-
-tiff_field &field(tiff_page &p, uint16_t tag) {
-    for (tiff_field &f : p.fields)
-        if (f.tag == tag) return f;
-    throw std::runtime_error("no such field");
-}
-
-void drop(tiff_page &p, uint16_t tag) {
-    std::erase_if(p.fields, [tag](const tiff_field &f) { return f.tag == tag; });
 }
 
 // Damage done to a good old-style colour file of three strips, and what the
