@@ -414,4 +414,50 @@ TEST(TiffJpeg, Type40EightBitAndRefusedDepths) {
     IMG_delete_bitmap(first);
 }
 
+int short_after = 0;
+int IMG_CALLBACK short_write(int fd, const void *buffer, int count) {
+    int n = std::min(count, short_after);
+    short_after -= n;
+    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+    int r = n > 0 ? file_write(fd, buffer, n) : 0;
+    IMGLOW_set_fileio(nullptr, short_write, nullptr);
+    return r;
+}
+
+// Writes cut short anywhere (IFD, headers, entropy data, EOI, the patch)
+// give -9; failed allocations -1 with no block left and the page chain of
+// an existing file unchanged (the encoder's bytes past its end are not linked).
+TEST(TiffJpeg, Type40WriteAndAllocationFailures) {
+    int h = handle_of(jpeg_testing::smooth_picture(300, 90, jpeg_testing::kind::rgb24, 5));
+    std::string name = temp_path("type40_fail.tif");
+    std::remove(name.c_str());
+    ASSERT_EQ(IMG_save_bitmap(h, name.c_str(), IMG_TYPE_TIFF_JPEG), 0);
+    const size_t full = read_file(name).size();
+    for (int limit : {0, 8, 100, 500, 700, static_cast<int>(full / 2), static_cast<int>(full) - 3, static_cast<int>(full) - 1}) {
+        std::remove(name.c_str());
+        short_after = limit;
+        IMGLOW_set_fileio(nullptr, short_write, nullptr);
+        int r = IMG_save_bitmap(h, name.c_str(), IMG_TYPE_TIFF_JPEG);
+        IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+        EXPECT_EQ(r, IMG_ERR_WRITE) << "limit " << limit;
+        EXPECT_EQ(scratch_count(), 0);
+    }
+    std::remove(name.c_str());
+    ASSERT_EQ(IMG_save_bitmap(h, name.c_str(), IMG_TYPE_TIFF), 0);
+    for (int k = 1;; k++) {
+        int live = mem_live_blocks();
+        mem_fail_after(k);
+        int r = IMG_save_bitmap(h, name.c_str(), IMG_TYPE_TIFF_JPEG);
+        mem_fail_after(0);
+        EXPECT_EQ(mem_live_blocks(), live) << "k=" << k;
+        if (r >= 0) break;
+        EXPECT_EQ(r, IMG_ERR_MEMORY) << "k=" << k;
+        EXPECT_EQ(IMGLOW_get_pages(name.c_str()), 1) << "k=" << k;
+        ASSERT_LT(k, 30);
+    }
+    EXPECT_EQ(IMGLOW_get_pages(name.c_str()), 2);
+    std::remove(name.c_str());
+    IMG_delete_bitmap(h);
+}
+
 }  // namespace
