@@ -519,9 +519,109 @@ const idct_fn idct_lanes_best = (__builtin_cpu_init(), __builtin_cpu_supports("a
 const idct_fn idct_lanes_best = idct_lanes_plain;
 #endif
 
+#if defined(__x86_64__) || defined(__i386__)
+// The same transform in 16-bit lanes.  Each product (v * K) >> s becomes
+// v (or a small multiple) plus a high-half multiply by a constant that fits
+// 16 bits, equal to the floor of the exact product; sums may wrap, as they
+// cancel modulo 2^16.  That is exact while every multiplied value and every
+// output fits 16 bits: no intermediate exceeds 1.93 times the sum of its
+// inputs' magnitudes, so a block whose coefficient magnitudes sum to at
+// most IDCT16_LIMIT stays in range through both passes.
+constexpr int IDCT16_LIMIT = 16000;
+
+__attribute__((always_inline)) inline __m128i mulhi_k(__m128i v, int16_t k) { return _mm_mulhi_epi16(v, _mm_set1_epi16(k)); }
+
+// x * 724 >> 10 (equally x * 181 >> 8): x - 300x/1024, floored.
+__attribute__((always_inline)) inline __m128i c16(__m128i v) { return _mm_add_epi16(v, mulhi_k(v, -19200)); }
+
+__attribute__((always_inline)) inline void idct_kernel_16(const __m128i *x, __m128i *y) {
+    const __m128i e0 = _mm_add_epi16(c16(x[0]), c16(x[4])), e1 = _mm_sub_epi16(c16(x[0]), c16(x[4]));
+    const __m128i cp = c16(_mm_add_epi16(x[2], x[6]));
+    const __m128i t = _mm_add_epi16(x[2], cp), u = _mm_sub_epi16(x[2], cp);
+    const __m128i m = _mm_add_epi16(t, mulhi_k(t, -30144));   // 553 t >> 10
+    const __m128i n = _mm_add_epi16(u, mulhi_k(u, 20096));    // 1338 u >> 10
+    const __m128i E0 = _mm_add_epi16(e0, m), E3 = _mm_sub_epi16(e0, m);
+    const __m128i E1 = _mm_add_epi16(e1, n), E2 = _mm_sub_epi16(e1, n);
+    const __m128i a = _mm_add_epi16(x[3], x[5]), b = _mm_add_epi16(x[1], x[3]);
+    const __m128i cd = c16(_mm_add_epi16(_mm_add_epi16(x[5], x[7]), b)), ca = c16(a);
+    const __m128i gs = _mm_add_epi16(cd, b);
+    const __m128i g = _mm_add_epi16(gs, mulhi_k(gs, -30144));  // 553 >> 10
+    const __m128i h = _mm_add_epi16(x[1], ca);
+    const __m128i gh = _mm_add_epi16(g, h), hg = _mm_sub_epi16(h, g);
+    const __m128i O0 = _mm_add_epi16(gh, mulhi_k(gh, -32128));                              // 261 >> 9
+    const __m128i O3 = _mm_add_epi16(_mm_add_epi16(mulhi_k(hg, -28672), hg), _mm_add_epi16(hg, hg));  // 2624 >> 10
+    const __m128i w = _mm_sub_epi16(b, cd);
+    const __m128i k = _mm_add_epi16(w, mulhi_k(w, 20096));     // 1338 >> 10
+    const __m128i j = _mm_sub_epi16(x[1], ca);
+    const __m128i jk = _mm_add_epi16(j, k), jmk = _mm_sub_epi16(j, k);
+    const __m128i O1 = _mm_add_epi16(jk, mulhi_k(jk, -26112));   // 77 >> 7
+    const __m128i O2 = _mm_add_epi16(jmk, mulhi_k(jmk, -6528));  // 461 >> 9
+    y[0] = _mm_add_epi16(E0, O0), y[1] = _mm_add_epi16(E1, O1), y[2] = _mm_add_epi16(E2, O2), y[3] = _mm_add_epi16(E3, O3);
+    y[4] = _mm_sub_epi16(E3, O3), y[5] = _mm_sub_epi16(E2, O2), y[6] = _mm_sub_epi16(E1, O1), y[7] = _mm_sub_epi16(E0, O0);
+}
+
+__attribute__((always_inline)) inline void transpose_16(const __m128i *y, __m128i *x) {
+    __m128i a[8], b[8];
+    for (int q = 0; q < 8; q += 2) {
+        a[q] = _mm_unpacklo_epi16(y[q], y[q + 1]);
+        a[q + 1] = _mm_unpackhi_epi16(y[q], y[q + 1]);
+    }
+    // a[0]: 00 10 01 11 02 12 03 13, a[1]: 04 14 ..., a[2]: 20 30 21 31 ...
+    for (int q = 0; q < 8; q += 4) {
+        b[q] = _mm_unpacklo_epi32(a[q], a[q + 2]);
+        b[q + 1] = _mm_unpackhi_epi32(a[q], a[q + 2]);
+        b[q + 2] = _mm_unpacklo_epi32(a[q + 1], a[q + 3]);
+        b[q + 3] = _mm_unpackhi_epi32(a[q + 1], a[q + 3]);
+    }
+    // b[0]: 00 10 20 30 01 11 21 31, b[1]: 02 12 22 32 03 ..., b[2]: 04 ..., b[3]: 06 ...
+    for (int q = 0; q < 4; q++) {
+        x[2 * q] = _mm_unpacklo_epi64(b[q], b[q + 4]);
+        x[2 * q + 1] = _mm_unpackhi_epi64(b[q], b[q + 4]);
+    }
+}
+
+// False, having written nothing, when the block is too strong for 16 bits.
+__attribute__((always_inline)) inline bool idct_16(const int16_t *coefT, int8_t *dst, int stride) {
+    __m128i x[8], y[8];
+    __m128i sum = _mm_setzero_si128();
+    for (int k = 0; k < 8; k++) {
+        x[k] = _mm_load_si128(reinterpret_cast<const __m128i *>(coefT + 8 * k));
+        // |v| as an unsigned 16-bit number (32768 for -32768), summed saturating.
+        sum = _mm_adds_epu16(sum, _mm_max_epi16(x[k], _mm_sub_epi16(_mm_setzero_si128(), x[k])));
+    }
+    const __m128i zero = _mm_setzero_si128();
+    __m128i s32 = _mm_add_epi32(_mm_unpacklo_epi16(sum, zero), _mm_unpackhi_epi16(sum, zero));
+    s32 = _mm_add_epi32(s32, _mm_shuffle_epi32(s32, 0x4E));
+    s32 = _mm_add_epi32(s32, _mm_shuffle_epi32(s32, 0xB1));
+    if (_mm_cvtsi128_si32(s32) > IDCT16_LIMIT) return false;
+    idct_kernel_16(x, y);
+    transpose_16(y, x);
+    idct_kernel_16(x, y);
+    const __m128i lo = _mm_set1_epi16(-127), hi = _mm_set1_epi16(127);
+    for (int k = 0; k < 8; k += 2) {
+        __m128i a = _mm_min_epi16(_mm_max_epi16(_mm_srai_epi16(y[k], 2), lo), hi);
+        __m128i b = _mm_min_epi16(_mm_max_epi16(_mm_srai_epi16(y[k + 1], 2), lo), hi);
+        __m128i ab = _mm_packs_epi16(a, b);
+        _mm_storel_epi64(reinterpret_cast<__m128i *>(dst + k * stride), ab);
+        _mm_storel_epi64(reinterpret_cast<__m128i *>(dst + (k + 1) * stride), _mm_unpackhi_epi64(ab, ab));
+    }
+    return true;
+}
+
+void idct_best_sse2(const int16_t *coefT, int8_t *dst, int stride) {
+    if (!idct_16(coefT, dst, stride)) idct_lanes_plain(coefT, dst, stride);
+}
+__attribute__((target("avx2"))) void idct_best_avx2(const int16_t *coefT, int8_t *dst, int stride) {
+    if (!idct_16(coefT, dst, stride)) idct_lanes(coefT, dst, stride);
+}
+const idct_fn idct_best = (__builtin_cpu_init(), __builtin_cpu_supports("avx2")) ? idct_best_avx2 : idct_best_sse2;
+#else
+const idct_fn idct_best = idct_lanes_plain;
+#endif
+
 }  // namespace
 
-void jpeg_idct_8x8_transposed(const int16_t *coefT, int8_t *dst, int stride) { idct_lanes_best(coefT, dst, stride); }
+void jpeg_idct_8x8_transposed(const int16_t *coefT, int8_t *dst, int stride) { idct_best(coefT, dst, stride); }
 
 namespace {
 
@@ -611,7 +711,7 @@ int decode_block(bit_reader &br, scan_slot &sl, int8_t *dst) {
     if (!ac)
         idct_dc_only(coef[0], dst, sl.stride);
     else
-        idct_lanes_best(coef, dst, sl.stride);
+        idct_best(coef, dst, sl.stride);
     return 0;
 }
 

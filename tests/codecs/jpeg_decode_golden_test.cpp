@@ -397,3 +397,29 @@ TEST(JpegDecodeGolden, MovedMissingTruncatedAndDamagedStreams) {
         EXPECT_EQ(sp.hash, o.hash) << c.name;
     }
 }
+
+// The block transform takes a 16-bit route for blocks whose coefficient
+// magnitudes sum to at most 16000: blocks of 12000 to 36000, with
+// their weight in a few coefficients of either sign, must come out exactly
+// as the scalar kernel gives them.
+TEST(JpegDecodeGolden, TransformIsExactAroundItsSixteenBitLimit) {
+    lcg r{77};
+    for (int it = 0; it < 200000; it++) {
+        int16_t coef[64] = {}, coefT[64];
+        const int total = 12000 + static_cast<int>(r.next(24000)), n = 1 + static_cast<int>(r.next(it % 7 == 0 ? 64 : 9));
+        const int row = static_cast<int>(r.next(8));
+        int left = total;
+        for (int i = 0; i < n && left > 0; i++) {
+            // Half the blocks keep their weight in one coefficient row.
+            int at = it % 2 ? row * 8 + static_cast<int>(r.next(8)) : static_cast<int>(r.next(64));
+            int v = i == n - 1 ? left : std::min(left, static_cast<int>(r.next(static_cast<uint32_t>(left) + 1)));
+            coef[at] = static_cast<int16_t>(std::clamp(coef[at] + (r.next(2) ? v : -v), -32768, 32767));
+            left -= v;
+        }
+        for (int i = 0; i < 64; i++) coefT[(i & 7) * 8 + (i >> 3)] = coef[i];
+        int8_t a[64], b[64];
+        jpeg_idct_8x8(coef, 0xFF, a, 8);
+        jpeg_idct_8x8_transposed(coefT, b, 8);
+        ASSERT_EQ(std::memcmp(a, b, 64), 0) << "block " << it << " weight " << total;
+    }
+}
