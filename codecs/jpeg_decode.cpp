@@ -254,37 +254,41 @@ int walk_markers(byte_source &s, int32_t offset, bool tables_only) {
 
 // Bits come most significant first from the byte at the read pointer; after
 // a byte is used up the pointer moves on by two over a stuffed FF 00 pair,
-// else by one.  Bytes are fetched ahead into a 64-bit word, and the raw
-// address of each fetched byte is remembered so that the exact read
-// pointer and bit mask can be recovered for refills and restart markers.
+// else by one.  Bytes are fetched ahead into a 64-bit word.  The exact read
+// pointer matters only at refills and restart points, so it is recovered
+// then: bytes fetched since `linear` lie back to back just behind p, and only
+// bytes fetched one at a time (near a 0xFF or the buffer's end) have their
+// address noted.
 struct bit_reader {
-    const uint8_t *p;      // next raw byte to fetch
-    const uint8_t *limit;  // fetches stop here and give zero bits
-    uint64_t acc;          // unread bits, left-aligned
+    uint64_t acc;          // unread bits, left-aligned; below them the next byte's bits or zeros
     int nbits;
-    unsigned fetched;
-    const uint8_t *ring[8];
+    const uint8_t *p;      // next raw byte to fetch
+    unsigned fetched;      // bytes fetched so far
+    unsigned linear;       // bytes fetched from this count on lie back to back before p
+    const uint8_t *limit;  // fetches stop here and give zero bits
+    const uint8_t *ring[8];  // addresses of the last bytes fetched before `linear`
 
-    void fill() {
-        if (nbits > 56) return;
-        // Eight raw bytes without a 0xFF advance one by one: take the whole
-        // bytes that fit in one step.
+    // Eight raw bytes without a 0xFF advance one by one: take the whole
+    // bytes that fit in one step.
+    __attribute__((always_inline)) void fill() {
         if (p + 8 <= limit) {
             uint64_t w;
             std::memcpy(&w, p, 8);
             const uint64_t x = ~w;
             if (!((x - 0x0101010101010101ull) & ~x & 0x8080808080808080ull)) {
-                const int k = (64 - nbits) >> 3, rest = 64 - nbits - 8 * k;
-                uint64_t bits = __builtin_bswap64(w) >> nbits;
-                if (rest) bits &= ~((uint64_t{1} << rest) - 1);
-                acc |= bits;
-                for (int i = 0; i < k; i++) ring[(fetched + i) & 7] = p + i;
-                fetched += k;
+                acc |= __builtin_bswap64(w) >> nbits;
+                const int k = (64 - nbits) >> 3;
                 p += k;
+                fetched += k;
                 nbits += 8 * k;
                 return;
             }
         }
+        fill_bytes();
+    }
+    void fill_bytes() {
+        for (unsigned i = fetched - (fetched - linear < 8 ? fetched - linear : 8); i != fetched; i++)
+            ring[i & 7] = p - (fetched - i);
         while (nbits <= 56) {
             uint8_t b = 0;
             ring[fetched++ & 7] = p;
@@ -295,21 +299,20 @@ struct bit_reader {
             acc |= static_cast<uint64_t>(b) << (56 - nbits);
             nbits += 8;
         }
+        linear = fetched;
     }
     // The byte holding the next unread bit, and that bit's mask.
     const uint8_t *pointer(int &mask) const {
-        int whole = nbits >> 3, part = nbits & 7;
-        if (part) {
-            mask = 1 << (part - 1);
-            return ring[(fetched - whole - 1) & 7];
-        }
-        mask = 0x80;
-        return whole ? ring[(fetched - whole) & 7] : p;
+        const int whole = nbits >> 3, part = nbits & 7;
+        const unsigned idx = fetched - whole - (part ? 1 : 0);
+        mask = part ? 1 << (part - 1) : 0x80;
+        return idx - linear < 0x80000000u ? p - (fetched - idx) : ring[idx & 7];
     }
     void reset(const uint8_t *at, int mask) {
         p = at;
         acc = 0;
         nbits = 0;
+        linear = fetched;
         fill();
         int used = 0;
         while (mask < 0x80 && used < 8) mask <<= 1, used++;
@@ -331,42 +334,53 @@ struct bit_reader {
 
 // ---- Huffman decoding ------------------------------------------------------------------
 
-constexpr int LOOKAHEAD = 9;
-constexpr uint16_t LOOK_CORRUPT = 0x1000;
+// The bit-serial decode of one table, precomputed for every 10-bit prefix.
+// An entry's low 5 bits count the bits it uses, the next 3 its kind; a full
+// entry also holds the zero run (bits 8-11) and the extended value (top 16
+// bits) when the code and its value bits fit the prefix together; a symbol
+// entry holds the symbol (bits 8-15) when only the code does.
+constexpr int LOOKAHEAD = 10;
+constexpr uint32_t ENTRY_FULL = 0x00, ENTRY_SYMBOL = 0x20, ENTRY_END = 0x40, ENTRY_CORRUPT = 0x60, ENTRY_LONG = 0xE0,
+                   ENTRY_KIND = 0xE0;
 
-// The bit-serial decode of one table, precomputed for every 9-bit prefix:
-// low 4 bits the length at which it stops (0 = not within 9 bits), then the
-// symbol; LOOK_CORRUPT when the value index falls outside the table.
 struct decode_table {
     const jpeg_huffman_table *t;
-    uint16_t look[1 << LOOKAHEAD];
+    uint32_t look[1 << LOOKAHEAD];
 };
 
-void build_decode_table(decode_table &d, const jpeg_huffman_table &t) {
+inline int extend(int v, int s) { return s == 0 ? 0 : v < (1 << (s - 1)) ? v - ((1 << s) - 1) : v; }
+
+void build_decode_table(decode_table &d, const jpeg_huffman_table &t, bool dc) {
     d.t = &t;
     for (uint32_t v = 0; v < (1u << LOOKAHEAD); v++) {
-        d.look[v] = 0;
+        uint32_t e = ENTRY_LONG;
         for (int l = 1; l <= LOOKAHEAD; l++) {
             uint32_t code = v >> (LOOKAHEAD - l);
-            if (static_cast<int16_t>(code) <= t.maxcode[l]) {
-                uint16_t idx = static_cast<uint16_t>(t.valptr[l] + code);
-                d.look[v] = idx < 256 ? static_cast<uint16_t>(l | t.huffval[idx] << 4) : static_cast<uint16_t>(l | LOOK_CORRUPT);
+            if (static_cast<int16_t>(code) > t.maxcode[l]) continue;
+            uint16_t idx = static_cast<uint16_t>(t.valptr[l] + code);
+            if (idx >= 256) {
+                e = ENTRY_CORRUPT | l;
                 break;
             }
+            const int sym = t.huffval[idx], s = sym & 15, r = dc ? 0 : sym >> 4;
+            if (!dc && sym == 0) {
+                e = ENTRY_END | l;
+            } else if ((dc || s) && l + s <= LOOKAHEAD) {
+                int bits = static_cast<int>((v >> (LOOKAHEAD - l - s)) & ((1u << s) - 1));
+                e = ENTRY_FULL | (l + s) | r << 8 | static_cast<uint32_t>(extend(bits, s)) << 16;
+            } else {
+                e = ENTRY_SYMBOL | l | sym << 8;
+            }
+            break;
         }
+        d.look[v] = e;
     }
 }
 
-// The next symbol, or -1 for a code whose value index is outside the table.
-// The reader holds at least 16 unread bits.
-inline int decode_symbol(bit_reader &br, const decode_table &d) {
-    uint16_t e = d.look[br.peek(LOOKAHEAD)];
-    if (e) {
-        br.skip(e & 15);
-        return e & LOOK_CORRUPT ? -1 : e >> 4;
-    }
+// A code longer than the prefix, bit by bit: the symbol, or -1 for a value
+// index outside the table.  The reader holds at least 16 unread bits.
+__attribute__((noinline)) int decode_long(bit_reader &br, const jpeg_huffman_table &t) {
     uint32_t v16 = br.peek(16);
-    const jpeg_huffman_table &t = *d.t;
     for (int l = LOOKAHEAD + 1; l <= 16; l++) {
         uint32_t code = v16 >> (16 - l);
         if (static_cast<int16_t>(code) <= t.maxcode[l]) {
@@ -634,11 +648,15 @@ inline void idct_dc_only(int16_t dc, int8_t *dst, int stride) {
 
 // ---- Scan decoding -------------------------------------------------------------------------
 
-// Zig-zag index to the transposed natural index the block transform reads.
+// Zig-zag index to the transposed natural index the block transform reads;
+// positions past the block (a run beyond coefficient 63) land on a spare
+// slot after it, and the block is refused once its loop ends.
+constexpr int SPARE_SLOT = 64, POSITIONS = 80;
 struct transposed_order {
-    uint8_t v[64];
+    uint8_t v[POSITIONS];
     constexpr transposed_order() : v() {
-        for (int k = 0; k < 64; k++) v[k] = static_cast<uint8_t>((jpeg_zigzag[k] & 7) * 8 + (jpeg_zigzag[k] >> 3));
+        for (int k = 0; k < POSITIONS; k++)
+            v[k] = static_cast<uint8_t>(k < 64 ? (jpeg_zigzag[k] & 7) * 8 + (jpeg_zigzag[k] >> 3) : SPARE_SLOT);
     }
 };
 constexpr transposed_order transposed_storage;
@@ -648,6 +666,7 @@ struct scan_slot {
     int16_t predictor;
     int8_t *plane;
     const uint16_t *quant;
+    int16_t q[POSITIONS];  // the quantiser by zig-zag position, zero past the block
     int h, v;
     const decode_table *dc, *ac;
     int column;
@@ -659,59 +678,103 @@ struct input_buffer {
     int32_t cap;  // the fill area; INPUT_SPARE zero bytes follow
 };
 
-// One block: Huffman decode, dequantise, inverse transform into the plane.
-int decode_block(bit_reader &br, scan_slot &sl, int8_t *dst) {
-    alignas(32) int16_t coef[64];  // transposed: (row i, column k) at k * 8 + i
-#if defined(__x86_64__) || defined(__i386__)
-    // Eight plain stores: compilers turn a 128-byte clear into a slow string store.
-    for (int i = 0; i < 64; i += 8) _mm_store_si128(reinterpret_cast<__m128i *>(coef + i), _mm_setzero_si128());
-#else
-    std::memset(coef, 0, sizeof coef);
-#endif
-    br.fill();
-    int s = decode_symbol(br, *sl.dc);
-    if (s < 0) return IMG_ERR_HEADER;
-    int diff = br.receive_extend(s & 15);
+// Huffman decode and dequantise one block into coef (transposed, cleared
+// beforehand); true in dc_only when no AC symbol came before the end of block.
+__attribute__((always_inline)) inline int decode_coefficients(bit_reader &br, scan_slot &sl, int16_t *coef,
+                                                                  bool &dc_only) {
+    if (br.nbits < 32) br.fill();
+    uint32_t e = sl.dc->look[br.peek(LOOKAHEAD)];
+    int diff;
+    if ((e & ENTRY_KIND) == ENTRY_FULL) {
+        br.skip(e & 31);
+        diff = static_cast<int32_t>(e) >> 16;
+    } else {
+        int sym;
+        if ((e & ENTRY_KIND) == ENTRY_SYMBOL) {
+            br.skip(e & 31);
+            sym = (e >> 8) & 0xFF;
+        } else if ((e & ENTRY_KIND) == ENTRY_LONG) {
+            sym = decode_long(br, *sl.dc->t);
+        } else {
+            sym = -1;
+        }
+        if (sym < 0) return IMG_ERR_HEADER;
+        diff = br.receive_extend(sym & 15);
+    }
     sl.predictor = static_cast<int16_t>(sl.predictor + diff);
     coef[0] = static_cast<int16_t>(sl.predictor * sl.quant[0]);
-    bool ac = false;
-    for (int k = 1; k < 64;) {
-        br.fill();
-        // A short code and its value bits often fit in one 9-bit look:
-        // take both from the same peek.
-        const uint32_t ahead = br.peek(LOOKAHEAD);
-        const uint16_t e = sl.ac->look[ahead];
-        const int len = e & 15, esz = (e >> 4) & 15;
-        if (e && !(e & LOOK_CORRUPT) && esz && len + esz <= LOOKAHEAD) {
-            const int r = (e >> 8) & 15;
-            if (k + r >= 64) return IMG_ERR_HEADER;
-            int v = static_cast<int>((ahead >> (LOOKAHEAD - len - esz)) & ((1u << esz) - 1));
-            if (v < (1 << (esz - 1))) v -= (1 << esz) - 1;
-            br.skip(len + esz);
-            coef[zigzag_transposed[k + r]] = static_cast<int16_t>(v * sl.quant[k + r]);
-            ac = true;
-            k += r + 1;
+    const uint32_t *look = sl.ac->look;
+    const int16_t *q = sl.q;
+    int k = 1;
+    while (k < 64) {
+        if (br.nbits < 32) br.fill();
+        e = look[br.peek(LOOKAHEAD)];
+        if ((e & ENTRY_KIND) == ENTRY_FULL) {
+            br.skip(e & 31);
+            k += (e >> 8) & 15;
+            coef[zigzag_transposed[k]] = static_cast<int16_t>((static_cast<int32_t>(e) >> 16) * q[k]);
+            k++;
             continue;
         }
-        int rs = decode_symbol(br, *sl.ac);
-        if (rs <= 0) {
-            if (rs < 0) return IMG_ERR_HEADER;
+        if ((e & ENTRY_KIND) == ENTRY_END) {
+            br.skip(e & 31);
             break;
         }
-        int r = rs >> 4, sz = rs & 15;
-        if (k + r > 64) return IMG_ERR_HEADER;
-        if (sz) {
-            if (k + r == 64) return IMG_ERR_HEADER;
-            int v = br.receive_extend(sz);
-            coef[zigzag_transposed[k + r]] = static_cast<int16_t>(v * sl.quant[k + r]);
-            ac = true;
+        int rs;
+        if ((e & ENTRY_KIND) == ENTRY_SYMBOL) {
+            br.skip(e & 31);
+            rs = (e >> 8) & 0xFF;
+        } else if ((e & ENTRY_KIND) == ENTRY_LONG) {
+            rs = decode_long(br, *sl.ac->t);
+            if (rs < 0) return IMG_ERR_HEADER;
+            if (rs == 0) break;
+        } else {
+            return IMG_ERR_HEADER;
         }
-        k += r + 1;
+        const int r = rs >> 4, sz = rs & 15;
+        if (sz) {
+            int v = br.receive_extend(sz);
+            k += r;
+            coef[zigzag_transposed[k]] = static_cast<int16_t>(v * q[k]);
+            k++;
+        } else {
+            // A run with no value (ZRL among them) may end exactly at the block's end.
+            if (k + r > 64) return IMG_ERR_HEADER;
+            k = k + r + 1 > 64 ? 64 : k + r + 1;
+        }
     }
-    if (!ac)
+    // A value placed beyond coefficient 63 went to the spare slot.
+    if (k > 64) return IMG_ERR_HEADER;
+    dc_only = k == 1;
+    return 0;
+}
+
+// Clears a block the transform has read: eight stores written out, since
+// compilers turn a cleared loop into a slow string store.
+inline void clear_block(int16_t *coef) {
+#if defined(__x86_64__) || defined(__i386__)
+    __m128i *c = reinterpret_cast<__m128i *>(coef);
+    const __m128i z = _mm_setzero_si128();
+    _mm_store_si128(c + 0, z), _mm_store_si128(c + 1, z), _mm_store_si128(c + 2, z), _mm_store_si128(c + 3, z);
+    _mm_store_si128(c + 4, z), _mm_store_si128(c + 5, z), _mm_store_si128(c + 6, z), _mm_store_si128(c + 7, z);
+#else
+    std::memset(coef, 0, 64 * sizeof(int16_t));
+#endif
+}
+
+// One block: Huffman decode, dequantise, inverse transform into the plane.
+// coef comes cleared and is left cleared.
+inline int decode_block(bit_reader &br, scan_slot &sl, int16_t *coef, int8_t *dst) {
+    bool dc_only;
+    int rc = decode_coefficients(br, sl, coef, dc_only);
+    if (rc < 0) return rc;
+    if (dc_only) {
         idct_dc_only(coef[0], dst, sl.stride);
-    else
+        coef[0] = 0;
+    } else {
         idct_best(coef, dst, sl.stride);
+        clear_block(coef);
+    }
     return 0;
 }
 
@@ -908,8 +971,8 @@ int decode_scan(byte_source &src, IMG_put_row_fn put_row, void *context) {
     // component 3.
     static decode_table dc_tables[2], ac_tables[3];
     const jpeg_decoder_tables &tab = jpeg_tables;
-    for (int i = 0; i < 2; i++) build_decode_table(dc_tables[i], tab.dc[i]);
-    for (int i = 0; i < 3; i++) build_decode_table(ac_tables[i], tab.ac[i]);
+    for (int i = 0; i < 2; i++) build_decode_table(dc_tables[i], tab.dc[i], true);
+    for (int i = 0; i < 3; i++) build_decode_table(ac_tables[i], tab.ac[i], false);
     scan_slot slots[4] = {};
     for (int i = 0; i < 4; i++) {
         scan_slot &sl = slots[i];
@@ -920,6 +983,7 @@ int decode_scan(byte_source &src, IMG_put_row_fn put_row, void *context) {
         sl.v = c.v;
         const frame_component &qc = fr.comp[i < 3 ? i : 2];
         sl.quant = tab.quant[qc.tq ? 1 : 0];
+        for (int k = 0; k < POSITIONS; k++) sl.q[k] = static_cast<int16_t>(k < 64 ? sl.quant[k] : 0);
         if (i < 2) {
             sl.dc = &dc_tables[td == 0 ? 0 : 1];
             sl.ac = &ac_tables[ta ? 1 : 0];
@@ -936,6 +1000,7 @@ int decode_scan(byte_source &src, IMG_put_row_fn put_row, void *context) {
 
     int32_t got = source_read(src, in.base, in.cap);
     if (got <= 0) return IMG_ERR_DATA;
+    alignas(16) int16_t coef[POSITIONS] = {};
     bit_reader br{};
     br.limit = in.base + in.cap + INPUT_SPARE;
     br.reset(in.base, 0x80);
@@ -954,7 +1019,7 @@ int decode_scan(byte_source &src, IMG_put_row_fn put_row, void *context) {
                 for (int v = 0; v < sl.v; v++) {
                     if (v) sl.column -= 8 * sl.h;
                     for (int h = 0; h < sl.h; h++) {
-                        if (int rc = decode_block(br, sl, sl.plane + v * 8 * W + sl.column); rc < 0) return rc;
+                        if (int rc = decode_block(br, sl, coef, sl.plane + v * 8 * W + sl.column); rc < 0) return rc;
                         sl.column += 8;
                         maybe_refill(br, in, src);
                     }
