@@ -543,56 +543,64 @@ const idct_fn idct_lanes_best = idct_lanes_plain;
 // most IDCT16_LIMIT stays in range through both passes.
 constexpr int IDCT16_LIMIT = 16000;
 
-__attribute__((always_inline)) inline __m128i mulhi_k(__m128i v, int16_t k) { return _mm_mulhi_epi16(v, _mm_set1_epi16(k)); }
-
-// x * 724 >> 10 (equally x * 181 >> 8): x - 300x/1024, floored.
-__attribute__((always_inline)) inline __m128i c16(__m128i v) { return _mm_add_epi16(v, mulhi_k(v, -19200)); }
-
-__attribute__((always_inline)) inline void idct_kernel_16(const __m128i *x, __m128i *y) {
-    const __m128i e0 = _mm_add_epi16(c16(x[0]), c16(x[4])), e1 = _mm_sub_epi16(c16(x[0]), c16(x[4]));
-    const __m128i cp = c16(_mm_add_epi16(x[2], x[6]));
-    const __m128i t = _mm_add_epi16(x[2], cp), u = _mm_sub_epi16(x[2], cp);
-    const __m128i m = _mm_add_epi16(t, mulhi_k(t, -30144));   // 553 t >> 10
-    const __m128i n = _mm_add_epi16(u, mulhi_k(u, 20096));    // 1338 u >> 10
-    const __m128i E0 = _mm_add_epi16(e0, m), E3 = _mm_sub_epi16(e0, m);
-    const __m128i E1 = _mm_add_epi16(e1, n), E2 = _mm_sub_epi16(e1, n);
-    const __m128i a = _mm_add_epi16(x[3], x[5]), b = _mm_add_epi16(x[1], x[3]);
-    const __m128i cd = c16(_mm_add_epi16(_mm_add_epi16(x[5], x[7]), b)), ca = c16(a);
-    const __m128i gs = _mm_add_epi16(cd, b);
-    const __m128i g = _mm_add_epi16(gs, mulhi_k(gs, -30144));  // 553 >> 10
-    const __m128i h = _mm_add_epi16(x[1], ca);
-    const __m128i gh = _mm_add_epi16(g, h), hg = _mm_sub_epi16(h, g);
-    const __m128i O0 = _mm_add_epi16(gh, mulhi_k(gh, -32128));                              // 261 >> 9
-    const __m128i O3 = _mm_add_epi16(_mm_add_epi16(mulhi_k(hg, -28672), hg), _mm_add_epi16(hg, hg));  // 2624 >> 10
-    const __m128i w = _mm_sub_epi16(b, cd);
-    const __m128i k = _mm_add_epi16(w, mulhi_k(w, 20096));     // 1338 >> 10
-    const __m128i j = _mm_sub_epi16(x[1], ca);
-    const __m128i jk = _mm_add_epi16(j, k), jmk = _mm_sub_epi16(j, k);
-    const __m128i O1 = _mm_add_epi16(jk, mulhi_k(jk, -26112));   // 77 >> 7
-    const __m128i O2 = _mm_add_epi16(jmk, mulhi_k(jmk, -6528));  // 461 >> 9
-    y[0] = _mm_add_epi16(E0, O0), y[1] = _mm_add_epi16(E1, O1), y[2] = _mm_add_epi16(E2, O2), y[3] = _mm_add_epi16(E3, O3);
-    y[4] = _mm_sub_epi16(E3, O3), y[5] = _mm_sub_epi16(E2, O2), y[6] = _mm_sub_epi16(E1, O1), y[7] = _mm_sub_epi16(E0, O0);
-}
-
-__attribute__((always_inline)) inline void transpose_16(const __m128i *y, __m128i *x) {
-    __m128i a[8], b[8];
-    for (int q = 0; q < 8; q += 2) {
-        a[q] = _mm_unpacklo_epi16(y[q], y[q + 1]);
-        a[q + 1] = _mm_unpackhi_epi16(y[q], y[q + 1]);
+// One 1-D pass and the 8x8 transpose, written once for both vector widths
+// (the wide form runs two blocks side by side, one per 128-bit half).
+#define IDCT16_PASS(ATTR, NAME, V, P)                                                                 \
+    ATTR __attribute__((always_inline)) inline void NAME(const V *x, V *y) {                          \
+        /* c(v) = v * 724 >> 10 (equally v * 181 >> 8): v - 300v/1024, floored. */                   \
+        const V c0 = P##add_epi16(x[0], P##mulhi_epi16(x[0], P##set1_epi16(-19200)));                 \
+        const V c4 = P##add_epi16(x[4], P##mulhi_epi16(x[4], P##set1_epi16(-19200)));                 \
+        const V e0 = P##add_epi16(c0, c4), e1 = P##sub_epi16(c0, c4);                                 \
+        const V p = P##add_epi16(x[2], x[6]);                                                         \
+        const V cp = P##add_epi16(p, P##mulhi_epi16(p, P##set1_epi16(-19200)));                        \
+        const V t = P##add_epi16(x[2], cp), u = P##sub_epi16(x[2], cp);                               \
+        const V m = P##add_epi16(t, P##mulhi_epi16(t, P##set1_epi16(-30144))); /* 553 >> 10 */       \
+        const V n = P##add_epi16(u, P##mulhi_epi16(u, P##set1_epi16(20096)));  /* 1338 >> 10 */      \
+        const V E0 = P##add_epi16(e0, m), E3 = P##sub_epi16(e0, m);                                   \
+        const V E1 = P##add_epi16(e1, n), E2 = P##sub_epi16(e1, n);                                   \
+        const V a = P##add_epi16(x[3], x[5]), b = P##add_epi16(x[1], x[3]);                           \
+        const V d = P##add_epi16(P##add_epi16(x[5], x[7]), b);                                        \
+        const V cd = P##add_epi16(d, P##mulhi_epi16(d, P##set1_epi16(-19200)));                       \
+        const V ca = P##add_epi16(a, P##mulhi_epi16(a, P##set1_epi16(-19200)));                       \
+        const V gs = P##add_epi16(cd, b);                                                             \
+        const V g = P##add_epi16(gs, P##mulhi_epi16(gs, P##set1_epi16(-30144))); /* 553 >> 10 */     \
+        const V h = P##add_epi16(x[1], ca);                                                           \
+        const V gh = P##add_epi16(g, h), hg = P##sub_epi16(h, g);                                     \
+        const V O0 = P##add_epi16(gh, P##mulhi_epi16(gh, P##set1_epi16(-32128))); /* 261 >> 9 */     \
+        const V O3 = P##add_epi16(P##add_epi16(P##mulhi_epi16(hg, P##set1_epi16(-28672)), hg),        \
+                                  P##add_epi16(hg, hg)); /* 2624 >> 10 */                             \
+        const V w = P##sub_epi16(b, cd);                                                              \
+        const V k = P##add_epi16(w, P##mulhi_epi16(w, P##set1_epi16(20096))); /* 1338 >> 10 */       \
+        const V j = P##sub_epi16(x[1], ca);                                                           \
+        const V jk = P##add_epi16(j, k), jmk = P##sub_epi16(j, k);                                    \
+        const V O1 = P##add_epi16(jk, P##mulhi_epi16(jk, P##set1_epi16(-26112)));  /* 77 >> 7 */     \
+        const V O2 = P##add_epi16(jmk, P##mulhi_epi16(jmk, P##set1_epi16(-6528))); /* 461 >> 9 */    \
+        y[0] = P##add_epi16(E0, O0), y[1] = P##add_epi16(E1, O1);                                     \
+        y[2] = P##add_epi16(E2, O2), y[3] = P##add_epi16(E3, O3);                                     \
+        y[4] = P##sub_epi16(E3, O3), y[5] = P##sub_epi16(E2, O2);                                     \
+        y[6] = P##sub_epi16(E1, O1), y[7] = P##sub_epi16(E0, O0);                                     \
+    }                                                                                                 \
+    ATTR __attribute__((always_inline)) inline void NAME##_transpose(const V *y, V *x) {              \
+        V a[8], b[8];                                                                                 \
+        for (int q = 0; q < 8; q += 2) {                                                              \
+            a[q] = P##unpacklo_epi16(y[q], y[q + 1]);                                                 \
+            a[q + 1] = P##unpackhi_epi16(y[q], y[q + 1]);                                             \
+        }                                                                                             \
+        for (int q = 0; q < 8; q += 4) {                                                              \
+            b[q] = P##unpacklo_epi32(a[q], a[q + 2]);                                                 \
+            b[q + 1] = P##unpackhi_epi32(a[q], a[q + 2]);                                             \
+            b[q + 2] = P##unpacklo_epi32(a[q + 1], a[q + 3]);                                         \
+            b[q + 3] = P##unpackhi_epi32(a[q + 1], a[q + 3]);                                         \
+        }                                                                                             \
+        for (int q = 0; q < 4; q++) {                                                                 \
+            x[2 * q] = P##unpacklo_epi64(b[q], b[q + 4]);                                             \
+            x[2 * q + 1] = P##unpackhi_epi64(b[q], b[q + 4]);                                         \
+        }                                                                                             \
     }
-    // a[0]: 00 10 01 11 02 12 03 13, a[1]: 04 14 ..., a[2]: 20 30 21 31 ...
-    for (int q = 0; q < 8; q += 4) {
-        b[q] = _mm_unpacklo_epi32(a[q], a[q + 2]);
-        b[q + 1] = _mm_unpackhi_epi32(a[q], a[q + 2]);
-        b[q + 2] = _mm_unpacklo_epi32(a[q + 1], a[q + 3]);
-        b[q + 3] = _mm_unpackhi_epi32(a[q + 1], a[q + 3]);
-    }
-    // b[0]: 00 10 20 30 01 11 21 31, b[1]: 02 12 22 32 03 ..., b[2]: 04 ..., b[3]: 06 ...
-    for (int q = 0; q < 4; q++) {
-        x[2 * q] = _mm_unpacklo_epi64(b[q], b[q + 4]);
-        x[2 * q + 1] = _mm_unpackhi_epi64(b[q], b[q + 4]);
-    }
-}
+
+IDCT16_PASS(, idct_kernel_16, __m128i, _mm_)
+IDCT16_PASS(__attribute__((target("avx2"))), idct_kernel_16x2, __m256i, _mm256_)
+#undef IDCT16_PASS
 
 // False, having written nothing, when the block is too strong for 16 bits.
 __attribute__((always_inline)) inline bool idct_16(const int16_t *coefT, int8_t *dst, int stride) {
@@ -609,7 +617,7 @@ __attribute__((always_inline)) inline bool idct_16(const int16_t *coefT, int8_t 
     s32 = _mm_add_epi32(s32, _mm_shuffle_epi32(s32, 0xB1));
     if (_mm_cvtsi128_si32(s32) > IDCT16_LIMIT) return false;
     idct_kernel_16(x, y);
-    transpose_16(y, x);
+    idct_kernel_16_transpose(y, x);
     idct_kernel_16(x, y);
     const __m128i lo = _mm_set1_epi16(-127), hi = _mm_set1_epi16(127);
     for (int k = 0; k < 8; k += 2) {
@@ -628,9 +636,51 @@ void idct_best_sse2(const int16_t *coefT, int8_t *dst, int stride) {
 __attribute__((target("avx2"))) void idct_best_avx2(const int16_t *coefT, int8_t *dst, int stride) {
     if (!idct_16(coefT, dst, stride)) idct_lanes(coefT, dst, stride);
 }
-const idct_fn idct_best = (__builtin_cpu_init(), __builtin_cpu_supports("avx2")) ? idct_best_avx2 : idct_best_sse2;
+
+// Two blocks at once, one per 128-bit half; either too strong for 16 bits
+// sends both through the one-block route.
+__attribute__((target("avx2"))) void idct_pair_avx2(const int16_t *coefA, int8_t *dstA, int strideA,
+                                                    const int16_t *coefB, int8_t *dstB, int strideB) {
+    __m256i x[8], y[8];
+    __m256i sum = _mm256_setzero_si256();
+    for (int k = 0; k < 8; k++) {
+        x[k] = _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i *>(coefA + 8 * k))),
+                                       _mm_load_si128(reinterpret_cast<const __m128i *>(coefB + 8 * k)), 1);
+        sum = _mm256_adds_epu16(sum, _mm256_abs_epi16(x[k]));
+    }
+    const __m256i zero = _mm256_setzero_si256();
+    __m256i s32 = _mm256_add_epi32(_mm256_unpacklo_epi16(sum, zero), _mm256_unpackhi_epi16(sum, zero));
+    s32 = _mm256_add_epi32(s32, _mm256_shuffle_epi32(s32, 0x4E));
+    s32 = _mm256_add_epi32(s32, _mm256_shuffle_epi32(s32, 0xB1));
+    if (_mm256_cvtsi256_si32(s32) > IDCT16_LIMIT || _mm_cvtsi128_si32(_mm256_extracti128_si256(s32, 1)) > IDCT16_LIMIT) {
+        idct_best_avx2(coefA, dstA, strideA);
+        idct_best_avx2(coefB, dstB, strideB);
+        return;
+    }
+    idct_kernel_16x2(x, y);
+    idct_kernel_16x2_transpose(y, x);
+    idct_kernel_16x2(x, y);
+    const __m256i lo = _mm256_set1_epi16(-127), hi = _mm256_set1_epi16(127);
+    for (int k = 0; k < 8; k += 2) {
+        __m256i a = _mm256_min_epi16(_mm256_max_epi16(_mm256_srai_epi16(y[k], 2), lo), hi);
+        __m256i b = _mm256_min_epi16(_mm256_max_epi16(_mm256_srai_epi16(y[k + 1], 2), lo), hi);
+        __m256i ab = _mm256_packs_epi16(a, b);  // per half: row k, then row k + 1
+        __m128i ra = _mm256_castsi256_si128(ab), rb = _mm256_extracti128_si256(ab, 1);
+        _mm_storel_epi64(reinterpret_cast<__m128i *>(dstA + k * strideA), ra);
+        _mm_storeh_pd(reinterpret_cast<double *>(dstA + (k + 1) * strideA), _mm_castsi128_pd(ra));
+        _mm_storel_epi64(reinterpret_cast<__m128i *>(dstB + k * strideB), rb);
+        _mm_storeh_pd(reinterpret_cast<double *>(dstB + (k + 1) * strideB), _mm_castsi128_pd(rb));
+    }
+}
+
+using idct_pair_fn = void (*)(const int16_t *, int8_t *, int, const int16_t *, int8_t *, int);
+const bool have_avx2 = (__builtin_cpu_init(), __builtin_cpu_supports("avx2"));
+const idct_fn idct_best = have_avx2 ? idct_best_avx2 : idct_best_sse2;
+const idct_pair_fn idct_pair = have_avx2 ? idct_pair_avx2 : nullptr;
 #else
 const idct_fn idct_best = idct_lanes_plain;
+using idct_pair_fn = void (*)(const int16_t *, int8_t *, int, const int16_t *, int8_t *, int);
+const idct_pair_fn idct_pair = nullptr;
 #endif
 
 }  // namespace
@@ -762,18 +812,48 @@ inline void clear_block(int16_t *coef) {
 #endif
 }
 
-// One block: Huffman decode, dequantise, inverse transform into the plane.
-// coef comes cleared and is left cleared.
-inline int decode_block(bit_reader &br, scan_slot &sl, int16_t *coef, int8_t *dst) {
+// Coefficient blocks, cleared between uses; with the wide transform a block
+// waits here for a partner so that two are transformed together.
+struct block_queue {
+    alignas(32) int16_t coef[2][POSITIONS];
+    int cur;
+    bool waiting;
+    int8_t *dst;
+    int stride;
+};
+
+void flush_blocks(block_queue &q) {
+    if (!q.waiting) return;
+    int16_t *coef = q.coef[q.cur ^ 1];
+    idct_best(coef, q.dst, q.stride);
+    clear_block(coef);
+    q.waiting = false;
+}
+
+// One block: Huffman decode, dequantise, inverse transform into the plane
+// (perhaps later, at the next block or flush_blocks).
+inline int decode_block(bit_reader &br, scan_slot &sl, block_queue &q, int8_t *dst) {
+    int16_t *coef = q.coef[q.cur];
     bool dc_only;
     int rc = decode_coefficients(br, sl, coef, dc_only);
     if (rc < 0) return rc;
     if (dc_only) {
         idct_dc_only(coef[0], dst, sl.stride);
         coef[0] = 0;
-    } else {
+    } else if (!idct_pair) {
         idct_best(coef, dst, sl.stride);
         clear_block(coef);
+    } else if (q.waiting) {
+        int16_t *other = q.coef[q.cur ^ 1];
+        idct_pair(other, q.dst, q.stride, coef, dst, sl.stride);
+        clear_block(other);
+        clear_block(coef);
+        q.waiting = false;
+    } else {
+        q.waiting = true;
+        q.dst = dst;
+        q.stride = sl.stride;
+        q.cur ^= 1;
     }
     return 0;
 }
@@ -1000,7 +1080,7 @@ int decode_scan(byte_source &src, IMG_put_row_fn put_row, void *context) {
 
     int32_t got = source_read(src, in.base, in.cap);
     if (got <= 0) return IMG_ERR_DATA;
-    alignas(16) int16_t coef[POSITIONS] = {};
+    block_queue blocks{};
     bit_reader br{};
     br.limit = in.base + in.cap + INPUT_SPARE;
     br.reset(in.base, 0x80);
@@ -1019,7 +1099,7 @@ int decode_scan(byte_source &src, IMG_put_row_fn put_row, void *context) {
                 for (int v = 0; v < sl.v; v++) {
                     if (v) sl.column -= 8 * sl.h;
                     for (int h = 0; h < sl.h; h++) {
-                        if (int rc = decode_block(br, sl, coef, sl.plane + v * 8 * W + sl.column); rc < 0) return rc;
+                        if (int rc = decode_block(br, sl, blocks, sl.plane + v * 8 * W + sl.column); rc < 0) return rc;
                         sl.column += 8;
                         maybe_refill(br, in, src);
                     }
@@ -1030,6 +1110,7 @@ int decode_scan(byte_source &src, IMG_put_row_fn put_row, void *context) {
                 restart(br, slots);
             }
         }
+        flush_blocks(blocks);
         for (int r = 0; r < 8 * V1 && delivered < height; r++, delivered++) {
             const int8_t *y = planes[0] + r * W;
             if (nf == 1) {
