@@ -51,3 +51,23 @@ std::string use_private_temp_dir(const std::string &tag);
 int load_bytes(const bytes &file);
 // Saves a handle to memory with a type code; the file image, or empty.
 bytes save_bytes(int handle, int type, int *result = nullptr);
+
+// A file image loaded through a handle and read back; empty on failure,
+// with the load's result in *code.
+picture load_pic(const bytes &file, int *code = nullptr, int page = 0);
+// A picture saved to memory through a handle; empty on failure.
+bytes save_pic(const picture &p, int type, int *code = nullptr);
+// Loads the file image placed after lead bytes of other data in a file.
+picture load_at_offset(const bytes &file, int lead, int *code = nullptr);
+
+// Fault injection, each case checked for -1 (or -9), no block left behind
+// and no scratch block outstanding.  Loads (or saves) with the k-th
+// allocation failing for k = 1, 2, ... until one succeeds; that one must give
+// want (or want_file).  Returns how many attempts failed.
+int sweep_load_alloc_failures(const bytes &file, const picture &want, int page = 0);
+int sweep_save_alloc_failures(int handle, int type, const bytes &want_file);
+// Saves to memory with the writes cut off after budget bytes; the result.
+int save_with_write_budget(int handle, int type, size_t budget);
+// Loads from memory through read hooks that hand out at most seven bytes a
+// call and nothing past budget bytes in all; the handle or the code.
+int load_with_read_budget(const bytes &file, size_t budget, int page = 0);

@@ -49,15 +49,6 @@ bytes grey_quads(int n) {
     return p;
 }
 
-picture load_picture(const bytes &file, int *code = nullptr) {
-    int h = load_bytes(file);
-    if (code) *code = h;
-    if (h < 0) return {};
-    picture p = picture_of(h);
-    IMG_delete_bitmap(h);
-    return p;
-}
-
 }  // namespace
 
 TEST(Bmp, WriterRoundTripEveryTypeAndDepth) {
@@ -73,7 +64,7 @@ TEST(Bmp, WriterRoundTripEveryTypeAndDepth) {
             bytes file = save_bytes(h, c.type, &n);
             IMG_delete_bitmap(h);
             ASSERT_GT(n, 54) << c.type << "/" << c.bits << "/" << width;
-            EXPECT_EQ(load_picture(file), p) << "type " << c.type << " bits " << c.bits << " width " << width;
+            EXPECT_EQ(load_pic(file), p) << "type " << c.type << " bits " << c.bits << " width " << width;
         }
 }
 
@@ -97,7 +88,7 @@ TEST(Bmp, RunLengthSavesAreSmallerOnFlatPictures) {
     const size_t headers = 14 + 40 + 1024;
     EXPECT_LT((rle.size() - headers) * 10, plain.size() - headers);
     EXPECT_EQ(get32(&rle[34]), get32(&plain[34])) << "the image size field stays the uncompressed size";
-    EXPECT_EQ(load_picture(rle), p);
+    EXPECT_EQ(load_pic(rle), p);
 }
 
 TEST(Bmp, ResolutionConvertsBetweenMetresAndInches) {
@@ -138,109 +129,90 @@ TEST(Bmp, BilevelPalettesAreNormalisedToBlackFirst) {
         r.width = 8, r.height = 1, r.bits = 1;
         r.palette = c.palette;
         r.pixels = {0xC3, 0, 0, 0};
-        picture p = load_picture(build(r));
+        picture p = load_pic(build(r));
         EXPECT_EQ(p.palette, bytes({0, 0, 0, 0, 255, 255, 255, 0}));
         EXPECT_EQ(p.rows[0][0], c.stored_first_byte);
     }
 }
 
-TEST(Bmp, TopDownRowsAreStoredTheRightWayUp) {
-    bmp_recipe r;
-    r.width = 4, r.height = 3, r.top_down = true;
-    r.palette = grey_quads(256);
-    r.pixels = {1, 1, 1, 1, 2, 2, 2, 2, 3, 3, 3, 3};
-    picture p = load_picture(build(r));
-    ASSERT_EQ(p.height, 3);
-    EXPECT_EQ(p.rows[0][0], 1);
-    EXPECT_EQ(p.rows[2][0], 3);
+TEST(Bmp, ReaderVariants) {
+    auto with = [](auto change) {
+        bmp_recipe r;
+        r.palette = grey_quads(256);
+        change(r);
+        return r;
+    };
+    bytes triples;
+    for (int i = 0; i < 16; i++) triples.insert(triples.end(), {uint8_t(i), uint8_t(2 * i), uint8_t(3 * i)});
+    struct {
+        const char *what;
+        bmp_recipe r;
+        int want_bits;
+        std::vector<bytes> want_rows;  // leading bytes of each row, top-down
+    } cases[] = {
+        {"top-down rows", with([](bmp_recipe &r) { r.width = 4, r.height = 3, r.top_down = true;
+                                                   r.pixels = {1, 1, 1, 1, 2, 2, 2, 2, 3, 3, 3, 3}; }),
+         8, {{1}, {2}, {3}}},
+        {"bare header, used colours", with([](bmp_recipe &r) { r.file_header = false, r.height = 1, r.clr_used = 2;
+                                                               r.palette = {10, 20, 30, 0, 40, 50, 60, 0}; r.pixels = {1, 0, 1, 1}; }),
+         8, {{1, 0, 1, 1}}},
+        {"core header, triple colours", with([&](bmp_recipe &r) { r.core_header = true, r.width = 3, r.bits = 4;
+                                                                  r.palette = triples; r.pixels = {0x12, 0x30, 0, 0, 0xFE, 0xD0, 0, 0}; }),
+         4, {{0xFE}, {0x12}}},
+        {"16 bits: white, then blue in 5-5-5", with([](bmp_recipe &r) { r.width = 2, r.height = 1, r.bits = 16;
+                                                                       r.palette.clear(); r.pixels = {0xFF, 0x7F, 0x1F, 0x00}; }),
+         24, {{248, 248, 248, 248, 0, 0}}},
+        {"32 bits", with([](bmp_recipe &r) { r.width = 2, r.height = 1, r.bits = 32;
+                                             r.palette.clear(); r.pixels = {1, 2, 3, 99, 4, 5, 6, 99}; }),
+         24, {{1, 2, 3, 4, 5, 6}}},
+        // Two pixels, a delta of three rows, two more pixels, end of line, end of bitmap.
+        {"RLE8 delta repeats the row being built over the skipped rows",
+         with([](bmp_recipe &r) { r.height = 6, r.compression = 1; r.pixels = {2, 7, 0, 2, 0, 3, 2, 9, 0, 0, 0, 1}; }),
+         8, {{0, 0, 0, 0}, {7, 7, 9, 9}, {7, 7, 9, 9}, {7, 7, 0, 0}, {7, 7, 0, 0}, {7, 7, 0, 0}}},
+        {"RLE4 delta leaves skipped rows alone",
+         with([](bmp_recipe &r) { r.height = 6, r.bits = 4, r.compression = 2; r.palette = grey_quads(16);
+                                  r.pixels = {2, 0x77, 0, 2, 0, 3, 2, 0x99, 0, 0, 0, 1}; }),
+         4, {{0}, {0x77, 0x99}, {0x77}, {0}, {0}, {0x77}}},
+        {"RLE8 absolute block padded to a word",
+         with([](bmp_recipe &r) { r.width = 5, r.height = 1, r.compression = 1; r.pixels = {0, 3, 1, 2, 3, 0, 2, 8, 0, 1}; }),
+         8, {{1, 2, 3, 8, 8, 0, 0, 0}}},
+        {"RLE4 absolute block padded to a word",
+         with([](bmp_recipe &r) { r.width = 5, r.height = 1, r.bits = 4, r.compression = 2; r.palette = grey_quads(16);
+                                  r.pixels = {0, 3, 0x12, 0x30, 2, 0x88, 0, 1}; }),
+         4, {{0x12, 0x38, 0x80, 0}}},
+        {"records deliver whole records",
+         with([](bmp_recipe &r) { r.width = 8, r.compression = 99; r.pixels = {6, 0, 1, 2, 3, 4, 4, 0, 9, 9}; }),
+         8, {{6, 0, 1, 2, 3, 4, 0, 0}, {4, 0, 9, 9, 0, 0, 0, 0}}},
+    };
+    for (auto &c : cases) {
+        picture p = load_pic(build(c.r));
+        ASSERT_EQ(p.bits, c.want_bits) << c.what;
+        ASSERT_EQ(p.rows.size(), c.want_rows.size()) << c.what;
+        for (size_t y = 0; y < p.rows.size(); y++)
+            EXPECT_EQ(bytes(p.rows[y].begin(), p.rows[y].begin() + c.want_rows[y].size()), c.want_rows[y]) << c.what << " row " << y;
+    }
+    // Colour tables: a bare header's used colours, triples widened to quads.
+    picture bare = load_pic(build(cases[1].r));
+    EXPECT_EQ(bytes(bare.palette.begin(), bare.palette.begin() + 8), cases[1].r.palette);
+    picture core = load_pic(build(cases[2].r));
+    EXPECT_EQ(bytes(core.palette.begin() + 20, core.palette.begin() + 24), bytes({5, 10, 15, 0}));
 }
 
-TEST(Bmp, BareHeaderPixelsFollowTheUsedColours) {
-    bmp_recipe r;
-    r.file_header = false;
-    r.width = 4, r.height = 1;
-    r.clr_used = 2;
-    r.palette = {10, 20, 30, 0, 40, 50, 60, 0};
-    r.pixels = {1, 0, 1, 1};
-    picture p = load_picture(build(r));
-    ASSERT_EQ(p.width, 4);
-    EXPECT_EQ(p.rows[0], bytes({1, 0, 1, 1}));
-    EXPECT_EQ(bytes(p.palette.begin(), p.palette.begin() + 8), r.palette);
-}
-
-TEST(Bmp, CoreHeaderWithTripleColours) {
-    bmp_recipe r;
-    r.core_header = true;
-    r.width = 3, r.height = 2, r.bits = 4;
-    for (int i = 0; i < 16; i++) r.palette.insert(r.palette.end(), {uint8_t(i), uint8_t(2 * i), uint8_t(3 * i)});
-    r.pixels = {0x12, 0x30, 0, 0, 0xFE, 0xD0, 0, 0};
-    picture p = load_picture(build(r));
-    ASSERT_EQ(p.bits, 4);
-    EXPECT_EQ(p.palette[4 * 5 + 1], 10);
-    EXPECT_EQ(p.palette[4 * 5 + 2], 15);
-    EXPECT_EQ(p.rows[0][0], 0xFE) << "first file row is the bottom one";
-    EXPECT_EQ(p.rows[1][0], 0x12);
-}
-
-TEST(Bmp, SixteenAndThirtyTwoBitRowsBecomeTwentyFourBits) {
-    bmp_recipe r;
-    r.width = 2, r.height = 1, r.bits = 16;
-    r.pixels = {0xFF, 0x7F, 0x1F, 0x00};  // white, then pure blue in 5-5-5
-    picture p = load_picture(build(r));
-    ASSERT_EQ(p.bits, 24);
-    EXPECT_EQ(bytes(p.rows[0].begin(), p.rows[0].begin() + 6), bytes({248, 248, 248, 248, 0, 0}));
-    r.bits = 32;
-    r.pixels = {1, 2, 3, 99, 4, 5, 6, 99};
-    p = load_picture(build(r));
-    ASSERT_EQ(p.bits, 24);
-    EXPECT_EQ(bytes(p.rows[0].begin(), p.rows[0].begin() + 6), bytes({1, 2, 3, 4, 5, 6}));
-}
-
-TEST(Bmp, RunLengthDeltaDiffersBetweenRle8AndRle4) {
-    // Two pixels, a delta of three rows, two more pixels, end of line, end of bitmap.
-    bmp_recipe r;
-    r.width = 4, r.height = 6;
-    r.palette = grey_quads(256);
-    r.compression = 1;
-    r.pixels = {2, 7, 0, 2, 0, 3, 2, 9, 0, 0, 0, 1};
-    picture p8 = load_picture(build(r));
-    ASSERT_EQ(p8.height, 6);
-    std::vector<bytes> want8 = {{0, 0, 0, 0}, {7, 7, 9, 9}, {7, 7, 9, 9}, {7, 7, 0, 0}, {7, 7, 0, 0}, {7, 7, 0, 0}};
-    EXPECT_EQ(p8.rows, want8) << "RLE8 repeats the row being built over the skipped rows";
-
-    r.bits = 4, r.compression = 2;
-    r.palette = grey_quads(16);
-    r.pixels = {2, 0x77, 0, 2, 0, 3, 2, 0x99, 0, 0, 0, 1};
-    picture p4 = load_picture(build(r));
-    ASSERT_EQ(p4.height, 6);
-    std::vector<uint8_t> first(6);
-    for (int y = 0; y < 6; y++) first[y] = p4.rows[y][0];
-    EXPECT_EQ(first, std::vector<uint8_t>({0, 0x77, 0x77, 0, 0, 0x77})) << "RLE4 leaves skipped rows alone";
-    EXPECT_EQ(p4.rows[1][1], 0x99);
-}
-
-TEST(Bmp, RunLengthAbsoluteBlocksArePaddedToWords) {
-    bmp_recipe r;
-    r.width = 5, r.height = 1;
-    r.palette = grey_quads(256);
-    r.compression = 1;
-    r.pixels = {0, 3, 1, 2, 3, 0, 2, 8, 0, 1};
-    EXPECT_EQ(load_picture(build(r)).rows[0], bytes({1, 2, 3, 8, 8, 0, 0, 0}));
-    r.bits = 4, r.compression = 2;
-    r.palette = grey_quads(16);
-    r.pixels = {0, 3, 0x12, 0x30, 2, 0x88, 0, 1};
-    EXPECT_EQ(load_picture(build(r)).rows[0], bytes({0x12, 0x38, 0x80, 0}));
-}
-
-TEST(Bmp, RecordCompressionDeliversWholeRecords) {
-    bmp_recipe r;
-    r.width = 8, r.height = 2, r.compression = 99;
-    r.palette = grey_quads(256);
-    r.pixels = {6, 0, 1, 2, 3, 4, 4, 0, 9, 9};
-    picture p = load_picture(build(r));
-    ASSERT_EQ(p.height, 2);
-    EXPECT_EQ(p.rows[0], bytes({6, 0, 1, 2, 3, 4, 0, 0}));
-    EXPECT_EQ(p.rows[1], bytes({4, 0, 9, 9, 0, 0, 0, 0}));
+TEST(Bmp, FaultInjection) {
+    for (int type : {IMG_TYPE_BMP, IMG_TYPE_BMP_RLE}) {
+        picture p = make_picture(90, 30, 8, 12);
+        int h = handle_of(p);
+        bytes file = save_bytes(h, type);
+        EXPECT_GE(sweep_load_alloc_failures(file, p), 1) << type;
+        sweep_save_alloc_failures(h, type, file);
+        for (size_t budget : {size_t{0}, size_t{20}, size_t{1100}, file.size() - 1})
+            EXPECT_EQ(save_with_write_budget(h, type, budget), IMG_ERR_WRITE) << type << " budget " << budget;
+        // Reads cut short end cleanly.  (The reader wants each read whole, so
+        // even an endless budget handed out seven bytes at a time fails.)
+        for (size_t budget : {size_t{10}, size_t{60}, file.size() / 2, SIZE_MAX})
+            EXPECT_LT(load_with_read_budget(file, budget), 0) << type << " budget " << budget;
+        IMG_delete_bitmap(h);
+    }
 }
 
 TEST(Bmp, HostileHeadersEndWithCleanCodes) {
@@ -270,7 +242,7 @@ TEST(Bmp, HostileHeadersEndWithCleanCodes) {
         if (c.cut) file.resize(c.cut);
         int live = mem_live_blocks();
         int code = 0;
-        picture p = load_picture(file, &code);
+        picture p = load_pic(file, &code);
         EXPECT_EQ(mem_live_blocks(), live) << c.what;
         EXPECT_EQ(scratch_count(), 0) << c.what;
         if (code >= 0) EXPECT_EQ(p.width, c.r.width) << c.what << " loaded with a sane size";

@@ -1,6 +1,5 @@
 // GIF: writer round trips, decoder behaviour on streams built here with an
-// independent code packer, hostile and truncated files, allocation failures
-// and short writes.
+// independent code packer, hostile and truncated files, and fault injection.
 #include "codecs/gif.h"
 #include "frame/frame.h"
 #include "test_util.h"
@@ -93,15 +92,6 @@ bytes graphic_control(bool transparent, uint8_t index) {
     return {'!', 0xF9, 4, uint8_t(transparent ? 1 : 0), 0, 0, index, 0};
 }
 
-picture load_picture(const bytes &file, int *code = nullptr) {
-    int h = load_bytes(file);
-    if (code) *code = h;
-    if (h < 0) return {};
-    picture p = picture_of(h);
-    IMG_delete_bitmap(h);
-    return p;
-}
-
 // Rows as the low-level load delivers them, by row number.
 struct row_log {
     dib_info header{};
@@ -130,44 +120,33 @@ int low_level(const bytes &file, row_log &log) {
 
 }  // namespace
 
-TEST(Gif, WriterRoundTripEveryDepthAndShape) {
+TEST(Gif, WriterRoundTrips) {
+    std::vector<picture> pics;
     for (int bits : {4, 8})
         for (auto [w, h] : {std::pair{1, 1}, {2, 3}, {7, 5}, {33, 17}, {300, 40}, {1000, 2}}) {
-            picture noisy = make_picture(w, h, bits, static_cast<uint32_t>(w * 131 + h + bits));
-            picture flat = noisy;
-            for (auto &row : flat.rows) std::fill(row.begin(), row.begin() + (bits == 8 ? w : w / 2), 0x33);
-            for (const picture *p : {&noisy, &flat}) {
-                int hd = handle_of(*p);
-                int n = 0;
-                bytes file = save_bytes(hd, IMG_TYPE_GIF, &n);
-                IMG_delete_bitmap(hd);
-                ASSERT_GT(n, 13) << bits << " " << w << "x" << h;
-                EXPECT_EQ(load_picture(file), *p) << bits << " bits " << w << "x" << h << (p == &flat ? " flat" : "");
-            }
+            pics.push_back(make_picture(w, h, bits, static_cast<uint32_t>(w * 131 + h + bits)));
+            pics.push_back(pics.back());
+            for (auto &row : pics.back().rows) std::fill(row.begin(), row.begin() + (bits == 8 ? w : w / 2), 0x33);
         }
-}
-
-TEST(Gif, WriterFillsAndClearsTheTableOnNoise) {
     // 256-level noise needs many table resets; a 40000-pixel flat picture
     // needs strings longer than a row.
-    picture noise = make_picture(500, 200, 8, 77);
-    for (auto &row : noise.rows)
+    pics.push_back(make_picture(500, 200, 8, 77));
+    for (auto &row : pics.back().rows)
         for (int x = 0; x < 500; x++) row[x] = static_cast<uint8_t>((x * 7919 + row[x] * 31) >> 3);
-    picture flat = make_picture(200, 200, 8, 5);
-    for (auto &row : flat.rows) std::fill(row.begin(), row.end(), 200);
-    for (const picture *p : {&noise, &flat}) {
-        int h = handle_of(*p);
-        bytes file = save_bytes(h, IMG_TYPE_GIF);
-        IMG_delete_bitmap(h);
-        EXPECT_EQ(load_picture(file), *p);
+    pics.push_back(make_picture(200, 200, 8, 5));
+    for (auto &row : pics.back().rows) std::fill(row.begin(), row.end(), 200);
+    for (const picture &p : pics) {
+        int n = 0;
+        bytes file = save_pic(p, IMG_TYPE_GIF, &n);
+        ASSERT_GT(n, 13) << p.bits << " " << p.width << "x" << p.height;
+        EXPECT_EQ(load_pic(file), p) << p.bits << " bits " << p.width << "x" << p.height;
     }
+    EXPECT_EQ(load_at_offset(save_pic(pics[5], IMG_TYPE_GIF), 300), pics[5]);
 }
 
 TEST(Gif, WriterLayoutEndsWithTerminatorAndTrailer) {
     for (int bits : {4, 8}) {
-        int h = handle_of(make_picture(123, 45, bits, 9));
-        bytes f = save_bytes(h, IMG_TYPE_GIF);
-        IMG_delete_bitmap(h);
+        bytes f = save_pic(make_picture(123, 45, bits, 9), IMG_TYPE_GIF);
         ASSERT_GT(f.size(), 40u);
         EXPECT_EQ(std::string(f.begin(), f.begin() + 6), "GIF87a");
         EXPECT_EQ(f[10], 0x80 | (bits - 1));
@@ -182,30 +161,47 @@ TEST(Gif, WriterLayoutEndsWithTerminatorAndTrailer) {
         EXPECT_EQ(at + 2, f.size());
         EXPECT_EQ(f.back(), ';');
     }
-}
-
-TEST(Gif, WriterRefusesOneAndTwentyFourBitsBeforeWriting) {
     std::string name = temp_path("refused.gif");
     for (int bits : {1, 24}) {
         int h = handle_of(make_picture(10, 10, bits, 1));
         EXPECT_EQ(IMG_save_bitmap(h, name.c_str(), IMG_TYPE_GIF), IMG_ERR_DEPTH);
-        EXPECT_EQ(read_file(name).size(), 0u) << bits;
+        EXPECT_EQ(read_file(name).size(), 0u) << "refused before writing " << bits;
         IMG_delete_bitmap(h);
     }
-    std::remove(name.c_str());
 }
 
-TEST(Gif, TwoColoursBecomeAnEightBitBitmap) {
-    gif_recipe r;
-    r.global = {10, 20, 30, 40, 50, 60};
-    r.min_code = 2;
-    r.data = plain_lzw({0, 1, 1, 0, 1, 1, 0, 0}, 2);
-    picture p = load_picture(build(r));
-    ASSERT_EQ(p.bits, 8);
-    EXPECT_EQ(p.rows[0], bytes({0, 1, 1, 0}));
-    EXPECT_EQ(p.rows[1], bytes({1, 1, 0, 0}));
-    EXPECT_EQ(bytes(p.palette.begin(), p.palette.begin() + 8), bytes({30, 20, 10, 0, 60, 50, 40, 0}));
-    EXPECT_EQ(bytes(p.palette.begin() + 8, p.palette.end()), bytes(1016, 0)) << "unused entries are zero";
+TEST(Gif, ColourTables) {
+    // The global table wins over a local one; without either, indices read as grey.
+    const bytes quad = {0, 1, 2, 3, 3, 2, 1, 0};
+    struct {
+        const char *what;
+        bytes global, local;
+        int min_code;
+        bytes data;
+        int want_bits, entry;
+        bytes want_entry, want_row;
+    } cases[] = {
+        {"two colours", {10, 20, 30, 40, 50, 60}, {}, 2, plain_lzw({0, 1, 1, 0, 1, 1, 0, 0}, 2), 8, 1, {60, 50, 40, 0}, {0, 1, 1, 0}},
+        {"global 4, local 256", ramp_table(4), bytes(768, 0xEE), 8, plain_lzw(quad, 8), 8, 1, {7, 254, 1, 0}, {0, 1, 2, 3}},
+        {"global 16, local 4", ramp_table(16), bytes(12, 0xEE), 8, plain_lzw(quad, 8), 4, 1, {7, 254, 1, 0}, {0x01, 0x23, 0, 0}},
+        {"global 2, local 8", ramp_table(2), bytes(24, 0xEE), 8, plain_lzw(quad, 8), 4, 1, {7, 254, 1, 0}, {0x01, 0x23, 0, 0}},
+        {"local only", {}, ramp_table(16), 8, plain_lzw(quad, 8), 4, 3, {21, 252, 3, 0}, {0x01, 0x23, 0, 0}},
+        {"no table", {}, {}, 8, plain_lzw(quad, 8), 8, 200, {200, 200, 200, 0}, {0, 1, 2, 3}},
+    };
+    for (auto &c : cases) {
+        gif_recipe r;
+        r.global = c.global, r.local = c.local, r.min_code = c.min_code, r.data = c.data;
+        int code = 0;
+        picture p = load_pic(build(r), &code);
+        ASSERT_EQ(p.bits, c.want_bits) << c.what << " code " << code;
+        EXPECT_EQ(bytes(p.palette.begin() + 4 * c.entry, p.palette.begin() + 4 * c.entry + 4), c.want_entry) << c.what;
+        EXPECT_EQ(p.rows[0], c.want_row) << c.what;
+        if (!c.global.empty()) {
+            EXPECT_EQ(bytes(p.palette.begin() + 4 * c.global.size() / 3, p.palette.end()),
+                      bytes(p.palette.size() - 4 * c.global.size() / 3, 0))
+                << c.what << ": entries past the global table are zero";
+        }
+    }
 }
 
 TEST(Gif, InterlacedRowsArriveInPassOrderFromEightRowsUp) {
@@ -223,51 +219,10 @@ TEST(Gif, InterlacedRowsArriveInPassOrderFromEightRowsUp) {
             for (auto [start, step] : {std::pair{0, 8}, {4, 8}, {2, 4}, {1, 2}})
                 for (int y = start; y < height; y += step) order.push_back(y);
         }
-        picture p = load_picture(build(r));
+        picture p = load_pic(build(r));
         ASSERT_EQ(p.height, height);
         for (int s = 0; s < height; s++) EXPECT_EQ(p.rows[order[s]][0], s) << "height " << height << " stored " << s;
     }
-}
-
-TEST(Gif, TheGlobalTableWinsOverALocalOne) {
-    struct {
-        int global_colours, local_colours, want_bits;
-    } cases[] = {{4, 256, 8}, {16, 4, 4}, {2, 8, 4}};
-    for (auto &c : cases) {
-        gif_recipe r;
-        r.global = ramp_table(c.global_colours);
-        r.local = bytes(3 * c.local_colours, 0xEE);
-        r.data = plain_lzw({0, 1, 2, 3, 3, 2, 1, 0}, 8);
-        int code = 0;
-        picture p = load_picture(build(r), &code);
-        ASSERT_EQ(p.bits, c.want_bits) << c.global_colours << "/" << c.local_colours << " code " << code;
-        EXPECT_EQ(p.palette[5], 255 - 1) << "entry 1 comes from the global table";
-        EXPECT_EQ(p.palette[6], 1);
-        if (4u * c.global_colours < p.palette.size()) {
-            EXPECT_EQ(p.palette[4 * c.global_colours + 1], 0) << "entries past the global table are zero";
-        }
-        if (c.want_bits == 8) EXPECT_EQ(p.rows[0], bytes({0, 1, 2, 3}));
-        else EXPECT_EQ(p.rows[0], bytes({0x01, 0x23, 0, 0}));
-    }
-    // Without a global table the local one is read.
-    gif_recipe r;
-    r.local = ramp_table(16);
-    r.data = plain_lzw({0, 1, 2, 3, 3, 2, 1, 0}, 8);
-    picture p = load_picture(build(r));
-    ASSERT_EQ(p.bits, 4);
-    EXPECT_EQ(p.palette[4 * 3 + 2], 3);
-    EXPECT_EQ(p.rows[1], bytes({0x32, 0x10, 0, 0}));
-}
-
-TEST(Gif, WithoutAnyColourTableIndicesReadAsGrey) {
-    gif_recipe r;
-    r.local.clear();
-    r.data = plain_lzw({0, 1, 2, 3, 3, 2, 1, 0}, 8);
-    picture p = load_picture(build(r));
-    ASSERT_EQ(p.bits, 8) << "size bits 0 read as two colours";
-    EXPECT_EQ(p.rows[0], bytes({0, 1, 2, 3}));
-    EXPECT_EQ(bytes(p.palette.begin() + 12, p.palette.begin() + 16), bytes({3, 3, 3, 0}));
-    EXPECT_EQ(bytes(p.palette.begin() + 1020, p.palette.end()), bytes({255, 255, 255, 0}));
 }
 
 TEST(Gif, TransparentIndexComesFromTheGraphicControlExtension) {
@@ -298,7 +253,41 @@ TEST(Gif, TransparentIndexComesFromTheGraphicControlExtension) {
     }
 }
 
-TEST(Gif, ACodePastTheTableEndsQuietlyWithTheRowsSoFar) {
+TEST(Gif, CodeStreams) {
+    const bytes seq = {0, 1, 2, 3, 3, 2, 1, 0};
+    bytes big(150 * 60);
+    for (size_t i = 0; i < big.size(); i++) big[i] = static_cast<uint8_t>(i * 37 >> 4);
+    struct {
+        const char *what;
+        int width, height, colours, min_code;
+        bytes data;
+        std::vector<bytes> want_rows;  // leading bytes of each row
+    } cases[] = {
+        // Clear 4, End 5.  1, 1 adds 6 = "11"; 6 gives "11" and adds 7, which
+        // widens codes to 4 bits; 8 is the entry being built: "11" + "1".  Then
+        // a Clear (at 4 bits), 2 and 0 at 3 bits, and End before the last row.
+        {"clear mid-stream, a string followed by itself, End early", 3, 4, 4, 2,
+         pack_codes({{4, 3}, {1, 3}, {1, 3}, {6, 3}, {8, 4}, {4, 4}, {2, 3}, {0, 3}, {5, 3}}),
+         {{0x11, 0x10}, {0x11, 0x10}, {0x12, 0x00}, {0, 0}}},
+        // 9000 pixels through a table that fills at 4096 and is never cleared.
+        {"full table without a clear", 150, 60, 256, 8, plain_lzw(big, 8), {}},
+        {"minimum code size 0", 4, 2, 16, 0, plain_lzw(seq, 4), {{0x01, 0x23}, {0x32, 0x10}}},
+        {"minimum code size 9", 4, 2, 16, 9, plain_lzw(seq, 4), {{0x01, 0x23}, {0x32, 0x10}}},
+        {"minimum code size 12", 4, 2, 16, 12, plain_lzw(seq, 4), {{0x01, 0x23}, {0x32, 0x10}}},
+    };
+    for (auto &c : cases) {
+        gif_recipe r;
+        r.global = ramp_table(c.colours);
+        r.width = c.width, r.height = c.height, r.min_code = c.min_code, r.data = c.data;
+        picture p = load_pic(build(r));
+        ASSERT_EQ(p.height, c.height) << c.what;
+        for (int y = 0; y < c.height; y++) {
+            const bytes want = c.want_rows.empty() ? bytes(big.begin() + c.width * y, big.begin() + c.width * (y + 1))
+                                                   : c.want_rows[y];
+            EXPECT_EQ(bytes(p.rows[y].begin(), p.rows[y].begin() + want.size()), want) << c.what << " row " << y;
+        }
+    }
+    // A code past the table ends the decode quietly with the rows so far.
     gif_recipe r;
     r.global = ramp_table(256);
     r.width = 4, r.height = 3;
@@ -308,51 +297,6 @@ TEST(Gif, ACodePastTheTableEndsQuietlyWithTheRowsSoFar) {
     ASSERT_EQ(log.rows.size(), 1u);
     EXPECT_EQ(log.rows[0].first, 0);
     EXPECT_EQ(log.rows[0].second, bytes({1, 2, 3, 4}));
-}
-
-TEST(Gif, FullTableWithoutClearKeepsDecoding) {
-    // 9000 pixels through a table that fills at 4096 and is never cleared.
-    gif_recipe r;
-    r.global = ramp_table(256);
-    r.width = 150, r.height = 60;
-    bytes px(150 * 60);
-    for (size_t i = 0; i < px.size(); i++) px[i] = static_cast<uint8_t>(i * 37 >> 4);
-    r.data = plain_lzw(px, 8);
-    picture p = load_picture(build(r));
-    ASSERT_EQ(p.height, 60);
-    for (int y = 0; y < 60; y++)
-        ASSERT_TRUE(std::equal(px.begin() + 150 * y, px.begin() + 150 * (y + 1), p.rows[y].begin())) << y;
-}
-
-TEST(Gif, RepeatedStringsAndResetsDecode) {
-    // Clear in mid-stream, a code naming the entry being built (the case of
-    // a string followed by itself), and a run longer than a row.
-    gif_recipe r;
-    r.global = ramp_table(4);
-    r.min_code = 2;
-    r.width = 3, r.height = 4;
-    // Clear 4, End 5.  1, 1 adds 6 = "11"; 6 gives "11" and adds 7, which
-    // widens codes to 4 bits; 8 is the entry being built: "11" + "1".  Then
-    // a Clear (at 4 bits), 2 and 0 at 3 bits, and End before the last row.
-    r.data = pack_codes({{4, 3}, {1, 3}, {1, 3}, {6, 3}, {8, 4}, {4, 4}, {2, 3}, {0, 3}, {5, 3}});
-    picture p = load_picture(build(r));
-    ASSERT_EQ(p.bits, 4);
-    EXPECT_EQ(p.rows[0], bytes({0x11, 0x10, 0, 0}));
-    EXPECT_EQ(p.rows[1], bytes({0x11, 0x10, 0, 0}));
-    EXPECT_EQ(p.rows[2], bytes({0x12, 0x00, 0, 0}));
-    EXPECT_EQ(p.rows[3], bytes({0, 0, 0, 0})) << "the stream ended early with an End code";
-}
-
-TEST(Gif, MinimumCodeSizeOutOfRangeFallsBackToTheTableSize) {
-    for (int bad : {0, 9, 12}) {
-        gif_recipe r;
-        r.global = ramp_table(16);
-        r.min_code = bad;
-        r.data = plain_lzw({0, 1, 2, 3, 3, 2, 1, 0}, 4);
-        picture p = load_picture(build(r));
-        ASSERT_EQ(p.bits, 4) << bad;
-        EXPECT_EQ(p.rows[0], bytes({0x01, 0x23, 0, 0})) << bad;
-    }
 }
 
 TEST(Gif, CallbackResultsComeBackUnchanged) {
@@ -395,7 +339,7 @@ TEST(Gif, BrokenFilesEndWithCleanCodes) {
     for (auto &c : cases) {
         int live = mem_live_blocks();
         int code = 0;
-        load_picture(build(c.r), &code);
+        load_pic(build(c.r), &code);
         if (c.want) EXPECT_EQ(code, c.want) << c.what;
         else EXPECT_GE(code, 0) << c.what << ": a stray byte before the separator is scanned past";
         EXPECT_EQ(mem_live_blocks(), live) << c.what;
@@ -404,12 +348,11 @@ TEST(Gif, BrokenFilesEndWithCleanCodes) {
     // Every truncation of a valid file: a clean code before the data is
     // complete, never a crash or a leak.
     bytes file = build(valid());
-    const size_t data_end = file.size() - 2;  // terminator and trailer may go
+    const size_t data_end = file.size() - 2, separator = 13 + 768;  // terminator and trailer may go
     for (size_t cut = 1; cut < file.size(); cut++) {
         int live = mem_live_blocks();
         int code = 0;
-        load_picture(bytes(file.begin(), file.begin() + static_cast<long>(cut)), &code);
-        const size_t separator = 13 + 768;
+        load_pic(bytes(file.begin(), file.begin() + static_cast<long>(cut)), &code);
         if (cut < 3) EXPECT_EQ(code, IMG_ERR_TYPE) << cut;
         else if (cut == separator) EXPECT_EQ(code, IMG_ERR_HEADER) << cut << ": no separator before the end";
         else if (cut < data_end - 1) EXPECT_EQ(code, IMG_ERR_DATA) << cut;
@@ -420,71 +363,24 @@ TEST(Gif, BrokenFilesEndWithCleanCodes) {
     }
 }
 
-TEST(Gif, AllocationFailuresLeaveNothingBehind) {
-    picture p = make_picture(64, 20, 8, 3);
+TEST(Gif, FaultInjection) {
+    picture p = make_picture(300, 80, 8, 11);
     int h = handle_of(p);
     bytes file = save_bytes(h, IMG_TYPE_GIF);
-    block_ref in(file);
-    for (int k = 1;; k++) {
-        int live = mem_live_blocks();
-        mem_fail_after(k);
-        int code = IMG_decompress_bitmap_mem(in.data, 0);
-        mem_fail_after(0);
-        EXPECT_EQ(scratch_count(), 0);
-        if (code >= 0) {
-            EXPECT_EQ(picture_of(code), p);
-            IMG_delete_bitmap(code);
-            EXPECT_EQ(mem_live_blocks(), live);
-            break;
-        }
-        EXPECT_EQ(mem_live_blocks(), live) << "load k=" << k;
-        EXPECT_EQ(code, IMG_ERR_MEMORY) << "load k=" << k;
-        ASSERT_LT(k, 50);
-    }
-    block_ref out(uint32_t{1} << 20);
-    for (int k = 1;; k++) {
-        int live = mem_live_blocks();
-        mem_fail_after(k);
-        int n = IMG_save_bitmap_mem(h, out.data, IMG_TYPE_GIF);
-        mem_fail_after(0);
-        EXPECT_EQ(mem_live_blocks(), live) << "save k=" << k;
-        if (n >= 0) {
-            EXPECT_EQ(bytes(out.data, out.data + n), file);
-            break;
-        }
-        EXPECT_EQ(n, IMG_ERR_MEMORY) << "save k=" << k;
-        ASSERT_LT(k, 50);
-    }
-    EXPECT_EQ(picture_of(h), p) << "the bitmap is unchanged";
+    EXPECT_GE(sweep_load_alloc_failures(file, p), 2);
+    EXPECT_GE(sweep_save_alloc_failures(h, IMG_TYPE_GIF, file), 2);
+    for (size_t budget : {size_t{0}, size_t{5}, size_t{13}, size_t{100}, size_t{13 + 768 + 5}, file.size() / 2,
+                          file.size() - 2, file.size() - 1})
+        EXPECT_EQ(save_with_write_budget(h, IMG_TYPE_GIF, budget), IMG_ERR_WRITE) << budget;
     IMG_delete_bitmap(h);
-}
-
-namespace {
-int write_budget = 0;
-int IMG_CALLBACK budget_write(int fd, const void *buffer, int n) {
-    int allowed = n < write_budget ? n : write_budget;
-    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
-    int r = file_write(fd, buffer, allowed);
-    IMGLOW_set_fileio(nullptr, budget_write, nullptr);
-    write_budget -= r;
-    return r;
-}
-}  // namespace
-
-TEST(Gif, ShortWritesEndWithWriteError) {
-    int h = handle_of(make_picture(300, 80, 8, 11));
-    bytes full = save_bytes(h, IMG_TYPE_GIF);
-    block_ref out(uint32_t{1} << 20);
-    for (size_t budget : {size_t{0}, size_t{5}, size_t{13}, size_t{100}, size_t{13 + 768 + 5}, full.size() / 2,
-                          full.size() - 2, full.size() - 1}) {
-        write_budget = static_cast<int>(budget);
-        IMGLOW_set_fileio(nullptr, budget_write, nullptr);
-        int r = IMG_save_bitmap_mem(h, out.data, IMG_TYPE_GIF);
-        IMGLOW_set_fileio(nullptr, nullptr, nullptr);
-        EXPECT_EQ(r, IMG_ERR_WRITE) << budget;
-        EXPECT_EQ(scratch_count(), 0);
-    }
-    IMG_delete_bitmap(h);
+    // Reads of seven bytes at a time; detection reads the start twice, so a
+    // whole load needs more than the file's size.
+    int got = load_with_read_budget(file, SIZE_MAX);
+    ASSERT_GE(got, 0);
+    EXPECT_EQ(picture_of(got), p);
+    IMG_delete_bitmap(got);
+    for (size_t budget : {size_t{5}, size_t{13}, size_t{800}, file.size() / 2, file.size() - 3})
+        EXPECT_EQ(load_with_read_budget(file, budget), budget < 3 ? IMG_ERR_TYPE : IMG_ERR_DATA) << budget;
 }
 
 TEST(Gif, LzwDecoderDirectlyOverASource) {
@@ -507,62 +403,4 @@ TEST(Gif, LzwDecoderDirectlyOverASource) {
     EXPECT_EQ(log.rows[0].second, bytes({0x12, 0xF0, 0, 0}));
     EXPECT_EQ(log.rows[1].second, bytes({0x45, 0x60, 0, 0}));
     scratch_free_all();
-}
-
-TEST(Gif, ReadsFromAStartOffset) {
-    picture p = make_picture(29, 11, 8, 4);
-    int h = handle_of(p);
-    bytes gif = save_bytes(h, IMG_TYPE_GIF);
-    IMG_delete_bitmap(h);
-    bytes file(300 + gif.size(), 0xAB);
-    std::copy(gif.begin(), gif.end(), file.begin() + 300);
-    std::string name = temp_path("offset.gif");
-    write_file(name, file);
-    int fd = os_open(name.c_str(), OS_OPEN_READ);
-    h = IMG_decompress_bitmap_fd(fd, 300, 0);
-    os_close(fd);
-    std::remove(name.c_str());
-    ASSERT_GE(h, 0);
-    EXPECT_EQ(picture_of(h), p);
-    IMG_delete_bitmap(h);
-}
-
-namespace {
-// A read hook that hands out at most seven bytes a call, and nothing past
-// the file's end or past a budget.
-int32_t hooked_size = 0, read_budget = 0;
-int IMG_CALLBACK trickle_read(int fd, void *buffer, int n) {
-    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
-    int32_t left = hooked_size - file_seek(fd, 0, 1);
-    int k = std::min({n, 7, read_budget, left > 0 ? left : 0});
-    int r = k > 0 ? file_read(fd, buffer, k) : 0;
-    IMGLOW_set_fileio(trickle_read, nullptr, nullptr);
-    read_budget -= r;
-    return r;
-}
-}  // namespace
-
-TEST(Gif, ShortReadsThroughHooks) {
-    picture p = make_picture(300, 80, 8, 12);
-    int h = handle_of(p);
-    bytes file = save_bytes(h, IMG_TYPE_GIF);
-    IMG_delete_bitmap(h);
-    block_ref b(file);
-    hooked_size = static_cast<int32_t>(file.size());
-    for (size_t budget : {file.size(), size_t{5}, size_t{13}, size_t{800}, file.size() / 2, file.size() - 3}) {
-        // The whole file gets an endless budget: detection reads its start twice.
-        read_budget = budget == file.size() ? INT32_MAX : static_cast<int32_t>(budget);
-        int live = mem_live_blocks();
-        IMGLOW_set_fileio(trickle_read, nullptr, nullptr);
-        int got = IMG_decompress_bitmap_mem(b.data, 0);
-        IMGLOW_set_fileio(nullptr, nullptr, nullptr);
-        if (budget == file.size()) {
-            ASSERT_GE(got, 0);
-            EXPECT_EQ(picture_of(got), p) << "reads of seven bytes at a time";
-            IMG_delete_bitmap(got);
-        } else {
-            EXPECT_EQ(got, budget < 3 ? IMG_ERR_TYPE : IMG_ERR_DATA) << budget;
-        }
-        EXPECT_EQ(mem_live_blocks(), live) << budget;
-    }
 }

@@ -167,6 +167,42 @@ inline bytes save_picture(const picture &p, int type, int *result = nullptr, int
     return n < 0 ? bytes{} : bytes(out.data, out.data + n);
 }
 
+// Calls attempt(k) with the k-th allocation failing, k = 1, 2, ..., until it
+// succeeds (a result of 0 or more); every failure must be -1 and leave no
+// block behind.  Returns how many attempts failed.
+template <typename Attempt>
+int count_alloc_failures(Attempt attempt, int limit = 40) {
+    const int live = mem_live_blocks();
+    for (int k = 1; k < limit; k++) {
+        int rc = attempt(k);
+        scratch_free_all();
+        EXPECT_EQ(mem_live_blocks(), live) << "k=" << k;
+        if (rc >= 0) return k - 1;
+        EXPECT_EQ(rc, IMG_ERR_MEMORY) << "k=" << k;
+    }
+    ADD_FAILURE() << "never succeeded";
+    return 0;
+}
+
+// Saves with the k-th write cut short (0: none); *writes counts the calls.
+inline int failing_write_at = 0, writes_made = 0;
+inline int IMG_CALLBACK failing_write(int fd, const void *buffer, int count) {
+    if (++writes_made == failing_write_at) return count / 2;
+    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+    int n = file_write(fd, buffer, count);
+    IMGLOW_set_fileio(nullptr, failing_write, nullptr);
+    return n;
+}
+inline int save_failing_write(const picture &p, int type, int k, int *writes = nullptr) {
+    writes_made = 0, failing_write_at = k;
+    IMGLOW_set_fileio(nullptr, failing_write, nullptr);
+    int n = 0;
+    save_picture(p, type, &n);
+    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+    if (writes) *writes = writes_made;
+    return n;
+}
+
 inline bytes fixture_bytes(const std::string &name) { return read_file(std::string(BRIVANTA_FIXTURES) + "/jpeg/" + name); }
 
 }  // namespace jpeg_testing

@@ -1,6 +1,6 @@
 // PCX and DCX: writer round trips, the row coder, reader variants built
 // from small recipes, palette rules, DCX pages and containers, hostile
-// files, allocation failures and short writes.
+// files and fault injection.
 #include "codecs/pcx.h"
 #include "frame/frame.h"
 #include "test_util.h"
@@ -45,16 +45,6 @@ bytes literal(const bytes &raw) {
     return out;
 }
 
-picture load_picture(const bytes &file, int *code = nullptr, int page = 0) {
-    block_ref b(file);
-    int h = IMG_decompress_bitmap_mem(b.data, page);
-    if (code) *code = h;
-    if (h < 0) return {};
-    picture p = picture_of(h);
-    IMG_delete_bitmap(h);
-    return p;
-}
-
 // Red, green, blue of every pixel: the picture as it looks.
 bytes appearance(const picture &p) {
     bytes out;
@@ -76,13 +66,6 @@ void private_temp_dir() {
     static std::string dir = use_private_temp_dir("pcx");
 }
 
-bytes save_picture(const picture &p, int type, int *code = nullptr) {
-    int h = handle_of(p);
-    bytes f = save_bytes(h, type, code);
-    IMG_delete_bitmap(h);
-    return f;
-}
-
 int IMG_CALLBACK no_header(void *, void *) { return 0; }
 int rows_seen = 0;
 int IMG_CALLBACK count_row(unsigned char *, void *, int, int) { return ++rows_seen, 0; }
@@ -96,10 +79,13 @@ TEST(Pcx, WriterRoundTripEveryTypeAndDepth) {
             for (int width : {1, 2, 7, 8, 9, 33, 64, 131}) {
                 picture p = make_picture(width, 6, bits, static_cast<uint32_t>(width * 7 + bits));
                 int n = 0;
-                bytes file = save_picture(p, type, &n);
+                bytes file = save_pic(p, type, &n);
                 ASSERT_GT(n, 128) << type << "/" << bits << "/" << width;
-                EXPECT_EQ(load_picture(file), p) << "type " << type << " bits " << bits << " width " << width;
+                EXPECT_EQ(load_pic(file), p) << "type " << type << " bits " << bits << " width " << width;
             }
+    // The 8-bit palette is still found at the end of the file.
+    picture p = make_picture(29, 11, 8, 4);
+    EXPECT_EQ(load_at_offset(save_pic(p, IMG_TYPE_PCX), 300), p);
 }
 
 TEST(Pcx, WriterKeepsResolutionAndOddLineLengths) {
@@ -123,7 +109,7 @@ TEST(Pcx, WriterKeepsResolutionAndOddLineLengths) {
 TEST(Pcx, BilevelPictureWithWhiteFirstKeepsItsLook) {
     picture p = make_picture(21, 4, 1, 8);
     p.palette = {255, 255, 255, 0, 0, 0, 0, 0};
-    picture back = load_picture(save_picture(p, IMG_TYPE_PCX));
+    picture back = load_pic(save_pic(p, IMG_TYPE_PCX));
     ASSERT_EQ(back.bits, 1);
     EXPECT_EQ(back.palette, bytes({0, 0, 0, 0, 255, 255, 255, 0}));
     EXPECT_EQ(appearance(back), appearance(p));
@@ -192,7 +178,7 @@ TEST(Pcx, PaletteRules) {
          2, {32, 32, 32}},
     };
     for (auto &c : cases) {
-        picture p = load_picture(build(c.r));
+        picture p = load_pic(build(c.r));
         ASSERT_FALSE(p.palette.empty()) << c.what;
         EXPECT_EQ(bytes(p.palette.begin() + 4 * c.entry, p.palette.begin() + 4 * c.entry + 3), c.want) << c.what;
     }
@@ -216,7 +202,7 @@ TEST(Pcx, BilevelHeaderPalettesAreNormalised) {
         r.version = 2, r.bpp = 1, r.width = 8, r.height = 1, r.bpl = 1;
         r.header_palette = c.header_palette;
         r.data = {0xC1, 0xC3};
-        picture p = load_picture(build(r));
+        picture p = load_pic(build(r));
         ASSERT_EQ(p.bits, 1);
         EXPECT_EQ(p.palette, c.want_palette) << int(c.header_palette[0]);
         EXPECT_EQ(p.rows[0][0], c.want_first) << int(c.header_palette[0]);
@@ -245,7 +231,7 @@ TEST(Pcx, PlaneLayouts) {
         r.version = 5, r.bpp = c.bpp, r.planes = c.planes, r.width = c.width, r.height = 1, r.bpl = c.bpl;
         r.data = literal(c.scanline);
         r.tail = bytes(768, 0);
-        picture p = load_picture(build(r));
+        picture p = load_pic(build(r));
         ASSERT_EQ(p.bits, c.want_bits) << c.what;
         EXPECT_EQ(p.rows[0], c.want_row) << c.what;
     }
@@ -258,7 +244,7 @@ TEST(Pcx, RunsAreCutAtTheScanlineEnd) {
     // A run of 6 (2 too many: dropped), a zero-count run that writes
     // nothing, then plain rows.
     r.data = {0xC6, 9, 0xC0, 0x55, 1, 2, 3, 4, 0xC4, 0xC7};
-    picture p = load_picture(build(r));
+    picture p = load_pic(build(r));
     ASSERT_EQ(p.height, 3);
     EXPECT_EQ(p.rows[0], bytes({9, 9, 9, 9}));
     EXPECT_EQ(p.rows[1], bytes({1, 2, 3, 4}));
@@ -275,7 +261,7 @@ TEST(Pcx, UnsupportedDepthsDecodeWithoutRows) {
     EXPECT_EQ(IMGLOW_decompress_bitmap_mem(b.data, 0, count_row, nullptr, no_header), 0);
     EXPECT_EQ(rows_seen, 0);
     int code = 0;
-    load_picture(file, &code);
+    load_pic(file, &code);
     EXPECT_EQ(code, IMG_ERR_HEADER) << "a handle holds 1, 4, 8 or 24 bits only";
 }
 
@@ -306,84 +292,30 @@ TEST(Pcx, BrokenFilesEndWithCleanCodes) {
     for (auto &c : cases) {
         int live = mem_live_blocks();
         int code = 0;
-        load_picture(c.file, &code);
+        load_pic(c.file, &code);
         EXPECT_EQ(code, c.want) << c.what;
         EXPECT_EQ(mem_live_blocks(), live) << c.what;
         EXPECT_EQ(scratch_count(), 0) << c.what;
     }
 }
 
-TEST(Pcx, AllocationFailuresLeaveNothingBehind) {
+TEST(Pcx, AllocationFailuresAndShortWrites) {
     private_temp_dir();
     for (int type : {IMG_TYPE_PCX, IMG_TYPE_DCX})
         for (int bits : {1, 4, 8, 24}) {
-            picture p = make_picture(40, 9, bits, 2);
+            picture p = make_picture(50, 20, bits, 6);
             int h = handle_of(p);
             bytes file = save_bytes(h, type);
-            block_ref in(file);
-            for (int k = 1;; k++) {
-                int live = mem_live_blocks();
-                mem_fail_after(k);
-                int got = IMG_decompress_bitmap_mem(in.data, 0);
-                mem_fail_after(0);
-                EXPECT_EQ(scratch_count(), 0);
-                if (got >= 0) {
-                    EXPECT_EQ(picture_of(got), p);
-                    IMG_delete_bitmap(got);
-                    EXPECT_EQ(mem_live_blocks(), live);
-                    break;
-                }
-                EXPECT_EQ(got, IMG_ERR_MEMORY) << type << "/" << bits << " load k=" << k;
-                EXPECT_EQ(mem_live_blocks(), live);
-                ASSERT_LT(k, 50);
+            EXPECT_GE(sweep_load_alloc_failures(file, p), 2) << type << "/" << bits;
+            EXPECT_GE(sweep_save_alloc_failures(h, type, file), 1) << type << "/" << bits;
+            // Only the last plane of a row is checked, so cut inside the data at
+            // the very end, where the last plane (or the palette) is written.
+            if (type == IMG_TYPE_PCX) {
+                for (size_t budget : {size_t{0}, size_t{100}, file.size() - 1})
+                    EXPECT_EQ(save_with_write_budget(h, type, budget), IMG_ERR_WRITE) << bits << " budget " << budget;
             }
-            block_ref out(uint32_t{1} << 20);
-            for (int k = 1;; k++) {
-                int live = mem_live_blocks();
-                mem_fail_after(k);
-                int n = IMG_save_bitmap_mem(h, out.data, type);
-                mem_fail_after(0);
-                EXPECT_EQ(mem_live_blocks(), live) << type << "/" << bits << " save k=" << k;
-                if (n >= 0) {
-                    EXPECT_EQ(bytes(out.data, out.data + n), file);
-                    break;
-                }
-                EXPECT_EQ(n, IMG_ERR_MEMORY) << type << "/" << bits << " save k=" << k;
-                ASSERT_LT(k, 50);
-            }
-            EXPECT_EQ(picture_of(h), p);
             IMG_delete_bitmap(h);
         }
-}
-
-namespace {
-int write_budget = 0;
-int IMG_CALLBACK budget_write(int fd, const void *buffer, int n) {
-    int allowed = n < write_budget ? n : write_budget;
-    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
-    int r = file_write(fd, buffer, allowed);
-    IMGLOW_set_fileio(nullptr, budget_write, nullptr);
-    write_budget -= r;
-    return r;
-}
-}  // namespace
-
-TEST(Pcx, ShortWritesEndWithWriteError) {
-    for (int bits : {1, 4, 8, 24}) {
-        int h = handle_of(make_picture(50, 20, bits, 6));
-        bytes full = save_bytes(h, IMG_TYPE_PCX);
-        block_ref out(uint32_t{1} << 20);
-        // Only the last plane of a row is checked, so cut inside the data at
-        // the very end, where the last plane (or the palette) is written.
-        for (size_t budget : {size_t{0}, size_t{100}, full.size() - 1}) {
-            write_budget = static_cast<int>(budget);
-            IMGLOW_set_fileio(nullptr, budget_write, nullptr);
-            int r = IMG_save_bitmap_mem(h, out.data, IMG_TYPE_PCX);
-            IMGLOW_set_fileio(nullptr, nullptr, nullptr);
-            EXPECT_EQ(r, IMG_ERR_WRITE) << bits << " budget " << budget;
-        }
-        IMG_delete_bitmap(h);
-    }
 }
 
 TEST(Dcx, RepeatedSavesAddPages) {
@@ -410,7 +342,7 @@ TEST(Dcx, RepeatedSavesAddPages) {
         IMG_delete_bitmap(h);
     }
     int code = 0;
-    load_picture(file, &code, 4);
+    load_pic(file, &code, 4);
     EXPECT_EQ(code, IMG_ERR_PAGE) << "page numbers count from 0";
     std::remove(name.c_str());
 }
@@ -418,7 +350,7 @@ TEST(Dcx, RepeatedSavesAddPages) {
 TEST(Dcx, AddsToAContainerWithALargerTable) {
     private_temp_dir();
     picture first = make_picture(12, 4, 8, 21), second = make_picture(13, 5, 24, 22);
-    bytes page = save_picture(first, IMG_TYPE_PCX);
+    bytes page = save_pic(first, IMG_TYPE_PCX);
     // Magic and a 1024-entry table, then the page.
     bytes file(4100 + page.size(), 0);
     put32(&file[0], 0x3ADE68B1);
@@ -431,8 +363,8 @@ TEST(Dcx, AddsToAContainerWithALargerTable) {
     IMG_delete_bitmap(h);
     EXPECT_EQ(IMGLOW_get_pages(name.c_str()), 2);
     bytes grown = read_file(name);
-    EXPECT_EQ(load_picture(grown, nullptr, 0), first);
-    EXPECT_EQ(load_picture(grown, nullptr, 1), second);
+    EXPECT_EQ(load_pic(grown, nullptr, 0), first);
+    EXPECT_EQ(load_pic(grown, nullptr, 1), second);
     std::remove(name.c_str());
 }
 
@@ -447,14 +379,14 @@ TEST(Dcx, TheTableHoldsNinetyNinePages) {
     EXPECT_EQ(IMG_save_bitmap(h, name.c_str(), IMG_TYPE_DCX), IMG_ERR_PAGE);
     EXPECT_EQ(read_file(name), before) << "a refused page leaves the file alone";
     EXPECT_EQ(IMGLOW_get_pages(name.c_str()), 99);
-    EXPECT_EQ(load_picture(before, nullptr, 98), p);
+    EXPECT_EQ(load_pic(before, nullptr, 98), p);
     IMG_delete_bitmap(h);
     std::remove(name.c_str());
 }
 
 TEST(Dcx, BrokenContainersEndWithCleanCodes) {
     private_temp_dir();
-    bytes good = save_picture(make_picture(5, 5, 8, 1), IMG_TYPE_DCX);
+    bytes good = save_pic(make_picture(5, 5, 8, 1), IMG_TYPE_DCX);
     struct {
         const char *what;
         bytes file;
@@ -468,7 +400,7 @@ TEST(Dcx, BrokenContainersEndWithCleanCodes) {
     for (auto &c : cases) {
         int live = mem_live_blocks();
         int code = 0;
-        load_picture(c.file, &code, c.page);
+        load_pic(c.file, &code, c.page);
         EXPECT_EQ(code, c.want) << c.what;
         EXPECT_EQ(mem_live_blocks(), live) << c.what;
     }
@@ -481,38 +413,6 @@ TEST(Dcx, BrokenContainersEndWithCleanCodes) {
     EXPECT_EQ(dcx_page_count(MEMORY_FD), IMG_ERR_HEADER);
     scratch_free_all();
 }
-
-TEST(Pcx, ReadsFromAStartOffset) {
-    // The 8-bit palette is still found at the end of the file.
-    picture p = make_picture(29, 11, 8, 4);
-    bytes pcx = save_picture(p, IMG_TYPE_PCX);
-    bytes file(300 + pcx.size(), 0xAB);
-    std::copy(pcx.begin(), pcx.end(), file.begin() + 300);
-    std::string name = temp_path("offset.pcx");
-    write_file(name, file);
-    int fd = os_open(name.c_str(), OS_OPEN_READ);
-    int h = IMG_decompress_bitmap_fd(fd, 300, 0);
-    os_close(fd);
-    std::remove(name.c_str());
-    ASSERT_GE(h, 0);
-    EXPECT_EQ(picture_of(h), p);
-    IMG_delete_bitmap(h);
-}
-
-namespace {
-// A read hook that hands out at most seven bytes a call, and nothing past
-// the file's end or past a budget.
-int32_t hooked_size = 0, read_budget = 0;
-int IMG_CALLBACK trickle_read(int fd, void *buffer, int n) {
-    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
-    int32_t left = hooked_size - file_seek(fd, 0, 1);
-    int k = std::min({n, 7, read_budget, left > 0 ? left : 0});
-    int r = k > 0 ? file_read(fd, buffer, k) : 0;
-    IMGLOW_set_fileio(trickle_read, nullptr, nullptr);
-    read_budget -= r;
-    return r;
-}
-}  // namespace
 
 TEST(Pcx, ShortReadsThroughHooks) {
     private_temp_dir();
@@ -531,33 +431,24 @@ TEST(Pcx, ShortReadsThroughHooks) {
         int page;
         const picture &want;
     } cases[] = {
-        {save_picture(pages[0], IMG_TYPE_PCX), 0, pages[0]},
-        {save_picture(pages[1], IMG_TYPE_PCX), 0, pages[1]},
+        {save_pic(pages[0], IMG_TYPE_PCX), 0, pages[0]},
+        {save_pic(pages[1], IMG_TYPE_PCX), 0, pages[1]},
         {dcx, 0, pages[0]},
         {dcx, 1, pages[1]},
     };
     for (auto &c : cases) {
-        block_ref b(c.file);
-        hooked_size = static_cast<int32_t>(c.file.size());
         // A DCX page needs only its own bytes, so the cut near the end is
         // for single PCX files.
         const size_t near_end = c.file[0] == 10 ? c.file.size() - 800 : 700;
-        for (size_t budget : {c.file.size(), size_t{3}, size_t{100}, size_t{700}, near_end}) {
-            // The whole file gets an endless budget: detection reads its start twice.
-            read_budget = budget == c.file.size() ? INT32_MAX : static_cast<int32_t>(budget);
-            int live = mem_live_blocks();
-            IMGLOW_set_fileio(trickle_read, nullptr, nullptr);
-            int got = IMG_decompress_bitmap_mem(b.data, c.page);
-            IMGLOW_set_fileio(nullptr, nullptr, nullptr);
-            if (budget == c.file.size()) {
+        for (size_t budget : {SIZE_MAX, size_t{3}, size_t{100}, size_t{700}, near_end}) {
+            int got = load_with_read_budget(c.file, budget, c.page);
+            if (budget == SIZE_MAX) {
                 ASSERT_GE(got, 0) << c.page;
                 EXPECT_EQ(picture_of(got), c.want) << "reads of seven bytes at a time, page " << c.page;
-                IMG_delete_bitmap(got);
             } else {
                 EXPECT_LT(got, 0) << budget << " of " << c.file.size() << " page " << c.page;
-                if (got >= 0) IMG_delete_bitmap(got);
             }
-            EXPECT_EQ(mem_live_blocks(), live) << budget;
+            if (got >= 0) IMG_delete_bitmap(got);
         }
     }
 }

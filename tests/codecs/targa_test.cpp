@@ -218,17 +218,7 @@ TEST(TargaRead, HostileFilesEndWithCleanCodes) {
 
 TEST(TargaRead, AllocationFailuresAndRowCodes) {
     bytes f = build_targa(make_picture(40, 10, 24, 5), {10, 24});
-    const int live = mem_live_blocks();
-    int failures = 0;
-    for (int k = 1; k < 12; k++) {
-        sink s;
-        int rc = read_targa(f, s, k);
-        ASSERT_TRUE(rc == 1 || rc == IMG_ERR_MEMORY) << k << ": " << rc;
-        failures += rc == IMG_ERR_MEMORY;
-        EXPECT_EQ(mem_live_blocks(), live);
-        if (rc == 1) break;
-    }
-    EXPECT_GE(failures, 3);
+    EXPECT_GE(count_alloc_failures([&](int k) { sink s; return read_targa(f, s, k); }), 3);
     sink s;
     s.fail_at_row = 9 - 4, s.fail_code = -31;  // bottom-up: the fifth row read
     EXPECT_EQ(read_targa(f, s), -31);
@@ -281,39 +271,13 @@ TEST(TargaWrite, RefusalsBeforeAnythingIsWritten) {
     }
 }
 
-namespace {
-int writes, fail_write_at;
-int IMG_CALLBACK failing_write(int fd, const void *buffer, int count) {
-    if (++writes == fail_write_at) return count - 1;
-    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
-    int n = file_write(fd, buffer, count);
-    IMGLOW_set_fileio(nullptr, failing_write, nullptr);
-    return n;
-}
-}  // namespace
-
 TEST(TargaWrite, ShortWritesAndAllocationFailures) {
     for (int type : {IMG_TYPE_TARGA, IMG_TYPE_TARGA16}) {
         picture p = type == IMG_TYPE_TARGA ? smooth_picture(12, 5, kind::palette8, 1) : make_picture(12, 5, 24, 1);
-        const int live = mem_live_blocks();
-        int expected_writes = type == IMG_TYPE_TARGA ? 1 + 1 + 5 : 1 + 5;  // header, map, rows
-        for (int k = 1; k <= expected_writes; k++) {
-            writes = 0, fail_write_at = k;
-            IMGLOW_set_fileio(nullptr, failing_write, nullptr);
-            int n = 0;
-            save_picture(p, type, &n);
-            IMGLOW_set_fileio(nullptr, nullptr, nullptr);
-            EXPECT_EQ(n, IMG_ERR_WRITE) << type << " write " << k;
-        }
-        int failures = 0;
-        for (int k = 1; k < 10; k++) {
-            int n = 0;
-            save_picture(p, type, &n, 0, 0, k);
-            ASSERT_TRUE(n > 0 || n == IMG_ERR_MEMORY) << k;
-            failures += n == IMG_ERR_MEMORY;
-            if (n > 0) break;
-        }
-        EXPECT_GE(failures, 2);
-        EXPECT_EQ(mem_live_blocks(), live);
+        int writes = 0;
+        ASSERT_GT(save_failing_write(p, type, 0, &writes), 0);
+        EXPECT_EQ(writes, type == IMG_TYPE_TARGA ? 1 + 1 + 5 : 1 + 5) << "header, map, rows";
+        for (int k = 1; k <= writes; k++) EXPECT_EQ(save_failing_write(p, type, k), IMG_ERR_WRITE) << type << " write " << k;
+        EXPECT_GE(count_alloc_failures([&](int k) { int n = 0; save_picture(p, type, &n, 0, 0, k); return n; }), 2);
     }
 }
