@@ -377,20 +377,67 @@ void build_decode_table(decode_table &d, const jpeg_huffman_table &t, bool dc) {
     }
 }
 
-// A code longer than the prefix, bit by bit: the symbol, or -1 for a value
-// index outside the table.  The reader holds at least 16 unread bits.
-__attribute__((noinline)) int decode_long(bit_reader &br, const jpeg_huffman_table &t) {
-    uint32_t v16 = br.peek(16);
+// A code longer than the prefix, bit by bit, from the next 16 bits: the
+// symbol, or -1 for a value index outside the table; its length in len.
+__attribute__((noinline)) int decode_long(uint32_t v16, const jpeg_huffman_table &t, int &len) {
     for (int l = LOOKAHEAD + 1; l <= 16; l++) {
         uint32_t code = v16 >> (16 - l);
         if (static_cast<int16_t>(code) <= t.maxcode[l]) {
-            br.skip(l);
+            len = l;
             uint16_t idx = static_cast<uint16_t>(t.valptr[l] + code);
             return idx < 256 ? t.huffval[idx] : -1;
         }
     }
+    len = 16;
     return -1;  // unreachable: maxcode[16] stops every code
 }
+
+// The reader's moving parts in locals for the length of one block, so that
+// they stay in registers; the byte-at-a-time refill works on the record.
+struct bits_local {
+    bit_reader &br;
+    uint64_t acc;
+    int nbits;
+    const uint8_t *p;
+    unsigned fetched;
+    explicit bits_local(bit_reader &b) : br(b), acc(b.acc), nbits(b.nbits), p(b.p), fetched(b.fetched) {}
+    void save() const { br.acc = acc, br.nbits = nbits, br.p = p, br.fetched = fetched; }
+    __attribute__((always_inline)) void fill() {
+        if (p + 8 <= br.limit) {
+            uint64_t w;
+            std::memcpy(&w, p, 8);
+            const uint64_t x = ~w;
+            if (!((x - 0x0101010101010101ull) & ~x & 0x8080808080808080ull)) {
+                acc |= __builtin_bswap64(w) >> nbits;
+                const int k = (64 - nbits) >> 3;
+                p += k;
+                fetched += k;
+                nbits += 8 * k;
+                return;
+            }
+        }
+        save();
+        br.fill_bytes();
+        acc = br.acc, nbits = br.nbits, p = br.p, fetched = br.fetched;
+    }
+    uint32_t peek(int n) const { return static_cast<uint32_t>(acc >> (64 - n)); }
+    void skip(int n) {
+        acc <<= n;
+        nbits -= n;
+    }
+    int receive_extend(int s) {
+        if (!s) return 0;
+        int v = static_cast<int>(peek(s));
+        skip(s);
+        return v < (1 << (s - 1)) ? v - ((1 << s) - 1) : v;
+    }
+    int decode_long_code(const jpeg_huffman_table &t) {
+        int len;
+        int sym = decode_long(peek(16), t, len);
+        skip(len);
+        return sym;
+    }
+};
 
 // ---- Inverse DCT -------------------------------------------------------------------------
 
@@ -730,8 +777,9 @@ struct input_buffer {
 
 // Huffman decode and dequantise one block into coef (transposed, cleared
 // beforehand); true in dc_only when no AC symbol came before the end of block.
-__attribute__((always_inline)) inline int decode_coefficients(bit_reader &br, scan_slot &sl, int16_t *coef,
+__attribute__((always_inline)) inline int decode_coefficients(bit_reader &ref, scan_slot &sl, int16_t *coef,
                                                                   bool &dc_only) {
+    bits_local br(ref);
     if (br.nbits < 32) br.fill();
     uint32_t e = sl.dc->look[br.peek(LOOKAHEAD)];
     int diff;
@@ -744,11 +792,11 @@ __attribute__((always_inline)) inline int decode_coefficients(bit_reader &br, sc
             br.skip(e & 31);
             sym = (e >> 8) & 0xFF;
         } else if ((e & ENTRY_KIND) == ENTRY_LONG) {
-            sym = decode_long(br, *sl.dc->t);
+            sym = br.decode_long_code(*sl.dc->t);
         } else {
             sym = -1;
         }
-        if (sym < 0) return IMG_ERR_HEADER;
+        if (sym < 0) return br.save(), IMG_ERR_HEADER;
         diff = br.receive_extend(sym & 15);
     }
     sl.predictor = static_cast<int16_t>(sl.predictor + diff);
@@ -775,11 +823,11 @@ __attribute__((always_inline)) inline int decode_coefficients(bit_reader &br, sc
             br.skip(e & 31);
             rs = (e >> 8) & 0xFF;
         } else if ((e & ENTRY_KIND) == ENTRY_LONG) {
-            rs = decode_long(br, *sl.ac->t);
-            if (rs < 0) return IMG_ERR_HEADER;
+            rs = br.decode_long_code(*sl.ac->t);
+            if (rs < 0) return br.save(), IMG_ERR_HEADER;
             if (rs == 0) break;
         } else {
-            return IMG_ERR_HEADER;
+            return br.save(), IMG_ERR_HEADER;
         }
         const int r = rs >> 4, sz = rs & 15;
         if (sz) {
@@ -789,11 +837,12 @@ __attribute__((always_inline)) inline int decode_coefficients(bit_reader &br, sc
             k++;
         } else {
             // A run with no value (ZRL among them) may end exactly at the block's end.
-            if (k + r > 64) return IMG_ERR_HEADER;
+            if (k + r > 64) return br.save(), IMG_ERR_HEADER;
             k = k + r + 1 > 64 ? 64 : k + r + 1;
         }
     }
     // A value placed beyond coefficient 63 went to the spare slot.
+    br.save();
     if (k > 64) return IMG_ERR_HEADER;
     dc_only = k == 1;
     return 0;
