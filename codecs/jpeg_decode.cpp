@@ -1100,8 +1100,6 @@ int decode_scan(byte_source &src, IMG_put_row_fn put_row, void *context) {
     // component 3.
     static decode_table dc_tables[2], ac_tables[3];
     const jpeg_decoder_tables &tab = jpeg_tables;
-    for (int i = 0; i < 2; i++) build_decode_table(dc_tables[i], tab.dc[i], true);
-    for (int i = 0; i < 3; i++) build_decode_table(ac_tables[i], tab.ac[i], false);
     scan_slot slots[4] = {};
     for (int i = 0; i < 4; i++) {
         scan_slot &sl = slots[i];
@@ -1125,6 +1123,14 @@ int decode_scan(byte_source &src, IMG_put_row_fn put_row, void *context) {
         }
         if (i < ns && (sl.h < 1 || sl.v < 1 || sl.h > H1 || sl.v > V1)) return IMG_ERR_HEADER;
         sl.stride = sl.h * W / H1;
+    }
+    // Only the tables the scan reads are expanded: a stream of many small
+    // strips pays for two or three, not five.
+    bool built[5] = {};
+    for (int i = 0; i < ns; i++) {
+        const int d = static_cast<int>(slots[i].dc - dc_tables), a = static_cast<int>(slots[i].ac - ac_tables);
+        if (!built[d]) build_decode_table(dc_tables[d], tab.dc[d], true), built[d] = true;
+        if (!built[2 + a]) build_decode_table(ac_tables[a], tab.ac[a], false), built[2 + a] = true;
     }
 
     int32_t got = source_read(src, in.base, in.cap);
