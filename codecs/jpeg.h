@@ -44,6 +44,11 @@ int jpeg_decode_stream(int fd, int32_t offset, IMG_put_row_fn put_row, void *con
 int jpeg_decode_buffer(const uint8_t *data, int32_t size, IMG_put_row_fn put_row, void *context,
                        IMG_begin_image_fn begin_image);
 
+// The widest vector registers the decoder's kernels may use: 256, 128, or 0
+// for plain code; the processor's own limit until called.  Every choice
+// gives the same output, which the tests check.
+void jpeg_decoder_limit_vectors(int bits);
+
 // Encoder working quantisation tables, natural order; quality 50 at start.
 extern uint8_t jpeg_quant_luma[64];
 extern uint8_t jpeg_quant_chroma[64];

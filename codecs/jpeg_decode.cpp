@@ -565,20 +565,9 @@ __attribute__((always_inline)) inline void idct_lanes(const int16_t *coefT, int8
     }
 }
 
-#if defined(__x86_64__) || defined(__i386__)
-__attribute__((target("avx2"))) void idct_lanes_avx2(const int16_t *coefT, int8_t *dst, int stride) {
-    idct_lanes(coefT, dst, stride);
-}
-#endif
 void idct_lanes_plain(const int16_t *coefT, int8_t *dst, int stride) { idct_lanes(coefT, dst, stride); }
 
 using idct_fn = void (*)(const int16_t *, int8_t *, int);
-#if defined(__x86_64__) || defined(__i386__)
-// Static initialisers must ask for the processor's features themselves.
-const idct_fn idct_lanes_best = (__builtin_cpu_init(), __builtin_cpu_supports("avx2")) ? idct_lanes_avx2 : idct_lanes_plain;
-#else
-const idct_fn idct_lanes_best = idct_lanes_plain;
-#endif
 
 #if defined(__x86_64__) || defined(__i386__)
 // The same transform in 16-bit lanes.  Each product (v * K) >> s becomes
@@ -721,13 +710,14 @@ __attribute__((target("avx2"))) void idct_pair_avx2(const int16_t *coefA, int8_t
 }
 
 using idct_pair_fn = void (*)(const int16_t *, int8_t *, int, const int16_t *, int8_t *, int);
+// Static initialisers must ask for the processor's features themselves.
 const bool have_avx2 = (__builtin_cpu_init(), __builtin_cpu_supports("avx2"));
-const idct_fn idct_best = have_avx2 ? idct_best_avx2 : idct_best_sse2;
-const idct_pair_fn idct_pair = have_avx2 ? idct_pair_avx2 : nullptr;
+idct_fn idct_best = have_avx2 ? idct_best_avx2 : idct_best_sse2;
+idct_pair_fn idct_pair = have_avx2 ? idct_pair_avx2 : nullptr;
 #else
-const idct_fn idct_best = idct_lanes_plain;
+idct_fn idct_best = idct_lanes_plain;
 using idct_pair_fn = void (*)(const int16_t *, int8_t *, int, const int16_t *, int8_t *, int);
-const idct_pair_fn idct_pair = nullptr;
+idct_pair_fn idct_pair = nullptr;
 #endif
 
 }  // namespace
@@ -1021,7 +1011,62 @@ __attribute__((target("ssse3"))) int ycc_row_ssse3(const int8_t *y, const uint8_
 #endif
 
 #if defined(__x86_64__) || defined(__i386__)
-const bool simd_colour = (__builtin_cpu_init(), __builtin_cpu_supports("ssse3"));
+__attribute__((target("avx2"))) inline void chroma_terms_x16(__m256i c, __m256i r, __m256i &ob, __m256i &og, __m256i &orr) {
+    const __m256i m_cr_r = _mm256_set1_epi16(91879 - 65536), m_cb_b = _mm256_set1_epi16(static_cast<short>(116126 - 65536));
+    const __m256i m_cb_g = _mm256_set1_epi16(22551), m_cr_g = _mm256_set1_epi16(static_cast<short>(46735));
+    __m256i ca = _mm256_abs_epi16(c), ra = _mm256_abs_epi16(r);
+    ob = _mm256_sign_epi16(_mm256_add_epi16(ca, _mm256_mulhi_epu16(ca, m_cb_b)), c);
+    orr = _mm256_sign_epi16(_mm256_add_epi16(ra, _mm256_mulhi_epu16(ra, m_cr_r)), r);
+    og = _mm256_add_epi16(_mm256_sign_epi16(_mm256_mulhi_epu16(ca, m_cb_g), c),
+                          _mm256_sign_epi16(_mm256_mulhi_epu16(ra, m_cr_g), r));
+}
+
+// Thirty-two pixels at a time, the same arithmetic as the 16-pixel form; the
+// packs work per 128-bit half, so their results are put back in pixel order
+// before the three-way interleave.
+template <int H>
+__attribute__((target("avx2"))) int ycc_row_avx2(const int8_t *y, const uint8_t *cb, const uint8_t *cr, uint8_t *out,
+                                                 int width) {
+    const __m256i bias = _mm256_set1_epi16(128);
+    auto load16 = [](const void *p) { return _mm_loadu_si128(static_cast<const __m128i *>(p)); };
+    int x = 0;
+    for (; x + 32 <= width; x += 32) {
+        __m256i ylo = _mm256_add_epi16(_mm256_cvtepi8_epi16(load16(y + x)), bias);
+        __m256i yhi = _mm256_add_epi16(_mm256_cvtepi8_epi16(load16(y + x + 16)), bias);
+        __m256i ob_lo, og_lo, or_lo, ob_hi, og_hi, or_hi;
+        if (H == 2) {
+            __m256i ob, og, orr;
+            chroma_terms_x16(_mm256_cvtepi8_epi16(load16(cb + x / 2)), _mm256_cvtepi8_epi16(load16(cr + x / 2)), ob, og, orr);
+            // Each term twice, for the two pixels its sample covers.
+            ob = _mm256_permute4x64_epi64(ob, 0xD8), og = _mm256_permute4x64_epi64(og, 0xD8);
+            orr = _mm256_permute4x64_epi64(orr, 0xD8);
+            ob_lo = _mm256_unpacklo_epi16(ob, ob), ob_hi = _mm256_unpackhi_epi16(ob, ob);
+            og_lo = _mm256_unpacklo_epi16(og, og), og_hi = _mm256_unpackhi_epi16(og, og);
+            or_lo = _mm256_unpacklo_epi16(orr, orr), or_hi = _mm256_unpackhi_epi16(orr, orr);
+        } else {
+            chroma_terms_x16(_mm256_cvtepi8_epi16(load16(cb + x)), _mm256_cvtepi8_epi16(load16(cr + x)), ob_lo, og_lo, or_lo);
+            chroma_terms_x16(_mm256_cvtepi8_epi16(load16(cb + x + 16)), _mm256_cvtepi8_epi16(load16(cr + x + 16)), ob_hi,
+                             og_hi, or_hi);
+        }
+        __m256i B = _mm256_packus_epi16(_mm256_add_epi16(ylo, ob_lo), _mm256_add_epi16(yhi, ob_hi));
+        __m256i G = _mm256_packus_epi16(_mm256_sub_epi16(ylo, og_lo), _mm256_sub_epi16(yhi, og_hi));
+        __m256i R = _mm256_packus_epi16(_mm256_add_epi16(ylo, or_lo), _mm256_add_epi16(yhi, or_hi));
+        B = _mm256_permute4x64_epi64(B, 0xD8), G = _mm256_permute4x64_epi64(G, 0xD8), R = _mm256_permute4x64_epi64(R, 0xD8);
+        for (int half = 0; half < 2; half++) {
+            __m128i b = half ? _mm256_extracti128_si256(B, 1) : _mm256_castsi256_si128(B);
+            __m128i g = half ? _mm256_extracti128_si256(G, 1) : _mm256_castsi256_si128(G);
+            __m128i r = half ? _mm256_extracti128_si256(R, 1) : _mm256_castsi256_si128(R);
+            uint8_t *o = out + 3 * (x + 16 * half);
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(o), interleave3(b, g, r, 0));
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(o + 16), interleave3(b, g, r, 1));
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(o + 32), interleave3(b, g, r, 2));
+        }
+    }
+    return x;
+}
+
+bool simd_colour = (__builtin_cpu_init(), __builtin_cpu_supports("ssse3"));
+bool wide_colour = (__builtin_cpu_init(), __builtin_cpu_supports("avx2"));
 #endif
 
 inline uint8_t limit(int i) { return static_cast<uint8_t>(i < -128 ? 0 : i > 127 ? 255 : i + 128); }
@@ -1032,8 +1077,12 @@ template <int H>
 void ycc_row(const int8_t *y, const uint8_t *cb, const uint8_t *cr, uint8_t *out, int width) {
     int x = 0;
 #if defined(__x86_64__) || defined(__i386__)
-    if constexpr (H <= 2)
-        if (simd_colour) x = ycc_row_ssse3<H>(y, cb, cr, out, width);
+    if constexpr (H <= 2) {
+        if (wide_colour)
+            x = ycc_row_avx2<H>(y, cb, cr, out, width);
+        else if (simd_colour)
+            x = ycc_row_ssse3<H>(y, cb, cr, out, width);
+    }
 #endif
     for (int cx = x / H; x + H <= width; cx++) {
         int b = cb[cx], r = cr[cx];
@@ -1184,6 +1233,18 @@ int decode_scan(byte_source &src, IMG_put_row_fn put_row, void *context) {
 }
 
 }  // namespace
+
+void jpeg_decoder_limit_vectors(int bits) {
+#if defined(__x86_64__) || defined(__i386__)
+    const bool wide = bits >= 256 && have_avx2, narrow = bits >= 128;
+    idct_best = wide ? idct_best_avx2 : narrow ? idct_best_sse2 : idct_lanes_plain;
+    idct_pair = wide ? idct_pair_avx2 : nullptr;
+    simd_colour = narrow && __builtin_cpu_supports("ssse3");
+    wide_colour = wide;
+#else
+    (void)bits;
+#endif
+}
 
 void jpeg_reset_tables() {
     std::memset(&jpeg_tables, 0, sizeof jpeg_tables);
