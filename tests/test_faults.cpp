@@ -108,11 +108,11 @@ int IMG_CALLBACK trickle_read(int fd, void *buffer, int n) {
 }
 }  // namespace
 
-int save_with_write_budget(int handle, int type, size_t budget) {
+int save_with_write_budget(int handle, int type, size_t budget, const char *name) {
     block_ref out(uint32_t{8} << 20);
     write_budget = budget;
     IMGLOW_set_fileio(nullptr, budget_write, nullptr);
-    int r = IMG_save_bitmap_mem(handle, out.data, type);
+    int r = name ? IMG_save_bitmap(handle, name, type) : IMG_save_bitmap_mem(handle, out.data, type);
     IMGLOW_set_fileio(nullptr, nullptr, nullptr);
     EXPECT_EQ(scratch_count(), 0);
     return r;

@@ -66,8 +66,9 @@ picture load_at_offset(const bytes &file, int lead, int *code = nullptr);
 // want (or want_file).  Returns how many attempts failed.
 int sweep_load_alloc_failures(const bytes &file, const picture &want, int page = 0);
 int sweep_save_alloc_failures(int handle, int type, const bytes &want_file);
-// Saves to memory with the writes cut off after budget bytes; the result.
-int save_with_write_budget(int handle, int type, size_t budget);
+// Saves to memory (or to the named file) with the writes cut off after
+// budget bytes; the result.
+int save_with_write_budget(int handle, int type, size_t budget, const char *name = nullptr);
 // Loads from memory through read hooks that hand out at most seven bytes a
 // call and nothing past budget bytes in all; the handle or the code.
 int load_with_read_budget(const bytes &file, size_t budget, int page = 0);

@@ -75,27 +75,18 @@ TEST(CcittFax, StreamsDecodeToTheSourcePage) {
     picture page = read_pbm("page.pbm");
     for (const stream_case &c : page_streams()) {
         EXPECT_TRUE(fax_picture(c.data, 200, 60, c.type) == page) << c.name;
-        // Height 0 takes the rows the data holds.
+        // Height 0 takes the rows the data holds; an end of page before the
+        // stated height pads white.
         EXPECT_TRUE(fax_picture(c.data, 200, 0, c.type) == page) << c.name;
-    }
-}
-
-TEST(CcittFax, EndOfPageBeforeTheStatedHeightPadsWhite) {
-    picture page = read_pbm("page.pbm");
-    for (const stream_case &c : page_streams())
         EXPECT_TRUE(fax_picture(c.data, 200, 75, c.type) == with_white_rows(page, 15)) << c.name;
-}
-
-TEST(CcittFax, FillOrderTwoReadsBitReversedBytes) {
-    for (const stream_case &c : page_streams()) {
+        // Fill order 2 reads bit-reversed bytes.
         bytes reversed = c.data;
         for (uint8_t &v : reversed) {
             uint8_t r = 0;
-            for (int k = 0; k < 8; k++)
-                if (v & (1 << k)) r |= static_cast<uint8_t>(0x80 >> k);
+            for (int k = 0; k < 8; k++) r |= static_cast<uint8_t>(((v >> k) & 1) << (7 - k));
             v = r;
         }
-        EXPECT_TRUE(fax_picture(reversed, 200, 60, c.type, 2) == fax_picture(c.data, 200, 60, c.type, 1)) << c.name;
+        EXPECT_TRUE(fax_picture(reversed, 200, 60, c.type, 2) == page) << c.name;
     }
 }
 

@@ -24,14 +24,6 @@ struct tiff_page {
     std::vector<bytes> strips;
 };
 
-// Lays out a file: header, then per page its strips, value blocks and IFD.
-bytes build_tiff(const std::vector<tiff_page> &pages, bool mm, uint16_t version = 42);
-
-// Gray or RGB baseline page: the usual tags around the given strips.
-inline tiff_page simple_page(uint32_t width, uint32_t height, uint32_t bits, uint32_t samples, uint32_t photometric,
-                      uint32_t compression, std::vector<bytes> strips, uint32_t rows_per_strip = 0);
-void set_field(tiff_page &p, uint16_t tag, uint16_t type, std::vector<uint32_t> values);
-
 // A reader run straight through tiff_decompress with capturing callbacks.
 struct decoded {
     int rc = 0;
@@ -40,19 +32,9 @@ struct decoded {
     std::vector<bytes> rows;  // by row index; empty when never delivered
     int calls = 0;
     int bits() const { return header[14] | header[15] << 8; }
-    int32_t width() const;
-    int32_t height() const;
+    int32_t width() const { return static_cast<int32_t>(get32(header + 4)); }
+    int32_t height() const { return static_cast<int32_t>(get32(header + 8)); }
 };
-decoded run_tiff(const bytes &file, int32_t where = 0, int stop_at_row = -1);
-
-// The fixtures' sources, as DIB-layout pictures (1-bit: bit 1 is white).
-picture read_pbm(const std::string &name);
-picture read_ppm(const std::string &name);
-std::string fixture(const std::string &name);
-// The single strip of a little-endian one-strip TIFF file.
-bytes first_strip(const bytes &tiff);
-
-
 
 namespace tiff_test_detail {
 
@@ -96,7 +78,8 @@ inline uint32_t type_size(uint16_t type) { return type == 3 ? 2 : type == 5 ? 8 
 }  // namespace tiff_test_detail
 using namespace tiff_test_detail;
 
-inline bytes build_tiff(const std::vector<tiff_page> &pages, bool mm, uint16_t version) {
+// Lays out a file: header, then per page its strips, value blocks and IFD.
+inline bytes build_tiff(const std::vector<tiff_page> &pages, bool mm, uint16_t version = 42) {
     writer w{mm, {}};
     w.out = {static_cast<uint8_t>(mm ? 'M' : 'I'), static_cast<uint8_t>(mm ? 'M' : 'I')};
     w.u16(version);
@@ -157,8 +140,9 @@ inline void set_field(tiff_page &p, uint16_t tag, uint16_t type, std::vector<uin
     std::stable_sort(p.fields.begin(), p.fields.end(), [](const tiff_field &a, const tiff_field &b) { return a.tag < b.tag; });
 }
 
+// Gray or RGB baseline page: the usual tags around the given strips.
 inline tiff_page simple_page(uint32_t width, uint32_t height, uint32_t bits, uint32_t samples, uint32_t photometric,
-                      uint32_t compression, std::vector<bytes> strips, uint32_t rows_per_strip) {
+                             uint32_t compression, std::vector<bytes> strips, uint32_t rows_per_strip = 0) {
     tiff_page p;
     p.strips = std::move(strips);
     set_field(p, 256, 3, {width});
@@ -171,17 +155,6 @@ inline tiff_page simple_page(uint32_t width, uint32_t height, uint32_t bits, uin
     if (rows_per_strip) set_field(p, 278, 4, {rows_per_strip});
     set_field(p, 279, 4, {});
     return p;
-}
-
-inline int32_t decoded::width() const {
-    int32_t v;
-    std::memcpy(&v, header + 4, 4);
-    return v;
-}
-inline int32_t decoded::height() const {
-    int32_t v;
-    std::memcpy(&v, header + 8, 4);
-    return v;
 }
 
 namespace tiff_test_detail {
@@ -207,7 +180,7 @@ inline int IMG_CALLBACK capture_row(unsigned char *row, void *context, int r, in
 }  // namespace tiff_test_detail
 using namespace tiff_test_detail;
 
-inline decoded run_tiff(const bytes &file, int32_t where, int stop_at_row) {
+inline decoded run_tiff(const bytes &file, int32_t where = 0, int stop_at_row = -1) {
     decoded d;
     block_ref block(file);
     memory_source_set(block.data);
@@ -234,6 +207,7 @@ inline size_t pnm_header(const bytes &f, int fields, int *values) {
 }  // namespace tiff_test_detail
 using namespace tiff_test_detail;
 
+// The fixtures' sources, as DIB-layout pictures (1-bit: bit 1 is white).
 inline picture read_pbm(const std::string &name) {
     bytes f = read_file(fixture(name));
     int v[2];
@@ -270,6 +244,7 @@ inline picture read_ppm(const std::string &name) {
     return p;
 }
 
+// The single strip of a little-endian one-strip TIFF file.
 inline bytes first_strip(const bytes &t) {
     uint32_t ifd = get32(t.data() + 4);
     int n = get16(t.data() + ifd);

@@ -61,15 +61,6 @@ std::vector<uint8_t> bilevel_look(const picture &p, bool white_is_zero = false) 
     return out;
 }
 
-picture load_picture(const bytes &file, int *code = nullptr) {
-    int h = load_bytes(file);
-    if (code) *code = h;
-    if (h < 0) return {};
-    picture p = picture_of(h);
-    IMG_delete_bitmap(h);
-    return p;
-}
-
 TEST(TiffWrite, EveryTypeAtEveryDepthReadsBackIdentical) {
     struct depth_case {
         const char *what;
@@ -97,7 +88,7 @@ TEST(TiffWrite, EveryTypeAtEveryDepthReadsBackIdentical) {
             }
             ASSERT_GT(rc, 0) << d.what << " type " << type;
             int code = 0;
-            picture back = load_picture(file, &code);
+            picture back = load_pic(file, &code);
             ASSERT_GT(code, 0) << d.what << " type " << type;
             if (fax) {  // written white-is-zero: index 0 comes back white, index 1 black
                 EXPECT_EQ(bilevel_look(back), bilevel_look(d.p, true)) << d.what << " type " << type;
@@ -124,7 +115,7 @@ TEST(TiffWrite, LzwCompressesAndResetsItsTableOnLargeNoise) {
         int rc = 0;
         bytes file = save_bytes(h, IMG_TYPE_TIFF_LZW, &rc);
         ASSERT_GT(rc, 0);
-        EXPECT_EQ(load_picture(file), *p);
+        EXPECT_EQ(load_pic(file), *p);
         if (p == &flat) {
             EXPECT_LT(file.size(), 40000u) << "flat rows compress";
         }
@@ -246,7 +237,7 @@ TEST(TiffWrite, SecondSaveAppendsAPageAndMotorolaFilesAreOverwritten) {
     f = read_file(name);
     EXPECT_EQ(get16(f.data()), TIFF_II);
     EXPECT_EQ(parse_ifd(f, 8).next, 0u);
-    EXPECT_EQ(load_picture(f), b);
+    EXPECT_EQ(load_pic(f), b);
 
     // A chain that cannot be followed (past the end, or in a loop) is not
     // appended to; the file stays as it was.
@@ -284,30 +275,16 @@ TEST(TiffWrite, RawFaxOutputDecodesWithTheFaxLoader) {
     IMG_delete_bitmap(h);
 }
 
-int short_after = 0;
-int IMG_CALLBACK short_write(int fd, const void *buffer, int count) {
-    int n = count < short_after ? count : short_after;
-    short_after -= n;
-    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
-    int r = n > 0 ? file_write(fd, buffer, n) : 0;
-    IMGLOW_set_fileio(nullptr, short_write, nullptr);
-    return r;
-}
-
 TEST(TiffWrite, ShortWritesGiveMinusNineAndAllocationFailureMinusOne) {
     picture p = bilevel_page(500, 80, 9);
     picture c = make_picture(300, 90, 24, 9);
     int hp = handle_of(p), hc = handle_of(c);
     std::string name = temp_path("short.tif");
     for (int type : {0, 7, 8, 9, 10, 16, 33, 34})
-        for (int limit : {0, 5, 8, 100, 300, 2000}) {
+        for (size_t limit : {0, 5, 8, 100, 300, 2000}) {
             std::remove(name.c_str());
-            short_after = limit;
-            IMGLOW_set_fileio(nullptr, short_write, nullptr);
-            int r = IMG_save_bitmap(type == 0 || type == 9 || type == 16 ? hc : hp, name.c_str(), type);
-            IMGLOW_set_fileio(nullptr, nullptr, nullptr);
-            EXPECT_EQ(r, IMG_ERR_WRITE) << "type " << type << " limit " << limit;
-            EXPECT_EQ(scratch_count(), 0);
+            EXPECT_EQ(save_with_write_budget(type == 0 || type == 9 || type == 16 ? hc : hp, type, limit, name.c_str()),
+                      IMG_ERR_WRITE) << "type " << type << " limit " << limit;
         }
     // Failing each allocation in turn: -1, no block left, and an existing
     // file untouched.

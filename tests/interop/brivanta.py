@@ -3,7 +3,9 @@ independent command-line tools, and a tiny table-driven runner.
 
 Run by ctest with /usr/bin/python3; BRIVANTA_LIB names the shared library,
 BRIVANTA_TOOL the command-line tool, BRIVANTA_FIXTURES the fixture folder."""
+import atexit
 import ctypes
+import io
 import os
 import shutil
 import subprocess
@@ -23,6 +25,9 @@ LIB.IMG_save_bitmap_mem.argtypes = [ctypes.c_int, ctypes.c_void_p, ctypes.c_int]
 LIB.IMG_decompress_bitmap.argtypes = [ctypes.c_char_p]
 LIB.IMG_save_bitmap.argtypes = [ctypes.c_int, ctypes.c_char_p, ctypes.c_int]
 LIB.IMG_decompress_bitmap_fd.argtypes = [ctypes.c_int, ctypes.c_int, ctypes.c_int]
+LIB.IMG_create_handle.argtypes = [ctypes.c_void_p]
+LIB.IMGLOW_get_filetype.argtypes = [ctypes.c_char_p]
+LIB.IMGLOW_get_pages.argtypes = [ctypes.c_char_p]
 
 
 class Picture:
@@ -137,6 +142,83 @@ def fixture(*parts):
 
 def tempdir():
     return tempfile.mkdtemp(prefix="brivanta_interop_")
+
+
+_TMP = []
+
+
+def tmp(name):
+    """A path in this script's own temporary folder, removed at exit."""
+    if not _TMP:
+        _TMP.append(tempdir())
+        atexit.register(shutil.rmtree, _TMP[0], True)
+    return os.path.join(_TMP[0], name)
+
+
+def make(cmd, name):
+    """Runs a shell command with its output into tmp(name); returns the path."""
+    run(cmd + " > " + tmp(name))
+    return tmp(name)
+
+
+def image_rgb(data):
+    """Any image file's bytes (PNM from a tool, say) decoded by Pillow to RGB."""
+    from PIL import Image
+    return np.asarray(Image.open(io.BytesIO(data)).convert("RGB"))
+
+
+def tool_rgb(cmd):
+    """An independent decoder's output on stdout, as an RGB array."""
+    return image_rgb(run(cmd))
+
+
+def loaded(path, page=0):
+    """load() that insists on success."""
+    p = load(path, page)
+    assert not isinstance(p, int), "load of %s failed with %d" % (os.path.basename(path), p)
+    return p
+
+
+def load_mem(data, page=0):
+    """Loads a file image from a library memory block; a Picture or the code."""
+    block = LIB.IMG_mem_alloc(len(data))
+    addr = LIB.IMG_mem_lock(block)
+    ctypes.memmove(addr, data, len(data))
+    try:
+        h = LIB.IMG_decompress_bitmap_mem(addr, page)
+        if h < 0:
+            return h
+        try:
+            return picture_of(h)
+        finally:
+            LIB.IMG_delete_bitmap(h)
+    finally:
+        LIB.IMG_mem_unlock(block)
+        LIB.IMG_mem_free(block)
+
+
+def load_at_offset(path, lead):
+    """Loads the file placed after `lead` bytes of other data in a bigger file."""
+    other = tmp("embedded.bin")
+    with open(path, "rb") as f, open(other, "wb") as out:
+        out.write(bytes((i * 37 + 11) & 0xFF for i in range(lead)) + f.read() + b"\xAA" * 64)
+    fd = os.open(other, os.O_RDONLY)
+    try:
+        h = LIB.IMG_decompress_bitmap_fd(fd, lead, 0)
+    finally:
+        os.close(fd)
+    if h < 0:
+        return h
+    try:
+        return picture_of(h)
+    finally:
+        LIB.IMG_delete_bitmap(h)
+
+
+def psnr(a, c):
+    assert a.shape == c.shape, "shape %s != %s" % (a.shape, c.shape)
+    mse = ((a.astype(float) - c.astype(float)) ** 2).mean()
+    return 99.0 if mse == 0 else 10 * np.log10(255.0 ** 2 / mse)
 
 
 def assert_same(a, b, what, tolerance=0):
