@@ -12,10 +12,12 @@
 #include <unistd.h>
 #endif
 
-uint32_t stride_of(int width, int bits) {
-    uint32_t n = bits == 1 ? (width + 7) / 8 : bits == 4 ? (width + 1) / 2 : bits == 24 ? width * 3 : width;
-    return (n + 3) & ~3u;
+// Bytes a row's pixels take, before padding.
+static int used_bytes(int width, int bits) {
+    return bits == 1 ? (width + 7) / 8 : bits == 4 ? (width + 1) / 2 : bits == 24 ? width * 3 : width;
 }
+
+uint32_t stride_of(int width, int bits) { return (static_cast<uint32_t>(used_bytes(width, bits)) + 3) & ~3u; }
 
 static uint32_t next(uint32_t &s) {
     s = s * 1664525u + 1013904223u;
@@ -38,7 +40,7 @@ picture make_picture(int width, int height, int bits, uint32_t seed) {
         }
         if (bits == 1) p.palette = {0, 0, 0, 0, 255, 255, 255, 0};
     }
-    int used = bits == 1 ? (width + 7) / 8 : bits == 4 ? (width + 1) / 2 : bits == 24 ? width * 3 : width;
+    int used = used_bytes(width, bits);
     for (int y = 0; y < height; y++) {
         bytes row(stride_of(width, bits), 0);
         int x = 0;
@@ -106,7 +108,7 @@ picture picture_of(int handle) {
     uint32_t pal = p.bits == 24 ? 0 : 4u << p.bits;
     p.palette.assign(dib + 40, dib + 40 + pal);
     uint32_t stride = stride_of(p.width, p.bits);
-    int used = p.bits == 1 ? (p.width + 7) / 8 : p.bits == 4 ? (p.width + 1) / 2 : p.bits == 24 ? p.width * 3 : p.width;
+    int used = used_bytes(p.width, p.bits);
     for (int y = 0; y < p.height; y++) {
         const uint8_t *src = dib + 40 + pal + (p.height - 1 - y) * stride;
         bytes row(stride, 0);

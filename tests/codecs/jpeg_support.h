@@ -73,30 +73,19 @@ int run_reader_on(const bytes &file, sink &s, Reader reader, int32_t offset = 0,
 }
 
 // Red, green and blue of every pixel, top-down.
-inline bytes rgb_of(const sink &s) {
+inline bytes rgb_of(int width, int bits, const bytes &palette, const std::vector<bytes> &rows) {
     bytes out;
-    int w = s.info.biWidth;
-    for (const bytes &r : s.rows)
-        for (int x = 0; x < w; x++) {
-            if (s.info.biBitCount == 24)
+    for (const bytes &r : rows)
+        for (int x = 0; x < width; x++) {
+            if (bits == 24)
                 out.insert(out.end(), {r[3 * x + 2], r[3 * x + 1], r[3 * x]});
             else
-                out.insert(out.end(), {s.palette[4 * r[x] + 2], s.palette[4 * r[x] + 1], s.palette[4 * r[x]]});
+                out.insert(out.end(), {palette[4 * r[x] + 2], palette[4 * r[x] + 1], palette[4 * r[x]]});
         }
     return out;
 }
-
-inline bytes rgb_of(const picture &p) {
-    bytes out;
-    for (const bytes &r : p.rows)
-        for (int x = 0; x < p.width; x++) {
-            if (p.bits == 24)
-                out.insert(out.end(), {r[3 * x + 2], r[3 * x + 1], r[3 * x]});
-            else
-                out.insert(out.end(), {p.palette[4 * r[x] + 2], p.palette[4 * r[x] + 1], p.palette[4 * r[x]]});
-        }
-    return out;
-}
+inline bytes rgb_of(const sink &s) { return rgb_of(s.info.biWidth, s.info.biBitCount, s.palette, s.rows); }
+inline bytes rgb_of(const picture &p) { return rgb_of(p.width, p.bits, p.palette, p.rows); }
 
 inline double psnr(const bytes &a, const bytes &b) {
     if (a.size() != b.size() || a.empty()) return 0;

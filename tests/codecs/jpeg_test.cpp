@@ -104,24 +104,6 @@ TEST(JpegDecode, GreyFilesGetARampPaletteAndNeverReachBlack) {
     EXPECT_EQ(b.rows[0][0], 1);
 }
 
-TEST(JpegDecode, MissingRestartMarkerLeavesThePredictorsRunning) {
-    bytes f = fixture_bytes("crestart.jpg");
-    sink good;
-    ASSERT_EQ(decode(f, good), 0);
-    // Replace every RST marker by stuffed zero data of the same length.
-    bytes damaged = f;
-    size_t start = scan_start(f), resets = 0;
-    for (size_t i = start; i + 1 < damaged.size(); i++)
-        if (damaged[i] == 0xFF && (damaged[i + 1] & 0xF8) == 0xD0) damaged[i + 1] = 0x00, resets++;
-    ASSERT_GT(resets, 3u);
-    sink s;
-    int rc = decode(damaged, s);
-    EXPECT_TRUE(rc == 0 || rc == IMG_ERR_HEADER) << rc;
-    if (rc == 0) {
-        EXPECT_NE(pixel_hash(s), pixel_hash(good));
-    }
-}
-
 TEST(JpegDecode, SameCoefficientsDecodeTheSame) {
     const bytes c420 = fixture_bytes("c420.jpg"), c422 = fixture_bytes("c422.jpg");
     auto after = [](size_t n, uint8_t fill, const bytes &f) {

@@ -80,25 +80,6 @@ TEST(Scratch, FreeAllReleasesEveryBlock) {
     EXPECT_EQ(mem_live_blocks(), live);
 }
 
-TEST(TempFile, FixedNameIsReusedAndReadable) {
-    char name[100], again[100];
-    int fd = open_temp_file(name, 0);
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(os_write(fd, "abc", 3), 3);
-    os_close(fd);
-    fd = open_temp_file(name, 1);
-    ASSERT_GE(fd, 0);
-    char buf[4] = {};
-    EXPECT_EQ(os_read(fd, buf, 3), 3);
-    EXPECT_STREQ(buf, "abc");
-    os_close(fd);
-    fd = open_temp_file(again, 0);
-    EXPECT_STREQ(name, again);
-    os_close(fd);
-    os_delete(name);
-    EXPECT_EQ(open_temp_file(name, 7), -1);
-}
-
 TEST(ByteOrder, SwapsAndReads) {
     uint8_t a[4] = {1, 2, 3, 4};
     swap16_array(a, 2);

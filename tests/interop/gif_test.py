@@ -28,6 +28,25 @@ def gifbuild(text, name):
 PLASMA = ["-size", "67x43", "plasma:fractal"]
 
 
+def colour_map(colours):
+    return "\tsort flag off\n" + "".join("\trgb %03d %03d %03d is %d\n" % (c + (i,)) for i, c in enumerate(colours))
+
+
+def giflib(w, h, colours, name, rows, extras="", interlaced=False, local=None):
+    """A file made by gifbuild from its text form: rows of hex indices (or
+    of digits, when rows are plain strings without spaces)."""
+    text = "screen width %d\nscreen height %d\nscreen colors %d\nscreen background 0\npixel aspect byte 0\n" % (
+        w, h, len(colours))
+    text += "screen map\n" + colour_map(colours) + "end\n" + extras + "image # 1\nimage left 0\nimage top 0\n"
+    if interlaced:
+        text += "image interlaced\n"
+    if local:
+        text += "image map\n" + colour_map(local) + "end\n"
+    hexed = " " in rows[0]
+    text += "image bits %d by %d%s\n" % (w, h, " hex" if hexed else "") + "\n".join(rows) + "\n"
+    return gifbuild(text, name)
+
+
 def pillow_info(p):
     from PIL import Image
     with Image.open(p) as im:
@@ -54,54 +73,15 @@ SOURCES = [
     ("netpbm 2", lambda: netpbm("pbmmake -g 31 9 | pamtogif 2>/dev/null", "n2.gif")),
     ("netpbm transparent", lambda: netpbm("convert %s ppm:- | pnmquant 32 2>/dev/null | pamtogif -transparent=#000000 "
                                          "2>/dev/null" % " ".join(PLASMA), "nt.gif")),
-    ("giflib interlaced with comment", lambda: gifbuild("""screen width 5
-screen height 9
-screen colors 16
-screen background 0
-pixel aspect byte 0
-screen map
-\tsort flag off
-""" + "".join("\trgb %03d %03d %03d is %d\n" % (i * 16, 255 - i * 16, i * 3, i) for i in range(16)) + """end
-comment
-made by gifbuild, with, commas
-end
-image # 1
-image left 0
-image top 0
-image interlaced
-image bits 5 by 9 hex
-00 01 02 03 04
-01 02 03 04 05
-02 03 04 05 06
-03 04 05 06 07
-04 05 06 07 08
-05 06 07 08 09
-06 07 08 09 0a
-07 08 09 0a 0b
-08 09 0a 0b 0c
-""", "g16.gif")),
-    ("giflib 89a 256", lambda: gifbuild("""screen width 4
-screen height 3
-screen colors 256
-screen background 0
-pixel aspect byte 0
-screen map
-\tsort flag off
-""" + "".join("\trgb %03d %03d %03d is %d\n" % (i, (i * 7) % 256, 255 - i, i) for i in range(256)) + """end
-graphics control
-\tdisposal mode 0
-\tuser input flag off
-\tdelay 0
-\ttransparent index 7
-end
-image # 1
-image left 0
-image top 0
-image bits 4 by 3 hex
-00 07 fe ff
-10 20 30 40
-7f 80 81 07
-""", "g256.gif")),
+    ("giflib interlaced with comment",
+     lambda: giflib(5, 9, [(i * 16, 255 - i * 16, i * 3) for i in range(16)], "g16.gif", interlaced=True,
+                    rows=[" ".join("%02x" % (y + x) for x in range(5)) for y in range(9)],
+                    extras="comment\nmade by gifbuild, with, commas\nend\n")),
+    ("giflib 89a 256",
+     lambda: giflib(4, 3, [(i, (i * 7) % 256, 255 - i) for i in range(256)], "g256.gif",
+                    rows=["00 07 fe ff", "10 20 30 40", "7f 80 81 07"],
+                    extras="graphics control\n\tdisposal mode 0\n\tuser input flag off\n\tdelay 0\n"
+                           "\ttransparent index 7\nend\n")),
 ]
 
 
@@ -138,26 +118,8 @@ def two_colours_become_eight_bits():
 
 def global_table_wins_over_local():
     """Deliberate difference: Pillow uses the local table, we the global one."""
-    glob = "".join("\trgb %03d %03d %03d is %d\n" % (i * 60, 0, 0, i) for i in range(4))
-    loc = "".join("\trgb %03d %03d %03d is %d\n" % (0, i * 60, 200, i) for i in range(4))
-    p = gifbuild("""screen width 4
-screen height 2
-screen colors 4
-screen background 0
-pixel aspect byte 0
-screen map
-\tsort flag off
-""" + glob + """end
-image # 1
-image left 0
-image top 0
-image map
-\tsort flag off
-""" + loc + """end
-image bits 4 by 2
-0123
-3210
-""", "gl.gif")
+    p = giflib(4, 2, [(i * 60, 0, 0) for i in range(4)], "gl.gif", rows=["0123", "3210"],
+               local=[(0, i * 60, 200) for i in range(4)])
     ours = B.load(p)
     from PIL import Image
     with Image.open(p) as im:
