@@ -259,6 +259,24 @@ int walk_markers(byte_source &s, int32_t offset, bool tables_only) {
 // then: bytes fetched since `linear` lie back to back just behind p, and only
 // bytes fetched one at a time (near a 0xFF or the buffer's end) have their
 // address noted.
+// Eight raw bytes without a 0xFF advance one by one: takes the whole bytes
+// that fit in one step, or answers false to leave them to the byte-at-a-time
+// refill.
+__attribute__((always_inline)) inline bool fill_word(uint64_t &acc, int &nbits, const uint8_t *&p, unsigned &fetched,
+                                                    const uint8_t *limit) {
+    if (p + 8 > limit) return false;
+    uint64_t w;
+    std::memcpy(&w, p, 8);
+    const uint64_t x = ~w;
+    if ((x - 0x0101010101010101ull) & ~x & 0x8080808080808080ull) return false;
+    acc |= __builtin_bswap64(w) >> nbits;
+    const int k = (64 - nbits) >> 3;
+    p += k;
+    fetched += k;
+    nbits += 8 * k;
+    return true;
+}
+
 struct bit_reader {
     uint64_t acc;          // unread bits, left-aligned; below them the next byte's bits or zeros
     int nbits;
@@ -268,23 +286,8 @@ struct bit_reader {
     const uint8_t *limit;  // fetches stop here and give zero bits
     const uint8_t *ring[8];  // addresses of the last bytes fetched before `linear`
 
-    // Eight raw bytes without a 0xFF advance one by one: take the whole
-    // bytes that fit in one step.
-    __attribute__((always_inline)) void fill() {
-        if (p + 8 <= limit) {
-            uint64_t w;
-            std::memcpy(&w, p, 8);
-            const uint64_t x = ~w;
-            if (!((x - 0x0101010101010101ull) & ~x & 0x8080808080808080ull)) {
-                acc |= __builtin_bswap64(w) >> nbits;
-                const int k = (64 - nbits) >> 3;
-                p += k;
-                fetched += k;
-                nbits += 8 * k;
-                return;
-            }
-        }
-        fill_bytes();
+    void fill() {
+        if (!fill_word(acc, nbits, p, fetched, limit)) fill_bytes();
     }
     void fill_bytes() {
         for (unsigned i = fetched - (fetched - linear < 8 ? fetched - linear : 8); i != fetched; i++)
@@ -318,17 +321,6 @@ struct bit_reader {
         while (mask < 0x80 && used < 8) mask <<= 1, used++;
         acc <<= used;
         nbits -= used;
-    }
-    uint32_t peek(int n) const { return static_cast<uint32_t>(acc >> (64 - n)); }
-    void skip(int n) {
-        acc <<= n;
-        nbits -= n;
-    }
-    int receive_extend(int s) {
-        if (!s) return 0;
-        int v = static_cast<int>(peek(s));
-        skip(s);
-        return v < (1 << (s - 1)) ? v - ((1 << s) - 1) : v;
     }
 };
 
@@ -403,19 +395,7 @@ struct bits_local {
     explicit bits_local(bit_reader &b) : br(b), acc(b.acc), nbits(b.nbits), p(b.p), fetched(b.fetched) {}
     void save() const { br.acc = acc, br.nbits = nbits, br.p = p, br.fetched = fetched; }
     __attribute__((always_inline)) void fill() {
-        if (p + 8 <= br.limit) {
-            uint64_t w;
-            std::memcpy(&w, p, 8);
-            const uint64_t x = ~w;
-            if (!((x - 0x0101010101010101ull) & ~x & 0x8080808080808080ull)) {
-                acc |= __builtin_bswap64(w) >> nbits;
-                const int k = (64 - nbits) >> 3;
-                p += k;
-                fetched += k;
-                nbits += 8 * k;
-                return;
-            }
-        }
+        if (fill_word(acc, nbits, p, fetched, br.limit)) return;
         save();
         br.fill_bytes();
         acc = br.acc, nbits = br.nbits, p = br.p, fetched = br.fetched;
