@@ -11,11 +11,13 @@
 
 picture load_pic(const bytes &file, int *code, int page) {
     block_ref b(file);
+    const int live = mem_live_blocks();
     int h = IMG_decompress_bitmap_mem(b.data, page);
     if (code) *code = h;
-    if (h < 0) return {};
-    picture p = picture_of(h);
-    IMG_delete_bitmap(h);
+    picture p = h >= 0 ? picture_of(h) : picture{};
+    if (h >= 0) IMG_delete_bitmap(h);
+    EXPECT_EQ(mem_live_blocks(), live) << "load gave " << h << ": a block was left behind";
+    EXPECT_EQ(scratch_count(), 0) << "load gave " << h;
     return p;
 }
 

@@ -215,6 +215,33 @@ def load_at_offset(path, lead):
         LIB.IMG_delete_bitmap(h)
 
 
+def test_rgb(w, h):
+    """A colour picture: two gradients, a texture and a flat band."""
+    from PIL import Image
+    y, x = np.mgrid[0:h, 0:w]
+    a = np.stack([x * 255 // (w - 1), y * 255 // (h - 1), (x * 7 + y * 13) % 256], axis=-1).astype(np.uint8)
+    a[h // 3: h // 2] = [200, 30, 90]
+    return Image.fromarray(a, "RGB")
+
+
+def test_page(w=400, h=300):
+    """A bilevel page: text, a box, a disc, a dither patch and rows of noise,
+    so fax coders meet every mode."""
+    from PIL import Image, ImageDraw
+    im = Image.new("1", (w, h), 1)
+    d = ImageDraw.Draw(im)
+    for i in range(11):
+        d.text((10, 10 + 22 * i), "Brivanta fax line %02d: The quick brown fox jumps" % i, fill=0)
+    d.rectangle((300, 40, 380, 120), outline=0)
+    d.ellipse((250, 160, 390, 250), fill=0)
+    for yy in range(130, 155):
+        for xx in range(300, 390):
+            if (xx + yy) % 3 == 0:
+                im.putpixel((xx, yy), 0)
+    im.paste(Image.fromarray(np.random.RandomState(4).randint(0, 2, (40, w)).astype(bool)), (0, h - 40))
+    return im
+
+
 def psnr(a, c):
     assert a.shape == c.shape, "shape %s != %s" % (a.shape, c.shape)
     mse = ((a.astype(float) - c.astype(float)) ** 2).mean()

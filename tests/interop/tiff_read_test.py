@@ -9,7 +9,7 @@ import numpy as np
 
 sys.path.insert(0, os.path.dirname(__file__))
 import brivanta as b  # noqa: E402
-from PIL import Image, ImageDraw  # noqa: E402
+from PIL import Image  # noqa: E402
 
 b.require("tiffcp", "fax2tiff", "pbmtog3", "tiff2rgba", "convert", "pnmtotiff")
 path = b.tmp
@@ -17,27 +17,7 @@ path = b.tmp
 os.environ["TMPDIR"] = os.path.dirname(path("x"))
 
 
-def rgb_picture(w=61, h=37):
-    y, x = np.mgrid[0:h, 0:w]
-    a = np.stack([(x * 255 // (w - 1)), (y * 255 // (h - 1)), ((x * 7 + y * 13) % 256)], axis=-1).astype(np.uint8)
-    a[h // 3: h // 2, :] = [200, 30, 90]
-    return Image.fromarray(a, "RGB")
-
-
-def page_picture(w=400, h=300):
-    """A bilevel page: text, rules, boxes and a dither patch."""
-    im = Image.new("1", (w, h), 1)
-    d = ImageDraw.Draw(im)
-    for i in range(12):
-        d.text((10, 10 + 22 * i), "Brivanta fax line %02d: The quick brown fox jumps" % i, fill=0)
-    d.rectangle((300, 40, 380, 120), outline=0)
-    d.line((0, h - 5, w - 1, h - 5), fill=0, width=3)
-    d.ellipse((250, 180, 390, 290), fill=0)
-    for yy in range(150, 175):
-        for xx in range(300, 390):
-            if (xx + yy) % 3 == 0:
-                im.putpixel((xx, yy), 0)
-    return im
+page_picture, rgb_picture = b.test_page, lambda: b.test_rgb(61, 37)
 
 
 RGB, GRAY, PAGE = path("src.ppm"), path("src.pgm"), path("page.pbm")

@@ -11,29 +11,12 @@ import numpy as np
 
 sys.path.insert(0, os.path.dirname(__file__))
 import brivanta as b  # noqa: E402
-from PIL import Image, ImageDraw  # noqa: E402
 
 b.require("tiffinfo", "tiffcp", "g3topbm")
 path = b.tmp
 
 
-def page(w=400, h=300):
-    im = Image.new("1", (w, h), 1)
-    d = ImageDraw.Draw(im)
-    for i in range(10):
-        d.text((8, 8 + 22 * i), "Brivanta writes line %02d: quick brown fox" % i, fill=0)
-    d.ellipse((250, 150, 390, 290), fill=0)
-    d.rectangle((300, 20, 380, 100), outline=0)
-    noise = np.random.RandomState(4).randint(0, 2, (40, w)).astype(bool)
-    im.paste(Image.fromarray(noise), (0, h - 40))
-    return im
-
-
-def rgb(w=83, h=57):
-    y, x = np.mgrid[0:h, 0:w]
-    a = np.stack([x * 255 // (w - 1), y * 255 // (h - 1), (x * 7 + y * 13) % 256], axis=-1).astype(np.uint8)
-    a[h // 3: h // 2] = [200, 30, 90]
-    return Image.fromarray(a, "RGB")
+page, rgb = b.test_page, lambda: b.test_rgb(83, 57)
 
 
 SOURCES = {
