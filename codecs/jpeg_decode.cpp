@@ -4,6 +4,8 @@
 #include "codecs/jpeg.h"
 #include "frame/byte_source.h"
 
+#include <bit>
+
 #if defined(__x86_64__) || defined(__i386__)
 #include <immintrin.h>
 #endif
@@ -269,7 +271,8 @@ __attribute__((always_inline)) inline bool fill_word(uint64_t &acc, int &nbits, 
     std::memcpy(&w, p, 8);
     const uint64_t x = ~w;
     if ((x - 0x0101010101010101ull) & ~x & 0x8080808080808080ull) return false;
-    acc |= __builtin_bswap64(w) >> nbits;
+    if constexpr (std::endian::native == std::endian::little) w = __builtin_bswap64(w);
+    acc |= w >> nbits;
     const int k = (64 - nbits) >> 3;
     p += k;
     fetched += k;
