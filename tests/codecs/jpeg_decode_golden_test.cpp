@@ -75,7 +75,7 @@ struct bit_writer {
     }
 };
 
-enum mix { natural, dense, ones, flat };
+enum mix { natural, dense, ones, flat, strong };
 
 struct stream_spec {
     const char *name;
@@ -104,6 +104,12 @@ void make_block(lcg &r, mix m, int16_t (&z)[64]) {
     mix kind = m == natural ? static_cast<mix>(r.next(10) < 6 ? natural : r.next(3) ? flat : ones) : m;
     z[0] = static_cast<int16_t>(static_cast<int>(r.next(161)) - 80);
     if (kind == flat) return;
+    if (kind == strong) {
+        // A few large coefficients: with the quantisers below, blocks whose
+        // magnitudes sum to either side of the transform's 16-bit limit.
+        for (int i = 2 + static_cast<int>(r.next(9)); i > 0; i--) z[1 + r.next(20)] = value(6 + static_cast<int>(r.next(4)), false);
+        return;
+    }
     for (int k = 1; k < 64; k++) {
         if (kind == dense) {
             z[k] = value(1 + static_cast<int>(r.next(10)), false);
@@ -300,6 +306,8 @@ const stream_spec streams[] = {
     {"dense wrapping quantisers", 260, 200, 3, 2, 2, 4, dense, true, 1},
     {"grey dense wrapping", 300, 200, 1, 1, 1, 0, dense, true, 0},
     {"flat", 1600, 1200, 3, 2, 2, 0, flat, false, 1},
+    {"strong 420", 320, 240, 3, 2, 2, 0, strong, false, 1},
+    {"strong 444 restart 5", 240, 160, 3, 1, 1, 5, strong, false, 1},
 };
 
 }  // namespace
@@ -326,6 +334,8 @@ TEST(JpegDecodeGolden, GeneratedStreamsAcrossManyRefills) {
         {0, 200, 0x939a3176291c895ull},  // dense wrapping quantisers
         {0, 200, 0xcac9a5578241fde3ull},  // grey dense wrapping
         {0, 1200, 0x9995efa0c5556943ull},  // flat
+        {0, 240, 0x4173a4cc4a2797d3ull},  // strong 420
+        {0, 160, 0xf40ef8c72a859ca0ull},  // strong 444 restart 5
     };
     static_assert(std::size(want) == std::size(streams));
     for (size_t i = 0; i < std::size(streams); i++) {
@@ -429,7 +439,7 @@ TEST(JpegDecodeGolden, TransformIsExactAroundItsSixteenBitLimit) {
         for (int i = 0; i < 64; i++) coefT[(i & 7) * 8 + (i >> 3)] = coef[i];
         int8_t a[64], b[64];
         jpeg_idct_8x8(coef, 0xFF, a, 8);
-        for (int bits : {256, 128}) {
+        for (int bits : {256, 128, 0}) {
             jpeg_decoder_limit_vectors(bits);
             jpeg_idct_8x8_transposed(coefT, b, 8);
             jpeg_decoder_limit_vectors(256);
