@@ -129,6 +129,12 @@ using reader_fn = int (*)(int32_t where, IMG_put_row_fn put_row, void *context,
                           IMG_begin_image_fn begin_image, int fd);
 using writer_fn = int (*)(int fd, const dib_info *header, IMG_get_row_fn get_row, void *context);
 
+// Where the row sink would store row r as it stands (the handle's own sink,
+// no depth reduction, no shrinking): a reader may build the row's
+// row_bytes(width, bits) bytes there and pass that address to put_row, which
+// then has nothing to copy.  Null for any other sink or row.
+uint8_t *load_row_target(IMG_put_row_fn put_row, void *context, int r);
+
 constexpr uint32_t WHERE_PAGE = 0x80000000u;
 inline bool where_is_page(int32_t where) { return (static_cast<uint32_t>(where) & WHERE_PAGE) != 0; }
 inline int32_t where_page(int32_t where) { return static_cast<int32_t>(static_cast<uint32_t>(where) & 0x7FFFFFFF); }

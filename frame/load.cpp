@@ -198,8 +198,21 @@ int IMG_CALLBACK handle_put_row(unsigned char *row, void *context, int r, int) {
     }
     auto *dib = static_cast<uint8_t *>(rec->dib_address);
     uint32_t offset = 40 + palette_bytes(bits) + static_cast<uint32_t>(rec->height - r - 1) * rec->stride;
-    std::memcpy(dib + offset, row, row_bytes(rec->width, bits));
+    if (row != dib + offset) std::memcpy(dib + offset, row, row_bytes(rec->width, bits));
     return 0;
+}
+
+uint8_t *load_row_target(IMG_put_row_fn put_row, void *context, int r) {
+    if (put_row != handle_put_row || !context) return nullptr;
+    auto *ctx = static_cast<load_context *>(context);
+    if (!ctx->header || ctx->reduction) return nullptr;
+    const dib_info *a = dib_of(ctx->header);
+    handle_record *rec = handle_get(ctx->handle);
+    if (shrinking(a) || !rec || !rec->dib_address || r < 0 || r >= a->biHeight || rec->height != a->biHeight ||
+        rec->width != a->biWidth)
+        return nullptr;
+    return static_cast<uint8_t *>(rec->dib_address) + 40 + palette_bytes(a->biBitCount) +
+           static_cast<uint32_t>(rec->height - r - 1) * rec->stride;
 }
 
 // ---- Exports -------------------------------------------------------------------
