@@ -1,6 +1,7 @@
-// The TIFF LZW decoder: a string table of (prefix, suffix, length) entries,
-// strings written backwards from their last byte straight into the row
-// buffer, or copied from where they last stood when that is still there.
+// The TIFF LZW decoder: a string table whose entries remember where each
+// string last stood in the output, so a code's string is copied forward from
+// there in 16-byte blocks; only a string the output has moved past is
+// rebuilt backwards from its last byte through the prefix chain.
 #include "codecs/lzw.h"
 
 #include <bit>
@@ -11,16 +12,52 @@ constexpr int CLEAR = 256;
 constexpr int END = 257;
 constexpr int FIRST_FREE = 258;
 constexpr int TABLE = 4096;
+// The most one code adds to the output, with room for the block copies' overshoot.
 constexpr uint32_t MAX_STRING = TABLE + 32;
+constexpr int32_t INPUT_SLACK = 16;  // zeroed bytes behind the input, so 8-byte loads stay inside
+constexpr int32_t LATER_READ = 4096;
 
-// Codes come from a 64-bit window refilled eight bytes at a time; the input
-// buffer keeps 16 bytes of slack so the wide loads never leave it.
+// One table entry in one word: where the string last stood (as an offset
+// into the strip's output), its length, its first byte and its last byte.
+constexpr uint64_t make_entry(uint32_t where, uint32_t length, uint32_t first, uint32_t last) {
+    return where | uint64_t{length} << 32 | uint64_t{first} << 48 | uint64_t{last} << 56;
+}
+constexpr uint32_t where_of(uint64_t e) { return static_cast<uint32_t>(e); }
+constexpr uint32_t length_of(uint64_t e) { return static_cast<uint32_t>(e >> 32) & 0xFFFF; }
+constexpr uint32_t first_of(uint64_t e) { return static_cast<uint32_t>(e >> 48) & 0xFF; }
+constexpr uint32_t last_of(uint64_t e) { return static_cast<uint32_t>(e >> 56); }
+
+using block16 = uint8_t __attribute__((vector_size(16)));
+// n bytes in 16-byte blocks, each loaded before it is stored: right for a
+// source that ends at least n bytes before dst, whatever the overshoot reads.
+inline void copy_blocks(uint8_t *dst, const uint8_t *src, uint32_t n) {
+    for (uint32_t k = 0; k < n; k += 16) {
+        block16 t;
+        std::memcpy(&t, src + k, 16);
+        std::memcpy(dst + k, &t, 16);
+    }
+}
+
+// The string of code c (a literal or a table entry), written backwards from
+// its last byte so that it ends just before end.
+inline void walk_back(const uint64_t *entries, const uint16_t *prefix, int c, uint8_t *end) {
+    while (c >= 256) {
+        *--end = static_cast<uint8_t>(last_of(entries[c]));
+        c = prefix[c];
+    }
+    *--end = static_cast<uint8_t>(c);
+}
+
+// Codes come from a 64-bit window; the input is read in blocks, the first
+// of a strip sized by what the previous strip took.
 struct code_reader {
     int fd;
     uint8_t *in;
     int32_t size;
     const uint8_t *ip, *iend;
-    int32_t left;  // source bytes not yet read
+    int32_t left;   // source bytes not yet read
+    int32_t chunk;  // the most the next read asks for
+    int32_t taken;  // bytes read in this strip
     uint64_t acc;
     int nbits;
 
@@ -30,9 +67,11 @@ struct code_reader {
         std::memmove(in, ip, static_cast<size_t>(keep));
         ip = in;
         iend = in + keep;
-        int32_t room = size - 16 - keep;
-        if (left <= 0 || room <= 0) return false;
-        int32_t want = room < left ? room : left;
+        int32_t want = size - INPUT_SLACK - keep;
+        if (want > chunk) want = chunk;
+        if (want > left) want = left;
+        chunk = LATER_READ;
+        if (want <= 0) return false;
         int32_t n = file_read(fd, in + keep, want);
         if (n <= 0) {
             left = 0;
@@ -40,8 +79,9 @@ struct code_reader {
         }
         if (n > want) n = want;
         left -= n;
+        taken += n;
         iend += n;
-        std::memset(in + keep + n, 0, 16);
+        std::memset(in + keep + n, 0, INPUT_SLACK);
         return true;
     }
     // Makes at least width bits ready; false when the data ran out.
@@ -55,39 +95,35 @@ struct code_reader {
             }
             return nbits >= width;
         }
+        wide();
+        return true;
+    }
+    // Eight bytes at once: the window ends up holding 56 to 63 bits.
+    void wide() {
         uint64_t v;
         std::memcpy(&v, ip, 8);
         if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
         acc |= v >> nbits;
         ip += (63 - nbits) >> 3;
         nbits |= 56;
-        return true;
     }
-    int take(int width) {
-        int code = static_cast<int>(acc >> (64 - width));
-        acc <<= width;
-        nbits -= width;
-        return code;
-    }
-    int next(int width) { return ready(width) ? take(width) : -1; }
+    // Bytes of this strip's reads that codes have used.
+    int32_t used() const { return taken - static_cast<int32_t>(iend - ip) - nbits / 8; }
 };
 
 }  // namespace
 
 int tiff_lzw_begin(tiff_lzw_state &s) {
     s = tiff_lzw_state{};
-    auto *p = static_cast<uint8_t *>(scratch_alloc(TABLE * 10 + 16));
+    auto *p = static_cast<uint8_t *>(scratch_alloc(TABLE * 10 + 256 + 16));
     if (!p) return IMG_ERR_MEMORY;
     s.block = p;
-    s.where = reinterpret_cast<uint32_t *>(p);
-    s.prefix = reinterpret_cast<uint16_t *>(p + TABLE * 4);
-    s.length = reinterpret_cast<uint16_t *>(p + TABLE * 6);
-    s.suffix = p + TABLE * 8;
-    s.first = p + TABLE * 9;
+    s.entries = reinterpret_cast<uint64_t *>(p);
+    s.prefix = reinterpret_cast<uint16_t *>(p + TABLE * 8);
+    s.literals = p + TABLE * 10;
     for (int i = 0; i < 256; i++) {
-        s.prefix[i] = 0xFFFF;
-        s.length[i] = 1;
-        s.suffix[i] = s.first[i] = static_cast<uint8_t>(i);
+        s.entries[i] = make_entry(0, 1, static_cast<uint32_t>(i), static_cast<uint32_t>(i));
+        s.literals[i] = static_cast<uint8_t>(i);
     }
     return 0;
 }
@@ -105,131 +141,156 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
     r.in = in;
     r.size = in_size;
     r.ip = r.iend = in;
+    r.chunk = s.next_read > 0 ? s.next_read : in_size;
     int32_t here = file_seek(fd, 0, 1), end = file_size_hint(fd);
     r.left = here < 0 || end < here ? 0 : end - here;
-
-    uint16_t *prefix = s.prefix, *length = s.length;
-    uint8_t *suffix = s.suffix, *first = s.first;
-    uint32_t *where = s.where;
-    uint32_t start = 0, fill = 0;  // undelivered bytes are out[start, fill)
-    uint32_t base = 0;             // the strip offset of out[0]
-    uint32_t prev_at = 0;          // the strip offset of the previous code's string
-    int done = 0;
-    int next = FIRST_FREE, width = 9, prev = -1;
-
-    int code = r.next(9);
-    if (code < 0) return IMG_ERR_DATA;
+    if (!r.ready(9)) return IMG_ERR_DATA;
+    int code = static_cast<int>(r.acc >> 55);
+    r.acc <<= 9;
+    r.nbits -= 9;
     if (code != CLEAR) return IMG_ERR_HEADER;
-    // The window lives in locals through the loop; the reader's own copy is
-    // only brought up to date around a refill from the file.
+
+    // All three tables in one block, at fixed distances from the first.
+    uint64_t *const entries = s.entries;
+    uint16_t *const prefix = reinterpret_cast<uint16_t *>(entries + TABLE);
+    const uint8_t *const literals = reinterpret_cast<const uint8_t *>(entries) + TABLE * 10;
+    const uint32_t room = out_size - MAX_STRING;  // past this the undelivered bytes move to the front
+    uint32_t start = 0, fill = 0;                // undelivered bytes are out[start, fill)
+    uint32_t base = 0;                           // the strip offset of out[0]
+    uint32_t check_at = row_bytes < room ? row_bytes : room;  // the next fill that needs a look
+    int done = 0, rc = 1;
+    int next = FIRST_FREE, width = 9, grow_at = 511;
+    int known = 0;  // codes below this stand for strings: next, or 0 right after a Clear
+    // The previous code: -1 right after a Clear, and the entry its string
+    // would make with one byte more (where it stands, length + 1, first byte).
+    int prev = -1;
+    uint64_t prev_entry = 0;
+    // The window and the input position live in locals through the loop;
+    // the reader's own copies are brought up to date around a refill.
     uint64_t acc = r.acc;
     int nbits = r.nbits;
+    const uint8_t *ip = r.ip, *iend = r.iend;
+    constexpr uint64_t LENGTH_AND_FIRST = 0x00FFFFFF00000000ull, ONE_LONGER = 1ull << 32, LAST = 0xFFull << 56;
     for (;;) {
-        if (code < next && code != CLEAR && code != END) {
-            // The common case: a string already in the table.
-            const uint32_t at = base + fill;
-            uint32_t n = length[code];
-            uint8_t *dst = out + fill;
-            if (code < 256) {
-                *dst = static_cast<uint8_t>(code);
-            } else if (where[code] >= base && at - where[code] >= 16) {
-                // Still in the buffer: copy it, 16 bytes at a time into the slack.
-                const uint8_t *src = out + (where[code] - base);
-                for (uint32_t k = 0; k < n; k += 16) std::memcpy(dst + k, src + k, 16);
+        const uint32_t at = base + fill;
+        uint8_t *const dst = out + fill;
+        if (code < known && static_cast<unsigned>(code - CLEAR) > 1u) {
+            // The common case: a literal or a string already in the table.
+            const uint64_t e = entries[code];
+            const uint32_t n = length_of(e), off = where_of(e) - base;
+            // Literals come from their own table, chosen without a branch:
+            // which kind of code comes next is anyone's guess.
+            const uintptr_t literal = uintptr_t{0} - static_cast<uintptr_t>(code < 256);
+            const auto *src = reinterpret_cast<const uint8_t *>((reinterpret_cast<uintptr_t>(literals + code) & literal) |
+                                                                (reinterpret_cast<uintptr_t>(out + off) & ~literal));
+            if (__builtin_expect((literal | (static_cast<uint64_t>(off) + n <= fill)) != 0, 1)) {
+                copy_blocks(dst, src, 16);
+                if (n > 16) copy_blocks(dst + 16, src + 16, n - 16);
             } else {
-                uint8_t *q = dst + n;
-                int c = code;
-                while (c >= 256) {
-                    *--q = suffix[c];
-                    c = prefix[c];
-                }
-                *--q = static_cast<uint8_t>(c);
+                walk_back(entries, prefix, code, dst + n);  // the output has moved past it
             }
             fill += n;
-            if (prev >= 0 && next < TABLE) {
+            if (next < TABLE) {
                 // The new string is the previous one and this one's first byte, where both stand.
+                entries[next] = prev_entry | ((e << 8) & LAST);
                 prefix[next] = static_cast<uint16_t>(prev);
-                suffix[next] = first[code];
-                first[next] = first[prev];
-                length[next] = static_cast<uint16_t>(length[prev] + 1);
-                where[next] = prev_at;
-                next++;
-                if (next == (1 << width) - 1 && width < 12) width++;
+                if (++next == grow_at) {
+                    width++;
+                    grow_at = width < 12 ? (1 << width) - 1 : 0;
+                }
             }
             prev = code;
-            prev_at = at;
+            known = next;
+            prev_entry = at | ((e & LENGTH_AND_FIRST) + ONE_LONGER);
+        } else if (code == next && prev >= 0) {
+            // The string being defined: the previous one and its own first byte.
+            const uint32_t n = length_of(prev_entry) - 1, off = where_of(prev_entry) - base;
+            const uint8_t first = static_cast<uint8_t>(first_of(prev_entry));
+            if (static_cast<uint64_t>(off) + n <= fill)
+                copy_blocks(dst, out + off, n);
+            else
+                walk_back(entries, prefix, prev, dst + n);
+            dst[n] = first;
+            fill += n + 1;
+            if (next < TABLE) {
+                entries[next] = prev_entry | static_cast<uint64_t>(first) << 56;
+                prefix[next] = static_cast<uint16_t>(prev);
+                if (++next == grow_at) {
+                    width++;
+                    grow_at = width < 12 ? (1 << width) - 1 : 0;
+                }
+            }
+            prev = code;
+            known = next;
+            prev_entry = at | ((prev_entry & LENGTH_AND_FIRST) + ONE_LONGER);
         } else if (code == CLEAR) {
             next = FIRST_FREE;
             width = 9;
+            grow_at = 511;
             prev = -1;
+            known = 0;
         } else if (code == END) {
-            // The rest of the strip repeats the buffer as it stands.
-            while (done < row_count) {
-                if (int rc = sink(context, out + start, first_row + done); rc < 0) return rc;
-                done++;
-            }
-            return 1;
-        } else if (code == next && prev >= 0) {
-            // The string being defined: the previous one and its own first byte.
-            const uint32_t at = base + fill;
-            uint32_t n = length[prev];
-            uint8_t *q = out + fill + n;
-            out[fill + n] = first[prev];
-            int c = prev;
-            while (c >= 256) {
-                *--q = suffix[c];
-                c = prefix[c];
-            }
-            *--q = static_cast<uint8_t>(c);
-            fill += n + 1;
-            if (next < TABLE) {
-                prefix[next] = static_cast<uint16_t>(prev);
-                suffix[next] = first[prev];
-                first[next] = first[prev];
-                length[next] = static_cast<uint16_t>(n + 1);
-                where[next] = prev_at;
-                next++;
-                if (next == (1 << width) - 1 && width < 12) width++;
-            }
+            // The rest of the strip repeats the buffer as it stands; what no
+            // code reached is zero.
+            std::memset(out + fill, 0, start + row_bytes - fill);
+            for (; done < row_count; done++)
+                if (rc = sink(context, out + start, first_row + done); rc < 0) goto finish;
+            rc = 1;
+            goto finish;
+        } else if (code < 256) {
+            // The first code after a Clear stands for itself.
+            *dst = static_cast<uint8_t>(code);
+            fill++;
             prev = code;
-            prev_at = at;
+            known = next;
+            prev_entry = at | make_entry(0, 2, static_cast<uint32_t>(code), 0);
         } else {
-            return IMG_ERR_HEADER;  // beyond the table, or a string code right after Clear
+            rc = IMG_ERR_HEADER;  // beyond the table, or a string code right after Clear
+            goto finish;
         }
-        if (fill - start >= row_bytes) {
-            do {
-                if (int rc = sink(context, out + start, first_row + done); rc < 0) return rc;
+        if (fill >= check_at) {
+            while (fill - start >= row_bytes) {
+                if (rc = sink(context, out + start, first_row + done); rc < 0) goto finish;
                 start += row_bytes;
-                if (++done >= row_count) return 1;
-            } while (fill - start >= row_bytes);
+                if (++done >= row_count) {
+                    rc = 1;
+                    goto finish;
+                }
+            }
+            if (fill > room) {
+                std::memmove(out, out + start, fill - start);
+                fill -= start;
+                base += start;
+                start = 0;
+            }
+            check_at = start + row_bytes < room ? start + row_bytes : room;
         }
-        if (out_size - fill < MAX_STRING) {
-            std::memmove(out, out + start, fill - start);
-            fill -= start;
-            base += start;
-            start = 0;
-        }
-        if (nbits < width) {
-            if (r.iend - r.ip >= 8) {
-                uint64_t v;
-                std::memcpy(&v, r.ip, 8);
-                if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
-                acc |= v >> nbits;
-                r.ip += (63 - nbits) >> 3;
-                nbits |= 56;
-            } else {
-                r.acc = acc;
-                r.nbits = nbits;
-                bool ok = r.ready(width);
-                acc = r.acc;
-                nbits = r.nbits;
-                if (!ok) return IMG_ERR_DATA;
+        if (iend - ip >= 8) {
+            uint64_t v;
+            std::memcpy(&v, ip, 8);
+            if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
+            acc |= v >> nbits;
+            ip += (63 - nbits) >> 3;
+            nbits |= 56;
+        } else if (nbits < width) {
+            r.acc = acc, r.nbits = nbits, r.ip = ip;
+            bool ok = r.ready(width);
+            acc = r.acc, nbits = r.nbits, ip = r.ip, iend = r.iend;
+            if (!ok) {
+                rc = IMG_ERR_DATA;
+                goto finish;
             }
         }
         code = static_cast<int>(acc >> (64 - width));
         acc <<= width;
         nbits -= width;
     }
+finish:
+    // The next strip's first read: what this one took, and a margin.
+    r.acc = acc, r.nbits = nbits, r.ip = ip;
+    const int32_t used = r.used();
+    s.next_read = used + used / 8 + 256;
+    return rc;
 }
 
 // ---- Encoder ---------------------------------------------------------------------

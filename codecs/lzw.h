@@ -7,11 +7,10 @@
 using lzw_sink = int (*)(void *context, uint8_t *row, int row_index);
 
 struct tiff_lzw_state {
-    uint16_t *prefix;  // 4096 entries each
-    uint16_t *length;
-    uint8_t *suffix;
-    uint8_t *first;
-    uint32_t *where;   // where each string last stood in the output, counted over the strip
+    uint64_t *entries;  // 4096: where each string last stood in the strip's output, length, first and last byte
+    uint16_t *prefix;   // 4096: the code of the string one byte shorter
+    uint8_t *literals;  // the 256 one-byte strings, and room for 16-byte block reads
+    int32_t next_read;  // the next strip's first read: the last strip's size and a margin
     void *block;
 };
 
