@@ -603,33 +603,54 @@ int tiff_read_uncompressed(tiff_reader &r) {
     return 0;
 }
 
-// PackBits input: bytes [pos, len) of buf are unread.  A strip's first read
-// is sized by what the previous strip took, so a strip usually costs one
-// read and few bytes are copied in that are never used.
+// PackBits input: bytes [pos, len) of buf are unread.  A memory source is
+// decoded where it stands; otherwise a strip's first read is sized by what
+// the previous strip took, so a strip usually costs one read and few bytes
+// are copied in that are never used.
 struct packbits_input {
     tiff_reader *r;
-    uint8_t *buf;  // cap bytes, and slack behind them for wide copies
+    const uint8_t *buf;
+    uint8_t *own;  // the read buffer: cap bytes, and slack behind them
     int32_t cap, pos, len;
     int32_t taken;  // bytes consumed from the current strip before the last move
+    bool mapped;    // buf is the source itself: there is nothing more to read
 
+    // Positions at the strip the file stands at and reads its first bytes;
+    // false when there are none.
+    bool begin(int32_t first_read) {
+        pos = len = taken = 0;
+        int32_t count;
+        if (const uint8_t *m = file_map(r->fd, &count)) {
+            mapped = true;
+            buf = m;
+            len = count;
+            return count > 0;
+        }
+        mapped = false;
+        buf = own;
+        return more(first_read);
+    }
     // Reads up to chunk more bytes behind the unread ones; false when the
     // source has nothing more.
     bool more(int32_t chunk) {
+        if (mapped) return false;
         if (cap - len < chunk && pos > 0) {
-            std::memmove(buf, buf + pos, static_cast<size_t>(len - pos));
+            std::memmove(own, own + pos, static_cast<size_t>(len - pos));
             taken += pos;
             len -= pos;
             pos = 0;
         }
         int32_t want = cap - len < chunk ? cap - len : chunk;
-        int32_t got = want > 0 ? read_here(*r, buf + len, want) : 0;
+        int32_t got = want > 0 ? read_here(*r, own + len, want) : 0;
         len += got;
         return got > 0;
     }
 };
 
-// The most one control byte and its data can take.
+// The most one control byte and its data can take, and the most a literal's
+// 16-byte block copy reads.
 constexpr int32_t PACKBITS_STEP = 1 + 128;
+constexpr int32_t PACKBITS_REACH = PACKBITS_STEP + 16;
 constexpr int32_t PACKBITS_SLACK = 200;
 
 // One row of rs bytes into row (which has PACKBITS_SLACK bytes of room
@@ -638,20 +659,29 @@ constexpr int32_t PACKBITS_SLACK = 200;
 bool unpack_row(packbits_input &in, uint8_t *row, uint32_t rs, int32_t chunk) {
     uint32_t x = 0;
     while (x < rs) {
-        if (in.len - in.pos < PACKBITS_STEP) {
-            // Near the end of what was read: top up, then take this control
-            // byte only if all of its data is there.
-            while (in.len - in.pos < PACKBITS_STEP && in.more(chunk)) {
-            }
-            int32_t avail = in.len - in.pos;
-            if (avail < 1) return false;
-            int n = in.buf[in.pos];
-            if (avail < (n < 128 ? n + 2 : 2)) return false;
-        }
         const uint8_t *p = in.buf + in.pos;
-        const int n = p[0];
-        if (n < 128) {
-            // Whole 16-byte copies: both buffers have the slack for the overshoot.
+        const int n = in.len - in.pos >= PACKBITS_REACH ? p[0] : -1;
+        if (n < 0) {
+            // Near the end of what was read: top up, then take this control
+            // byte only if all of its data is there, copying no further.
+            while (in.len - in.pos < PACKBITS_REACH && in.more(chunk)) {
+            }
+            const int32_t avail = in.len - in.pos;
+            if (avail < 1) return false;
+            p = in.buf + in.pos;
+            const int c = p[0];
+            if (avail < (c < 128 ? c + 2 : 2)) return false;
+            uint32_t count = c < 128 ? static_cast<uint32_t>(c) + 1 : static_cast<uint32_t>((257 - c) & 0xFF);
+            const uint32_t keep = rs - x < count ? rs - x : count;
+            if (c < 128)
+                std::memcpy(row + x, p + 1, keep);
+            else
+                std::memset(row + x, p[1], keep);
+            x += keep;
+            in.pos += c < 128 ? static_cast<int32_t>(count) + 1 : 2;
+        } else if (n < 128) {
+            // Whole 16-byte copies: the row has the slack for the overshoot,
+            // and the input holds PACKBITS_REACH bytes here.
             const uint32_t count = static_cast<uint32_t>(n) + 1;
             const uint32_t keep = rs - x < count ? rs - x : count;
             for (uint32_t k = 0; k < keep; k += 16) std::memcpy(row + x + k, p + 1 + k, 16);
@@ -673,17 +703,16 @@ int tiff_read_packbits(tiff_reader &r) {
     const uint32_t rs = r.row_size, height = r.rec.height;
     // Room for a few rows, so wide rows do not force a move after each one.
     const int32_t cap = static_cast<int32_t>(rs > READ_BUFFER_SIZE / 4 ? 4 * rs : READ_BUFFER_SIZE);
-    packbits_input in{&r, static_cast<uint8_t *>(scratch_alloc(static_cast<uint32_t>(cap) + PACKBITS_SLACK)), cap, 0, 0, 0};
+    packbits_input in{&r, nullptr, static_cast<uint8_t *>(scratch_alloc(static_cast<uint32_t>(cap) + PACKBITS_SLACK)), cap, 0, 0, 0, false};
     auto *row = static_cast<uint8_t *>(scratch_alloc((rs > READ_BUFFER_SIZE ? rs : READ_BUFFER_SIZE) + PACKBITS_SLACK));
-    if (!in.buf || !row) return IMG_ERR_MEMORY;
+    if (!in.own || !row) return IMG_ERR_MEMORY;
     const int32_t chunk = static_cast<int32_t>(rs) + 256 > 4096 ? static_cast<int32_t>(rs) + 256 : 4096;
     int32_t first_read = cap;  // what the next strip's first read asks for
     uint32_t strip = 0;
     for (r.plane = 0; r.plane < planes_of(r); r.plane++) {
         for (uint32_t y = 0; y < height; strip++) {
             if (int rc = tiff_strip_seek(r, strip); rc < 0) return rc;
-            in.pos = in.len = in.taken = 0;
-            if (!in.more(first_read)) return IMG_ERR_DATA;
+            if (!in.begin(first_read)) return IMG_ERR_DATA;
             for (uint32_t left = rows_in(r, y); left; left--, y++) {
                 if (!unpack_row(in, row, rs, chunk)) return IMG_ERR_DATA;
                 if (int rc = tiff_row_convert(r, row, static_cast<int>(y)); rc < 0) return rc;

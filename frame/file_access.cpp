@@ -11,6 +11,7 @@ struct memory_source {
     uint8_t *base = nullptr;
     int32_t size = 0;
     int32_t position = 0;
+    bool sized = false;  // size is the block's own, not a stand-in
 };
 memory_source source;
 
@@ -84,6 +85,14 @@ void memory_source_set(void *block) {
     // block of zero bytes is empty, not unbounded.
     mem_block b = mem_handle(block);
     source.size = b ? static_cast<int32_t>(mem_size(b)) : 0x70000000;
+    source.sized = b != 0;
+}
+
+const uint8_t *file_map(int fd, int32_t *count) {
+    *count = 0;
+    if (fd != MEMORY_FD || settings.read_hook || settings.seek_hook || !source.sized || !source.base) return nullptr;
+    if (source.position >= 0 && source.position < source.size) *count = source.size - source.position;
+    return *count ? source.base + source.position : source.base;
 }
 
 void *scratch_alloc(uint32_t size) {

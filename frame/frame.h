@@ -79,6 +79,11 @@ void memory_source_set(void *block);
 // the write position that file_length reports), the file's length otherwise,
 // and INT32_MAX when hooks route the reads.
 int32_t file_size_hint(int fd);
+// The memory source's bytes from its current position to the block's end,
+// for a reader that decodes them where they stand (*count of them, 0 past
+// the end); null for a file, when hooks route the reads, or when the block's
+// size is not known.  The position does not move.
+const uint8_t *file_map(int fd, int32_t *count);
 
 void *scratch_alloc(uint32_t size);  // zero-filled, locked; nullptr on failure
 void scratch_free(void *address);

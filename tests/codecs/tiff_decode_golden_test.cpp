@@ -195,6 +195,17 @@ TEST_P(TiffStripGolden, DecodesTheSourceRows) {
     const uint32_t dib_row = (rb + 3) & ~3u;
     for (uint32_t y = 0; y < c.height; y++) ASSERT_EQ(d.rows[y], expected_row(rows[y], c.samples, dib_row)) << "row " << y;
     EXPECT_EQ(hex(checksum(d)), hex(c.golden));
+    // A memory block is decoded where it stands, a file through reads: same bitmap.
+    const bytes file = build_tiff({p}, c.mm);
+    const std::string name = temp_path(std::string(c.name) + ".tif");
+    write_file(name, file);
+    int from_file = IMG_decompress_bitmap(name.c_str()), from_memory = load_bytes(file);
+    ASSERT_GE(from_file, 0);
+    ASSERT_GE(from_memory, 0);
+    EXPECT_EQ(picture_of(from_file), picture_of(from_memory));
+    IMG_delete_bitmap(from_file);
+    IMG_delete_bitmap(from_memory);
+    std::remove(name.c_str());
 }
 
 INSTANTIATE_TEST_SUITE_P(
