@@ -4,6 +4,7 @@
 #include "codecs/jpeg.h"
 #include "frame/byte_source.h"
 
+#include <algorithm>
 #include <bit>
 
 #if defined(__x86_64__) || defined(__i386__)
@@ -345,31 +346,44 @@ struct decode_table {
 
 inline int extend(int v, int s) { return s == 0 ? 0 : v < (1 << (s - 1)) ? v - ((1 << s) - 1) : v; }
 
+// The bit-serial decode stops at the first length l whose code is at most
+// maxcode[l]; the prefixes that stop there form the range from 0 up to
+// (maxcode[l] + 1) << (LOOKAHEAD - l), so each length claims the part of that
+// range the shorter lengths left, and what no length claims needs more bits.
 void build_decode_table(decode_table &d, const jpeg_huffman_table &t, bool dc) {
     d.t = &t;
-    for (uint32_t v = 0; v < (1u << LOOKAHEAD); v++) {
-        uint32_t e = ENTRY_LONG;
-        for (int l = 1; l <= LOOKAHEAD; l++) {
-            uint32_t code = v >> (LOOKAHEAD - l);
-            if (static_cast<int16_t>(code) > t.maxcode[l]) continue;
-            uint16_t idx = static_cast<uint16_t>(t.valptr[l] + code);
+    uint32_t claimed = 0;
+    for (int l = 1; l <= LOOKAHEAD; l++) {
+        const int32_t top = t.maxcode[l] + 1;
+        const uint32_t bound = top <= 0 ? 0 : std::min<uint32_t>(static_cast<uint32_t>(top) << (LOOKAHEAD - l), 1u << LOOKAHEAD);
+        // Both ends are whole codes of this length: every prefix of one code
+        // gets the same entry, save for the value bits of a full entry.
+        const int spare = LOOKAHEAD - l;
+        for (uint32_t code = claimed >> spare; code < bound >> spare; code++) {
+            uint32_t *out = d.look + (code << spare);
+            const uint16_t idx = static_cast<uint16_t>(t.valptr[l] + code);
+            uint32_t e;
             if (idx >= 256) {
                 e = ENTRY_CORRUPT | l;
-                break;
-            }
-            const int sym = t.huffval[idx], s = sym & 15, r = dc ? 0 : sym >> 4;
-            if (!dc && sym == 0) {
-                e = ENTRY_END | l;
-            } else if ((dc || s) && l + s <= LOOKAHEAD) {
-                int bits = static_cast<int>((v >> (LOOKAHEAD - l - s)) & ((1u << s) - 1));
-                e = ENTRY_FULL | (l + s) | r << 8 | static_cast<uint32_t>(extend(bits, s)) << 16;
             } else {
-                e = ENTRY_SYMBOL | l | sym << 8;
+                const int sym = t.huffval[idx], s = sym & 15, r = dc ? 0 : sym >> 4;
+                if (!dc && sym == 0) {
+                    e = ENTRY_END | l;
+                } else if ((dc || s) && s <= spare) {
+                    for (uint32_t v = 0; v < (1u << spare); v++) {
+                        const int bits = static_cast<int>(v >> (spare - s));
+                        out[v] = ENTRY_FULL | (l + s) | r << 8 | static_cast<uint32_t>(extend(bits, s)) << 16;
+                    }
+                    continue;
+                } else {
+                    e = ENTRY_SYMBOL | l | sym << 8;
+                }
             }
-            break;
+            for (uint32_t v = 0; v < (1u << spare); v++) out[v] = e;
         }
-        d.look[v] = e;
+        claimed = std::max(claimed, bound);
     }
+    for (uint32_t v = claimed; v < (1u << LOOKAHEAD); v++) d.look[v] = ENTRY_LONG;
 }
 
 // A code longer than the prefix, bit by bit, from the next 16 bits: the
