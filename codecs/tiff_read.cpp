@@ -422,17 +422,50 @@ inline int nibble(const uint8_t *w, uint32_t i) { return (w[i >> 1] >> ((i & 1) 
 inline int bit(const uint8_t *w, uint32_t i) { return (w[i >> 3] >> (7 - (i & 7))) & 1; }
 
 // Samples of three or more per pixel, chunky: to a 24-bit BGR row in out.
+// Sample i of a packed row of Bits-bit samples, as the 24-bit row wants it:
+// bytes as they are, nibbles in the high half, bits as 128 or 0.
+template <int Bits>
+inline uint8_t sample_at(const uint8_t *w, uint32_t i) {
+    if constexpr (Bits == 8)
+        return w[i];
+    else if constexpr (Bits == 4)
+        return static_cast<uint8_t>(((w[i >> 1] >> (4 - 4 * (i & 1))) & 15) << 4);
+    else
+        return static_cast<uint8_t>(((w[i >> 3] >> (7 - (i & 7))) & 1) << 7);
+}
+
+// The first three of spp samples per pixel, reversed into a BGR row.
+template <int Bits>
+void colour_row(const uint8_t *w, uint8_t *out, uint32_t width, uint32_t spp) {
+    for (uint32_t x = 0, i = 0; x < width; x++, i += spp, out += 3) {
+        out[0] = sample_at<Bits>(w, i + 2);
+        out[1] = sample_at<Bits>(w, i + 1);
+        out[2] = sample_at<Bits>(w, i);
+    }
+}
+
+// Cyan, magenta, yellow and, when there is a fourth sample, black.
+template <bool Black>
+void cmyk_row(const uint8_t *w, uint8_t *out, uint32_t width, uint32_t spp) {
+    for (uint32_t x = 0; x < width; x++, w += spp, out += 3) {
+        const int k = Black ? w[3] : 0;
+        out[0] = ink(w[2], k);
+        out[1] = ink(w[1], k);
+        out[2] = ink(w[0], k);
+    }
+}
+
+void rgb_to_bgr(const uint8_t *p, uint8_t *out, uint32_t width);
+
+// Samples of three or more per pixel, chunky: to a 24-bit BGR row in out.
 void convert_colour(tiff_reader &r, const uint8_t *w, uint8_t *out, uint32_t bits) {
     const uint32_t width = r.rec.width, spp = r.samples;
     switch (bits == 8 ? r.rec.photometric : 0) {
-    case 5:  // cyan, magenta, yellow, black
-        for (uint32_t x = 0; x < width; x++) {
-            const uint8_t *p = w + spp * x;
-            int k = spp >= 4 ? p[3] : 0;
-            out[3 * x] = ink(p[2], k);
-            out[3 * x + 1] = ink(p[1], k);
-            out[3 * x + 2] = ink(p[0], k);
-        }
+    case 5:
+        if (spp >= 4)
+            cmyk_row<true>(w, out, width, spp);
+        else
+            cmyk_row<false>(w, out, width, spp);
         return;
     case 8:  // CIE L*a*b*: L 0-255 for 0-100, a and b signed
         for (uint32_t x = 0; x < width; x++) {
@@ -442,19 +475,16 @@ void convert_colour(tiff_reader &r, const uint8_t *w, uint8_t *out, uint32_t bit
         return;
     default: break;
     }
-    if (bits == 8) {
-        for (uint32_t x = 0; x < width; x++) {
-            const uint8_t *p = w + spp * x;
-            out[3 * x] = p[2];
-            out[3 * x + 1] = p[1];
-            out[3 * x + 2] = p[0];
-        }
-    } else if (bits == 4) {
-        for (uint32_t x = 0; x < width; x++)
-            for (int c = 0; c < 3; c++) out[3 * x + 2 - c] = static_cast<uint8_t>(nibble(w, spp * x + c) << 4);
-    } else if (bits == 1) {
-        for (uint32_t x = 0; x < width; x++)
-            for (int c = 0; c < 3; c++) out[3 * x + 2 - c] = bit(w, spp * x + c) ? 128 : 0;
+    switch (bits) {
+    case 8:
+        if (spp == 3)
+            rgb_to_bgr(w, out, width);
+        else
+            colour_row<8>(w, out, width, spp);
+        return;
+    case 4: colour_row<4>(w, out, width, spp); return;
+    case 1: colour_row<1>(w, out, width, spp); return;
+    default: return;
     }
 }
 
@@ -797,6 +827,30 @@ int tiff_read_lzw(tiff_reader &r) {
 }
 
 // ---- Planar reassembly ----------------------------------------------------------------------
+// Sample x of one plane as a byte of the 24-bit row: nibbles in the high
+// half, 2-bit values spread over 0-255, bits as 255 or 0.
+template <int Bits>
+inline uint8_t plane_sample(const uint8_t *s, uint32_t x) {
+    if constexpr (Bits == 8)
+        return s[x];
+    else if constexpr (Bits == 4)
+        return static_cast<uint8_t>(nibble(s, x) << 4);
+    else if constexpr (Bits == 2)
+        return static_cast<uint8_t>(((s[x >> 2] >> (6 - 2 * (x & 3))) & 3) * 85);
+    else
+        return static_cast<uint8_t>(0 - bit(s, x));
+}
+
+// Planes 0, 1 and 2 into pixels whose bytes come from planes 2, 1 and 0.
+template <int Bits>
+void interleave_planes(uint8_t *const plane[4], uint8_t *out, uint32_t width) {
+    for (uint32_t x = 0; x < width; x++, out += 3) {
+        out[0] = plane_sample<Bits>(plane[2], x);
+        out[1] = plane_sample<Bits>(plane[1], x);
+        out[2] = plane_sample<Bits>(plane[0], x);
+    }
+}
+
 int reassemble(tiff_reader &r) {
     const uint32_t prb = r.plane_row_bytes, width = r.rec.width, height = r.rec.height;
     const int planes = static_cast<int>(r.samples < 4 ? r.samples : 4);
@@ -818,19 +872,12 @@ int reassemble(tiff_reader &r) {
                 out[x >> 1] |= static_cast<uint8_t>((x & 1) ? v : v << 4);
             }
         } else {
-            for (uint32_t x = 0; x < width; x++) {
-                for (int c = 0; c < 3; c++) {
-                    const uint8_t *s = plane[2 - c];
-                    uint8_t v;
-                    switch (bits) {
-                    case 8: v = s[x]; break;
-                    case 4: v = static_cast<uint8_t>(nibble(s, x) << 4); break;
-                    case 1: v = bit(s, x) ? 255 : 0; break;
-                    case 2: v = static_cast<uint8_t>(((s[x >> 2] >> (6 - 2 * (x & 3))) & 3) * 85); break;
-                    default: v = 0; break;  // no other plane depth is interleaved
-                    }
-                    out[3 * x + c] = v;
-                }
+            switch (bits) {
+            case 8: interleave_planes<8>(plane, out, width); break;
+            case 4: interleave_planes<4>(plane, out, width); break;
+            case 2: interleave_planes<2>(plane, out, width); break;
+            case 1: interleave_planes<1>(plane, out, width); break;
+            default: std::memset(out, 0, 3 * static_cast<size_t>(width)); break;  // no other plane depth is interleaved
             }
         }
         if (int rc = deliver(r, out, static_cast<int>(y)); rc < 0) return rc;

@@ -443,6 +443,9 @@ INSTANTIATE_TEST_SUITE_P(
                       convert_case{"rgb8_planar_predictor", 8, 3, 2, 2, 2, 0, 0xdee7d0e8ba437080ull},
                       convert_case{"rgb16_planar", 16, 3, 2, 1, 2, 0, 0x6b086d8a4bf1df80ull},
                       convert_case{"rgb4_planar", 4, 3, 2, 1, 2, 0, 0xb9e6074acf513e00ull},
+                      convert_case{"rgb2", 2, 3, 2, 1, 1, 0, 0x52552ac924720ca0ull},
+                      convert_case{"rgb2_planar", 2, 3, 2, 1, 2, 0, 0x96c28714e2345ce0ull},
+                      convert_case{"cmy8", 8, 3, 5, 1, 1, 0, 0x9b827c7797f8ccc0ull},
                       convert_case{"rgb1_planar", 1, 3, 2, 1, 2, 0, 0x80de4e6c9915f580ull},
                       convert_case{"cmyk1_planar", 1, 4, 2, 1, 2, 0, 0x6751ac123a2dac20ull}),
     [](const auto &info) { return std::string(info.param.name); });
