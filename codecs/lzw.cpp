@@ -142,8 +142,16 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
     r.size = in_size;
     r.ip = r.iend = in;
     r.chunk = s.next_read > 0 ? s.next_read : in_size;
-    int32_t here = file_seek(fd, 0, 1), end = file_size_hint(fd);
-    r.left = here < 0 || end < here ? 0 : end - here;
+    int32_t count;
+    if (const uint8_t *m = file_map(fd, &count)) {
+        // A memory block is read where it stands; only its last few bytes
+        // go through the buffer.
+        r.ip = m;
+        r.iend = m + count;
+    } else {
+        int32_t here = file_seek(fd, 0, 1), end = file_size_hint(fd);
+        r.left = here < 0 || end < here ? 0 : end - here;
+    }
     if (!r.ready(9)) return IMG_ERR_DATA;
     int code = static_cast<int>(r.acc >> 55);
     r.acc <<= 9;
@@ -288,8 +296,7 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
 finish:
     // The next strip's first read: what this one took, and a margin.
     r.acc = acc, r.nbits = nbits, r.ip = ip;
-    const int32_t used = r.used();
-    s.next_read = used + used / 8 + 256;
+    if (const int32_t used = r.used(); used > 0) s.next_read = used + used / 8 + 256;
     return rc;
 }
 
