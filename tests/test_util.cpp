@@ -95,6 +95,20 @@ bytes dib_of_picture(const picture &p, int xdpi, int ydpi) {
     return d;
 }
 
+bytes appearance(const picture &p) {
+    bytes out;
+    for (auto &row : p.rows)
+        for (int x = 0; x < p.width; x++) {
+            if (p.bits == 24) {
+                out.insert(out.end(), {row[3 * x + 2], row[3 * x + 1], row[3 * x]});
+                continue;
+            }
+            int v = p.bits == 8 ? row[x] : p.bits == 4 ? (row[x / 2] >> (x & 1 ? 0 : 4)) & 15 : (row[x / 8] >> (7 - x % 8)) & 1;
+            out.insert(out.end(), {p.palette[4 * v + 2], p.palette[4 * v + 1], p.palette[4 * v]});
+        }
+    return out;
+}
+
 int handle_of(const picture &p) {
     block_ref b(dib_of_picture(p));
     return IMG_create_handle(b.data);

@@ -35,6 +35,9 @@ struct block_ref {
 };
 bytes dib_of_picture(const picture &p, int xdpi = 0, int ydpi = 0);
 
+// Red, green, blue of every pixel through the colour table: the picture as it looks.
+bytes appearance(const picture &p);
+
 // Creates a handle from the picture (through the memory load path).
 int handle_of(const picture &p);
 // Reads a handle's bitmap back into a picture, with padding bits masked.

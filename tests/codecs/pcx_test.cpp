@@ -45,21 +45,6 @@ bytes literal(const bytes &raw) {
     return out;
 }
 
-// Red, green, blue of every pixel: the picture as it looks.
-bytes appearance(const picture &p) {
-    bytes out;
-    for (auto &row : p.rows)
-        for (int x = 0; x < p.width; x++) {
-            if (p.bits == 24) {
-                out.insert(out.end(), {row[3 * x + 2], row[3 * x + 1], row[3 * x]});
-                continue;
-            }
-            int v = p.bits == 8 ? row[x] : p.bits == 4 ? (row[x / 2] >> (x & 1 ? 0 : 4)) & 15 : (row[x / 8] >> (7 - x % 8)) & 1;
-            out.insert(out.end(), {p.palette[4 * v + 2], p.palette[4 * v + 1], p.palette[4 * v]});
-        }
-    return out;
-}
-
 // DCX saves go through the library's fixed temporary file name; a private
 // directory keeps parallel test processes apart.
 void private_temp_dir() {
