@@ -167,10 +167,12 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
     uint32_t base = 0;                           // the strip offset of out[0]
     uint32_t check_at = row_bytes < room ? row_bytes : room;  // the next fill that needs a look
     int done = 0, rc = 1;
-    int next = FIRST_FREE, width = 9, grow_at = 511;
-    int known = 0;  // codes below this stand for strings: next, or 0 right after a Clear
-    // The previous code: -1 right after a Clear, and the entry its string
-    // would make with one byte more (where it stands, length + 1, first byte).
+    int width = 9, grow_at = 511;
+    // The next free code, which every code below stands for; -1 right after
+    // a Clear, when the next code must stand for itself.
+    int next = -1;
+    // The previous code, and the entry its string would make with one byte
+    // more (where it stands, length + 1, first byte); unused right after a Clear.
     int prev = -1;
     uint64_t prev_entry = 0;
     // The window and the input position live in locals through the loop;
@@ -182,7 +184,7 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
     for (;;) {
         const uint32_t at = base + fill;
         uint8_t *const dst = out + fill;
-        if (code < known && static_cast<unsigned>(code - CLEAR) > 1u) {
+        if (code < next && static_cast<unsigned>(code - CLEAR) > 1u) {
             // The common case: a literal or a string already in the table.
             const uint64_t e = entries[code];
             const uint32_t n = length_of(e), off = where_of(e) - base;
@@ -208,9 +210,8 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
                 }
             }
             prev = code;
-            known = next;
             prev_entry = at | ((e & LENGTH_AND_FIRST) + ONE_LONGER);
-        } else if (code == next && prev >= 0) {
+        } else if (code == next) {
             // The string being defined: the previous one and its own first byte.
             const uint32_t n = length_of(prev_entry) - 1, off = where_of(prev_entry) - base;
             const uint8_t first = static_cast<uint8_t>(first_of(prev_entry));
@@ -229,14 +230,11 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
                 }
             }
             prev = code;
-            known = next;
             prev_entry = at | ((prev_entry & LENGTH_AND_FIRST) + ONE_LONGER);
         } else if (code == CLEAR) {
-            next = FIRST_FREE;
+            next = -1;
             width = 9;
             grow_at = 511;
-            prev = -1;
-            known = 0;
         } else if (code == END) {
             // The rest of the strip repeats the buffer as it stands; what no
             // code reached is zero.
@@ -245,12 +243,12 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
                 if (rc = sink(context, out + start, first_row + done); rc < 0) goto finish;
             rc = 1;
             goto finish;
-        } else if (code < 256) {
+        } else if (code < 256 && next < 0) {
             // The first code after a Clear stands for itself.
             *dst = static_cast<uint8_t>(code);
             fill++;
             prev = code;
-            known = next;
+            next = FIRST_FREE;
             prev_entry = at | make_entry(0, 2, static_cast<uint32_t>(code), 0);
         } else {
             rc = IMG_ERR_HEADER;  // beyond the table, or a string code right after Clear
