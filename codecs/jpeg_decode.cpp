@@ -2,6 +2,7 @@
 // Huffman scan, the fixed-point inverse DCT and the table-driven colour
 // conversion that hands DIB rows to the load pipeline.
 #include "codecs/jpeg.h"
+#include "codecs/jpeg_lanes.h"
 #include "frame/byte_source.h"
 
 #include <algorithm>
@@ -438,26 +439,30 @@ struct bits_local {
 
 // ---- Inverse DCT -------------------------------------------------------------------------
 
-// The 1-D kernel; C selects the 1/sqrt(2) factor of the pass (724/1024 first,
-// 181/256 second).  Every product is rounded down by an arithmetic shift.
-template <int Pass>
-inline void idct_kernel(int x0, int x1, int x2, int x3, int x4, int x5, int x6, int x7, int y[8]) {
-    auto c = [](int v) { return Pass == 1 ? (v * 724) >> 10 : (v * 181) >> 8; };
-    int e0 = c(x0) + c(x4), e1 = c(x0) - c(x4);
-    int p = x2 + x6;
-    int t = x2 + c(p), m = (553 * t) >> 10;
-    int u = x2 - c(p), n = (1338 * u) >> 10;
-    int E0 = e0 + m, E3 = e0 - m, E1 = e1 + n, E2 = e1 - n;
-    int a = x3 + x5, b = x1 + x3, d = x5 + x7 + b;
-    int g = ((c(d) + b) * 553) >> 10;
-    int h = x1 + c(a);
-    int O0 = ((g + h) * 261) >> 9, O3 = ((h - g) * 2624) >> 10;
-    int w = b - c(d), k = (1338 * w) >> 10;
-    int j = x1 - c(a);
-    int O1 = ((j + k) * 77) >> 7, O2 = ((j - k) * 461) >> 9;
+// The 1-D kernel, on plain integers or on eight lanes at once; c selects
+// the 1/sqrt(2) factor of the pass (724/1024 first, 181/256 second).  Every
+// product is rounded down by an arithmetic shift.  (A macro rather than a
+// lambda: a lambda left out of line would pass wide lanes between functions
+// of different vector widths.)
+#define c(v) (Pass == 1 ? ((v) * 724) >> 10 : ((v) * 181) >> 8)
+template <int Pass, typename T>
+__attribute__((always_inline)) inline void idct_kernel(const T *x, T *y) {
+    T e0 = c(x[0]) + c(x[4]), e1 = c(x[0]) - c(x[4]);
+    T p = x[2] + x[6];
+    T m = ((x[2] + c(p)) * 553) >> 10;
+    T n = ((x[2] - c(p)) * 1338) >> 10;
+    T E0 = e0 + m, E3 = e0 - m, E1 = e1 + n, E2 = e1 - n;
+    T a = x[3] + x[5], b = x[1] + x[3], d = x[5] + x[7] + b;
+    T g = ((c(d) + b) * 553) >> 10;
+    T h = x[1] + c(a);
+    T O0 = ((g + h) * 261) >> 9, O3 = ((h - g) * 2624) >> 10;
+    T k = ((b - c(d)) * 1338) >> 10;
+    T j = x[1] - c(a);
+    T O1 = ((j + k) * 77) >> 7, O2 = ((j - k) * 461) >> 9;
     y[0] = E0 + O0, y[1] = E1 + O1, y[2] = E2 + O2, y[3] = E3 + O3;
     y[4] = E3 - O3, y[5] = E2 - O2, y[6] = E1 - O1, y[7] = E0 - O0;
 }
+#undef c
 
 inline int8_t clamp_sample(int v) {
     v >>= 2;
@@ -473,54 +478,24 @@ void jpeg_idct_8x8(const int16_t *coef, unsigned rows, int8_t *dst, int stride) 
         return;
     }
     int16_t work[8][8];
-    int y[8];
+    int x[8], y[8];
     for (int i = 0; i < 8; i++) {
-        const int16_t *x = coef + 8 * i;
         if (!(rows >> i & 1)) {
             for (int jx = 0; jx < 8; jx++) work[jx][i] = 0;
             continue;
         }
-        idct_kernel<1>(x[0], x[1], x[2], x[3], x[4], x[5], x[6], x[7], y);
+        for (int k = 0; k < 8; k++) x[k] = coef[8 * i + k];
+        idct_kernel<1>(x, y);
         for (int jx = 0; jx < 8; jx++) work[jx][i] = static_cast<int16_t>(y[jx]);
     }
     for (int jx = 0; jx < 8; jx++) {
-        const int16_t *x = work[jx];
-        idct_kernel<2>(x[0], x[1], x[2], x[3], x[4], x[5], x[6], x[7], y);
+        for (int k = 0; k < 8; k++) x[k] = work[jx][k];
+        idct_kernel<2>(x, y);
         for (int k = 0; k < 8; k++) dst[k * stride + jx] = clamp_sample(y[k]);
     }
 }
 
 namespace {
-
-// The same transform on eight rows or columns at once: lanes of 32-bit
-// integers carry one 1-D kernel each, with the same shifts, so the result
-// is the scalar one bit for bit.
-using lanes8 = int32_t __attribute__((vector_size(32)));
-#if defined(__clang__)
-#define LANE_SHUFFLE(a, b, ...) __builtin_shufflevector(a, b, __VA_ARGS__)
-#else
-#define LANE_SHUFFLE(a, b, ...) __builtin_shuffle(a, b, lanes8{__VA_ARGS__})
-#endif
-
-#define c(v) (Pass == 1 ? ((v) * 724) >> 10 : ((v) * 181) >> 8)
-template <int Pass>
-__attribute__((always_inline)) inline void idct_kernel_lanes(const lanes8 *x, lanes8 *y) {
-    lanes8 e0 = c(x[0]) + c(x[4]), e1 = c(x[0]) - c(x[4]);
-    lanes8 p = x[2] + x[6];
-    lanes8 m = ((x[2] + c(p)) * 553) >> 10;
-    lanes8 n = ((x[2] - c(p)) * 1338) >> 10;
-    lanes8 E0 = e0 + m, E3 = e0 - m, E1 = e1 + n, E2 = e1 - n;
-    lanes8 a = x[3] + x[5], b = x[1] + x[3], d = x[5] + x[7] + b;
-    lanes8 g = ((c(d) + b) * 553) >> 10;
-    lanes8 h = x[1] + c(a);
-    lanes8 O0 = ((g + h) * 261) >> 9, O3 = ((h - g) * 2624) >> 10;
-    lanes8 k = ((b - c(d)) * 1338) >> 10;
-    lanes8 j = x[1] - c(a);
-    lanes8 O1 = ((j + k) * 77) >> 7, O2 = ((j - k) * 461) >> 9;
-    y[0] = E0 + O0, y[1] = E1 + O1, y[2] = E2 + O2, y[3] = E3 + O3;
-    y[4] = E3 - O3, y[5] = E2 - O2, y[6] = E1 - O1, y[7] = E0 - O0;
-}
-#undef c
 
 // coefT: coefficient (row i, column k) at k * 8 + i.  Pass 1 runs the eight
 // coefficient rows side by side, pass 2 the eight work rows.
@@ -533,26 +508,12 @@ __attribute__((always_inline)) inline void idct_lanes(const int16_t *coefT, int8
         std::memcpy(&v, coefT + 8 * k, sizeof v);
         x[k] = __builtin_convertvector(v, lanes8);
     }
-    idct_kernel_lanes<1>(x, y);
+    idct_kernel<1>(x, y);
     // y[j] holds work row j (lanes: columns i), kept to 16 bits; pass 2 runs
     // the work rows side by side, so its input m is column m: a transpose.
     for (auto &v : y) v = (v << 16) >> 16;
-    lanes8 t[8], u[8];
-    for (int q = 0; q < 8; q += 2) {
-        t[q] = LANE_SHUFFLE(y[q], y[q + 1], 0, 8, 1, 9, 4, 12, 5, 13);
-        t[q + 1] = LANE_SHUFFLE(y[q], y[q + 1], 2, 10, 3, 11, 6, 14, 7, 15);
-    }
-    for (int q = 0; q < 8; q += 4) {
-        u[q] = LANE_SHUFFLE(t[q], t[q + 2], 0, 1, 8, 9, 4, 5, 12, 13);
-        u[q + 1] = LANE_SHUFFLE(t[q], t[q + 2], 2, 3, 10, 11, 6, 7, 14, 15);
-        u[q + 2] = LANE_SHUFFLE(t[q + 1], t[q + 3], 0, 1, 8, 9, 4, 5, 12, 13);
-        u[q + 3] = LANE_SHUFFLE(t[q + 1], t[q + 3], 2, 3, 10, 11, 6, 7, 14, 15);
-    }
-    for (int m = 0; m < 4; m++) {
-        x[m] = LANE_SHUFFLE(u[m], u[m + 4], 0, 1, 2, 3, 8, 9, 10, 11);
-        x[m + 4] = LANE_SHUFFLE(u[m], u[m + 4], 4, 5, 6, 7, 12, 13, 14, 15);
-    }
-    idct_kernel_lanes<2>(x, y);
+    transpose_lanes8(y, x);
+    idct_kernel<2>(x, y);
     for (int k = 0; k < 8; k++) {
         lanes8 v = y[k] >> 2;
         v = v > 127 ? 127 : v;

@@ -2,6 +2,7 @@
 // quality-scaled quantisers, the fixed-point forward DCT and chroma taken
 // from every other sample; and the quality setting those tables follow.
 #include "codecs/jpeg.h"
+#include "codecs/jpeg_lanes.h"
 
 namespace {
 
@@ -119,24 +120,27 @@ inline void jpeg_encode_value(bit_writer &bw, int run, int value, const code_tab
 
 // ---- Transform -------------------------------------------------------------------------
 
-// The 1-D kernel; Pass 1 takes 181/256 for the 1/sqrt(2) factor and scales
-// F0 and F4 by it, pass 2 takes 724/1024 and rounds every output down by 4.
-template <int Pass>
-inline void fdct_kernel(const int *x, int *F) {
-    auto c = [](int v) { return Pass == 1 ? (181 * v) >> 8 : (724 * v) >> 10; };
-    int s07 = x[0] + x[7], s16 = x[1] + x[6], s25 = x[2] + x[5], s34 = x[3] + x[4];
-    int d07 = x[0] - x[7], d16 = x[1] - x[6], d25 = x[2] - x[5], d34 = x[3] - x[4];
-    int a = s07 + s34, b = s16 + s25;
-    int m = (553 * (s07 - s34)) >> 10, n = (1338 * (s16 - s25)) >> 10;
-    int F6 = (724 * (m - n)) >> 10;
-    int F2 = m + n + F6;
-    int p = (261 * d07) >> 9, q = (41 * d34) >> 4, r = (77 * d16) >> 7, t = (461 * d25) >> 9;
-    int P = p + q, Q = r + t;
-    int u = (553 * (p - q)) >> 10, w = (1338 * (r - t)) >> 10;
-    int F7 = c(u - w);
-    int G = u + w + F7;
-    int H = c(P - Q);
-    int F1 = Q + G + P, F3 = H + G, F5 = H + F7;
+// The 1-D kernel, on plain integers or on eight lanes at once; pass 1
+// takes 181/256 for the 1/sqrt(2) factor and scales F0 and F4 by it, pass 2
+// takes 724/1024 and rounds every output down by 4.
+// (A macro rather than a lambda: a lambda left out of line would pass wide
+// lanes between functions of different vector widths.)
+#define c(v) (Pass == 1 ? (181 * (v)) >> 8 : (724 * (v)) >> 10)
+template <int Pass, typename T>
+__attribute__((always_inline)) inline void fdct_kernel(const T *x, T *F) {
+    T s07 = x[0] + x[7], s16 = x[1] + x[6], s25 = x[2] + x[5], s34 = x[3] + x[4];
+    T d07 = x[0] - x[7], d16 = x[1] - x[6], d25 = x[2] - x[5], d34 = x[3] - x[4];
+    T a = s07 + s34, b = s16 + s25;
+    T m = (553 * (s07 - s34)) >> 10, n = (1338 * (s16 - s25)) >> 10;
+    T F6 = (724 * (m - n)) >> 10;
+    T F2 = m + n + F6;
+    T p = (261 * d07) >> 9, q = (41 * d34) >> 4, r = (77 * d16) >> 7, t = (461 * d25) >> 9;
+    T P = p + q, Q = r + t;
+    T u = (553 * (p - q)) >> 10, w = (1338 * (r - t)) >> 10;
+    T F7 = c(u - w);
+    T G = u + w + F7;
+    T H = c(P - Q);
+    T F1 = Q + G + P, F3 = H + G, F5 = H + F7;
     if (Pass == 1) {
         F[0] = (181 * (a + b)) >> 8;
         F[4] = (181 * (a - b)) >> 8;
@@ -148,6 +152,7 @@ inline void fdct_kernel(const int *x, int *F) {
         F[5] = (F5 + 2) >> 2, F[6] = (F6 + 2) >> 2, F[7] = (F7 + 2) >> 2;
     }
 }
+#undef c
 
 }  // namespace
 
@@ -169,68 +174,19 @@ void jpeg_fdct_8x8(const int16_t *src, int stride, int16_t *coef) {
 
 namespace {
 
-// The forward transform eight lanes at a time, with the same shifts as the
-// scalar kernel, so the coefficients are the same bit for bit.
-using lanes8 = int32_t __attribute__((vector_size(32)));
-#if defined(__clang__)
-#define LANE_SHUFFLE(a, b, ...) __builtin_shufflevector(a, b, __VA_ARGS__)
-#else
-#define LANE_SHUFFLE(a, b, ...) __builtin_shuffle(a, b, lanes8{__VA_ARGS__})
-#endif
-
-#define c(v) (Pass == 1 ? (181 * (v)) >> 8 : (724 * (v)) >> 10)
-template <int Pass>
-__attribute__((always_inline)) inline void fdct_kernel_lanes(const lanes8 *x, lanes8 *F) {
-    lanes8 s07 = x[0] + x[7], s16 = x[1] + x[6], s25 = x[2] + x[5], s34 = x[3] + x[4];
-    lanes8 d07 = x[0] - x[7], d16 = x[1] - x[6], d25 = x[2] - x[5], d34 = x[3] - x[4];
-    lanes8 a = s07 + s34, b = s16 + s25;
-    lanes8 m = (553 * (s07 - s34)) >> 10, n = (1338 * (s16 - s25)) >> 10;
-    lanes8 F6 = (724 * (m - n)) >> 10;
-    lanes8 F2 = m + n + F6;
-    lanes8 p = (261 * d07) >> 9, q = (41 * d34) >> 4, r = (77 * d16) >> 7, t = (461 * d25) >> 9;
-    lanes8 P = p + q, Q = r + t;
-    lanes8 u = (553 * (p - q)) >> 10, w = (1338 * (r - t)) >> 10;
-    lanes8 F7 = c(u - w);
-    lanes8 G = u + w + F7;
-    lanes8 H = c(P - Q);
-    lanes8 F1 = Q + G + P, F3 = H + G, F5 = H + F7;
-    if (Pass == 1) {
-        F[0] = (181 * (a + b)) >> 8;
-        F[4] = (181 * (a - b)) >> 8;
-        F[1] = F1, F[2] = F2, F[3] = F3, F[5] = F5, F[6] = F6, F[7] = F7;
-    } else {
-        F[0] = ((a + b) * 362 + 2048) >> 11;
-        F[4] = ((a - b) * 724 + 4096) >> 12;
-        F[1] = (F1 + 2) >> 2, F[2] = (F2 + 2) >> 2, F[3] = (F3 + 2) >> 2;
-        F[5] = (F5 + 2) >> 2, F[6] = (F6 + 2) >> 2, F[7] = (F7 + 2) >> 2;
-    }
-}
-#undef c
-
-// Pass 1 runs the eight sample rows side by side (lane i: row i), giving
-// work row k in F[k]; pass 2 runs the work rows side by side after a
-// transpose, giving coefficient row m in lanes k.
+// The forward transform eight lanes at a time, through the same kernel, so
+// the coefficients are the same bit for bit.  Pass 1 runs the eight sample
+// rows side by side (lane i: row i), giving work row k in F[k]; pass 2 runs
+// the work rows side by side after a transpose, giving coefficient row m in
+// lanes k.
 __attribute__((always_inline)) inline void fdct_lanes(const int16_t *src, int stride, int16_t *coef) {
-    lanes8 x[8], F[8], t[8], u[8];
+    lanes8 x[8], F[8];
     for (int k = 0; k < 8; k++)
         for (int i = 0; i < 8; i++) x[k][i] = src[i * stride + k];
-    fdct_kernel_lanes<1>(x, F);
+    fdct_kernel<1>(x, F);
     for (auto &v : F) v = (v << 16) >> 16;  // the work block is 16-bit
-    for (int q = 0; q < 8; q += 2) {
-        t[q] = LANE_SHUFFLE(F[q], F[q + 1], 0, 8, 1, 9, 4, 12, 5, 13);
-        t[q + 1] = LANE_SHUFFLE(F[q], F[q + 1], 2, 10, 3, 11, 6, 14, 7, 15);
-    }
-    for (int q = 0; q < 8; q += 4) {
-        u[q] = LANE_SHUFFLE(t[q], t[q + 2], 0, 1, 8, 9, 4, 5, 12, 13);
-        u[q + 1] = LANE_SHUFFLE(t[q], t[q + 2], 2, 3, 10, 11, 6, 7, 14, 15);
-        u[q + 2] = LANE_SHUFFLE(t[q + 1], t[q + 3], 0, 1, 8, 9, 4, 5, 12, 13);
-        u[q + 3] = LANE_SHUFFLE(t[q + 1], t[q + 3], 2, 3, 10, 11, 6, 7, 14, 15);
-    }
-    for (int m = 0; m < 4; m++) {
-        x[m] = LANE_SHUFFLE(u[m], u[m + 4], 0, 1, 2, 3, 8, 9, 10, 11);
-        x[m + 4] = LANE_SHUFFLE(u[m], u[m + 4], 4, 5, 6, 7, 12, 13, 14, 15);
-    }
-    fdct_kernel_lanes<2>(x, F);
+    transpose_lanes8(F, x);
+    fdct_kernel<2>(x, F);
     for (int m = 0; m < 8; m++)
         for (int k = 0; k < 8; k++) coef[m * 8 + k] = static_cast<int16_t>(F[m][k]);
 }

@@ -38,6 +38,17 @@ inline void copy_blocks(uint8_t *dst, const uint8_t *src, uint32_t n) {
     }
 }
 
+// Eight input bytes at once, most significant bit first: the window ends up
+// holding 56 to 63 bits.  The caller keeps 8 bytes readable at ip.
+inline void refill_wide(uint64_t &acc, int &nbits, const uint8_t *&ip) {
+    uint64_t v;
+    std::memcpy(&v, ip, 8);
+    if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
+    acc |= v >> nbits;
+    ip += (63 - nbits) >> 3;
+    nbits |= 56;
+}
+
 // The string of code c (a literal or a table entry), written backwards from
 // its last byte so that it ends just before end.
 inline void walk_back(const uint64_t *entries, const uint16_t *prefix, int c, uint8_t *end) {
@@ -95,17 +106,8 @@ struct code_reader {
             }
             return nbits >= width;
         }
-        wide();
+        refill_wide(acc, nbits, ip);
         return true;
-    }
-    // Eight bytes at once: the window ends up holding 56 to 63 bits.
-    void wide() {
-        uint64_t v;
-        std::memcpy(&v, ip, 8);
-        if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
-        acc |= v >> nbits;
-        ip += (63 - nbits) >> 3;
-        nbits |= 56;
     }
     // Bytes of this strip's reads that codes have used.
     int32_t used() const { return taken - static_cast<int32_t>(iend - ip) - nbits / 8; }
@@ -181,6 +183,17 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
     int nbits = r.nbits;
     const uint8_t *ip = r.ip, *iend = r.iend;
     constexpr uint64_t LENGTH_AND_FIRST = 0x00FFFFFF00000000ull, ONE_LONGER = 1ull << 32, LAST = 0xFFull << 56;
+    // Enters the string after prev as the next free code; the code width
+    // grows one code early.
+    auto define = [&](uint64_t entry) {
+        if (next >= TABLE) return;
+        entries[next] = entry;
+        prefix[next] = static_cast<uint16_t>(prev);
+        if (++next == grow_at) {
+            width++;
+            grow_at = width < 12 ? (1 << width) - 1 : 0;
+        }
+    };
     for (;;) {
         const uint32_t at = base + fill;
         uint8_t *const dst = out + fill;
@@ -200,15 +213,8 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
                 walk_back(entries, prefix, code, dst + n);  // the output has moved past it
             }
             fill += n;
-            if (next < TABLE) {
-                // The new string is the previous one and this one's first byte, where both stand.
-                entries[next] = prev_entry | ((e << 8) & LAST);
-                prefix[next] = static_cast<uint16_t>(prev);
-                if (++next == grow_at) {
-                    width++;
-                    grow_at = width < 12 ? (1 << width) - 1 : 0;
-                }
-            }
+            // The new string is the previous one and this one's first byte, where both stand.
+            define(prev_entry | ((e << 8) & LAST));
             prev = code;
             prev_entry = at | ((e & LENGTH_AND_FIRST) + ONE_LONGER);
         } else if (code == next) {
@@ -221,14 +227,7 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
                 walk_back(entries, prefix, prev, dst + n);
             dst[n] = first;
             fill += n + 1;
-            if (next < TABLE) {
-                entries[next] = prev_entry | static_cast<uint64_t>(first) << 56;
-                prefix[next] = static_cast<uint16_t>(prev);
-                if (++next == grow_at) {
-                    width++;
-                    grow_at = width < 12 ? (1 << width) - 1 : 0;
-                }
-            }
+            define(prev_entry | static_cast<uint64_t>(first) << 56);
             prev = code;
             prev_entry = at | ((prev_entry & LENGTH_AND_FIRST) + ONE_LONGER);
         } else if (code == CLEAR) {
@@ -272,12 +271,7 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
             check_at = start + row_bytes < room ? start + row_bytes : room;
         }
         if (iend - ip >= 8) {
-            uint64_t v;
-            std::memcpy(&v, ip, 8);
-            if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
-            acc |= v >> nbits;
-            ip += (63 - nbits) >> 3;
-            nbits |= 56;
+            refill_wide(acc, nbits, ip);
         } else if (nbits < width) {
             r.acc = acc, r.nbits = nbits, r.ip = ip;
             bool ok = r.ready(width);

@@ -71,12 +71,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // shrink to 16 x 12, bit 3 a bare DIB (the "BM" is not forced).
     const uint8_t knobs = data[size - 1];
     static constexpr int reductions[4] = {0, 8, 4, 1};
-    int block = IMG_mem_alloc(static_cast<int>(size));
-    auto *p = static_cast<uint8_t *>(IMG_mem_lock(block));
-    if (!p) return 0;
-    std::memcpy(p, data, size);
+    fuzz_input in(data, size);
+    if (!in.bytes) return 0;
+    uint8_t *p = in.bytes;
     if (!(knobs & 8)) std::memcpy(p, "BM", 2);
-    int live = mem_live_blocks();
     announced_pixels = 0;
     IMGLOW_decompress_bitmap_mem(p, 0, accept_row, nullptr, accept_header);
     IMGLOW_set_decomp_reduction(reductions[knobs & 3]);
@@ -93,8 +91,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         }
         IMG_delete_bitmap(h);
     }
-    if (mem_live_blocks() != live) std::abort();  // a load leaked a block
-    IMG_mem_unlock(block);
-    IMG_mem_free(block);
     return 0;
 }

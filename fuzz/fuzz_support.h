@@ -1,4 +1,4 @@
-// Pieces the fuzz targets share: a header sink that records the announced
+// Pieces the fuzz targets share: the input in a memory block, a header sink that records the announced
 // size, a reload from a block of exactly a file's size, and a sink that keeps
 // a decoded picture so it can be fed back to a writer.
 #pragma once
@@ -9,6 +9,25 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+
+// The input in a locked library memory block, as a caller hands one over.
+// Leaving the scope frees it, after checking that nothing the target ran
+// left a block behind.
+struct fuzz_input {
+    int block;
+    uint8_t *bytes;
+    int live;
+    fuzz_input(const uint8_t *data, size_t size)
+        : block(IMG_mem_alloc(static_cast<int>(size))), bytes(static_cast<uint8_t *>(IMG_mem_lock(block))) {
+        if (bytes && size) std::memcpy(bytes, data, size);
+        live = mem_live_blocks();
+    }
+    ~fuzz_input() {
+        if (bytes && mem_live_blocks() != live) std::abort();  // a load leaked a block
+        IMG_mem_unlock(block);
+        IMG_mem_free(block);
+    }
+};
 
 // The announced width x height, so only pictures of a sane size go on to be
 // stored in a handle (the handle-level load allocates the whole bitmap).
