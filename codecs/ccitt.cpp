@@ -490,63 +490,62 @@ ccitt_code ccitt_makeup(int colour, int run) {
 }
 
 // ---- Decoders ------------------------------------------------------------------------
-int ccitt_decode_g3_1d(uint8_t *work, int32_t work_size, const ccitt_params &p, int fd, ccitt_sink sink,
-                       void *context) {
+namespace {
+
+int run_g3_2d(decoder &d) {
+    while (d.delivered < d.p->rows) {
+        int f = d.br.only_zeros_left() ? -1 : find_eol(d, 2000);
+        if (f < 0) return pad_white(d);  // the data ended: the end of the page
+        if (f == 0) return 0;            // no EOL within the limit: decoding stops without padding
+        bool one_d = d.br.peek(1) != 0;
+        d.br.skip(1);
+        if (d.br.peek(12) == 1) return pad_white(d);  // a second EOL: the end of the page
+        int eols = 0;
+        row_status s = one_d ? decode_1d_row(d, true, eols) : decode_2d_row(d);
+        if (s == ROW_RTC || s == ROW_END) return pad_white(d);
+        if (int rc = deliver(d); rc != 0) return rc;
+        swap_lines(d);
+    }
+    return 0;
+}
+
+int run_g4(decoder &d) {
+    while (d.delivered < d.p->rows) {
+        // EOFB, or the end of the data: the end of the page.
+        if (d.br.only_zeros_left() || d.br.peek(12) == 1 || decode_2d_row(d) == ROW_END) return pad_white(d);
+        if (int rc = deliver(d); rc != 0) return rc;
+        swap_lines(d);
+    }
+    return 0;
+}
+
+// Opens the decoder on the caller's work buffer, runs one coding scheme and
+// releases what opening took, whichever way the run ended.
+int decode_with(int (*run)(decoder &), uint8_t *work, int32_t work_size, const ccitt_params &p, int fd,
+                ccitt_sink sink, void *context) {
     decoder d{};
     ccitt_tables own{};
     int rc = open_decoder(d, work, work_size, p, fd, sink, context, own);
-    if (rc == 0) rc = run_g3_1d(d);
+    if (rc == 0) rc = run(d);
     close_decoder(d, own);
     return rc;
+}
+
+}  // namespace
+
+int ccitt_decode_g3_1d(uint8_t *work, int32_t work_size, const ccitt_params &p, int fd, ccitt_sink sink,
+                       void *context) {
+    return decode_with(run_g3_1d, work, work_size, p, fd, sink, context);
 }
 
 int ccitt_decode_g3_2d(uint8_t *work, int32_t work_size, const ccitt_params &p, int fd, ccitt_sink sink,
                        void *context) {
-    decoder d{};
-    ccitt_tables own{};
-    int rc = open_decoder(d, work, work_size, p, fd, sink, context, own);
-    while (rc == 0 && d.delivered < p.rows) {
-        int f = d.br.only_zeros_left() ? -1 : find_eol(d, 2000);
-        if (f < 0) {  // the data ended: the end of the page
-            rc = pad_white(d);
-            break;
-        }
-        if (f == 0) break;  // no EOL within the limit: decoding stops without padding
-        bool one_d = d.br.peek(1) != 0;
-        d.br.skip(1);
-        if (d.br.peek(12) == 1) {  // a second EOL: the end of the page
-            rc = pad_white(d);
-            break;
-        }
-        int eols = 0;
-        row_status s = one_d ? decode_1d_row(d, true, eols) : decode_2d_row(d);
-        if (s == ROW_RTC || s == ROW_END) {
-            rc = pad_white(d);
-            break;
-        }
-        rc = deliver(d);
-        swap_lines(d);
-    }
-    close_decoder(d, own);
-    return rc;
+    return decode_with(run_g3_2d, work, work_size, p, fd, sink, context);
 }
 
 int ccitt_decode_g4(uint8_t *work, int32_t work_size, const ccitt_params &p, int fd, ccitt_sink sink,
                     void *context) {
-    decoder d{};
-    ccitt_tables own{};
-    int rc = open_decoder(d, work, work_size, p, fd, sink, context, own);
-    while (rc == 0 && d.delivered < p.rows) {
-        // EOFB, or the end of the data: the end of the page.
-        if (d.br.only_zeros_left() || d.br.peek(12) == 1 || decode_2d_row(d) == ROW_END) {
-            rc = pad_white(d);
-            break;
-        }
-        rc = deliver(d);
-        swap_lines(d);
-    }
-    close_decoder(d, own);
-    return rc;
+    return decode_with(run_g4, work, work_size, p, fd, sink, context);
 }
 
 // ---- Raw fax into a handle -------------------------------------------------------------
