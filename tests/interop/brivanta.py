@@ -79,6 +79,17 @@ def picture_of(handle):
     return Picture(w, h, b, data[40: 40 + pal], rows)
 
 
+def take_picture(h):
+    """The Picture of a freshly loaded handle, which is then deleted; a
+    negative load result passes through."""
+    if h < 0:
+        return h
+    try:
+        return picture_of(h)
+    finally:
+        LIB.IMG_delete_bitmap(h)
+
+
 def load(path, page=0):
     """Loads a file into a handle and returns its Picture, or the error code."""
     if page:
@@ -89,12 +100,7 @@ def load(path, page=0):
             os.close(fd)
     else:
         h = LIB.IMG_decompress_bitmap(path.encode())
-    if h < 0:
-        return h
-    try:
-        return picture_of(h)
-    finally:
-        LIB.IMG_delete_bitmap(h)
+    return take_picture(h)
 
 
 def load_handle(path):
@@ -185,13 +191,7 @@ def load_mem(data, page=0):
     addr = LIB.IMG_mem_lock(block)
     ctypes.memmove(addr, data, len(data))
     try:
-        h = LIB.IMG_decompress_bitmap_mem(addr, page)
-        if h < 0:
-            return h
-        try:
-            return picture_of(h)
-        finally:
-            LIB.IMG_delete_bitmap(h)
+        return take_picture(LIB.IMG_decompress_bitmap_mem(addr, page))
     finally:
         LIB.IMG_mem_unlock(block)
         LIB.IMG_mem_free(block)
@@ -207,12 +207,7 @@ def load_at_offset(path, lead):
         h = LIB.IMG_decompress_bitmap_fd(fd, lead, 0)
     finally:
         os.close(fd)
-    if h < 0:
-        return h
-    try:
-        return picture_of(h)
-    finally:
-        LIB.IMG_delete_bitmap(h)
+    return take_picture(h)
 
 
 def test_rgb(w, h):
