@@ -1,5 +1,6 @@
-// The shared load and save shortcuts and the fault-injection sweeps (failing
-// allocations, short writes, trickled reads) every codec's tests run.
+// The shared load and save shortcuts, the fault-injection sweeps (failing
+// allocations, short writes, trickled reads), and the one table that runs
+// them over every writer, every depth it takes and files from other coders.
 #include "frame/frame.h"
 #include "platform/platform.h"
 #include "test_util.h"
@@ -8,6 +9,22 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
+#include <tuple>
+
+namespace {
+// Multi-page and planar work goes through one fixed temporary name, and
+// ctest runs test processes side by side: each gets a directory of its own.
+struct private_temp : ::testing::Environment {
+    std::string dir;
+    void SetUp() override { dir = use_private_temp_dir("run"); }
+    void TearDown() override {
+        std::error_code ec;
+        std::filesystem::remove_all(dir, ec);
+    }
+};
+[[maybe_unused]] auto *const temp_env = ::testing::AddGlobalTestEnvironment(new private_temp);
+}  // namespace
 
 picture load_pic(const bytes &file, int *code, int page) {
     block_ref b(file);
@@ -46,7 +63,7 @@ picture load_at_offset(const bytes &file, int lead, int *code) {
 
 int sweep_load_alloc_failures(const bytes &file, const picture &want, int page) {
     block_ref in(file);
-    for (int k = 1; k < 100; k++) {
+    for (int k = 1; k < 200; k++) {
         int live = mem_live_blocks();
         mem_fail_after(k);
         int h = IMG_decompress_bitmap_mem(in.data, page);
@@ -98,11 +115,11 @@ int IMG_CALLBACK budget_write(int fd, const void *buffer, int n) {
 }
 
 int32_t hooked_size = 0;
-size_t read_budget = 0;
+size_t read_budget = 0, read_chunk = 7;
 int IMG_CALLBACK trickle_read(int fd, void *buffer, int n) {
     IMGLOW_set_fileio(nullptr, nullptr, nullptr);
     int32_t left = std::max(0, hooked_size - file_seek(fd, 0, 1));
-    int k = static_cast<int>(std::min<size_t>({static_cast<size_t>(n), 7, read_budget, static_cast<size_t>(left)}));
+    int k = static_cast<int>(std::min<size_t>({static_cast<size_t>(n), read_chunk, read_budget, static_cast<size_t>(left)}));
     int r = k > 0 ? file_read(fd, buffer, k) : 0;
     IMGLOW_set_fileio(trickle_read, nullptr, nullptr);
     read_budget -= static_cast<size_t>(r);
@@ -120,10 +137,10 @@ int save_with_write_budget(int handle, int type, size_t budget, const char *name
     return r;
 }
 
-int load_with_read_budget(const bytes &file, size_t budget, int page) {
+int load_with_read_budget(const bytes &file, size_t budget, int page, size_t chunk) {
     block_ref b(file);
     hooked_size = static_cast<int32_t>(file.size());
-    read_budget = budget;
+    read_budget = budget, read_chunk = chunk;
     int live = mem_live_blocks();
     IMGLOW_set_fileio(trickle_read, nullptr, nullptr);
     int h = IMG_decompress_bitmap_mem(b.data, page);
@@ -133,4 +150,88 @@ int load_with_read_budget(const bytes &file, size_t budget, int page) {
         EXPECT_EQ(mem_live_blocks(), live) << "budget " << budget;
     }
     return h;
+}
+
+void check_load_faults(const bytes &file, int how, int page) {
+    int code = 0;
+    const picture want = load_pic(file, &code, page);
+    ASSERT_GE(code, 0) << "the file must load before faults are injected";
+    EXPECT_GE(sweep_load_alloc_failures(file, want, page), 1);
+    // Reads cut off after every budget up to twice the size (detection reads
+    // the start twice), handed out seven bytes at a time to readers that
+    // take short reads: a load fails cleanly or gives a picture of the right
+    // size (what the data held), and without a cut, the whole picture.
+    const size_t step = std::max<size_t>(1, file.size() / 16);
+    for (size_t budget = 0; budget <= 2 * file.size() + step; budget += step) {
+        const bool endless = budget > 2 * file.size();
+        int h = load_with_read_budget(file, endless ? SIZE_MAX : budget, page, endless || (how & TRICKLES) ? 7 : SIZE_MAX);
+        if (h >= 0) {
+            picture got = picture_of(h);
+            IMG_delete_bitmap(h);
+            EXPECT_EQ(std::tie(got.width, got.height, got.bits), std::tie(want.width, want.height, want.bits));
+            if (endless) {
+                EXPECT_EQ(got, want);
+            }
+        }
+        if (endless) {
+            EXPECT_EQ(h >= 0, (how & TRICKLES) != 0) << "an endless budget in seven-byte reads";
+        }
+    }
+    char temp[300];
+    ASSERT_TRUE(os_temp_file_name(temp, sizeof temp));
+    EXPECT_FALSE(os_exists(temp)) << "the temporary file was left behind";
+}
+
+void check_save_faults(int handle, int type) {
+    int n = 0;
+    const bytes file = save_bytes(handle, type, &n);
+    ASSERT_GT(n, 0);
+    EXPECT_GE(sweep_save_alloc_failures(handle, type, file), 0);
+    for (size_t budget : {size_t{0}, size_t{100}, file.size() / 2, file.size() - 1})
+        EXPECT_EQ(save_with_write_budget(handle, type, budget), IMG_ERR_WRITE) << "budget " << budget;
+}
+
+// Every writer at every depth it takes: the save swept, then the load of
+// what it wrote.  Raw fax output has no header to detect: saves only.
+TEST(Faults, EveryWriterAndDepth) {
+    struct {
+        int type;
+        std::vector<int> depths;
+        int how;  // TRICKLES, or -1: raw data, not loaded
+    } writers[] = {
+        {IMG_TYPE_BMP, {1, 4, 8, 24}, 0},                {IMG_TYPE_BMP_RLE, {4, 8}, 0},
+        {IMG_TYPE_PCX, {1, 4, 8, 24}, TRICKLES},         {IMG_TYPE_DCX, {8}, TRICKLES},
+        {IMG_TYPE_GIF, {4, 8}, TRICKLES},                {IMG_TYPE_TARGA, {8, 24}, TRICKLES},
+        {IMG_TYPE_TARGA16, {24}, TRICKLES},  {IMG_TYPE_JPEG, {8, 24}, TRICKLES},
+        {IMG_TYPE_TIFF, {1, 4, 8, 24}, 0},               {IMG_TYPE_TIFF_LZW, {4, 24}, 0},
+        {IMG_TYPE_TIFF_PACKBITS, {8, 24}, 0},            {IMG_TYPE_TIFF_HUFFMAN, {1}, 0},
+        {IMG_TYPE_TIFF_G3, {1}, 0},                      {IMG_TYPE_TIFF_G4, {1}, 0},
+        {IMG_TYPE_TIFF_JPEG, {24}, 0},                   {IMG_TYPE_RAW_G3, {1}, -1},
+        {IMG_TYPE_RAW_G4, {1}, -1},
+    };
+    for (auto &w : writers)
+        for (int bits : w.depths) {
+            SCOPED_TRACE("type " + std::to_string(w.type) + ", " + std::to_string(bits) + " bits");
+            int h = handle_of(make_picture(90, 30, bits, static_cast<uint32_t>(w.type * 7 + bits)));
+            check_save_faults(h, w.type);
+            if (w.how >= 0) check_load_faults(save_bytes(h, w.type), w.how);
+            IMG_delete_bitmap(h);
+        }
+}
+
+// Files from other coders reach reader paths our writers never take.
+TEST(Faults, FilesFromOtherTools) {
+    struct {
+        const char *name;
+        int how;
+    } files[] = {
+        {"tiff/page_g4.tif", 0},       {"tiff/page_g3_2d.tif", 0},     {"tiff/page_mh.tif", 0},
+        {"tiff/rgb_lzw2_mm.tif", 0},   {"tiff/rgb_planar_lzw.tif", 0}, {"tiff/rgb_packbits.tif", 0},
+        {"bmp/im_rle8.bmp", 0},        {"bmp/cr_rle4.bmp", 0},         {"bmp/im_v5_16.bmp", 0},
+        {"jpeg/c420.jpg", TRICKLES},   {"jpeg/crestart.jpg", TRICKLES}, {"jpeg/cmyk.jpg", TRICKLES},
+    };
+    for (auto &f : files) {
+        SCOPED_TRACE(f.name);
+        check_load_faults(read_file(std::string(BRIVANTA_FIXTURES) + "/" + f.name), f.how);
+    }
 }

@@ -72,6 +72,13 @@ int sweep_save_alloc_failures(int handle, int type, const bytes &want_file);
 // Saves to memory (or to the named file) with the writes cut off after
 // budget bytes; the result.
 int save_with_write_budget(int handle, int type, size_t budget, const char *name = nullptr);
-// Loads from memory through read hooks that hand out at most seven bytes a
+// Loads from memory through read hooks that hand out at most chunk bytes a
 // call and nothing past budget bytes in all; the handle or the code.
-int load_with_read_budget(const bytes &file, size_t budget, int page = 0);
+int load_with_read_budget(const bytes &file, size_t budget, int page = 0, size_t chunk = 7);
+// The sweeps above over one file image (failing allocations, reads cut off
+// at budgets up to twice its size) and over one save (failing allocations,
+// writes cut short).  TRICKLES: the reader takes short reads, so an endless
+// budget in seven-byte reads loads the file.
+enum { TRICKLES = 1 };
+void check_load_faults(const bytes &file, int how, int page = 0);
+void check_save_faults(int handle, int type);

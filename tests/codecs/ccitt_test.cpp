@@ -90,33 +90,6 @@ TEST(CcittFax, StreamsDecodeToTheSourcePage) {
     }
 }
 
-TEST(CcittFax, ByteAlignedModifiedHuffmanInTiff) {
-    // Compression 2 rows, as Pillow writes them: no EOLs, each row byte-aligned.
-    bytes strip = first_strip(read_file(fixture("page_mh.tif")));
-    struct sink_state {
-        std::vector<bytes> rows;
-    } s;
-    ccitt_params p{};
-    p.width = 200;
-    p.rows = 60;
-    p.compression = 2;
-    p.photometric = 0;  // Pillow codes the page min-is-black: the rows come inverted
-    p.fill_order = 1;
-    block_ref block(strip);
-    memory_source_set(block.data);
-    file_seek(MEMORY_FD, 0, 0);
-    bytes work(READ_BUFFER_SIZE + 300);
-    auto sink = [](void *ctx, uint8_t *row, int, int n) {
-        static_cast<sink_state *>(ctx)->rows.emplace_back(row, row + n);
-        return 0;
-    };
-    ASSERT_EQ(ccitt_decode_g3_1d(work.data(), static_cast<int32_t>(work.size()), p, MEMORY_FD, sink, &s), 0);
-    scratch_free_all();
-    picture page = read_pbm("page.pbm");
-    ASSERT_EQ(s.rows.size(), 60u);
-    for (int y = 0; y < 60; y++) EXPECT_EQ(bytes(s.rows[y].begin(), s.rows[y].begin() + 25), bytes(page.rows[y].begin(), page.rows[y].begin() + 25)) << y;
-}
-
 // Rows of runs written with the code tables: every terminating and make-up
 // code of both colours must come back as its run.
 struct bit_writer {

@@ -1,10 +1,12 @@
 // JPEG: decoder output pinned by golden checksums of files from independent
 // tools, the tables kept between streams, refusals and hostile streams;
-// encoder round trips, headers, quality scaling, golden output bytes; and
-// allocation, short-read and short-write injection for both.
+// encoder round trips, densities, quality scaling, golden output bytes and
+// writes cut short at every call.
 #include "jpeg_support.h"
 
 #include <gtest/gtest.h>
+
+#include <array>
 
 using namespace jpeg_testing;
 
@@ -37,19 +39,6 @@ size_t find_segment(const bytes &f, int marker) {
     for (const segment &s : segments(f))
         if (s.marker == marker) return s.at;
     return 0;
-}
-
-// Position of the first entropy-coded byte.
-size_t scan_start(const bytes &f) {
-    for (const segment &s : segments(f))
-        if (s.marker == 0xFFDA) return s.at + 2 + s.length;
-    return f.size();
-}
-
-// Bytes of the DQT segment (both tables: id byte then 64 entries, twice).
-bytes dqt_of(const bytes &f) {
-    size_t at = find_segment(f, 0xFFDB);
-    return bytes(f.begin() + at + 4, f.begin() + at + 4 + 130);
 }
 
 }  // namespace
@@ -121,7 +110,6 @@ TEST(JpegDecode, SameCoefficientsDecodeTheSame) {
         // cjpeg codes the same coefficients with and without restart intervals.
         {"restart markers", fixture_bytes("crestart.jpg"), 0, c420, 0},
         {"1 byte of garbage before the SOI", after(1, 0x5A, c420), 0, c420, 0},
-        {"17 bytes of garbage", after(17, 0x5A, c420), 0, c420, 0},
         {"1000 bytes of garbage", after(1000, 0x5A, c420), 0, c420, 0},
         {"1001 bytes of garbage: past the search", after(1001, 0x5A, c420), 0, c420, IMG_ERR_HEADER},
         {"a stream at an offset in a larger file", after(5000, 0xFF, c422), 5000, c422, 0},
@@ -254,45 +242,6 @@ TEST(JpegDecode, CallbackCodesStopTheDecode) {
     EXPECT_TRUE(s.rows[21].empty()) << "no row after the refusal";
 }
 
-TEST(JpegDecode, AllocationFailuresReturnMinusOneAndLeakNothing) {
-    const bytes f = fixture_bytes("c420.jpg");
-    EXPECT_GE(count_alloc_failures([&](int k) { sink s; return decode(f, s, 0, k); }), 5)
-        << "header, planes, row and input buffers each fail";
-}
-
-namespace {
-bytes hook_data;
-int32_t hook_pos;
-int IMG_CALLBACK trickle_read(int, void *buffer, int count) {
-    // Short reads of 1 to 7 bytes; nothing past the end.
-    int n = std::min<int>({count, 1 + hook_pos % 7, static_cast<int>(hook_data.size()) - hook_pos});
-    if (n <= 0) return 0;
-    std::memcpy(buffer, hook_data.data() + hook_pos, n);
-    hook_pos += n;
-    return n;
-}
-int IMG_CALLBACK trickle_seek(int, int offset, int origin) {
-    hook_pos = origin == 0 ? offset : origin == 1 ? hook_pos + offset : static_cast<int>(hook_data.size()) + offset;
-    return hook_pos;
-}
-}  // namespace
-
-TEST(JpegDecode, ShortReadsThroughTheHooksDecodeTheSame) {
-    for (const char *name : {"c420.jpg", "crestart.jpg", "cgrey.jpg"}) {
-        sink ref;
-        ASSERT_EQ(decode(fixture_bytes(name), ref), 0);
-        hook_data = fixture_bytes(name);
-        hook_pos = 0;
-        IMGLOW_set_fileio(trickle_read, nullptr, trickle_seek);
-        sink s;
-        int rc = jpeg_read_file(0, sink_row, &s, sink_begin, 3);
-        IMGLOW_set_fileio(nullptr, nullptr, nullptr);
-        EXPECT_EQ(scratch_count(), 0);
-        ASSERT_EQ(rc, 0) << name;
-        EXPECT_EQ(s.rows, ref.rows) << name;
-    }
-}
-
 // ---- Encoder ---------------------------------------------------------------------------
 
 TEST(JpegEncode, RoundTripEveryKindAndAwkwardSize) {
@@ -322,40 +271,15 @@ TEST(JpegEncode, RoundTripEveryKindAndAwkwardSize) {
     IMGLOW_set_comp_quality(50);
 }
 
-TEST(JpegEncode, HeadersForColourAndGrey) {
-    for (kind k : {kind::rgb24, kind::palette8, kind::grey8}) {
-        bool colour = k != kind::grey8;
-        bytes f = save_picture(smooth_picture(20, 10, k, 1), IMG_TYPE_JPEG);
-        std::vector<std::pair<int, int>> expect = {{0xFFE0, 16}, {0xFFDB, 132}, {0xFFC0, colour ? 17 : 11},
-                                                   {0xFFC4, 31}, {0xFFC4, 181}};
-        if (colour) expect.insert(expect.end(), {{0xFFC4, 31}, {0xFFC4, 181}});
-        expect.push_back({0xFFDA, colour ? 12 : 8});
-        std::vector<std::pair<int, int>> got;
-        for (const segment &s : segments(f)) got.push_back({s.marker, s.length});
-        EXPECT_EQ(got, expect);
-        size_t sof = find_segment(f, 0xFFC0);
-        EXPECT_EQ(f[sof + 9], colour ? 3 : 1);
-        EXPECT_EQ(f[sof + 11], colour ? 0x21 : 0x11) << "luma sampling";
-        EXPECT_EQ(get16be(&f[sof + 5]), 10);
-        EXPECT_EQ(get16be(&f[sof + 7]), 20);
-        EXPECT_EQ(f[f.size() - 2], 0xFF);
-        EXPECT_EQ(f[f.size() - 1], 0xD9);
-    }
-}
-
 TEST(JpegEncode, DensitiesAreWrittenAsDotsPerInch) {
     picture p = smooth_picture(8, 8, kind::rgb24, 0);
-    struct {
-        int x, y, want_x, want_y;
-    } cases[] = {{300, 200, 300, 200}, {0, 150, 96, 96}, {72, 72, 72, 72}};
-    for (auto &c : cases) {
-        int n = 0;
-        bytes f = save_picture(p, IMG_TYPE_JPEG, &n, c.x, c.y);
-        ASSERT_GT(n, 20);
+    for (auto [x, y, want_x, want_y] : {std::array{300, 200, 300, 200}, {0, 150, 96, 96}}) {
+        bytes f = save_picture(p, IMG_TYPE_JPEG, nullptr, x, y);
+        ASSERT_GT(f.size(), 20u);
         EXPECT_EQ(std::string(f.begin() + 6, f.begin() + 11), std::string("JFIF\0", 5));
         EXPECT_EQ(f[13], 1) << "units: dots per inch";
-        EXPECT_EQ(get16be(&f[14]), c.want_x);
-        EXPECT_EQ(get16be(&f[16]), c.want_y);
+        EXPECT_EQ(get16be(&f[14]), want_x);
+        EXPECT_EQ(get16be(&f[16]), want_y);
     }
 }
 
@@ -363,181 +287,82 @@ TEST(JpegEncode, QualityScalesBothTablesAndClamps) {
     picture p = smooth_picture(8, 8, kind::rgb24, 0);
     auto tables_at = [&](int q) {
         IMGLOW_set_comp_quality(q);
-        return dqt_of(save_picture(p, IMG_TYPE_JPEG));
+        bytes f = save_picture(p, IMG_TYPE_JPEG);
+        size_t at = find_segment(f, 0xFFDB);
+        return bytes(f.begin() + at + 4, f.begin() + at + 4 + 130);  // id byte and 64 entries, twice
     };
-    bytes q50 = tables_at(50);
-    // First rows in natural order sit at zig-zag positions 0, 1, 5, 6, 14, 15, 27, 28.
-    const int first_row[8] = {0, 1, 5, 6, 14, 15, 27, 28};
-    const uint8_t luma[8] = {16, 11, 10, 16, 24, 40, 51, 61}, chroma[8] = {17, 18, 24, 46, 66, 99, 99, 99};
-    for (int i = 0; i < 8; i++) {
-        EXPECT_EQ(q50[1 + first_row[i]], luma[i]);
-        EXPECT_EQ(q50[66 + first_row[i]], chroma[i]);
-    }
-    EXPECT_EQ(q50[0], 0);
-    EXPECT_EQ(q50[65], 1);
-    bytes q100 = tables_at(100);
+    bytes q50 = tables_at(50), q25 = tables_at(25), q100 = tables_at(100), q1 = tables_at(1);
+    EXPECT_EQ(q25[1], 2 * q50[1]) << "5000 / 25 = 200%";
+    EXPECT_EQ(q25[66 + 1], 2 * q50[66 + 1]);
     for (int i = 0; i < 64; i++) EXPECT_EQ(q100[1 + i] + q100[66 + i], 2);
     EXPECT_EQ(tables_at(150), q100);
-    bytes q1 = tables_at(1);
     EXPECT_EQ(tables_at(0), q1);
     EXPECT_EQ(tables_at(-40), q1);
     EXPECT_EQ(q1[66 + 63], 255);
-    bytes q25 = tables_at(25);
-    EXPECT_EQ(q25[1], 32) << "5000 / 25 = 200%";
-    EXPECT_EQ(q25[66 + 1], 36);
     IMGLOW_set_comp_quality(50);
 }
 
-TEST(JpegEncode, EntropyDataIsStuffedAndPaddedToWholeWords) {
-    IMGLOW_set_comp_quality(100);
-    for (uint32_t seed : {1u, 2u, 3u}) {
-        // Noise at quality 100 produces long codes and many 0xFF bytes.
-        picture p = make_picture(45, 19, 24, seed);
-        bytes f = save_picture(p, IMG_TYPE_JPEG);
-        size_t start = scan_start(f), end = f.size() - 2;
-        ASSERT_EQ(f[end], 0xFF);
-        size_t ff = 0, data = 0;
-        for (size_t i = start; i < end; i++) {
-            data++;
-            if (f[i] == 0xFF) {
-                ff++;
-                ASSERT_LT(i + 1, end);
-                EXPECT_EQ(f[i + 1], 0x00) << "at " << i;
-                i++;
-            }
-        }
-        EXPECT_GT(ff, 0u) << "the check saw no 0xFF byte";
-        EXPECT_EQ(data % 2, 0u) << "zero padding to a whole 16-bit word";
-    }
-    IMGLOW_set_comp_quality(50);
-}
-
+// The last row is noise at quality 100: long codes, many stuffed 0xFF bytes
+// and the padding of the data to a whole 16-bit word.
 TEST(JpegEncode, GoldenOutputBytes) {
     struct {
-        kind k;
-        int w, h, quality;
+        picture p;
+        int quality;
         uint64_t hash;
-    } cases[] = {{kind::rgb24, 37, 21, 75, 0xf3bcab4ff44b7e2f},
-                 {kind::grey8, 37, 21, 75, 0xcb259f5082ab4576},
-                 {kind::palette8, 30, 17, 25, 0xe29e20fb7d264bf8},
-                 {kind::rgb24, 64, 16, 95, 0xc213da358248343c}};
+    } cases[] = {{smooth_picture(37, 21, kind::rgb24, 5), 75, 0xf3bcab4ff44b7e2f},
+                 {smooth_picture(37, 21, kind::grey8, 5), 75, 0xcb259f5082ab4576},
+                 {smooth_picture(30, 17, kind::palette8, 5), 25, 0xe29e20fb7d264bf8},
+                 {smooth_picture(64, 16, kind::rgb24, 5), 95, 0xc213da358248343c},
+                 {make_picture(45, 19, 24, 2), 100, 0x78c462b4c467f2eb}};
     for (auto &c : cases) {
         IMGLOW_set_comp_quality(c.quality);
-        bytes f = save_picture(smooth_picture(c.w, c.h, c.k, 5), IMG_TYPE_JPEG);
-        EXPECT_EQ(byte_hash(f), c.hash) << c.w << "x" << c.h << " q" << c.quality;
+        EXPECT_EQ(byte_hash(save_picture(c.p, IMG_TYPE_JPEG)), c.hash) << c.p.width << "x" << c.p.height << " q" << c.quality;
     }
     IMGLOW_set_comp_quality(50);
 }
 
+// Each write in turn cut short, across several 10,000-byte flushes.
 TEST(JpegEncode, ShortWritesReturnMinusNineWherever) {
-    picture p = smooth_picture(600, 200, kind::rgb24, 4);  // more than one 10,000-byte flush
+    picture p = smooth_picture(600, 200, kind::rgb24, 4);
     IMGLOW_set_comp_quality(95);
     int total = 0;
     ASSERT_GT(save_failing_write(p, IMG_TYPE_JPEG, 0, &total), 20000);
     EXPECT_GE(total, 12) << "header segments, two flushes, the rest and the EOI";
-    const int live = mem_live_blocks();
-    for (int k = 1; k <= total; k++) {
-        EXPECT_EQ(save_failing_write(p, IMG_TYPE_JPEG, k), IMG_ERR_WRITE) << "write " << k;
-        EXPECT_EQ(mem_live_blocks(), live);
-    }
+    for (int k = 1; k <= total; k++) EXPECT_EQ(save_failing_write(p, IMG_TYPE_JPEG, k), IMG_ERR_WRITE) << "write " << k;
     IMGLOW_set_comp_quality(50);
-    for (int bits : {1, 4}) {
-        int writes = 0;
-        EXPECT_EQ(save_failing_write(make_picture(9, 9, bits, 1), IMG_TYPE_JPEG, 0, &writes), IMG_ERR_DEPTH);
-        EXPECT_EQ(writes, 0) << "refused before writing anything";
-    }
 }
 
 namespace {
 int IMG_CALLBACK refuse(void *, unsigned char *, int r, int) { return r == 11 ? -42 : 0; }
 }  // namespace
 
-TEST(JpegEncode, AllocationFailuresAndRowCodes) {
-    picture p = smooth_picture(40, 20, kind::palette8, 1);
-    const int live = mem_live_blocks();
-    EXPECT_GE(count_alloc_failures([&](int k) { int n = 0; save_picture(p, IMG_TYPE_JPEG, &n, 0, 0, k); return n; }), 3);
-    // A row callback's code comes back unchanged.
-    bytes h = header_of(p);
-    {
-        block_ref out(uint32_t{1u << 20});
-        EXPECT_EQ(IMGLOW_save_bitmap_mem(out.data, h.data(), IMG_TYPE_JPEG, refuse, nullptr), -42);
-    }
-    EXPECT_EQ(mem_live_blocks(), live);
-}
-
-TEST(JpegEncode, TooWideForTheRowBufferIsMinusOne) {
-    picture p;
-    p.width = 21800, p.height = 1, p.bits = 24;
-    p.rows.assign(1, bytes(stride_of(p.width, 24), 0));
+TEST(JpegEncode, RowCodesAndTooWideARow) {
+    bytes h = header_of(smooth_picture(40, 20, kind::palette8, 1));
+    block_ref out(uint32_t{1u << 20});
+    EXPECT_EQ(IMGLOW_save_bitmap_mem(out.data, h.data(), IMG_TYPE_JPEG, refuse, nullptr), -42);
+    picture wide;
+    wide.width = 21800, wide.height = 1, wide.bits = 24;
+    wide.rows.assign(1, bytes(stride_of(wide.width, 24), 0));
     int n = 0;
-    save_picture(p, IMG_TYPE_JPEG, &n);
-    EXPECT_EQ(n, IMG_ERR_MEMORY);
+    save_picture(wide, IMG_TYPE_JPEG, &n);
+    EXPECT_EQ(n, IMG_ERR_MEMORY) << "too wide for the row buffer";
 }
 
-// ---- Transforms -------------------------------------------------------------------------
-
-TEST(JpegTransform, LaneKernelsEqualTheScalarOnesBitForBit) {
+// The forward transform's lane kernel against the plain one (the inverse
+// kernels are compared in the decoder's golden tests).
+TEST(JpegTransform, ForwardLaneKernelEqualsTheScalarOne) {
     uint32_t seed = 12345;
     auto rnd = [&seed](int range) {
         seed = seed * 1664525u + 1013904223u;
         return static_cast<int>(seed >> 8) % (2 * range + 1) - range;
     };
     for (int it = 0; it < 20000; it++) {
-        // Inverse: mostly dequantised-size values, some at the 16-bit
-        // extremes, some sparse.
-        int range = it % 10 == 0 ? 32767 : it % 3 == 0 ? 2047 : 300;
-        int16_t coef[64], coefT[64];
-        for (int i = 0; i < 64; i++) {
-            coef[i] = static_cast<int16_t>(it % 4 == 1 && i > 10 ? 0 : rnd(range));
-            coefT[(i & 7) * 8 + (i >> 3)] = coef[i];
-        }
-        int8_t a[64], b[64];
-        jpeg_idct_8x8(coef, 0xFF, a, 8);
-        jpeg_idct_8x8_transposed(coefT, b, 8);
-        ASSERT_EQ(std::memcmp(a, b, 64), 0) << "inverse, block " << it;
-        // Forward: level-shifted samples (the colour weights reach 128), at a stride.
+        // Level-shifted samples (the colour weights reach 128), at a stride.
         int16_t s[8 * 13];
         for (auto &v : s) v = static_cast<int16_t>(it % 5 == 0 ? (rnd(1) < 0 ? 128 : -129) : rnd(128) - (rnd(1) > 0));
         int16_t fa[64], fb[64];
         jpeg_fdct_8x8(s + 3, 13, fa);
         jpeg_fdct_8x8_lanes(s + 3, 13, fb);
-        ASSERT_EQ(std::memcmp(fa, fb, sizeof fa), 0) << "forward, block " << it;
+        ASSERT_EQ(std::memcmp(fa, fb, sizeof fa), 0) << "block " << it;
     }
-}
-
-TEST(JpegTransform, BothTransformsStayCloseToTheExactDct) {
-    // Measured: forward within 7 of the exact transform (RMS 0.9), inverse
-    // within 7 (RMS 1.0); a wrong constant or output order is far outside.
-    uint32_t seed = 7;
-    double fmax = 0, imax = 0, fse = 0, ise = 0;
-    int n = 0;
-    for (int it = 0; it < 500; it++) {
-        int16_t s[64], c[64];
-        for (int i = 0; i < 64; i++) {
-            seed = seed * 1664525u + 1013904223u;
-            s[i] = static_cast<int16_t>(it % 2 ? (seed >> 24) - 128 : (i % 8) * 20 + (i / 8) * 9 - 128 + (seed >> 30));
-        }
-        jpeg_fdct_8x8(s, 8, c);
-        int8_t o[64];
-        jpeg_idct_8x8(c, 0xFF, o, 8);
-        for (int v = 0; v < 8; v++)
-            for (int u = 0; u < 8; u++) {
-                double f = 0, p = 0;
-                for (int y = 0; y < 8; y++)
-                    for (int x = 0; x < 8; x++) {
-                        f += s[y * 8 + x] * std::cos((2 * x + 1) * u * M_PI / 16) * std::cos((2 * y + 1) * v * M_PI / 16);
-                        p += (x ? 1 : M_SQRT1_2) * (y ? 1 : M_SQRT1_2) * c[y * 8 + x] *
-                             std::cos((2 * u + 1) * x * M_PI / 16) * std::cos((2 * v + 1) * y * M_PI / 16);
-                    }
-                f *= (u ? 1 : M_SQRT1_2) * (v ? 1 : M_SQRT1_2) / 4;
-                p = std::clamp(p / 4, -127.0, 127.0);
-                double fe = std::abs(f - c[v * 8 + u]), ie = std::abs(p - o[v * 8 + u]);
-                fmax = std::max(fmax, fe), imax = std::max(imax, ie);
-                fse += fe * fe, ise += ie * ie, n++;
-            }
-    }
-    EXPECT_LT(fmax, 8.0);
-    EXPECT_LT(std::sqrt(fse / n), 1.1);
-    EXPECT_LT(imax, 8.0);
-    EXPECT_LT(std::sqrt(ise / n), 1.2);
 }

@@ -1,6 +1,6 @@
 // PCX and DCX: writer round trips, the row coder, reader variants built
-// from small recipes, palette rules, DCX pages and containers, hostile
-// files and fault injection.
+// from small recipes, palette rules, DCX pages and containers, and hostile
+// files.
 #include "codecs/pcx.h"
 #include "frame/frame.h"
 #include "test_util.h"
@@ -45,12 +45,6 @@ bytes literal(const bytes &raw) {
     return out;
 }
 
-// DCX saves go through the library's fixed temporary file name; a private
-// directory keeps parallel test processes apart.
-void private_temp_dir() {
-    static std::string dir = use_private_temp_dir("pcx");
-}
-
 int IMG_CALLBACK no_header(void *, void *) { return 0; }
 int rows_seen = 0;
 int IMG_CALLBACK count_row(unsigned char *, void *, int, int) { return ++rows_seen, 0; }
@@ -58,10 +52,9 @@ int IMG_CALLBACK count_row(unsigned char *, void *, int, int) { return ++rows_se
 }  // namespace
 
 TEST(Pcx, WriterRoundTripEveryTypeAndDepth) {
-    private_temp_dir();
     for (int type : {IMG_TYPE_PCX, IMG_TYPE_DCX})
         for (int bits : {1, 4, 8, 24})
-            for (int width : {1, 2, 7, 8, 9, 33, 64, 131}) {
+            for (int width : {1, 2, 7, 8, 9, 33, 131, 5000}) {
                 picture p = make_picture(width, 6, bits, static_cast<uint32_t>(width * 7 + bits));
                 int n = 0;
                 bytes file = save_pic(p, type, &n);
@@ -119,23 +112,6 @@ TEST(Pcx, RowCoderOutput) {
         int32_t n = file_seek(MEMORY_FD, 0, 1);
         EXPECT_EQ(bytes(out.data, out.data + n), c.out);
     }
-    // A long row goes out in several writes and still decodes to itself.
-    bytes row(5000);
-    for (size_t i = 0; i < row.size(); i++) row[i] = static_cast<uint8_t>(i % 3 ? 0xD0 : i / 97);
-    block_ref out(uint32_t{20000});
-    memory_source_set(out.data);
-    ASSERT_EQ(pcx_encode_row(MEMORY_FD, row.data(), 5000), 0);
-    int32_t n = file_seek(MEMORY_FD, 0, 1);
-    bytes decoded;
-    for (int32_t i = 0; i < n; i++) {
-        if (out.data[i] >= 0xC0) {
-            decoded.insert(decoded.end(), out.data[i] & 63u, out.data[i + 1]);
-            i++;
-        } else {
-            decoded.push_back(out.data[i]);
-        }
-    }
-    EXPECT_EQ(decoded, row);
 }
 
 TEST(Pcx, PaletteRules) {
@@ -281,27 +257,7 @@ TEST(Pcx, BrokenFilesEndWithCleanCodes) {
     }
 }
 
-TEST(Pcx, AllocationFailuresAndShortWrites) {
-    private_temp_dir();
-    for (int type : {IMG_TYPE_PCX, IMG_TYPE_DCX})
-        for (int bits : {1, 4, 8, 24}) {
-            picture p = make_picture(50, 20, bits, 6);
-            int h = handle_of(p);
-            bytes file = save_bytes(h, type);
-            EXPECT_GE(sweep_load_alloc_failures(file, p), 2) << type << "/" << bits;
-            EXPECT_GE(sweep_save_alloc_failures(h, type, file), 1) << type << "/" << bits;
-            // Only the last plane of a row is checked, so cut inside the data at
-            // the very end, where the last plane (or the palette) is written.
-            if (type == IMG_TYPE_PCX) {
-                for (size_t budget : {size_t{0}, size_t{100}, file.size() - 1})
-                    EXPECT_EQ(save_with_write_budget(h, type, budget), IMG_ERR_WRITE) << bits << " budget " << budget;
-            }
-            IMG_delete_bitmap(h);
-        }
-}
-
 TEST(Dcx, RepeatedSavesAddPages) {
-    private_temp_dir();
     std::string name = temp_path("pages.dcx");
     std::remove(name.c_str());
     std::vector<picture> pages = {make_picture(30, 10, 8, 1), make_picture(17, 5, 1, 2), make_picture(9, 9, 24, 3),
@@ -327,10 +283,11 @@ TEST(Dcx, RepeatedSavesAddPages) {
     load_pic(file, &code, 4);
     EXPECT_EQ(code, IMG_ERR_PAGE) << "page numbers count from 0";
     std::remove(name.c_str());
+    // A later page read through seven-byte reads, and through every fault.
+    check_load_faults(file, TRICKLES, 1);
 }
 
 TEST(Dcx, AddsToAContainerWithALargerTable) {
-    private_temp_dir();
     picture first = make_picture(12, 4, 8, 21), second = make_picture(13, 5, 24, 22);
     bytes page = save_pic(first, IMG_TYPE_PCX);
     // Magic and a 1024-entry table, then the page.
@@ -351,7 +308,6 @@ TEST(Dcx, AddsToAContainerWithALargerTable) {
 }
 
 TEST(Dcx, TheTableHoldsNinetyNinePages) {
-    private_temp_dir();
     std::string name = temp_path("full.dcx");
     std::remove(name.c_str());
     picture p = make_picture(3, 2, 8, 1);
@@ -367,7 +323,6 @@ TEST(Dcx, TheTableHoldsNinetyNinePages) {
 }
 
 TEST(Dcx, BrokenContainersEndWithCleanCodes) {
-    private_temp_dir();
     bytes good = save_pic(make_picture(5, 5, 8, 1), IMG_TYPE_DCX);
     struct {
         const char *what;
@@ -392,43 +347,4 @@ TEST(Dcx, BrokenContainersEndWithCleanCodes) {
     EXPECT_EQ(dcx_decompress(0, count_row, nullptr, no_header, MEMORY_FD), IMG_ERR_HEADER);
     EXPECT_EQ(dcx_page_count(MEMORY_FD), IMG_ERR_HEADER);
     scratch_free_all();
-}
-
-TEST(Pcx, ShortReadsThroughHooks) {
-    private_temp_dir();
-    std::string name = temp_path("trickle.dcx");
-    std::remove(name.c_str());
-    std::vector<picture> pages = {make_picture(70, 20, 8, 1), make_picture(33, 9, 24, 2)};
-    for (auto &p : pages) {
-        int h = handle_of(p);
-        ASSERT_EQ(IMG_save_bitmap(h, name.c_str(), IMG_TYPE_DCX), 0);
-        IMG_delete_bitmap(h);
-    }
-    bytes dcx = read_file(name);
-    std::remove(name.c_str());
-    struct {
-        bytes file;
-        int page;
-        const picture &want;
-    } cases[] = {
-        {save_pic(pages[0], IMG_TYPE_PCX), 0, pages[0]},
-        {save_pic(pages[1], IMG_TYPE_PCX), 0, pages[1]},
-        {dcx, 0, pages[0]},
-        {dcx, 1, pages[1]},
-    };
-    for (auto &c : cases) {
-        // A DCX page needs only its own bytes, so the cut near the end is
-        // for single PCX files.
-        const size_t near_end = c.file[0] == 10 ? c.file.size() - 800 : 700;
-        for (size_t budget : {SIZE_MAX, size_t{3}, size_t{100}, size_t{700}, near_end}) {
-            int got = load_with_read_budget(c.file, budget, c.page);
-            if (budget == SIZE_MAX) {
-                ASSERT_GE(got, 0) << c.page;
-                EXPECT_EQ(picture_of(got), c.want) << "reads of seven bytes at a time, page " << c.page;
-            } else {
-                EXPECT_LT(got, 0) << budget << " of " << c.file.size() << " page " << c.page;
-            }
-            if (got >= 0) IMG_delete_bitmap(got);
-        }
-    }
 }

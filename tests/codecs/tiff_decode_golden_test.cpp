@@ -373,7 +373,6 @@ class TiffConvertGolden : public ::testing::TestWithParam<convert_case> {};
 
 TEST_P(TiffConvertGolden, ConvertsAsBefore) {
     const convert_case &c = GetParam();
-    static const std::string temp_dir = use_private_temp_dir("tiffgolden");  // planar rows go through a temporary file
     uint64_t all = 0;
     for (uint32_t width : {1u, 6u, 37u, 70u})
         for (bool mm : {false, true}) {

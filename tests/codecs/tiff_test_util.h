@@ -8,9 +8,11 @@
 #include <vector>
 
 #include "codecs/codecs.h"
+#include "codecs/tiff.h"
 #include "frame/frame.h"
 #include <algorithm>
 #include <cstring>
+#include <map>
 
 struct tiff_field {
     uint16_t tag;
@@ -242,6 +244,24 @@ inline picture read_ppm(const std::string &name) {
         p.rows.push_back(row);
     }
     return p;
+}
+
+// The entries of a little-endian IFD by tag, and the link to the next.
+struct ifd_view {
+    std::map<int, tiff_ifd_entry> tags;
+    uint32_t next = 0;
+    uint32_t value(int tag) const { return tags.count(tag) ? tags.at(tag).value : 0xFFFFFFFFu; }
+};
+
+inline ifd_view parse_ifd(const bytes &f, uint32_t at) {
+    ifd_view v;
+    int n = get16(&f.at(at));
+    for (int i = 0; i < n; i++) {
+        const uint8_t *e = &f.at(at + 2 + 12 * i);
+        v.tags[get16(e)] = {get16(e), get16(e + 2), get32(e + 4), get32(e + 8)};
+    }
+    v.next = get32(&f.at(at + 2 + 12 * n));
+    return v;
 }
 
 // The single strip of a little-endian one-strip TIFF file.

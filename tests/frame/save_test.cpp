@@ -61,6 +61,36 @@ TEST(Save, MemorySaveReportsTheBytesWritten) {
     IMG_delete_bitmap(h);
 }
 
+// Depths a writer cannot hold are refused before anything is written: a
+// TIFF that would have taken a page stays as it was, other files stay empty.
+TEST(Save, WritersRefuseDepthsTheyCannotHold) {
+    struct {
+        int type;
+        std::vector<int> depths;
+        int code;
+    } cases[] = {
+        {IMG_TYPE_BMP_RLE, {1, 24}, IMG_ERR_DEPTH},      {IMG_TYPE_GIF, {1, 24}, IMG_ERR_DEPTH},
+        {IMG_TYPE_TARGA, {1, 4}, IMG_ERR_DEPTH},         {IMG_TYPE_TARGA16, {4, 8}, IMG_ERR_TYPE},
+        {IMG_TYPE_JPEG, {1, 4}, IMG_ERR_DEPTH},          {IMG_TYPE_TIFF_JPEG, {1, 4}, IMG_ERR_DEPTH},
+        {IMG_TYPE_TIFF_HUFFMAN, {4, 8, 24}, IMG_ERR_DEPTH}, {IMG_TYPE_TIFF_G3, {4, 8, 24}, IMG_ERR_DEPTH},
+        {IMG_TYPE_TIFF_G4, {4, 8, 24}, IMG_ERR_DEPTH},   {IMG_TYPE_RAW_G3, {8}, IMG_ERR_DEPTH},
+        {IMG_TYPE_RAW_G4, {4, 8, 24}, IMG_ERR_DEPTH},
+    };
+    const std::string name = temp_path("refused");
+    const bytes tiff = save_pic(make_picture(9, 9, 24, 1), IMG_TYPE_TIFF);
+    for (auto &c : cases)
+        for (int bits : c.depths) {
+            write_file(name, tiff);
+            int h = handle_of(make_picture(30, 20, bits, 2));
+            EXPECT_EQ(IMG_save_bitmap(h, name.c_str(), c.type), c.code) << c.type << "/" << bits;
+            bool tiff_page = c.type == IMG_TYPE_TIFF_JPEG || c.type == IMG_TYPE_TIFF_HUFFMAN ||
+                             c.type == IMG_TYPE_TIFF_G3 || c.type == IMG_TYPE_TIFF_G4;
+            EXPECT_EQ(read_file(name), tiff_page ? tiff : bytes{}) << c.type << "/" << bits;
+            IMG_delete_bitmap(h);
+        }
+    std::remove(name.c_str());
+}
+
 TEST(Save, CodesWithoutWriterGiveMinusSevenAndLeaveNoScratch) {
     uint8_t header[1064] = {};
     put32(header, 40), put32(header + 4, 4), put32(header + 8, 4), put16(header + 12, 1), put16(header + 14, 8);
