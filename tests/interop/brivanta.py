@@ -1,5 +1,7 @@
 """Interop test harness: the library through ctypes, Pillow and the
-independent command-line tools, and a tiny table-driven runner.
+independent command-line tools as reference decoders, and one table-driven
+runner: files made by a tool decode here as a reference decodes them, and
+our output decodes in the references as it does here.
 
 Run by ctest with /usr/bin/python3; BRIVANTA_LIB names the shared library,
 BRIVANTA_TOOL the command-line tool, BRIVANTA_FIXTURES the fixture folder."""
@@ -14,20 +16,22 @@ import tempfile
 import traceback
 
 import numpy as np
+from PIL import Image
 
 LIB = ctypes.CDLL(os.environ.get("BRIVANTA_LIB", "libbrivanta.so"))
 TOOL = os.environ.get("BRIVANTA_TOOL", "brivanta")
 FIXTURES = os.environ.get("BRIVANTA_FIXTURES", os.path.join(os.path.dirname(__file__), "..", "fixtures"))
 LIB.IMG_mem_lock.restype = ctypes.c_void_p
 LIB.IMG_mem_lock.argtypes = [ctypes.c_int]
-LIB.IMG_decompress_bitmap_mem.argtypes = [ctypes.c_void_p, ctypes.c_int]
-LIB.IMG_save_bitmap_mem.argtypes = [ctypes.c_int, ctypes.c_void_p, ctypes.c_int]
-LIB.IMG_decompress_bitmap.argtypes = [ctypes.c_char_p]
-LIB.IMG_save_bitmap.argtypes = [ctypes.c_int, ctypes.c_char_p, ctypes.c_int]
-LIB.IMG_decompress_bitmap_fd.argtypes = [ctypes.c_int, ctypes.c_int, ctypes.c_int]
-LIB.IMG_create_handle.argtypes = [ctypes.c_void_p]
-LIB.IMGLOW_get_filetype.argtypes = [ctypes.c_char_p]
-LIB.IMGLOW_get_pages.argtypes = [ctypes.c_char_p]
+for name, args in (("IMG_decompress_bitmap_mem", [ctypes.c_void_p, ctypes.c_int]),
+                   ("IMG_save_bitmap_mem", [ctypes.c_int, ctypes.c_void_p, ctypes.c_int]),
+                   ("IMG_decompress_bitmap", [ctypes.c_char_p]),
+                   ("IMG_save_bitmap", [ctypes.c_int, ctypes.c_char_p, ctypes.c_int]),
+                   ("IMG_decompress_bitmap_fd", [ctypes.c_int, ctypes.c_int, ctypes.c_int]),
+                   ("IMG_create_handle", [ctypes.c_void_p]),
+                   ("IMGLOW_get_filetype", [ctypes.c_char_p]),
+                   ("IMGLOW_get_pages", [ctypes.c_char_p])):
+    getattr(LIB, name).argtypes = args
 
 
 class Picture:
@@ -39,17 +43,12 @@ class Picture:
 
     def indices(self):
         """Pixel values (indexes for palette images) as an H x W array."""
-        w = self.width
-        out = np.zeros((self.height, w), dtype=np.uint8)
-        for y, row in enumerate(self.rows):
-            a = np.frombuffer(row, dtype=np.uint8)
-            if self.bits == 8:
-                out[y] = a[:w]
-            elif self.bits == 4:
-                out[y] = np.stack([a >> 4, a & 15], axis=1).reshape(-1)[:w]
-            elif self.bits == 1:
-                out[y] = np.unpackbits(a)[:w]
-        return out
+        a = np.frombuffer(b"".join(self.rows), dtype=np.uint8).reshape(self.height, -1)
+        if self.bits == 4:
+            a = np.stack([a >> 4, a & 15], axis=2).reshape(self.height, -1)
+        elif self.bits == 1:
+            a = np.unpackbits(a, axis=1)
+        return a[:, :self.width].copy()
 
     def rgb(self):
         """The picture as an H x W x 3 array of red, green, blue."""
@@ -61,8 +60,7 @@ class Picture:
 
 
 def stride(width, bits):
-    n = {1: (width + 7) // 8, 4: (width + 1) // 2, 24: width * 3}.get(bits, width)
-    return (n + 3) & ~3
+    return ((width * bits + 31) // 32) * 4
 
 
 def picture_of(handle):
@@ -92,38 +90,68 @@ def take_picture(h):
 
 def load(path, page=0):
     """Loads a file into a handle and returns its Picture, or the error code."""
-    if page:
-        fd = os.open(path, os.O_RDONLY)
-        try:
-            h = LIB.IMG_decompress_bitmap_fd(fd, 0, page)
-        finally:
-            os.close(fd)
-    else:
-        h = LIB.IMG_decompress_bitmap(path.encode())
-    return take_picture(h)
+    if not page:
+        return take_picture(LIB.IMG_decompress_bitmap(path.encode()))
+    fd = os.open(path, os.O_RDONLY)
+    try:
+        return take_picture(LIB.IMG_decompress_bitmap_fd(fd, 0, page))
+    finally:
+        os.close(fd)
 
 
-def load_handle(path):
-    return LIB.IMG_decompress_bitmap(path.encode())
+def loaded(path, page=0):
+    """load() that insists on success."""
+    p = load(path, page)
+    assert not isinstance(p, int), "load of %s failed with %d" % (os.path.basename(path), p)
+    return p
 
 
-def convert(src, dst, type_code):
-    """Loads src and saves it as dst with a type code; returns the save's result."""
-    h = load_handle(src)
+def in_block(data, fn):
+    """Calls fn with the address of a library block holding data."""
+    block = LIB.IMG_mem_alloc(len(data))
+    addr = LIB.IMG_mem_lock(block)
+    ctypes.memmove(addr, data, len(data))
+    try:
+        return fn(addr)
+    finally:
+        LIB.IMG_mem_unlock(block)
+        LIB.IMG_mem_free(block)
+
+
+def load_mem(data, page=0):
+    """Loads a file image from a library memory block; a Picture or the code."""
+    return take_picture(in_block(data, lambda addr: LIB.IMG_decompress_bitmap_mem(addr, page)))
+
+
+def load_at_offset(path, lead):
+    """Loads the file placed after `lead` bytes of other data in a bigger file."""
+    other = tmp("embedded.bin")
+    with open(path, "rb") as f, open(other, "wb") as out:
+        out.write(bytes((i * 37 + 11) & 0xFF for i in range(lead)) + f.read() + b"\xAA" * 64)
+    fd = os.open(other, os.O_RDONLY)
+    try:
+        return take_picture(LIB.IMG_decompress_bitmap_fd(fd, lead, 0))
+    finally:
+        os.close(fd)
+
+
+def save(src, dst, type_code, quality=None):
+    """Loads src and saves it as dst with a type code (removing an older dst
+    first); returns the Picture that was saved, or the failing code."""
+    if os.path.exists(dst):
+        os.remove(dst)
+    h = LIB.IMG_decompress_bitmap(src.encode())
     if h < 0:
         return h
     try:
-        return LIB.IMG_save_bitmap(h, dst.encode(), type_code)
+        if quality is not None:
+            LIB.IMGLOW_set_comp_quality(quality)
+        rc = LIB.IMG_save_bitmap(h, dst.encode(), type_code)
+        return rc if rc < 0 else picture_of(h)
     finally:
+        if quality is not None:
+            LIB.IMGLOW_set_comp_quality(75)
         LIB.IMG_delete_bitmap(h)
-
-
-def pillow_rgb(path, frame=0):
-    from PIL import Image
-    with Image.open(path) as im:
-        if frame:
-            im.seek(frame)
-        return np.asarray(im.convert("RGB"))
 
 
 def run(cmd, **kw):
@@ -146,73 +174,77 @@ def fixture(*parts):
     return os.path.join(FIXTURES, *parts)
 
 
-def tempdir():
-    return tempfile.mkdtemp(prefix="brivanta_interop_")
-
-
 _TMP = []
 
 
 def tmp(name):
     """A path in this script's own temporary folder, removed at exit."""
     if not _TMP:
-        _TMP.append(tempdir())
+        _TMP.append(tempfile.mkdtemp(prefix="brivanta_interop_"))
         atexit.register(shutil.rmtree, _TMP[0], True)
     return os.path.join(_TMP[0], name)
 
 
 def make(cmd, name):
-    """Runs a shell command with its output into tmp(name); returns the path."""
-    run(cmd + " > " + tmp(name))
-    return tmp(name)
+    """Makes tmp(name) with a shell command: its {out} is the file, or the
+    file is its output.  Returns the path."""
+    out = tmp(name)
+    run(cmd.format(out=out) if "{out}" in cmd else cmd + " > " + out)
+    return out
 
 
 def image_rgb(data):
     """Any image file's bytes (PNM from a tool, say) decoded by Pillow to RGB."""
-    from PIL import Image
     return np.asarray(Image.open(io.BytesIO(data)).convert("RGB"))
 
 
-def tool_rgb(cmd):
-    """An independent decoder's output on stdout, as an RGB array."""
-    return image_rgb(run(cmd))
+def pillow_rgb(path, page=0):
+    with Image.open(path) as im:
+        im.seek(page)
+        return np.asarray(im.convert("RGB"))
 
 
-def loaded(path, page=0):
-    """load() that insists on success."""
-    p = load(path, page)
-    assert not isinstance(p, int), "load of %s failed with %d" % (os.path.basename(path), p)
-    return p
+def libtiff_rgb(path, page=0):
+    """libtiff's own decode through tiff2rgba."""
+    run(["tiff2rgba", "-c", "none", path, path + ".rgba.tif"])
+    return pillow_rgb(path + ".rgba.tif")
 
 
-def load_mem(data, page=0):
-    """Loads a file image from a library memory block; a Picture or the code."""
-    block = LIB.IMG_mem_alloc(len(data))
-    addr = LIB.IMG_mem_lock(block)
-    ctypes.memmove(addr, data, len(data))
-    try:
-        return take_picture(LIB.IMG_decompress_bitmap_mem(addr, page))
-    finally:
-        LIB.IMG_mem_unlock(block)
-        LIB.IMG_mem_free(block)
+# Reference decoders by name: each gives a file's (page's) pixels as RGB.
+REFERENCES = {
+    "Pillow": pillow_rgb,
+    "libtiff": libtiff_rgb,
+    "ImageMagick": lambda p, page=0: image_rgb(run(["convert", "%s[%d]" % (p, page), "-depth", "8", "ppm:-"])),
+    "djpeg": lambda p, page=0: image_rgb(run(["djpeg", "-nosmooth", "-dct", "int", "-pnm", p])),
+}
+for _tool in ("pcxtoppm", "tgatoppm", "giftopnm", "g3topbm"):
+    REFERENCES[_tool] = lambda p, page=0, t=_tool: image_rgb(run([t, p]))
 
 
-def load_at_offset(path, lead):
-    """Loads the file placed after `lead` bytes of other data in a bigger file."""
-    other = tmp("embedded.bin")
-    with open(path, "rb") as f, open(other, "wb") as out:
-        out.write(bytes((i * 37 + 11) & 0xFF for i in range(lead)) + f.read() + b"\xAA" * 64)
-    fd = os.open(other, os.O_RDONLY)
-    try:
-        h = LIB.IMG_decompress_bitmap_fd(fd, lead, 0)
-    finally:
-        os.close(fd)
-    return take_picture(h)
+def decodes_like(path, ref="Pillow", tolerance=0, page=0, floor=None):
+    """Our load of the file against a reference decoder: within a tolerance,
+    or (floor) at least that many dB apart.  Returns our Picture."""
+    ours = loaded(path, page)
+    compare(ours.rgb(), REFERENCES[ref](path, page), "%s against %s" % (os.path.basename(path), ref), tolerance, floor)
+    return ours
+
+
+def writes_like(src, dst, type_code, refs, tolerance=0, floor=None, view=lambda a: a, quality=None):
+    """Saves src as dst; each reference decoder, and for exact writers our
+    own reload, must give what was saved (through view, for a writer's
+    deliberate changes).  Lossy output (floor) meets its floor in each."""
+    saved = save(src, dst, type_code, quality)
+    assert not isinstance(saved, int), "save of %s as %d gave %d" % (os.path.basename(src), type_code, saved)
+    want = view(saved.rgb())
+    for ref in refs:
+        compare(REFERENCES[ref](dst), want, "%s on our type %d" % (ref, type_code), tolerance, floor)
+    if floor is None:
+        compare(loaded(dst).rgb(), want, "our reload of type %d" % type_code, tolerance)
+    return saved
 
 
 def test_rgb(w, h):
     """A colour picture: two gradients, a texture and a flat band."""
-    from PIL import Image
     y, x = np.mgrid[0:h, 0:w]
     a = np.stack([x * 255 // (w - 1), y * 255 // (h - 1), (x * 7 + y * 13) % 256], axis=-1).astype(np.uint8)
     a[h // 3: h // 2] = [200, 30, 90]
@@ -222,7 +254,7 @@ def test_rgb(w, h):
 def test_page(w=400, h=300):
     """A bilevel page: text, a box, a disc, a dither patch and rows of noise,
     so fax coders meet every mode."""
-    from PIL import Image, ImageDraw
+    from PIL import ImageDraw
     im = Image.new("1", (w, h), 1)
     d = ImageDraw.Draw(im)
     for i in range(11):
@@ -243,11 +275,18 @@ def psnr(a, c):
     return 99.0 if mse == 0 else 10 * np.log10(255.0 ** 2 / mse)
 
 
-def assert_same(a, b, what, tolerance=0):
+def compare(a, b, what, tolerance=0, floor=None):
+    """Equal within a tolerance, or (floor) close to at least that many dB."""
+    if floor is not None:
+        value = psnr(a, b)
+        print("     %s: %.2f dB" % (what, value))
+        assert value >= floor, "%s: %.2f dB < %.1f" % (what, value, floor)
+        return
     assert a.shape == b.shape, "%s: shape %s != %s" % (what, a.shape, b.shape)
     diff = np.abs(a.astype(int) - b.astype(int))
     worst = int(diff.max()) if diff.size else 0
     assert worst <= tolerance, "%s: differs by up to %d (%d pixels)" % (what, worst, int((diff > tolerance).any(axis=-1).sum()))
+
 
 
 def main(cases):

@@ -1,122 +1,84 @@
 """Targa interop: files from ImageMagick and netpbm (mapped, grey, 16, 24 and
 32 bits, raw and run-length, both origins) decode as Pillow decodes them,
 and our type 3 output decodes the same in Pillow (type 32 in netpbm)."""
-import os
 import struct
 
 import numpy as np
 
-import brivanta as b
+import brivanta as B
 
-b.require("convert", "ppmtotga", "tgatoppm", "ppmquant", "ppmtopgm")
-from PIL import Image  # noqa: E402
+B.require("convert", "ppmtotga", "tgatoppm", "ppmquant", "ppmtopgm")
+SRC, RUNS = B.tmp("src.ppm"), B.tmp("runs.ppm")
+B.run("convert -size 61x37 -seed 5 plasma:fractal -depth 8 %s" % SRC)
+B.run("convert -size 200x3 gradient:red-blue -depth 8 %s" % RUNS)
 
-path = b.tmp
-
-
-def make_sources():
-    b.run("convert -size 61x37 -seed 5 plasma:fractal -depth 8 %s" % path("src.ppm"))
-    b.run("convert -size 200x3 gradient:red-blue -depth 8 %s" % path("runs.ppm"))
+TOOL_FILES = [
+    ("ImageMagick 24 raw", "convert %s TGA:{out}" % SRC),
+    ("ImageMagick 24 RLE", "convert %s -compress RLE TGA:{out}" % SRC),
+    ("ImageMagick 24 RLE runs", "convert %s -compress RLE TGA:{out}" % RUNS),
+    ("ImageMagick 32 raw", "convert %s -alpha set -channel A -evaluate set 50%% TGA:{out}" % SRC),
+    ("ImageMagick 32 RLE", "convert %s -alpha set -compress RLE TGA:{out}" % SRC),
+    ("ImageMagick mapped raw", "convert %s -colors 100 -type Palette TGA:{out}" % SRC),
+    ("ImageMagick mapped RLE", "convert %s -colors 100 -type Palette -compress RLE TGA:{out}" % SRC),
+    ("ImageMagick grey raw", "convert %s -colorspace gray TGA:{out}" % SRC),
+    ("ImageMagick grey RLE", "convert %s -colorspace gray -compress RLE TGA:{out}" % SRC),
+    ("ImageMagick top-left origin", "convert %s -flip -orient TopLeft TGA:{out}" % SRC),
+    ("netpbm 24 RLE", "ppmtotga " + SRC),
+    ("netpbm 24 raw", "ppmtotga -norle " + SRC),
+    ("netpbm mapped RLE", "ppmquant 100 %s | ppmtotga -cmap" % SRC),
+    ("netpbm mapped raw", "ppmquant 100 %s | ppmtotga -cmap -norle" % SRC),
+    ("netpbm grey RLE", "ppmtopgm %s | ppmtotga -mono" % SRC),
+    ("netpbm grey raw", "ppmtopgm %s | ppmtotga -mono -norle" % SRC),
+]
 
 
 def sixteen_bit(name, top, rle):
-    """A 16-bit file written here: neither tool writes one."""
-    pic = np.asarray(Image.open(path("src.ppm")).convert("RGB"))
-    h, w, _ = pic.shape
-    words = ((pic[:, :, 0].astype(np.uint16) >> 3) << 10 | (pic[:, :, 1].astype(np.uint16) >> 3) << 5
-             | (pic[:, :, 2].astype(np.uint16) >> 3) | 0x8000)
-    if not top:
-        words = words[::-1]
-    data = words.astype("<u2").tobytes()
+    """A 16-bit file written here: neither tool writes one.  Run-length
+    files hold raw packets of up to 128 pixels, crossing row ends."""
+    pic = B.pillow_rgb(SRC).astype(np.uint16)
+    words = (pic[:, :, 0] >> 3) << 10 | (pic[:, :, 1] >> 3) << 5 | (pic[:, :, 2] >> 3) | 0x8000
+    data = (words if top else words[::-1]).astype("<u2").tobytes()
     if rle:
-        # One raw packet of up to 128 pixels at a time, crossing row ends.
-        out, px = bytearray(), [data[i:i + 2] for i in range(0, len(data), 2)]
-        for i in range(0, len(px), 128):
-            chunk = px[i:i + 128]
-            out.append(len(chunk) - 1)
-            out += b"".join(chunk)
-        data = bytes(out)
-    header = struct.pack("<BBBHHBHHHHBB", 0, 0, 10 if rle else 2, 0, 0, 0, 0, 0, w, h, 16,
-                         0x20 if top else 0)
-    with open(path(name), "wb") as f:
+        data = b"".join(bytes([len(data[i:i + 256]) // 2 - 1]) + data[i:i + 256] for i in range(0, len(data), 256))
+    h, w = words.shape
+    header = struct.pack("<BBBHHBHHHHBB", 0, 0, 10 if rle else 2, 0, 0, 0, 0, 0, w, h, 16, 0x20 if top else 0)
+    with open(B.tmp(name), "wb") as f:
         f.write(header + data)
-    return path(name)
+    return B.tmp(name)
 
 
-def tool_files():
-    src, runs = path("src.ppm"), path("runs.ppm")
-    return [
-        ("ImageMagick 24 raw", "convert %s TGA:%%s" % src, 0),
-        ("ImageMagick 24 RLE", "convert %s -compress RLE TGA:%%s" % src, 0),
-        ("ImageMagick 24 RLE runs", "convert %s -compress RLE TGA:%%s" % runs, 0),
-        ("ImageMagick 32 raw", "convert %s -alpha set -channel A -evaluate set 50%%%% TGA:%%s" % src, 0),
-        ("ImageMagick 32 RLE", "convert %s -alpha set -compress RLE TGA:%%s" % src, 0),
-        ("ImageMagick mapped raw", "convert %s -colors 100 -type Palette TGA:%%s" % src, 0),
-        ("ImageMagick mapped RLE", "convert %s -colors 100 -type Palette -compress RLE TGA:%%s" % src, 0),
-        ("ImageMagick grey raw", "convert %s -colorspace gray TGA:%%s" % src, 0),
-        ("ImageMagick grey RLE", "convert %s -colorspace gray -compress RLE TGA:%%s" % src, 0),
-        ("ImageMagick top-left origin", "convert %s -flip -orient TopLeft TGA:%%s" % src, 0),
-        ("netpbm 24 RLE", "ppmtotga %s > %%s" % src, 0),
-        ("netpbm 24 raw", "ppmtotga -norle %s > %%s" % src, 0),
-        ("netpbm mapped RLE", "ppmquant 100 %s | ppmtotga -cmap > %%s" % src, 0),
-        ("netpbm mapped raw", "ppmquant 100 %s | ppmtotga -cmap -norle > %%s" % src, 0),
-        ("netpbm grey RLE", "ppmtopgm %s | ppmtotga -mono > %%s" % src, 0),
-        ("netpbm grey raw", "ppmtopgm %s | ppmtotga -mono -norle > %%s" % src, 0),
-    ]
+def decodes_as_pillow(make, tolerance):
+    return lambda: B.decodes_like(make(), "Pillow", tolerance)
 
 
-def decodes_as_pillow(name, make, tolerance):
+def our_output(type_code, source, mode):
     def run():
-        f = make()
-        b.assert_same(b.loaded(f).rgb(), b.pillow_rgb(f), name, tolerance)
-    return run
-
-
-def tool_maker(name, cmd):
-    def make():
-        f = path(name.replace(" ", "_") + ".tga")
-        b.run(cmd % f)
-        return f
-    return make
-
-
-def our_output(type_code, source, expect_mode, tolerance):
-    def run():
-        dst = path("ours_%d_%s.tga" % (type_code, os.path.basename(source)))
-        rc = b.convert(source, dst, type_code)
-        assert rc == 0, rc
-        ours = b.load(source)
-        want = ours.rgb()
+        dst = B.tmp("ours.tga")
         if type_code == 32:
             # Pillow reads no 15-bit files: netpbm decodes these, and fills
             # the low bits of each five-bit channel.
-            want = want & 0xF8
-            b.assert_same(b.tool_rgb(["tgatoppm", dst]), want, "tgatoppm on our type 32", tolerance)
-        else:
-            with Image.open(dst) as im:
-                assert im.mode == expect_mode, im.mode
-            b.assert_same(b.pillow_rgb(dst), want, "Pillow on our type %d" % type_code, tolerance)
-        back = b.load(dst)
-        b.assert_same(back.rgb(), want, "our reader on our type %d" % type_code)
+            B.writes_like(source, dst, 32, ["tgatoppm"], tolerance=7, view=lambda a: a & 0xF8)
+            return
+        B.writes_like(source, dst, 3, ["Pillow"])
+        with B.Image.open(dst) as im:
+            assert im.mode == mode, im.mode
     return run
 
 
-make_sources()
-src = path("src.ppm")
-bmp24, bmp8, bmpgrey = path("src24.bmp"), path("src8.bmp"), path("grey.tga")
-b.run("convert %s BMP3:%s" % (src, bmp24))
-b.run("convert %s -colors 60 -type Palette BMP3:%s" % (src, bmp8))
-b.run("ppmtopgm %s | ppmtotga -mono -norle > %s" % (src, bmpgrey))  # identity grey ramp
+BMP24, BMP8, GREY = B.tmp("src24.bmp"), B.tmp("src8.bmp"), B.tmp("grey.tga")
+B.run("convert %s BMP3:%s" % (SRC, BMP24))
+B.run("convert %s -colors 60 -type Palette BMP3:%s" % (SRC, BMP8))
+B.run("ppmtopgm %s | ppmtotga -mono -norle > %s" % (SRC, GREY))  # identity grey ramp
 
-cases = [(n, decodes_as_pillow(n, tool_maker(n, c), t)) for n, c, t in tool_files()]
+cases = [(n, decodes_as_pillow(lambda n=n, c=c: B.make(c, n.replace(" ", "_") + ".tga"), 0)) for n, c in TOOL_FILES]
 for top in (False, True):
     for rle in (False, True):
         n = "16-bit %s %s" % ("top-left" if top else "bottom-left", "RLE" if rle else "raw")
-        cases.append((n, decodes_as_pillow(n, lambda t=top, r=rle, n=n: sixteen_bit(n.replace(" ", "_") + ".tga", t, r), 7)))
+        cases.append((n, decodes_as_pillow(lambda t=top, r=rle, n=n: sixteen_bit(n.replace(" ", "_") + ".tga", t, r), 7)))
 cases += [
-    ("our type 3 from 24 bits", our_output(3, bmp24, "RGB", 0)),
-    ("our type 3 from a mapped 8 bits", our_output(3, bmp8, "P", 0)),
-    ("our type 3 from grey", our_output(3, bmpgrey, "L", 0)),
-    ("our type 32 from 24 bits", our_output(32, bmp24, "RGB", 7)),
+    ("our type 3 from 24 bits", our_output(3, BMP24, "RGB")),
+    ("our type 3 from a mapped 8 bits", our_output(3, BMP8, "P")),
+    ("our type 3 from grey", our_output(3, GREY, "L")),
+    ("our type 32 from 24 bits", our_output(32, BMP24, None)),
 ]
-b.main(cases)
+B.main(cases)

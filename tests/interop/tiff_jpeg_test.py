@@ -3,33 +3,20 @@ built from cjpeg output (tables in tags 519-521, strips of entropy-coded
 data) load as our decoder loads the cjpeg file, and close to libtiff's decode
 through Pillow when its libtiff reads them; type 40 output is listed by
 tiffinfo, copied by tiffcp and decoded by Pillow close to its source."""
-import os
 import struct
 import subprocess
-import sys
 
 import numpy as np
 
-sys.path.insert(0, os.path.dirname(__file__))
-import brivanta as b  # noqa: E402
-from PIL import Image  # noqa: E402
+import brivanta as b
+from PIL import Image
 
 b.require("cjpeg", "tiffinfo", "tiffcp", "convert")
-TMP = b.tempdir()
 # Measured: old-style files at 42-49 dB of libtiff's decode, type 40 output
 # at 32-33 dB of its source through Pillow (libtiff and we agree at 44 dB).
 OLD_STYLE_FLOOR = 40.0
 TYPE40_FLOOR = 31.0
-
-
-def path(name):
-    return os.path.join(TMP, name)
-
-
-def psnr(a, c):
-    assert a.shape == c.shape, "shape %s != %s" % (a.shape, c.shape)
-    mse = ((a.astype(float) - c.astype(float)) ** 2).mean()
-    return 99.0 if mse == 0 else 10 * np.log10(255.0 ** 2 / mse)
+path, psnr = b.tmp, b.psnr
 
 
 def split_jpeg(data):
@@ -120,8 +107,7 @@ def old_style_tiff(j, rows_per_strip=None):
                (521, 4, [at["ac", j["ta"][c]] for c in range(comps)])]
     if comps == 3:
         fields.append((530, 3, [j["hv"][0] >> 4, j["hv"][0] & 15]))
-    ifd_at = base + 0  # arrays go after the IFD
-    ifd_size = 2 + 12 * len(fields) + 4
+    ifd_at, ifd_size = base, 2 + 12 * len(fields) + 4  # arrays go after the IFD
     entries = []
     for tag, typ, vals in fields:
         fmt = "<H" if typ == 3 else "<I"
@@ -138,31 +124,21 @@ def old_style_tiff(j, rows_per_strip=None):
 def libtiff_decode(f):
     """libtiff's decode: through Pillow, or (for grey, which Pillow does not
     map) copied uncompressed by tiffcp first; None when libtiff refuses."""
-    for attempt in ("pillow", "tiffcp"):
-        src = f
-        if attempt == "tiffcp":
-            src = f + ".plain.tif"
-            if subprocess.run(["tiffcp", "-c", "none", f, src], capture_output=True).returncode:
-                return None
+    for src in (f, f + ".plain.tif"):
+        if src != f and subprocess.run(["tiffcp", "-c", "none", f, src], capture_output=True).returncode:
+            return None
         try:
-            with Image.open(src) as im:
-                return np.asarray(im.convert("RGB"))
+            return b.pillow_rgb(src)
         except Exception:
             pass
-    return None
 
 
 def make_jpegs():
     b.run("convert -size 203x77 -seed 5 plasma:fractal -blur 0x1 -depth 8 %s" % path("src.ppm"))
-    made = {}
-    for name, opts in (("grey", "-grayscale"), ("c420", ""), ("c444", "-sample 1x1"), ("c422", "-sample 2x1")):
-        for restart in ("", "-restart 1"):
-            key = name + ("_rows" if restart else "")
-            out = path(key + ".jpg")
-            with open(out, "wb") as f:
-                f.write(b.run("cjpeg -quality 85 %s %s %s" % (opts, restart, path("src.ppm"))))
-            made[key] = out
-    return made
+    return {name + ("_rows" if restart else ""): b.make("cjpeg -quality 85 %s %s %s" % (opts, restart, path("src.ppm")),
+                                                        name + ("_rows" if restart else "") + ".jpg")
+            for name, opts in (("grey", "-grayscale"), ("c420", ""), ("c444", "-sample 1x1"), ("c422", "-sample 2x1"))
+            for restart in ("", "-restart 1")}
 
 
 JPEGS = make_jpegs()
@@ -199,10 +175,7 @@ def case_type40_output_in_libtiff_tools_and_pillow():
     Image.open(path("rgb.bmp")).convert("L").save(path("grey.bmp"))
     for src in ("rgb", "grey"):
         out = path("t40_%s.tif" % src)
-        if os.path.exists(out):
-            os.remove(out)
-        rc = b.convert(path(src + ".bmp"), out, 40)
-        assert rc == 0, "save as type 40 gave %d" % rc
+        assert not isinstance(b.save(path(src + ".bmp"), out, 40), int), "save as type 40 failed"
         info = b.run(["tiffinfo", out]).decode(errors="replace")
         assert "Old-style JPEG" in info and "JpegInterchangeFormat" in info, info
         r = subprocess.run(["tiffcp", "-c", "none", out, path("copy_%s.tif" % src)], capture_output=True)
