@@ -1,6 +1,6 @@
 // Helpers the JPEG and Targa tests share: a row sink that keeps what a
-// reader delivers, smooth pictures that lossy coding keeps close, an encoder
-// driven from a picture, and byte-level file helpers.
+// reader delivers, smooth pictures that lossy coding keeps close, and
+// checksums.
 #pragma once
 #include "codecs/jpeg.h"
 #include "test_util.h"
@@ -42,18 +42,26 @@ inline int IMG_CALLBACK sink_row(unsigned char *row, void *context, int r, int n
     return r == s->fail_at_row ? s->fail_code : 0;
 }
 
+// The sink's rows as a picture (palette only for 8 bits).
+inline picture picture_of_sink(const sink &s) {
+    picture p;
+    p.width = s.info.biWidth, p.height = s.info.biHeight, p.bits = s.info.biBitCount;
+    if (p.bits == 8) p.palette = s.palette;
+    p.rows = s.rows;
+    return p;
+}
+
+// FNV-1a over bytes.
+inline uint64_t byte_hash(const bytes &b, uint64_t h = 1469598103934665603ull) {
+    for (uint8_t v : b) h = (h ^ v) * 1099511628211ull;
+    return h;
+}
+
 // FNV-1a over the pixel bytes of every row (padding left out).
 inline uint64_t pixel_hash(const sink &s) {
     uint64_t h = 1469598103934665603ull;
     size_t used = static_cast<size_t>(s.info.biWidth) * (s.info.biBitCount == 24 ? 3 : 1);
-    for (const bytes &r : s.rows)
-        for (size_t i = 0; i < used && i < r.size(); i++) h = (h ^ r[i]) * 1099511628211ull;
-    return h;
-}
-
-inline uint64_t byte_hash(const bytes &b) {
-    uint64_t h = 1469598103934665603ull;
-    for (uint8_t v : b) h = (h ^ v) * 1099511628211ull;
+    for (const bytes &r : s.rows) h = byte_hash(bytes(r.begin(), r.begin() + std::min(used, r.size())), h);
     return h;
 }
 
@@ -72,26 +80,13 @@ int run_reader_on(const bytes &file, sink &s, Reader reader, int32_t offset = 0,
     return rc;
 }
 
-// Red, green and blue of every pixel, top-down.
-inline bytes rgb_of(int width, int bits, const bytes &palette, const std::vector<bytes> &rows) {
-    bytes out;
-    for (const bytes &r : rows)
-        for (int x = 0; x < width; x++) {
-            if (bits == 24)
-                out.insert(out.end(), {r[3 * x + 2], r[3 * x + 1], r[3 * x]});
-            else
-                out.insert(out.end(), {palette[4 * r[x] + 2], palette[4 * r[x] + 1], palette[4 * r[x]]});
-        }
-    return out;
-}
-inline bytes rgb_of(const sink &s) { return rgb_of(s.info.biWidth, s.info.biBitCount, s.palette, s.rows); }
-inline bytes rgb_of(const picture &p) { return rgb_of(p.width, p.bits, p.palette, p.rows); }
-
-inline double psnr(const bytes &a, const bytes &b) {
-    if (a.size() != b.size() || a.empty()) return 0;
+// Peak signal to noise of two pictures as they look, in dB.
+inline double psnr(const picture &a, const picture &b) {
+    bytes x = appearance(a), y = appearance(b);
+    if (x.size() != y.size() || x.empty()) return 0;
     double se = 0;
-    for (size_t i = 0; i < a.size(); i++) se += (a[i] - b[i]) * (a[i] - b[i]);
-    return se == 0 ? 99 : 10 * std::log10(255.0 * 255.0 * a.size() / se);
+    for (size_t i = 0; i < x.size(); i++) se += (x[i] - y[i]) * (x[i] - y[i]);
+    return se == 0 ? 99 : 10 * std::log10(255.0 * 255.0 * x.size() / se);
 }
 
 enum class kind { grey8, palette8, rgb24 };
@@ -116,80 +111,20 @@ inline picture smooth_picture(int width, int height, kind k, int seed) {
     };
     for (int y = 0; y < height; y++) {
         bytes row(stride_of(width, p.bits), 0);
-        for (int x = 0; x < width; x++) {
-            if (p.bits == 24)
-                for (int c = 0; c < 3; c++) row[3 * x + c] = wave(x, y, c);
-            else
-                row[x] = wave(x, y, 0);
-        }
+        for (int x = 0; x < width; x++)
+            for (int c = 0; c < p.bits / 8; c++) row[p.bits / 8 * x + c] = wave(x, y, c);
         p.rows.push_back(row);
     }
     return p;
 }
 
-inline bytes header_of(const picture &p, int xdpi = 0, int ydpi = 0) {
-    bytes h(1064, 0);
-    int32_t f[10] = {40, p.width, p.height, 1 | p.bits << 16, 0, 0, xdpi, ydpi, 0, 0};
-    std::memcpy(h.data(), f, 40);
-    if (!p.palette.empty()) std::memcpy(h.data() + 40, p.palette.data(), p.palette.size());
-    return h;
-}
-
-inline int IMG_CALLBACK picture_rows(void *context, unsigned char *buffer, int r, int n) {
-    auto *p = static_cast<const picture *>(context);
-    if (r < 0 || r >= p->height) return -98;
-    const bytes &row = p->rows[r];
-    std::memcpy(buffer, row.data(), std::min<size_t>(n, row.size()));
-    return 0;
-}
-
-// Saves a picture with an output type through the low-level memory export.
-// fail_after makes the writer's k-th allocation fail.
-inline bytes save_picture(const picture &p, int type, int *result = nullptr, int xdpi = 0, int ydpi = 0,
-                          int fail_after = 0) {
-    bytes h = header_of(p, xdpi, ydpi);
-    block_ref out(uint32_t{8u << 20});
-    mem_fail_after(fail_after);
-    int n = IMGLOW_save_bitmap_mem(out.data, h.data(), type, picture_rows, const_cast<picture *>(&p));
-    mem_fail_after(0);
-    if (result) *result = n;
-    return n < 0 ? bytes{} : bytes(out.data, out.data + n);
-}
-
-// Calls attempt(k) with the k-th allocation failing, k = 1, 2, ..., until it
-// succeeds (a result of 0 or more); every failure must be -1 and leave no
-// block behind.  Returns how many attempts failed.
-template <typename Attempt>
-int count_alloc_failures(Attempt attempt, int limit = 40) {
-    const int live = mem_live_blocks();
-    for (int k = 1; k < limit; k++) {
-        int rc = attempt(k);
-        scratch_free_all();
-        EXPECT_EQ(mem_live_blocks(), live) << "k=" << k;
-        if (rc >= 0) return k - 1;
-        EXPECT_EQ(rc, IMG_ERR_MEMORY) << "k=" << k;
-    }
-    ADD_FAILURE() << "never succeeded";
-    return 0;
-}
-
-// Saves with the k-th write cut short (0: none); *writes counts the calls.
-inline int failing_write_at = 0, writes_made = 0;
-inline int IMG_CALLBACK failing_write(int fd, const void *buffer, int count) {
-    if (++writes_made == failing_write_at) return count / 2;
-    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
-    int n = file_write(fd, buffer, count);
-    IMGLOW_set_fileio(nullptr, failing_write, nullptr);
-    return n;
-}
-inline int save_failing_write(const picture &p, int type, int k, int *writes = nullptr) {
-    writes_made = 0, failing_write_at = k;
-    IMGLOW_set_fileio(nullptr, failing_write, nullptr);
-    int n = 0;
-    save_picture(p, type, &n);
-    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
-    if (writes) *writes = writes_made;
-    return n;
+// The picture saved with densities in its header.
+inline bytes save_at_dpi(const picture &p, int type, int xdpi, int ydpi, int *code = nullptr) {
+    block_ref dib(dib_of_picture(p, xdpi, ydpi));
+    int h = IMG_create_handle(dib.data);
+    bytes f = save_bytes(h, type, code);
+    IMG_delete_bitmap(h);
+    return f;
 }
 
 inline bytes fixture_bytes(const std::string &name) { return read_file(std::string(BRIVANTA_FIXTURES) + "/jpeg/" + name); }

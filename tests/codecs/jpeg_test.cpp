@@ -86,7 +86,7 @@ TEST(JpegDecode, GreyFilesGetARampPaletteAndNeverReachBlack) {
     picture p = smooth_picture(16, 8, kind::grey8, 0);
     for (bytes &r : p.rows) std::fill(r.begin(), r.end(), 0);
     IMGLOW_set_comp_quality(100);
-    bytes f = save_picture(p, IMG_TYPE_JPEG);
+    bytes f = save_pic(p, IMG_TYPE_JPEG);
     IMGLOW_set_comp_quality(50);
     sink b;
     ASSERT_EQ(decode(f, b), 0);
@@ -140,7 +140,7 @@ TEST(JpegDecode, ProgressiveArithmeticAndLosslessAreRefusedBeforeAnyStateIsUsed)
 }
 
 TEST(JpegDecode, TablesAreKeptForStreamsThatDoNotDefineThem) {
-    bytes full = save_picture(smooth_picture(40, 24, kind::rgb24, 3), IMG_TYPE_JPEG);
+    bytes full = save_pic(smooth_picture(40, 24, kind::rgb24, 3), IMG_TYPE_JPEG);
     ASSERT_FALSE(full.empty());
     // Split into a tables-only stream and an abbreviated image stream.
     bytes tables = {0xFF, 0xD8}, image = {0xFF, 0xD8};
@@ -257,7 +257,7 @@ TEST(JpegEncode, RoundTripEveryKindAndAwkwardSize) {
             picture p = smooth_picture(w, h, c.k, w + h);
             IMGLOW_set_comp_quality(c.quality);
             int n = 0;
-            bytes f = save_picture(p, IMG_TYPE_JPEG, &n);
+            bytes f = save_pic(p, IMG_TYPE_JPEG, &n);
             ASSERT_GT(n, 0) << w << "x" << h;
             sink s;
             ASSERT_EQ(decode(f, s), 0);
@@ -265,7 +265,7 @@ TEST(JpegEncode, RoundTripEveryKindAndAwkwardSize) {
             EXPECT_EQ(s.info.biHeight, h);
             EXPECT_EQ(s.info.biBitCount, c.k == kind::grey8 ? 8 : 24);
             if (w >= 8 && h >= 8) {
-                EXPECT_GT(psnr(rgb_of(s), rgb_of(p)), c.floor) << w << "x" << h << " q" << c.quality;
+                EXPECT_GT(psnr(picture_of_sink(s), p), c.floor) << w << "x" << h << " q" << c.quality;
             }
         }
     IMGLOW_set_comp_quality(50);
@@ -274,7 +274,7 @@ TEST(JpegEncode, RoundTripEveryKindAndAwkwardSize) {
 TEST(JpegEncode, DensitiesAreWrittenAsDotsPerInch) {
     picture p = smooth_picture(8, 8, kind::rgb24, 0);
     for (auto [x, y, want_x, want_y] : {std::array{300, 200, 300, 200}, {0, 150, 96, 96}}) {
-        bytes f = save_picture(p, IMG_TYPE_JPEG, nullptr, x, y);
+        bytes f = save_at_dpi(p, IMG_TYPE_JPEG, x, y);
         ASSERT_GT(f.size(), 20u);
         EXPECT_EQ(std::string(f.begin() + 6, f.begin() + 11), std::string("JFIF\0", 5));
         EXPECT_EQ(f[13], 1) << "units: dots per inch";
@@ -287,7 +287,7 @@ TEST(JpegEncode, QualityScalesBothTablesAndClamps) {
     picture p = smooth_picture(8, 8, kind::rgb24, 0);
     auto tables_at = [&](int q) {
         IMGLOW_set_comp_quality(q);
-        bytes f = save_picture(p, IMG_TYPE_JPEG);
+        bytes f = save_pic(p, IMG_TYPE_JPEG);
         size_t at = find_segment(f, 0xFFDB);
         return bytes(f.begin() + at + 4, f.begin() + at + 4 + 130);  // id byte and 64 entries, twice
     };
@@ -316,35 +316,56 @@ TEST(JpegEncode, GoldenOutputBytes) {
                  {make_picture(45, 19, 24, 2), 100, 0x78c462b4c467f2eb}};
     for (auto &c : cases) {
         IMGLOW_set_comp_quality(c.quality);
-        EXPECT_EQ(byte_hash(save_picture(c.p, IMG_TYPE_JPEG)), c.hash) << c.p.width << "x" << c.p.height << " q" << c.quality;
+        EXPECT_EQ(byte_hash(save_pic(c.p, IMG_TYPE_JPEG)), c.hash) << c.p.width << "x" << c.p.height << " q" << c.quality;
     }
     IMGLOW_set_comp_quality(50);
 }
 
-// Each write in turn cut short, across several 10,000-byte flushes.
-TEST(JpegEncode, ShortWritesReturnMinusNineWherever) {
-    picture p = smooth_picture(600, 200, kind::rgb24, 4);
-    IMGLOW_set_comp_quality(95);
-    int total = 0;
-    ASSERT_GT(save_failing_write(p, IMG_TYPE_JPEG, 0, &total), 20000);
-    EXPECT_GE(total, 12) << "header segments, two flushes, the rest and the EOI";
-    for (int k = 1; k <= total; k++) EXPECT_EQ(save_failing_write(p, IMG_TYPE_JPEG, k), IMG_ERR_WRITE) << "write " << k;
-    IMGLOW_set_comp_quality(50);
-}
-
 namespace {
+// The k-th write cut to half its length (0: none); counts the calls.
+int failing_write_at = 0, writes_made = 0;
+int IMG_CALLBACK failing_write(int fd, const void *buffer, int count) {
+    if (++writes_made == failing_write_at) return count / 2;
+    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+    int n = file_write(fd, buffer, count);
+    IMGLOW_set_fileio(nullptr, failing_write, nullptr);
+    return n;
+}
 int IMG_CALLBACK refuse(void *, unsigned char *, int r, int) { return r == 11 ? -42 : 0; }
 }  // namespace
 
+// Each write in turn cut short, across several 10,000-byte flushes.
+TEST(JpegEncode, ShortWritesReturnMinusNineWherever) {
+    int h = handle_of(smooth_picture(600, 200, kind::rgb24, 4));
+    IMGLOW_set_comp_quality(95);
+    for (int k = 0; k == 0 || k <= writes_made; k++) {
+        int total = writes_made;
+        writes_made = 0, failing_write_at = k;
+        IMGLOW_set_fileio(nullptr, failing_write, nullptr);
+        int n = 0;
+        save_bytes(h, IMG_TYPE_JPEG, &n);
+        IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+        if (k == 0) {
+            EXPECT_GT(n, 20000);
+            EXPECT_GE(writes_made, 12) << "header segments, two flushes, the rest and the EOI";
+        } else {
+            EXPECT_EQ(n, IMG_ERR_WRITE) << "write " << k;
+            writes_made = total;
+        }
+    }
+    IMGLOW_set_comp_quality(50);
+    IMG_delete_bitmap(h);
+}
+
 TEST(JpegEncode, RowCodesAndTooWideARow) {
-    bytes h = header_of(smooth_picture(40, 20, kind::palette8, 1));
+    bytes dib = dib_of_picture(smooth_picture(40, 20, kind::palette8, 1));
     block_ref out(uint32_t{1u << 20});
-    EXPECT_EQ(IMGLOW_save_bitmap_mem(out.data, h.data(), IMG_TYPE_JPEG, refuse, nullptr), -42);
+    EXPECT_EQ(IMGLOW_save_bitmap_mem(out.data, dib.data(), IMG_TYPE_JPEG, refuse, nullptr), -42);
     picture wide;
     wide.width = 21800, wide.height = 1, wide.bits = 24;
     wide.rows.assign(1, bytes(stride_of(wide.width, 24), 0));
     int n = 0;
-    save_picture(wide, IMG_TYPE_JPEG, &n);
+    save_pic(wide, IMG_TYPE_JPEG, &n);
     EXPECT_EQ(n, IMG_ERR_MEMORY) << "too wide for the row buffer";
 }
 

@@ -267,8 +267,8 @@ TEST(TiffJpeg, FaultsDuringAStripLoad) {
 TEST(TiffJpeg, Type40RoundTripsAsTheJpegWriterAndReaderDo) {
     picture p = jpeg_testing::smooth_picture(70, 43, jpeg_testing::kind::rgb24, 3);
     int rc40 = 0, rc13 = 0;
-    bytes tiff = jpeg_testing::save_picture(p, IMG_TYPE_TIFF_JPEG, &rc40, 150, 150);
-    bytes jpeg = jpeg_testing::save_picture(p, 13, &rc13, 150, 150);
+    bytes tiff = jpeg_testing::save_at_dpi(p, IMG_TYPE_TIFF_JPEG, 150, 150, &rc40);
+    bytes jpeg = jpeg_testing::save_at_dpi(p, IMG_TYPE_JPEG, 150, 150, &rc13);
     ASSERT_GT(rc40, 0);
     ASSERT_GT(rc13, 0);
     ifd_view v = parse_ifd(tiff, 8);
@@ -283,7 +283,7 @@ TEST(TiffJpeg, Type40RoundTripsAsTheJpegWriterAndReaderDo) {
 
     picture a = load_pic(tiff), b = load_pic(jpeg);
     EXPECT_EQ(a.rows, b.rows);
-    EXPECT_GT(jpeg_testing::psnr(jpeg_testing::rgb_of(a), jpeg_testing::rgb_of(p)), 30);
+    EXPECT_GT(jpeg_testing::psnr(a, p), 30);
 
     // As a page appended to an existing file.
     std::string name = temp_path("type40.tif");
@@ -302,7 +302,7 @@ TEST(TiffJpeg, Type40EightBitStreamMissesItsInterchangeOffset) {
     for (kind k : {kind::grey8, kind::palette8}) {
         picture p = jpeg_testing::smooth_picture(40, 24, k, 1);
         int rc = 0;
-        bytes tiff = jpeg_testing::save_picture(p, IMG_TYPE_TIFF_JPEG, &rc);
+        bytes tiff = save_pic(p, IMG_TYPE_TIFF_JPEG, &rc);
         ASSERT_GT(rc, 0);
         ifd_view v = parse_ifd(tiff, 8);
         const uint32_t n = static_cast<uint32_t>(v.tags.size()), E = k == kind::grey8 ? 0 : 6 * 256;

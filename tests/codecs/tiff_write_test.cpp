@@ -26,43 +26,17 @@ picture bilevel_page(int w, int h, uint32_t seed) {
     return p;
 }
 
-TEST(TiffWrite, EveryTypeAtEveryDepthReadsBackIdentical) {
-    struct depth_case {
-        const char *what;
-        picture p;
-    };
-    std::vector<depth_case> depths = {
-        {"1-bit", bilevel_page(203, 61, 5)},
-        {"4-bit grey", grey_palette_picture(37, 23, 4, 6)},
-        {"4-bit colour", make_picture(37, 23, 4, 7)},
-        {"8-bit grey", grey_palette_picture(61, 29, 8, 8)},
-        {"8-bit colour", make_picture(61, 29, 8, 9)},
-        {"24-bit", make_picture(45, 31, 24, 10)},
-        {"8-bit tall, many LZW strips", make_picture(300, 200, 8, 11)},
-        {"24-bit wide", make_picture(2100, 9, 24, 12)},
-        {"8-bit noise, LZW table resets", make_picture(1000, 200, 8, 21)},
-    };
-    for (auto &d : depths) {
-        int h = handle_of(d.p);
-        for (int type : {0, 7, 8, 9, 10, 16}) {
-            bool fax = type == 7 || type == 8 || type == 10;
-            if (fax && d.p.bits != 1) continue;
-            int code = 0;
-            picture back = load_pic(save_bytes(h, type), &code);
-            ASSERT_GT(code, 0) << d.what << " type " << type;
-            if (fax) {  // written white-is-zero: index 0 comes back white, index 1 black
-                picture white_first = d.p;
-                white_first.palette = {255, 255, 255, 0, 0, 0, 0, 0};
-                EXPECT_EQ(appearance(back), appearance(white_first)) << d.what << " type " << type;
-                continue;
-            }
-            // A 4-bit grey ramp goes without a ColorMap; the loader's own ramp steps by 16.
-            if (d.p.bits > 1 && (d.p.bits != 4 || d.p.palette[4] != 17)) {
-                EXPECT_EQ(back.palette, d.p.palette) << d.what << " type " << type;
-            }
-            EXPECT_EQ(back.rows, d.p.rows) << d.what << " type " << type;
+// Grey ramps are written without a colour map: an 8-bit ramp comes back
+// as it was, a 4-bit one as the loader's own ramp, which steps by 16.
+TEST(TiffWrite, GreyRampsGoWithoutAColourMap) {
+    for (int bits : {4, 8}) {
+        picture p = grey_palette_picture(37, 23, bits, 6);
+        for (int type : {0, 9, 16}) {
+            picture back = load_pic(save_pic(p, type));
+            EXPECT_EQ(back.rows, p.rows) << bits << " bits, type " << type;
+            for (int i = 0; i < (1 << bits); i++)
+                EXPECT_EQ(back.palette[4 * i], bits == 8 ? i : 16 * i) << bits << " bits, type " << type << ", entry " << i;
         }
-        IMG_delete_bitmap(h);
     }
     // Flat rows compress.
     picture flat = make_picture(1000, 200, 8, 22);

@@ -233,11 +233,6 @@ TEST(Load, FileInfoStopsAfterTheHeader) {
     EXPECT_EQ(IMG_decompress_bitmap(""), IMG_ERR_OPEN);
 }
 
-TEST(Load, FromOpenFileAtAnOffset) {
-    picture p = make_picture(9, 4, 8, 5);
-    EXPECT_EQ(load_at_offset(bmp_of(p), 100), p);
-}
-
 TEST(Status, NegativeAnswerAbortsLoadAndSave) {
     settings_guard g;
     bytes file = bmp_of(make_picture(8, 20, 8, 1));
