@@ -1,6 +1,6 @@
 // The fax decoders: raw streams made by pbmtog3 and by libtiff's encoders
 // (taken from their TIFF strips), the EOL and RTC rules, fill order, every
-// run code, and truncated, garbage and allocation-failure runs.
+// run code, and truncated and allocation-failure runs.
 #include "codecs/tiff_test_util.h"
 
 #include "brivanta.h"
@@ -38,25 +38,6 @@ picture with_white_rows(picture p, int rows) {
     return p;
 }
 
-bytes concatenated_strips(const bytes &tiff) {
-    // Strip offsets and counts of a little-endian file written by tiffcp.
-    uint32_t ifd = get32(tiff.data() + 4);
-    int n = get16(tiff.data() + ifd);
-    uint32_t offs = 0, counts = 0, strips = 0;
-    for (int i = 0; i < n; i++) {
-        const uint8_t *e = tiff.data() + ifd + 2 + 12 * i;
-        if (get16(e) == 273) offs = get32(e + 8), strips = get32(e + 4);
-        if (get16(e) == 279) counts = get32(e + 8);
-    }
-    bytes out;
-    for (uint32_t s = 0; s < strips; s++) {
-        uint32_t o = strips == 1 ? offs : get32(tiff.data() + offs + 4 * s);
-        uint32_t c = strips == 1 ? counts : get32(tiff.data() + counts + 4 * s);
-        out.insert(out.end(), tiff.begin() + o, tiff.begin() + o + c);
-    }
-    return out;
-}
-
 struct stream_case {
     const char *name;
     bytes data;
@@ -66,13 +47,13 @@ struct stream_case {
 std::vector<stream_case> page_streams() {
     return {
         {"Group 3 with EOLs and RTC (pbmtog3)", read_file(fixture("page.g3")), 3},
-        {"Group 4 (libtiff)", first_strip(read_file(fixture("page_g4.tif"))), 4},
-        {"Group 3 two-dimensional (libtiff, strips joined)", concatenated_strips(read_file(fixture("page_g3_2d.tif"))), 2},
+        {"Group 4 (libtiff)", joined_strips(read_file(fixture("page_g4.tif"))), 4},
+        {"Group 3 two-dimensional (libtiff, strips joined)", joined_strips(read_file(fixture("page_g3_2d.tif"))), 2},
     };
 }
 
 TEST(CcittFax, StreamsDecodeToTheSourcePage) {
-    picture page = read_pbm("page.pbm");
+    picture page = fixture_page();
     for (const stream_case &c : page_streams()) {
         EXPECT_TRUE(fax_picture(c.data, 200, 60, c.type) == page) << c.name;
         // Height 0 takes the rows the data holds; an end of page before the
@@ -212,7 +193,7 @@ TEST(CcittFax, TruncatedStreamsEndCleanly) {
 }
 
 TEST(CcittFax, AllocationFailureAtEveryStep) {
-    block_ref g4(first_strip(read_file(fixture("page_g4.tif"))));
+    block_ref g4(joined_strips(read_file(fixture("page_g4.tif"))));
     int live = mem_live_blocks();
     int failures = 0;
     for (int k = 1; k < 50; k++) {
