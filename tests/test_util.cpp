@@ -1,9 +1,11 @@
+// Picture recipes, memory blocks, handle pixel access and file helpers the
+// tests share.
 #include "test_util.h"
 #include "platform/platform.h"
 
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #ifdef _WIN32
 #include <process.h>
 #include <windows.h>
@@ -70,17 +72,10 @@ picture grey_palette_picture(int width, int height, int bits, uint32_t seed) {
 block_ref::block_ref(const bytes &content) : block_ref(static_cast<uint32_t>(content.size())) {
     if (data && !content.empty()) std::memcpy(data, content.data(), content.size());
 }
-
-block_ref::block_ref(uint32_t size) {
-    block = IMG_mem_alloc(static_cast<int>(size));
-    data = static_cast<uint8_t *>(IMG_mem_lock(block));
-}
-
+block_ref::block_ref(uint32_t size)
+    : block(IMG_mem_alloc(static_cast<int>(size))), data(static_cast<uint8_t *>(IMG_mem_lock(block))) {}
 block_ref::~block_ref() {
-    if (block) {
-        IMG_mem_unlock(block);
-        IMG_mem_free(block);
-    }
+    if (block) IMG_mem_unlock(block), IMG_mem_free(block);
 }
 
 bytes dib_of_picture(const picture &p, int xdpi, int ydpi) {
@@ -136,21 +131,12 @@ picture picture_of(int handle) {
 }
 
 bytes read_file(const std::string &name) {
-    bytes out;
-    FILE *f = std::fopen(name.c_str(), "rb");
-    if (!f) return out;
-    uint8_t buf[65536];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) out.insert(out.end(), buf, buf + n);
-    std::fclose(f);
-    return out;
+    std::ifstream f(name, std::ios::binary);
+    return bytes(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
 }
 
 void write_file(const std::string &name, const bytes &content) {
-    FILE *f = std::fopen(name.c_str(), "wb");
-    if (!f) return;
-    std::fwrite(content.data(), 1, content.size(), f);
-    std::fclose(f);
+    std::ofstream(name, std::ios::binary).write(reinterpret_cast<const char *>(content.data()), static_cast<std::streamsize>(content.size()));
 }
 
 std::string temp_path(const std::string &leaf) {

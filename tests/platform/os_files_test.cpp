@@ -17,105 +17,74 @@ bytes pattern(size_t n) {
     return b;
 }
 
-// Changes the current directory for one scope.
-struct in_directory {
-    fs::path old;
-    explicit in_directory(const fs::path &dir) : old(fs::current_path()) { fs::current_path(dir); }
-    ~in_directory() { fs::current_path(old); }
-};
-
 }  // namespace
 
-// Write, seek, read back and reopen read-only, for names of every length the
-// layer must take: a short one and one past 127 characters.
+// Write, seek, read back and reopen, for names of every length the layer
+// must take: a short one and one past 127 characters.
 TEST(OsFiles, WriteSeekReadForShortAndLongNames) {
-    const std::string leaves[] = {"short.bin", "long_" + std::string(150, 'n') + ".bin"};
     bytes data = pattern(5000);
-    for (const std::string &leaf : leaves) {
+    for (const std::string &leaf : {std::string("short.bin"), "long_" + std::string(150, 'n') + ".bin"}) {
         std::string name = temp_path(leaf);
         SCOPED_TRACE(name.size());
+        write_file(name, pattern(300));
         int fd = os_create(name.c_str());
         ASSERT_GE(fd, 0);
         EXPECT_NE(fd, MEMORY_FD);
-        // Chunks of uneven sizes add up to the whole.
+        EXPECT_EQ(os_seek(fd, 0, 2), 0) << "creation truncates";
         int32_t written = 0;
-        for (int32_t step : {1, 999, 4000}) {
+        for (int32_t step : {1, 999, 0, 4000}) {  // uneven chunks add up; a zero count changes nothing
             EXPECT_EQ(os_write(fd, data.data() + written, step), step);
             written += step;
         }
         EXPECT_EQ(os_seek(fd, 0, 1), 5000);
-        EXPECT_EQ(os_seek(fd, 0, 2), 5000);
         EXPECT_EQ(os_seek(fd, -100, 2), 4900);
         uint8_t tail[200] = {};
         EXPECT_EQ(os_read(fd, tail, sizeof tail), 100) << "a read at the end comes out short";
         EXPECT_EQ(bytes(tail, tail + 100), bytes(data.end() - 100, data.end()));
         EXPECT_EQ(os_read(fd, tail, sizeof tail), 0);
         EXPECT_EQ(os_seek(fd, 1234, 0), 1234);
-        uint8_t mid[10];
-        EXPECT_EQ(os_read(fd, mid, 10), 10);
-        EXPECT_EQ(bytes(mid, mid + 10), bytes(data.begin() + 1234, data.begin() + 1244));
+        EXPECT_EQ(os_read(fd, tail, 0), 0);
+        EXPECT_EQ(os_read(fd, tail, 10), 10);
+        EXPECT_EQ(bytes(tail, tail + 10), bytes(data.begin() + 1234, data.begin() + 1244));
         EXPECT_EQ(os_close(fd), 0);
-
-        EXPECT_TRUE(os_exists(name.c_str()));
         EXPECT_EQ(read_file(name), data);
+
         int ro = os_open(name.c_str(), OS_OPEN_READ);
         ASSERT_GE(ro, 0);
         EXPECT_EQ(os_write(ro, data.data(), 10), -1) << "a read-only handle takes no writes";
-        EXPECT_EQ(os_read(ro, mid, 10), 10);
         EXPECT_EQ(os_close(ro), 0);
         int rw = os_open(name.c_str(), OS_OPEN_READWRITE);
         ASSERT_GE(rw, 0);
         EXPECT_EQ(os_write(rw, "XY", 2), 2);
         EXPECT_EQ(os_close(rw), 0);
-        bytes changed = data;
-        changed[0] = 'X';
-        changed[1] = 'Y';
-        EXPECT_EQ(read_file(name), changed) << "opening for writing does not truncate";
+        data[0] = 'X', data[1] = 'Y';
+        EXPECT_EQ(read_file(name), data) << "opening for writing does not truncate";
 
+        EXPECT_TRUE(os_exists(name.c_str()));
         EXPECT_EQ(os_delete(name.c_str()), 0);
         EXPECT_FALSE(os_exists(name.c_str()));
         EXPECT_EQ(os_open(name.c_str(), OS_OPEN_READ), -1);
         EXPECT_EQ(os_delete(name.c_str()), -1);
+        data = pattern(5000);
     }
-}
-
-TEST(OsFiles, ZeroCountsAndCreateOverAnOlderFile) {
-    std::string name = temp_path("zero_write.bin");
-    write_file(name, pattern(300));
-    int fd = os_create(name.c_str());
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(os_seek(fd, 0, 2), 0) << "creation truncates";
-    bytes data = pattern(100);
-    ASSERT_EQ(os_write(fd, data.data(), 100), 100);
-    ASSERT_EQ(os_seek(fd, 50, 0), 50);
-    EXPECT_EQ(os_write(fd, data.data(), 0), 0);
-    EXPECT_EQ(os_read(fd, data.data(), 0), 0);
-    EXPECT_EQ(os_close(fd), 0);
-    EXPECT_EQ(read_file(name), pattern(100)) << "zero-count calls change nothing";
-    os_delete(name.c_str());
 }
 
 // A bare name means the current directory, whatever else the system searches.
 TEST(OsFiles, RelativeNamesResolveInTheCurrentDirectory) {
-    char dir[512];
-    ASSERT_TRUE(os_temp_dir(dir, sizeof dir));
-    fs::path sub = fs::path(dir) / ("brivanta_rel_" + std::to_string(mem_live_blocks()) + "_" +
-                                    fs::path(temp_path("x")).filename().string());
+    fs::path sub = temp_path("relative_dir");
     fs::create_directories(sub);
-    {
-        in_directory here(sub);
-        int fd = os_create("relative.bin");
-        ASSERT_GE(fd, 0);
-        EXPECT_EQ(os_write(fd, "abc", 3), 3);
-        EXPECT_EQ(os_close(fd), 0);
-        int again = os_open("relative.bin", OS_OPEN_READ);
-        ASSERT_GE(again, 0);
-        char got[4] = {};
-        EXPECT_EQ(os_read(again, got, 3), 3);
-        EXPECT_STREQ(got, "abc");
-        EXPECT_EQ(os_close(again), 0);
-        EXPECT_EQ(os_open("no_such_file.bin", OS_OPEN_READ), -1);
-    }
+    fs::path old = fs::current_path();
+    fs::current_path(sub);
+    int fd = os_create("relative.bin");
+    EXPECT_EQ(os_write(fd, "abc", 3), 3);
+    EXPECT_EQ(os_close(fd), 0);
+    int again = os_open("relative.bin", OS_OPEN_READ);
+    char got[4] = {};
+    EXPECT_EQ(os_read(again, got, 3), 3);
+    EXPECT_STREQ(got, "abc");
+    EXPECT_EQ(os_close(again), 0);
+    EXPECT_EQ(os_open("no_such_file.bin", OS_OPEN_READ), -1);
+    fs::current_path(old);
     EXPECT_EQ(read_file((sub / "relative.bin").string()), (bytes{'a', 'b', 'c'}));
     fs::remove_all(sub);
 }
@@ -127,45 +96,34 @@ TEST(OsFiles, BadNamesAndHandlesFail) {
     EXPECT_FALSE(os_exists(nullptr));
     EXPECT_FALSE(os_exists(""));
     EXPECT_EQ(os_delete(nullptr), -1);
-    std::string missing_dir = temp_path("no_such_dir") + "/file.bin";
-    EXPECT_EQ(os_create(missing_dir.c_str()), -1);
+    EXPECT_EQ(os_create((temp_path("no_such_dir") + "/file.bin").c_str()), -1);
 }
 
-// The temporary file: one name, in the temporary directory, every time.
-TEST(OsFiles, TempFileNameIsFixedAndInTheTempDirectory) {
-    char dir[512], a[300], b[300];
+// The temporary file: one name, in the temporary directory, every time;
+// mode 0 creates (over an older file), 1 reopens, others are refused.
+TEST(OsFiles, TempFileNameAndModes) {
+    char dir[512], a[300], small[300], name[100];
     ASSERT_TRUE(os_temp_dir(dir, sizeof dir));
     size_t n = std::strlen(dir);
-    ASSERT_GT(n, 0u);
-    EXPECT_TRUE(dir[n - 1] == '/' || dir[n - 1] == '\\') << dir;
+    EXPECT_TRUE(n > 0 && (dir[n - 1] == '/' || dir[n - 1] == '\\')) << dir;
     ASSERT_TRUE(os_temp_file_name(a, sizeof a));
-    ASSERT_TRUE(os_temp_file_name(b, sizeof b));
-    EXPECT_STREQ(a, b);
     EXPECT_EQ(std::string(a).rfind(dir, 0), 0u) << a << " is not in " << dir;
     EXPECT_GT(std::strlen(a), n);
-    EXPECT_FALSE(os_temp_file_name(a, static_cast<int>(n))) << "a buffer too small is refused";
+    EXPECT_FALSE(os_temp_file_name(small, static_cast<int>(n))) << "a buffer too small is refused";
     char tiny[2];
     EXPECT_FALSE(os_temp_dir(tiny, sizeof tiny));
-}
 
-TEST(OsFiles, OpenTempFileModes) {
-    char name[100];
     int fd = open_temp_file(name, 0);
     ASSERT_GE(fd, 0);
-    char expected[300];
-    ASSERT_TRUE(os_temp_file_name(expected, sizeof expected));
-    EXPECT_STREQ(name, expected);
+    EXPECT_STREQ(name, a);
     EXPECT_EQ(os_write(fd, "temp", 4), 4);
     EXPECT_EQ(os_close(fd), 0);
     int again = open_temp_file(name, 1);
-    ASSERT_GE(again, 0);
     char got[5] = {};
     EXPECT_EQ(os_read(again, got, 4), 4);
     EXPECT_STREQ(got, "temp");
     EXPECT_EQ(os_close(again), 0);
-    // Mode 0 again overwrites the older file of the same name.
     fd = open_temp_file(name, 0);
-    ASSERT_GE(fd, 0);
     EXPECT_EQ(os_seek(fd, 0, 2), 0);
     EXPECT_EQ(os_close(fd), 0);
     EXPECT_EQ(open_temp_file(name, 2), -1);
