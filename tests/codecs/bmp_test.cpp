@@ -51,18 +51,6 @@ bytes grey_quads(int n) {
 
 }  // namespace
 
-TEST(Bmp, RunLengthSavesAreSmallerOnFlatPictures) {
-    picture p = make_picture(200, 50, 8, 3);
-    for (auto &row : p.rows) std::fill(row.begin(), row.end(), 7);
-    int h = handle_of(p);
-    bytes plain = save_bytes(h, IMG_TYPE_BMP), rle = save_bytes(h, IMG_TYPE_BMP_RLE);
-    IMG_delete_bitmap(h);
-    const size_t headers = 14 + 40 + 1024;
-    EXPECT_LT((rle.size() - headers) * 10, plain.size() - headers);
-    EXPECT_EQ(get32(&rle[34]), get32(&plain[34])) << "the image size field stays the uncompressed size";
-    EXPECT_EQ(load_pic(rle), p);
-}
-
 TEST(Bmp, ResolutionConvertsBetweenMetresAndInches) {
     bmp_recipe r;
     r.xppm = 3780, r.yppm = 2835;

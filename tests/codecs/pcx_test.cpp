@@ -80,27 +80,6 @@ TEST(Pcx, BilevelPictureWithWhiteFirstKeepsItsLook) {
     EXPECT_EQ(appearance(back), appearance(p));
 }
 
-TEST(Pcx, RowCoderOutput) {
-    struct {
-        bytes in, out;
-    } cases[] = {
-        {{}, {}},
-        {{1, 2, 3}, {1, 2, 3}},
-        {{5, 5, 5}, {0xC3, 5}},
-        {{0xC5}, {0xC1, 0xC5}},
-        {{0xBF, 0xC0}, {0xBF, 0xC1, 0xC0}},
-        {bytes(64, 7), {0xFF, 7, 7}},
-        {bytes(130, 0xC0), {0xFF, 0xC0, 0xFF, 0xC0, 0xC4, 0xC0}},
-    };
-    for (auto &c : cases) {
-        block_ref out(uint32_t{4096});
-        memory_source_set(out.data);
-        EXPECT_EQ(pcx_encode_row(MEMORY_FD, c.in.data(), static_cast<int>(c.in.size())), 0);
-        int32_t n = file_seek(MEMORY_FD, 0, 1);
-        EXPECT_EQ(bytes(out.data, out.data + n), c.out);
-    }
-}
-
 TEST(Pcx, PaletteRules) {
     bytes tail(768);
     for (int i = 0; i < 768; i++) tail[i] = static_cast<uint8_t>(i * 5);

@@ -316,52 +316,6 @@ TEST_P(TiffStreamGolden, DecodesAsBefore) {
 INSTANTIATE_TEST_SUITE_P(TiffGolden, TiffStreamGolden, ::testing::Range<size_t>(0, stream_cases().size()),
                          [](const auto &info) { return std::string(stream_cases()[info.param].name); });
 
-// ---- Into a handle: rows stored straight into the bitmap or through the frame ---------------------
-// The same picture as an LZW or PackBits TIFF and as a BMP, loaded with each
-// setting that changes how the frame stores rows, gives the same bitmap.
-TEST(TiffGoldenLoad, RowsStoredInPlaceMatchTheFramesCopy) {
-    picture src = make_picture(67, 23, 24, 3);
-    int h = handle_of(src);
-    ASSERT_GE(h, 0);
-    const bytes bmp = save_bytes(h, IMG_TYPE_BMP);
-    IMG_delete_bitmap(h);
-    std::vector<bytes> rgb;  // the picture's rows top-down, as RGB
-    for (const bytes &row : src.rows) rgb.push_back(expected_row(bytes(row.begin(), row.begin() + 3 * src.width), 3, 3 * src.width));
-    const bytes lzw = build_tiff({simple_page(67, 23, 8, 3, 2, 5, lzw_strips(rgb, 5), 5)}, false);
-    const bytes packbits = build_tiff({simple_page(67, 23, 8, 3, 2, 32773, packbits_strips(rgb, 4), 4)}, true);
-    struct {
-        const char *name;
-        int shrink_w, shrink_h, reduction;
-    } settings_cases[] = {{"as stored", 0, 0, 0}, {"shrunk", 30, 10, 0}, {"reduced to 8 bits", 0, 0, 8}, {"reduced to 4 bits", 0, 0, 4}};
-    for (const auto &c : settings_cases) {
-        IMGLOW_set_decompsize(c.shrink_w, c.shrink_h);
-        IMGLOW_set_decomp_reduction(c.reduction);
-        int want = load_bytes(bmp);
-        ASSERT_GE(want, 0) << c.name;
-        picture expect = picture_of(want);
-        IMG_delete_bitmap(want);
-        if (c.shrink_w) {
-            // BMP rows arrive bottom row first, so its shrunk rows are others:
-            // point-sample the source, keeping the first row that maps to each.
-            expect.width = c.shrink_w, expect.height = c.shrink_h;
-            expect.rows.assign(c.shrink_h, bytes(stride_of(c.shrink_w, 24), 0));
-            const uint32_t step = static_cast<uint32_t>((uint64_t{67} << 16) / c.shrink_w);
-            for (int y = 22; y >= 0; y--)
-                for (int x = 0; x < c.shrink_w; x++)
-                    for (int k = 0; k < 3; k++)
-                        expect.rows[y * c.shrink_h / 23][3 * x + k] = src.rows[y][3 * ((x * step) >> 16) + k];
-        }
-        for (const bytes *file : {&lzw, &packbits}) {
-            int got = load_bytes(*file);
-            ASSERT_GE(got, 0) << c.name;
-            EXPECT_EQ(picture_of(got), expect) << c.name << (file == &lzw ? " LZW" : " PackBits");
-            IMG_delete_bitmap(got);
-        }
-    }
-    IMGLOW_set_decompsize(0, 0);
-    IMGLOW_set_decomp_reduction(0);
-}
-
 // ---- Every row converter path, through uncompressed strips ----------------------------------------
 struct convert_case {
     const char *name;

@@ -33,7 +33,8 @@ static int checks = 0;
 #define USED(F)                                                                                        \
     F(IMG_mem_alloc) F(IMG_mem_lock) F(IMG_mem_unlock) F(IMG_mem_free) F(IMG_mem_size)                 \
     F(IMG_create_handle) F(IMG_delete_bitmap) F(IMG_bitmap_info) F(IMG_save_bitmap) F(IMG_save_bitmap_mem) \
-    F(IMG_decompress_bitmap) F(IMG_decompress_bitmap_mem) F(IMGLOW_decompress_bitmap_mem) F(IMGLOW_get_filetype)
+    F(IMG_decompress_bitmap) F(IMG_decompress_bitmap_mem) F(IMGLOW_decompress_bitmap_mem) F(IMGLOW_get_filetype)   \
+    F(IMGLOW_set_fileio)
 #define POINTER(name) static __typeof__(name) *p_##name;
 USED(POINTER)
 
@@ -89,6 +90,19 @@ static int IMG_CALLBACK on_row(unsigned char *row, void *context, int row_number
     c->rows++;
     c->bad_rows += bad;
     return 0;
+}
+
+/* I/O hooks of the caller's convention that cut every read and write short. */
+static int hook_calls;
+static int IMG_CALLBACK short_read(int fd, void *buffer, int count) {
+    (void)fd, (void)buffer, (void)count;
+    hook_calls++;
+    return 0;
+}
+static int IMG_CALLBACK short_write(int fd, const void *buffer, int count) {
+    (void)fd, (void)buffer;
+    hook_calls++;
+    return count / 2;
 }
 
 int main(int argc, char **argv) {
@@ -147,6 +161,14 @@ int main(int argc, char **argv) {
           r, rc.began, rc.rows, rc.bad_rows);
     p_IMG_mem_unlock(out);
     p_IMG_mem_free(out);
+
+    /* Through I/O hooks: a short write is -9, a load that reads nothing fails. */
+    p_IMGLOW_set_fileio(NULL, short_write, NULL);
+    r = p_IMG_save_bitmap(h, bmp, IMG_TYPE_BMP);
+    p_IMGLOW_set_fileio(short_read, NULL, NULL);
+    int none = p_IMG_decompress_bitmap(bmp);
+    p_IMGLOW_set_fileio(NULL, NULL, NULL);
+    CHECK(r == IMG_ERR_WRITE && none < 0 && hook_calls >= 2, "hooks: save %d, load %d, %d calls", r, none, hook_calls);
 
     /* Failures come back as codes. */
     CHECK(p_IMG_decompress_bitmap("no such file.bmp") == IMG_ERR_OPEN, "missing file");
