@@ -14,7 +14,6 @@ constexpr int FIRST_FREE = 258;
 constexpr int TABLE = 4096;
 // The most one code adds to the output, with room for the block copies' overshoot.
 constexpr uint32_t MAX_STRING = TABLE + 32;
-constexpr int32_t INPUT_SLACK = 16;  // zeroed bytes behind the input, so 8-byte loads stay inside
 constexpr int32_t LATER_READ = 4096;
 
 // One table entry in one word: where the string last stood (as an offset
@@ -38,17 +37,6 @@ inline void copy_blocks(uint8_t *dst, const uint8_t *src, uint32_t n) {
     }
 }
 
-// Eight input bytes at once, most significant bit first: the window ends up
-// holding 56 to 63 bits.  The caller keeps 8 bytes readable at ip.
-inline void refill_wide(uint64_t &acc, int &nbits, const uint8_t *&ip) {
-    uint64_t v;
-    std::memcpy(&v, ip, 8);
-    if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
-    acc |= v >> nbits;
-    ip += (63 - nbits) >> 3;
-    nbits |= 56;
-}
-
 // The string of code c (a literal or a table entry), written backwards from
 // its last byte so that it ends just before end.
 inline void walk_back(const uint64_t *entries, const uint16_t *prefix, int c, uint8_t *end) {
@@ -59,18 +47,20 @@ inline void walk_back(const uint64_t *entries, const uint16_t *prefix, int c, ui
     *--end = static_cast<uint8_t>(c);
 }
 
-// Codes come from a 64-bit window; the input is read in blocks, the first
-// of a strip sized by what the previous strip took.
+// Codes are read at a bit position in an input window: eight bytes at a
+// time while eight remain, the window's tail through the buffer, which
+// reads more behind it.  The input is read in blocks, the first of a strip
+// sized by what the previous strip took.
 struct code_reader {
     int fd;
     uint8_t *in;
     int32_t size;
-    const uint8_t *ip, *iend;
-    int32_t left;   // source bytes not yet read
-    int32_t chunk;  // the most the next read asks for
-    int32_t taken;  // bytes read in this strip
-    uint64_t acc;
-    int nbits;
+    const uint8_t *ip, *iend;  // the window
+    int32_t left;              // source bytes not yet read
+    int32_t chunk;             // the most the next read asks for
+    int32_t taken;             // bytes read in this strip
+    uint64_t pos;              // bits of the window already used
+    int64_t limit;             // the last pos at which eight bytes can be loaded
 
     // Moves the unread bytes to the front and reads more behind them.
     bool load() {
@@ -78,7 +68,7 @@ struct code_reader {
         std::memmove(in, ip, static_cast<size_t>(keep));
         ip = in;
         iend = in + keep;
-        int32_t want = size - INPUT_SLACK - keep;
+        int32_t want = size - keep;
         if (want > chunk) want = chunk;
         if (want > left) want = left;
         chunk = LATER_READ;
@@ -92,25 +82,24 @@ struct code_reader {
         left -= n;
         taken += n;
         iend += n;
-        std::memset(in + keep + n, 0, INPUT_SLACK);
         return true;
     }
-    // Makes at least width bits ready; false when the data ran out.
-    bool ready(int width) {
-        if (nbits >= width) return true;
-        if (iend - ip < 8) {
-            load();
-            while (nbits <= 56 && ip < iend) {
-                acc |= static_cast<uint64_t>(*ip++) << (56 - nbits);
-                nbits += 8;
-            }
-            return nbits >= width;
-        }
-        refill_wide(acc, nbits, ip);
-        return true;
+    void set_limit() { limit = iend - ip >= 8 ? (iend - ip - 8) * 8 + 7 : -1; }
+    // A code of width bits where fewer than eight bytes are left, reading
+    // more first; -1 when the data ran out.
+    int fetch_tail(int width) {
+        ip += pos >> 3;
+        pos &= 7;
+        if (iend - ip < 8) load();
+        set_limit();
+        if (pos + static_cast<uint64_t>(width) > static_cast<uint64_t>(iend - ip) * 8) return -1;
+        uint64_t v = 0;
+        for (int k = 0; k < 8 && ip + k < iend; k++) v |= uint64_t{ip[k]} << (56 - 8 * k);
+        pos += static_cast<uint64_t>(width);
+        return static_cast<int>((v << (pos - static_cast<uint64_t>(width))) >> (64 - width));
     }
     // Bytes of this strip's reads that codes have used.
-    int32_t used() const { return taken - static_cast<int32_t>(iend - ip) - nbits / 8; }
+    int32_t used() const { return taken - static_cast<int32_t>(iend - ip) + static_cast<int32_t>((pos + 7) >> 3); }
 };
 
 }  // namespace
@@ -154,10 +143,9 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
         int32_t here = file_seek(fd, 0, 1), end = file_size_hint(fd);
         r.left = here < 0 || end < here ? 0 : end - here;
     }
-    if (!r.ready(9)) return IMG_ERR_DATA;
-    int code = static_cast<int>(r.acc >> 55);
-    r.acc <<= 9;
-    r.nbits -= 9;
+    r.set_limit();
+    int code = r.fetch_tail(9);
+    if (code < 0) return IMG_ERR_DATA;
     if (code != CLEAR) return IMG_ERR_HEADER;
 
     // All three tables in one block, at fixed distances from the first.
@@ -177,11 +165,11 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
     // more (where it stands, length + 1, first byte); unused right after a Clear.
     int prev = -1;
     uint64_t prev_entry = 0;
-    // The window and the input position live in locals through the loop;
-    // the reader's own copies are brought up to date around a refill.
-    uint64_t acc = r.acc;
-    int nbits = r.nbits;
-    const uint8_t *ip = r.ip, *iend = r.iend;
+    // The window and the bit position live in locals through the loop;
+    // the reader's own copies are brought up to date around its tail.
+    const uint8_t *ip = r.ip;
+    uint64_t pos = r.pos;
+    int64_t limit = r.limit;
     constexpr uint64_t LENGTH_AND_FIRST = 0x00FFFFFF00000000ull, ONE_LONGER = 1ull << 32, LAST = 0xFFull << 56;
     // Enters the string after prev as the next free code; the code width
     // grows one code early.
@@ -270,24 +258,25 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
             }
             check_at = start + row_bytes < room ? start + row_bytes : room;
         }
-        if (iend - ip >= 8) {
-            refill_wide(acc, nbits, ip);
-        } else if (nbits < width) {
-            r.acc = acc, r.nbits = nbits, r.ip = ip;
-            bool ok = r.ready(width);
-            acc = r.acc, nbits = r.nbits, ip = r.ip, iend = r.iend;
-            if (!ok) {
+        if (static_cast<int64_t>(pos) <= limit) {
+            uint64_t v;
+            std::memcpy(&v, ip + (pos >> 3), 8);
+            if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
+            code = static_cast<int>((v << (pos & 7)) >> (64 - width));
+            pos += static_cast<uint64_t>(width);
+        } else {
+            r.ip = ip, r.pos = pos;
+            code = r.fetch_tail(width);
+            ip = r.ip, pos = r.pos, limit = r.limit;
+            if (code < 0) {
                 rc = IMG_ERR_DATA;
                 goto finish;
             }
         }
-        code = static_cast<int>(acc >> (64 - width));
-        acc <<= width;
-        nbits -= width;
     }
 finish:
     // The next strip's first read: what this one took, and a margin.
-    r.acc = acc, r.nbits = nbits, r.ip = ip;
+    r.ip = ip, r.pos = pos;
     if (const int32_t used = r.used(); used > 0) s.next_read = used + used / 8 + 256;
     return rc;
 }
