@@ -555,13 +555,49 @@ __attribute__((target("ssse3"))) uint32_t rgb_to_bgr_ssse3(const uint8_t *p, uin
     }
     return steps * 16;
 }
+// With byte permutes across a whole 64-byte register, each store fills a
+// full cache line: cold bitmap rows then cost one store per line.
+struct wide_swap_index {
+    uint8_t v[3][64] = {};
+    constexpr wide_swap_index() {
+        for (int k = 0; k < 3; k++)
+            for (int j = 0; j < 64; j++) {
+                // Block k is built from the 128 bytes that start 2k bytes before it.
+                const int o = 64 * k + j, from = o - 2 * (o % 3) + 2;
+                v[k][j] = static_cast<uint8_t>(from - (64 * k - 2 * k));
+            }
+    }
+};
+constexpr wide_swap_index WIDE_SWAP{};
+
+__attribute__((target("avx512f,avx512bw,avx512vbmi"))) uint32_t rgb_to_bgr_vbmi(const uint8_t *p, uint8_t *out,
+                                                                                    uint32_t width) {
+    const __m512i i0 = _mm512_loadu_si512(WIDE_SWAP.v[0]), i1 = _mm512_loadu_si512(WIDE_SWAP.v[1]);
+    const __m512i i2 = _mm512_loadu_si512(WIDE_SWAP.v[2]);
+    const uint32_t bytes = 3 * width;
+    uint32_t i = 0;
+    // 64 pixels a step; the last load of a step reaches 62 bytes past it.
+    for (; i + 192 + 62 <= bytes; i += 192) {
+        _mm512_storeu_si512(out + i, _mm512_permutex2var_epi8(_mm512_loadu_si512(p + i), i0, _mm512_loadu_si512(p + i + 64)));
+        _mm512_storeu_si512(out + i + 64, _mm512_permutex2var_epi8(_mm512_loadu_si512(p + i + 62), i1,
+                                                                  _mm512_loadu_si512(p + i + 126)));
+        _mm512_storeu_si512(out + i + 128, _mm512_permutex2var_epi8(_mm512_loadu_si512(p + i + 124), i2,
+                                                                   _mm512_loadu_si512(p + i + 188)));
+    }
+    return i / 3;
+}
 const bool simd_swap = (__builtin_cpu_init(), __builtin_cpu_supports("ssse3"));
+const bool wide_swap = __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512bw");
 #endif
 
 void rgb_to_bgr(const uint8_t *p, uint8_t *out, uint32_t width) {
     uint32_t x = 0;
 #if defined(__x86_64__) || defined(__i386__)
-    if (simd_swap) x = rgb_to_bgr_ssse3(p, out, width);
+    if (wide_swap) x = rgb_to_bgr_vbmi(p, out, width);
+    if (simd_swap) {
+        const uint32_t more = rgb_to_bgr_ssse3(p + 3 * x, out + 3 * x, width - x);
+        x += more;
+    }
 #endif
     for (p += 3 * x, out += 3 * x; x < width; x++, p += 3, out += 3) {
         uint8_t r = p[0], g = p[1], b = p[2];
@@ -706,10 +742,27 @@ constexpr int32_t PACKBITS_STEP = 1 + 128;
 constexpr int32_t PACKBITS_REACH = PACKBITS_STEP + 16;
 constexpr int32_t PACKBITS_SLACK = 200;
 
+// Literal runs in whole blocks: the row has the slack for the overshoot, and
+// the input holds PACKBITS_REACH bytes where a run is copied this way.
+struct copy_blocks16 {
+    static void run(uint8_t *dst, const uint8_t *src, uint32_t n) {
+        for (uint32_t k = 0; k < n; k += 16) std::memcpy(dst + k, src + k, 16);
+    }
+};
+#if defined(__x86_64__) || defined(__i386__)
+struct copy_blocks64 {
+    __attribute__((target("avx512f"))) static void run(uint8_t *dst, const uint8_t *src, uint32_t n) {
+        _mm512_storeu_si512(dst, _mm512_loadu_si512(src));
+        if (n > 64) _mm512_storeu_si512(dst + 64, _mm512_loadu_si512(src + 64));
+    }
+};
+#endif
+
 // One row of rs bytes into row (which has PACKBITS_SLACK bytes of room
 // behind it); literal bytes past the row's end are read and dropped.  False
 // when the data ends first.
-bool unpack_row(packbits_input &in, uint8_t *row, uint32_t rs, int32_t chunk) {
+template <class copy>
+bool unpack_row_with(packbits_input &in, uint8_t *row, uint32_t rs, int32_t chunk) {
     uint32_t x = 0;
     while (x < rs) {
         const uint8_t *p = in.buf + in.pos;
@@ -733,11 +786,9 @@ bool unpack_row(packbits_input &in, uint8_t *row, uint32_t rs, int32_t chunk) {
             x += keep;
             in.pos += c < 128 ? static_cast<int32_t>(count) + 1 : 2;
         } else if (n < 128) {
-            // Whole 16-byte copies: the row has the slack for the overshoot,
-            // and the input holds PACKBITS_REACH bytes here.
             const uint32_t count = static_cast<uint32_t>(n) + 1;
             const uint32_t keep = rs - x < count ? rs - x : count;
-            for (uint32_t k = 0; k < keep; k += 16) std::memcpy(row + x + k, p + 1 + k, 16);
+            copy::run(row + x, p + 1, keep);
             x += keep;
             in.pos += static_cast<int32_t>(count) + 1;
         } else {
@@ -752,6 +803,17 @@ bool unpack_row(packbits_input &in, uint8_t *row, uint32_t rs, int32_t chunk) {
     return true;
 }
 
+bool unpack_row(packbits_input &in, uint8_t *row, uint32_t rs, int32_t chunk) {
+    return unpack_row_with<copy_blocks16>(in, row, rs, chunk);
+}
+#if defined(__x86_64__) || defined(__i386__)
+// Flattened, so the template and its copies are compiled for this target.
+__attribute__((target("avx512f"), flatten)) bool unpack_row_wide(packbits_input &in, uint8_t *row, uint32_t rs, int32_t chunk) {
+    return unpack_row_with<copy_blocks64>(in, row, rs, chunk);
+}
+const bool wide_unpack = __builtin_cpu_supports("avx512f");
+#endif
+
 int tiff_read_packbits(tiff_reader &r) {
     const uint32_t rs = r.row_size, height = r.rec.height;
     // Room for a few rows, so wide rows do not force a move after each one.
@@ -761,13 +823,17 @@ int tiff_read_packbits(tiff_reader &r) {
     if (!in.own || !row) return IMG_ERR_MEMORY;
     const int32_t chunk = static_cast<int32_t>(rs) + 256 > 4096 ? static_cast<int32_t>(rs) + 256 : 4096;
     int32_t first_read = cap;  // what the next strip's first read asks for
+    auto *unpack = unpack_row;
+#if defined(__x86_64__) || defined(__i386__)
+    if (wide_unpack) unpack = unpack_row_wide;
+#endif
     uint32_t strip = 0;
     for (r.plane = 0; r.plane < planes_of(r); r.plane++) {
         for (uint32_t y = 0; y < height; strip++) {
             if (int rc = tiff_strip_seek(r, strip); rc < 0) return rc;
             if (!in.begin(first_read)) return IMG_ERR_DATA;
             for (uint32_t left = rows_in(r, y); left; left--, y++) {
-                if (!unpack_row(in, row, rs, chunk)) return IMG_ERR_DATA;
+                if (!unpack(in, row, rs, chunk)) return IMG_ERR_DATA;
                 if (int rc = tiff_row_convert(r, row, static_cast<int>(y)); rc < 0) return rc;
             }
             // Strips of an image tend to be alike: ask for this one's size and a margin.
