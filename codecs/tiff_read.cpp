@@ -520,7 +520,8 @@ int write_plane_row(tiff_reader &r, const uint8_t *w, int index) {
 
 // RGB rows of 8-bit samples straight to BGR: sixteen pixels per step of
 // three 16-byte shuffles where the processor has them, the rest a pixel at
-// a time.  Stores never overlap, so each output byte is written once.
+// a time.  Stores never overlap, so each output byte is written once, and
+// every path reads a step before writing it, so a row may be swapped in place.
 #if defined(__x86_64__) || defined(__i386__)
 // Which byte of input vector v lands at each byte of output vector k (-1: none).
 struct swap_masks {
@@ -577,12 +578,14 @@ __attribute__((target("avx512f,avx512bw,avx512vbmi"))) uint32_t rgb_to_bgr_vbmi(
     const uint32_t bytes = 3 * width;
     uint32_t i = 0;
     // 64 pixels a step; the last load of a step reaches 62 bytes past it.
+    // Every load of a step comes before its stores, so out may be p.
     for (; i + 192 + 62 <= bytes; i += 192) {
-        _mm512_storeu_si512(out + i, _mm512_permutex2var_epi8(_mm512_loadu_si512(p + i), i0, _mm512_loadu_si512(p + i + 64)));
-        _mm512_storeu_si512(out + i + 64, _mm512_permutex2var_epi8(_mm512_loadu_si512(p + i + 62), i1,
-                                                                  _mm512_loadu_si512(p + i + 126)));
-        _mm512_storeu_si512(out + i + 128, _mm512_permutex2var_epi8(_mm512_loadu_si512(p + i + 124), i2,
-                                                                   _mm512_loadu_si512(p + i + 188)));
+        const __m512i a = _mm512_loadu_si512(p + i), b = _mm512_loadu_si512(p + i + 64);
+        const __m512i c = _mm512_loadu_si512(p + i + 62), d = _mm512_loadu_si512(p + i + 126);
+        const __m512i e = _mm512_loadu_si512(p + i + 124), f = _mm512_loadu_si512(p + i + 188);
+        _mm512_storeu_si512(out + i, _mm512_permutex2var_epi8(a, i0, b));
+        _mm512_storeu_si512(out + i + 64, _mm512_permutex2var_epi8(c, i1, d));
+        _mm512_storeu_si512(out + i + 128, _mm512_permutex2var_epi8(e, i2, f));
     }
     return i / 3;
 }
@@ -762,7 +765,7 @@ struct copy_blocks64 {
 // behind it); literal bytes past the row's end are read and dropped.  False
 // when the data ends first.
 template <class copy>
-bool unpack_row_with(packbits_input &in, uint8_t *row, uint32_t rs, int32_t chunk) {
+bool unpack_row_with(packbits_input &in, uint8_t *row, uint32_t rs, uint32_t room, int32_t chunk) {
     uint32_t x = 0;
     while (x < rs) {
         const uint8_t *p = in.buf + in.pos;
@@ -788,7 +791,10 @@ bool unpack_row_with(packbits_input &in, uint8_t *row, uint32_t rs, int32_t chun
         } else if (n < 128) {
             const uint32_t count = static_cast<uint32_t>(n) + 1;
             const uint32_t keep = rs - x < count ? rs - x : count;
-            copy::run(row + x, p + 1, keep);
+            if (x + 128 <= rs + room)
+                copy::run(row + x, p + 1, keep);
+            else
+                std::memcpy(row + x, p + 1, keep);  // no room behind the row for whole blocks
             x += keep;
             in.pos += static_cast<int32_t>(count) + 1;
         } else {
@@ -803,13 +809,14 @@ bool unpack_row_with(packbits_input &in, uint8_t *row, uint32_t rs, int32_t chun
     return true;
 }
 
-bool unpack_row(packbits_input &in, uint8_t *row, uint32_t rs, int32_t chunk) {
-    return unpack_row_with<copy_blocks16>(in, row, rs, chunk);
+bool unpack_row(packbits_input &in, uint8_t *row, uint32_t rs, uint32_t room, int32_t chunk) {
+    return unpack_row_with<copy_blocks16>(in, row, rs, room, chunk);
 }
 #if defined(__x86_64__) || defined(__i386__)
 // Flattened, so the template and its copies are compiled for this target.
-__attribute__((target("avx512f"), flatten)) bool unpack_row_wide(packbits_input &in, uint8_t *row, uint32_t rs, int32_t chunk) {
-    return unpack_row_with<copy_blocks64>(in, row, rs, chunk);
+__attribute__((target("avx512f"), flatten)) bool unpack_row_wide(packbits_input &in, uint8_t *row, uint32_t rs,
+                                                                  uint32_t room, int32_t chunk) {
+    return unpack_row_with<copy_blocks64>(in, row, rs, room, chunk);
 }
 const bool wide_unpack = __builtin_cpu_supports("avx512f");
 #endif
@@ -833,7 +840,15 @@ int tiff_read_packbits(tiff_reader &r) {
             if (int rc = tiff_strip_seek(r, strip); rc < 0) return rc;
             if (!in.begin(first_read)) return IMG_ERR_DATA;
             for (uint32_t left = rows_in(r, y); left; left--, y++) {
-                if (!unpack(in, row, rs, chunk)) return IMG_ERR_DATA;
+                // Plain RGB is unpacked into the bitmap and swapped there,
+                // so input and output stream through memory together.
+                if (uint8_t *target = r.plain_rgb ? load_row_target(r.put_row, r.user, static_cast<int>(y)) : nullptr) {
+                    if (!unpack(in, target, rs, 0, chunk)) return IMG_ERR_DATA;
+                    rgb_to_bgr(target, target, r.rec.width);
+                    if (int rc = deliver(r, target, static_cast<int>(y)); rc < 0) return rc;
+                    continue;
+                }
+                if (!unpack(in, row, rs, PACKBITS_SLACK, chunk)) return IMG_ERR_DATA;
                 if (int rc = tiff_row_convert(r, row, static_cast<int>(y)); rc < 0) return rc;
             }
             // Strips of an image tend to be alike: ask for this one's size and a margin.
