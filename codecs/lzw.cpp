@@ -143,7 +143,6 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
         int32_t here = file_seek(fd, 0, 1), end = file_size_hint(fd);
         r.left = here < 0 || end < here ? 0 : end - here;
     }
-    r.set_limit();
     int code = r.fetch_tail(9);
     if (code < 0) return IMG_ERR_DATA;
     if (code != CLEAR) return IMG_ERR_HEADER;

@@ -745,8 +745,8 @@ constexpr int32_t PACKBITS_STEP = 1 + 128;
 constexpr int32_t PACKBITS_REACH = PACKBITS_STEP + 16;
 constexpr int32_t PACKBITS_SLACK = 200;
 
-// Literal runs in whole blocks: the row has the slack for the overshoot, and
-// the input holds PACKBITS_REACH bytes where a run is copied this way.
+// Literal runs in whole blocks, at most 128 bytes: the input holds
+// PACKBITS_REACH bytes wherever a run is copied this way.
 struct copy_blocks16 {
     static void run(uint8_t *dst, const uint8_t *src, uint32_t n) {
         for (uint32_t k = 0; k < n; k += 16) std::memcpy(dst + k, src + k, 16);
@@ -761,9 +761,9 @@ struct copy_blocks64 {
 };
 #endif
 
-// One row of rs bytes into row (which has PACKBITS_SLACK bytes of room
-// behind it); literal bytes past the row's end are read and dropped.  False
-// when the data ends first.
+// One row of rs bytes into row, which has room bytes writable behind it:
+// whole-block copies are used where their overshoot fits.  Literal bytes
+// past the row's end are read and dropped.  False when the data ends first.
 template <class copy>
 bool unpack_row_with(packbits_input &in, uint8_t *row, uint32_t rs, uint32_t room, int32_t chunk) {
     uint32_t x = 0;
