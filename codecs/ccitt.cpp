@@ -3,9 +3,12 @@
 #include "codecs/ccitt.h"
 
 #include "codecs/tiff.h"
-#include <utility>
 #include "frame/handles.h"
 #include "frame/load.h"
+
+#include <bit>
+#include <cstring>
+#include <utility>
 
 namespace {
 
@@ -166,6 +169,18 @@ struct bit_reader {
         return true;
     }
     void refill() {
+        if (len - pos >= 8) {
+            // Eight bytes at once, most significant first: 56 to 63 bits end up ready.
+            uint64_t v;
+            std::memcpy(&v, buf + pos, 8);
+            if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
+            acc |= v >> nbits;
+            const int bytes = (63 - nbits) >> 3;
+            pos += bytes;
+            available += 8 * bytes;
+            nbits += 8 * bytes;
+            return;
+        }
         while (nbits <= 56) {
             if (pos >= len && !load()) {
                 nbits = 64;  // the zero bits past the end
@@ -266,26 +281,42 @@ void close_line(decoder &d) {
     d.cur[d.ncur] = d.cur[d.ncur + 1] = d.cur[d.ncur + 2] = w;
 }
 
-void clear_bits(uint8_t *row, int32_t a, int32_t b) {
+// Bits [a, b) of a row, most significant first, set to 1 (set) or 0.
+template <bool set>
+void paint_bits(uint8_t *row, int32_t a, int32_t b) {
     if (a >= b) return;
-    int32_t ab = a >> 3, bb = b >> 3;
-    uint8_t head = static_cast<uint8_t>(0xFF >> (a & 7));
-    uint8_t tail = static_cast<uint8_t>(0xFF >> (b & 7));  // bits at and after b
+    const int32_t ab = a >> 3, bb = b >> 3;
+    const auto head = static_cast<uint8_t>(0xFF >> (a & 7));  // bits at and after a
+    const auto tail = static_cast<uint8_t>(0xFF >> (b & 7));  // bits at and after b
+    auto apply = [row](int32_t i, uint8_t mask) {
+        if constexpr (set)
+            row[i] |= mask;
+        else
+            row[i] &= static_cast<uint8_t>(~mask);
+    };
     if (ab == bb) {
-        row[ab] &= static_cast<uint8_t>(~head | tail);
+        apply(ab, static_cast<uint8_t>(head & ~tail));
         return;
     }
-    row[ab] &= static_cast<uint8_t>(~head);
-    if (bb - ab > 1) std::memset(row + ab + 1, 0, static_cast<size_t>(bb - ab - 1));
-    if (b & 7) row[bb] &= tail;
+    apply(ab, head);
+    if (bb - ab > 1) std::memset(row + ab + 1, set ? 0xFF : 0, static_cast<size_t>(bb - ab - 1));
+    if (b & 7) apply(bb, static_cast<uint8_t>(~tail));
 }
 
-// Paints the coding line: white everywhere, black between transition pairs.
+// Paints the coding line between its transition pairs in the row's own
+// polarity: black runs are set bits on a clear row where 0 is white, and
+// cleared bits on a set row otherwise.
 int deliver(decoder &d) {
-    std::memset(d.row, 0xFF, d.row_size);
-    for (int32_t i = 0; i + 1 < d.ncur + 2; i += 2) clear_bits(d.row, d.cur[i], d.cur[i + 1]);
-    if (d.p->photometric == 0)
-        for (uint32_t i = 0; i < d.row_size; i++) d.row[i] = static_cast<uint8_t>(~d.row[i]);
+    // Locals, so that stores into the row need not reload the decoder.
+    uint8_t *const row = d.row;
+    const int32_t *const cur = d.cur, pairs = d.ncur + 2;
+    if (d.p->photometric == 0) {
+        std::memset(row, 0, d.row_size);
+        for (int32_t i = 0; i + 1 < pairs; i += 2) paint_bits<true>(row, cur[i], cur[i + 1]);
+    } else {
+        std::memset(row, 0xFF, d.row_size);
+        for (int32_t i = 0; i + 1 < pairs; i += 2) paint_bits<false>(row, cur[i], cur[i + 1]);
+    }
     int rc = d.sink(d.context, d.row, d.p->first_row + d.delivered, static_cast<int>(d.row_size));
     d.delivered++;
     return rc < 0 ? rc : 0;
