@@ -45,22 +45,6 @@ bytes save_pic(const picture &p, int type, int *code) {
     return f;
 }
 
-picture load_at_offset(const bytes &file, int lead, int *code) {
-    bytes padded(lead, 0xAB);
-    padded.insert(padded.end(), file.begin(), file.end());
-    std::string name = temp_path("offset_" + std::to_string(lead));
-    write_file(name, padded);
-    int fd = os_open(name.c_str(), OS_OPEN_READ);
-    int h = IMG_decompress_bitmap_fd(fd, lead, 0);
-    os_close(fd);
-    std::remove(name.c_str());
-    if (code) *code = h;
-    if (h < 0) return {};
-    picture p = picture_of(h);
-    IMG_delete_bitmap(h);
-    return p;
-}
-
 int sweep_load_alloc_failures(const bytes &file, const picture &want, int page) {
     block_ref in(file);
     for (int k = 1; k < 200; k++) {

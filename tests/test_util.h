@@ -60,8 +60,6 @@ bytes save_bytes(int handle, int type, int *result = nullptr);
 picture load_pic(const bytes &file, int *code = nullptr, int page = 0);
 // A picture saved to memory through a handle; empty on failure.
 bytes save_pic(const picture &p, int type, int *code = nullptr);
-// Loads the file image placed after lead bytes of other data in a file.
-picture load_at_offset(const bytes &file, int lead, int *code = nullptr);
 
 // Fault injection, each case checked for -1 (or -9), no block left behind
 // and no scratch block outstanding.  Loads (or saves) with the k-th

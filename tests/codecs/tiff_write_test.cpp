@@ -44,56 +44,6 @@ TEST(TiffWrite, GreyRampsGoWithoutAColourMap) {
     EXPECT_LT(save_pic(flat, IMG_TYPE_TIFF_LZW).size(), 40000u);
 }
 
-// What other readers need from the tags: photometric, fill order, T4
-// options, resolutions (the bitmap's, or 200 dpi for Group 3), colour maps
-// only for palettes that are not grey ramps, entries in ascending order.
-TEST(TiffWrite, TagsAndDefaults) {
-    struct {
-        picture p;
-        int type;
-        uint32_t photometric, fill, xres, xden, t4;
-        bool map;
-    } cases[] = {
-        {make_picture(640, 480, 1, 3), 8, 0, 2, 200, 1, 4, false},
-        {make_picture(640, 480, 1, 3), 0, 1, 1, 640, 9, 0xFFFFFFFF, false},
-        {make_picture(640, 480, 1, 3), 10, 0, 2, 640, 9, 0xFFFFFFFF, false},
-        {make_picture(640, 480, 1, 3), 7, 0, 1, 640, 9, 0xFFFFFFFF, false},
-        {grey_palette_picture(9, 5, 4, 1), 0, 1, 1, 640, 9, 0xFFFFFFFF, false},
-        {make_picture(9, 5, 4, 1), 0, 3, 1, 640, 9, 0xFFFFFFFF, true},
-        {grey_palette_picture(9, 5, 8, 1), 0, 1, 1, 640, 9, 0xFFFFFFFF, false},
-        {make_picture(9, 5, 8, 1), 0, 3, 1, 640, 9, 0xFFFFFFFF, true},
-        {make_picture(5, 5, 24, 2), 16, 2, 1, 640, 9, 0xFFFFFFFF, false},
-    };
-    for (auto &c : cases) {
-        SCOPED_TRACE(std::to_string(c.p.bits) + " bits, type " + std::to_string(c.type));
-        bytes f = save_pic(c.p, c.type);
-        ASSERT_GT(f.size(), 8u);
-        EXPECT_EQ(get16(f.data()), TIFF_II);
-        ifd_view v = parse_ifd(f, 8);
-        EXPECT_EQ(v.value(TAG_PHOTOMETRIC), c.photometric);
-        EXPECT_EQ(v.value(TAG_FILL_ORDER), c.fill);
-        EXPECT_EQ(v.value(TAG_T4_OPTIONS), c.t4);
-        EXPECT_EQ(get32(&f[v.value(TAG_X_RESOLUTION)]), c.xres);
-        EXPECT_EQ(get32(&f[v.value(TAG_X_RESOLUTION) + 4]), c.xden);
-        EXPECT_EQ(v.tags[TAG_DATE_TIME].count, 20u);
-        EXPECT_EQ(v.tags.count(TAG_COLOR_MAP), c.map ? 1u : 0u);
-        if (c.map) {
-            uint32_t at = v.value(TAG_COLOR_MAP), n = 1u << c.p.bits;
-            EXPECT_EQ(get16(&f[at + 2]), c.p.palette[6] * 256u) << "red of entry 1";
-            EXPECT_EQ(get16(&f[at + 2 * n + 2]), c.p.palette[5] * 256u) << "green of entry 1";
-        }
-        if (c.p.bits == 24) {
-            uint32_t bps = v.value(TAG_BITS_PER_SAMPLE);
-            EXPECT_EQ(v.tags[TAG_BITS_PER_SAMPLE].count, 3u);
-            EXPECT_EQ(get16(&f[bps]) + get16(&f[bps + 2]) + get16(&f[bps + 4]), 24);
-            EXPECT_EQ(v.value(TAG_SAMPLES_PER_PIXEL), 3u);
-        }
-        int last = 0;
-        for (auto &[tag, e] : v.tags) EXPECT_GT(tag, std::exchange(last, tag));
-        EXPECT_EQ(static_cast<int>(v.tags.size()), get16(&f[8])) << "no tag written twice";
-    }
-}
-
 TEST(TiffWrite, SecondSaveAppendsAPageAndMotorolaFilesAreOverwritten) {
     std::string name = temp_path("append.tif");
     std::remove(name.c_str());

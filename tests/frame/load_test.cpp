@@ -68,52 +68,33 @@ int IMG_CALLBACK stop_on_fifth(void *value, int total) {
 
 }  // namespace
 
-TEST(Load, ShrinkOnlyWhenLargerInBothDirections) {
-    settings_guard g;
-    struct {
-        int w, h, sw, sh, want_w, want_h;
-    } cases[] = {
-        {150, 1000, 200, 100, 150, 1000},
-        {300, 90, 200, 100, 300, 90},
-        {300, 300, 200, 100, 200, 100},
-        {300, 300, 0, 0, 300, 300},
-    };
-    for (auto &c : cases) {
-        bytes file = bmp_of(make_picture(c.w, c.h, 8, 1));
-        IMGLOW_set_decompsize(c.sw, c.sh);
-        int h = load_bytes(file);
-        ASSERT_GE(h, 0);
-        int w, ht, b;
-        IMG_bitmap_info(h, &w, &ht, &b);
-        EXPECT_EQ(w, c.want_w);
-        EXPECT_EQ(ht, c.want_h);
-        int cl, ct, cw, ch;
-        IMG_get_croprect(h, &cl, &ct, &cw, &ch);
-        EXPECT_EQ(cw, c.want_w);
-        EXPECT_EQ(ch, c.want_h);
-        IMG_delete_bitmap(h);
-    }
-}
-
-TEST(Load, ShrinkSamplesEveryDepth) {
-    // Each stored pixel is the first source pixel of its block; BMP delivers
-    // the bottom row first, so the last source row of each block arrives first.
+// A bitmap larger than the size in both directions is shrunk to it: each
+// stored pixel is the first source pixel of its block (BMP delivers the
+// bottom row first, so the last source row of each block arrives first).
+TEST(Load, ShrinkSamplesEveryDepthWhenLargerInBothDirections) {
     settings_guard g;
     struct {
         picture src;
-        int w, h, step;
+        int w, h, step;  // step 0: not shrunk
     } cases[] = {
-        {make_picture(64, 40, 1, 7), 16, 10, 4},
-        {make_picture(64, 40, 4, 7), 16, 10, 4},
-        {make_picture(64, 40, 8, 7), 16, 10, 4},
-        {coordinates(2000, 1000), 200, 100, 10},
+        {make_picture(64, 40, 1, 7), 16, 10, 4}, {make_picture(64, 40, 4, 7), 16, 10, 4},
+        {make_picture(64, 40, 8, 7), 16, 10, 4}, {coordinates(2000, 1000), 200, 100, 10},
+        {make_picture(15, 100, 8, 1), 20, 10, 0}, {make_picture(30, 9, 8, 1), 20, 10, 0},
+        {make_picture(30, 30, 8, 1), 0, 0, 0},
     };
     for (auto &c : cases) {
         bytes file = bmp_of(c.src);
         IMGLOW_set_decompsize(c.w, c.h);
+        int h = load_bytes(file);
+        int l, t, cw, ch;
+        IMG_get_croprect(h, &l, &t, &cw, &ch);
+        IMG_delete_bitmap(h);
         picture got = load_pic(file);
-        ASSERT_EQ(got.width, c.w);
-        ASSERT_EQ(got.height, c.h);
+        if (!c.step) {
+            EXPECT_EQ(got, c.src) << c.src.width << "x" << c.src.height;
+            continue;
+        }
+        ASSERT_EQ(std::vector<int>({got.width, got.height, cw, ch}), std::vector<int>({c.w, c.h, c.w, c.h}));
         const int bits = c.src.bits;
         auto pixel = [&](const picture &p, int x, int y) {
             const bytes &row = p.rows[y];
