@@ -134,7 +134,11 @@ TEST(Handles, AllocationFailureLeavesNothingBehind) {
     }
 }
 
-TEST(Queries, OrientationAndBitmapName) {
+TEST(Queries, VersionOrientationAndBitmapName) {
+    int major = 0, minor = 0;
+    EXPECT_EQ(IMG_qor_version(&major, &minor), 0);
+    EXPECT_EQ(major * 100 + minor, 510);
+    EXPECT_EQ(WEP(0), 1);
     std::string name = temp_path("orientation");
     struct {
         size_t size;
