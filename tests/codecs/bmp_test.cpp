@@ -1,5 +1,5 @@
-// BMP: writer round trips, every reader variant built from a small recipe,
-// and hostile headers.
+// BMP: resolution and bilevel palette rules, reader variants built from a
+// small recipe (run-length deltas and blocks, bare headers), hostile headers.
 #include "frame/frame.h"
 #include "test_util.h"
 

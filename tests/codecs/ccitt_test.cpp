@@ -1,6 +1,6 @@
 // The fax decoders: raw streams made by pbmtog3 and by libtiff's encoders
-// (taken from their TIFF strips), the EOL and RTC rules, fill order, every
-// run code, and truncated and allocation-failure runs.
+// (taken from their TIFF strips), the EOL and RTC rules, fill order, and
+// truncated and allocation-failure runs.
 #include "codecs/tiff_test_util.h"
 
 #include "brivanta.h"

@@ -1,6 +1,5 @@
-// PCX and DCX: writer round trips, the row coder, reader variants built
-// from small recipes, palette rules, DCX pages and containers, and hostile
-// files.
+// PCX and DCX: the writer's header fields, reader variants built from small
+// recipes, palette rules, DCX containers, and hostile files.
 #include "codecs/pcx.h"
 #include "frame/frame.h"
 #include "test_util.h"

@@ -1,6 +1,6 @@
 // Targa: every reader variant built from a truth picture (types, depths,
-// maps, origins, ID fields, run-length packets across row ends), the two
-// writers read back, JPEG-in-Targa, and hostile files.
+// maps, origins, ID fields, run-length packets across row ends), row
+// callback codes, faults, and hostile files.
 #include "jpeg_support.h"
 
 #include <gtest/gtest.h>

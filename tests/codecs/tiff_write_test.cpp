@@ -1,6 +1,5 @@
-// TIFF writers: every type at every depth it takes read back identical, the
-// tags readers rely on, page append, raw fax output, and a failing save
-// that leaves an existing file alone.
+// TIFF writers: grey ramps without colour maps, page append, raw fax output,
+// and a failing save that leaves an existing file alone.
 #include "codecs/tiff_test_util.h"
 
 #include "codecs/ccitt.h"

@@ -1,4 +1,5 @@
-// The save pipeline: type selection, crop rectangle, memory saves and failures.
+// The save pipeline: type selection, crop rectangle, memory saves, depth
+// refusals and brightness.
 #include "frame/handles.h"
 #include "test_util.h"
 

@@ -1,6 +1,7 @@
 /* Loads brivanta.dll with LoadLibraryA, finds every export by its plain name
  * with GetProcAddress, and through those addresses alone saves a picture to
- * a file and to memory, loads both back, and runs a row-callback load.
+ * a file and to memory, loads both back, runs a row-callback load and cuts
+ * reads and writes short through the I/O hooks.
  * Usage: brivanta_dll_test [path-to-brivanta.dll] */
 #include <windows.h>
 #include <stdio.h>
