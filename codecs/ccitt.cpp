@@ -660,7 +660,6 @@ extern "C" int IMG_API IMG_decompress_fax(int fd, int width, int height, int fax
         handle_free(h);
         return rc;
     }
-    handle_clear_missing_rows(s.ctx);
     if (height == 0) keep_top_rows(h, s.rows);
     if (handle_record *rec = handle_get(h); rec && rec->dib_memory) mem_unlock(rec->dib_memory);
     return h;

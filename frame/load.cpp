@@ -72,18 +72,6 @@ int run_reader(int fd, int32_t offset, int page, IMG_put_row_fn put_row, void *c
     return IMG_ERR_TYPE;
 }
 
-// Stored row r (0 = top) of a handle's bitmap, which is kept bottom-up.
-uint8_t *stored_row(handle_record *rec, int32_t r) {
-    const int bits = dib_of(rec->dib_address)->biBitCount;
-    return static_cast<uint8_t *>(rec->dib_address) + 40 + palette_bytes(bits) +
-           static_cast<size_t>(rec->height - r - 1) * static_cast<uint32_t>(rec->stride);
-}
-
-// Zeroes stored rows [from, to), which sit together in memory.
-void clear_rows(handle_record *rec, int32_t from, int32_t to) {
-    if (from < to) std::memset(stored_row(rec, to - 1), 0, static_cast<size_t>(to - from) * static_cast<uint32_t>(rec->stride));
-}
-
 int load_into_handle(int fd, int32_t offset, int page) {
     int h = handle_alloc();
     if (h < 0) return h;
@@ -99,7 +87,6 @@ int load_into_handle(int fd, int32_t offset, int page) {
         handle_free(h);
         return IMG_ERR_DATA;
     }
-    handle_clear_missing_rows(ctx);
     // The success path unlocks slot 0's block, not the new one's; callers
     // have come to rely on the block staying locked, so this is kept.
     if (handle_record *first = handle_get(0); first && first->dib_memory) mem_unlock(first->dib_memory);
@@ -152,19 +139,13 @@ int IMG_CALLBACK handle_begin_image(void *header, void *context) {
     uint64_t rows4 = (static_cast<uint64_t>(hgt) + 3) & ~uint64_t{3};
     if (!stride || !size_mul_add(stride, rows4, 40 + (pb_in > pb_out ? pb_in : pb_out) + 2000, &size))
         return IMG_ERR_MEMORY;
-    // The pixels are not cleared here: rows arrive over them, and what no
-    // row covered is cleared when the load ends.
-    mem_block block = mem_alloc(size, MEM_MOVEABLE);
+    mem_block block = mem_alloc(size, MEM_MOVEABLE | MEM_ZEROINIT);
     if (!block) return IMG_ERR_MEMORY;
     auto *dib = static_cast<uint8_t *>(mem_lock(block));
     if (!dib) {
         mem_free(block);
         return IMG_ERR_MEMORY;
     }
-    const uint32_t pixels = 40 + pb_out, end = pixels + static_cast<uint32_t>(hgt) * stride;
-    std::memset(dib, 0, pixels);
-    std::memset(dib + end, 0, size - end);
-    ctx->rows_lo = ctx->rows_hi = 0;
     rec->width = w;
     rec->height = hgt;
     rec->stride = static_cast<int32_t>(stride);
@@ -215,38 +196,10 @@ int IMG_CALLBACK handle_put_row(unsigned char *row, void *context, int r, int) {
         r = rs;
         if (r >= rec->height) return 0;
     }
-    uint8_t *dst = stored_row(rec, r);
-    const uint32_t n = row_bytes(rec->width, bits);
-    if (row != dst) {
-        std::memcpy(dst, row, n);
-    } else if (const uint32_t used = static_cast<uint32_t>((static_cast<uint64_t>(rec->width) * bits + 7) / 8); used < n) {
-        std::memset(dst + used, 0, n - used);  // a row built in place has left its padding alone
-    }
-    // Rows usually come in order, up or down, so the written ones form one
-    // band; a row out of line clears everything outside the band at once.
-    if (ctx->rows_lo == ctx->rows_hi) {
-        ctx->rows_lo = r, ctx->rows_hi = r + 1;
-    } else if (r == ctx->rows_hi) {
-        ctx->rows_hi++;
-    } else if (r + 1 == ctx->rows_lo) {
-        ctx->rows_lo--;
-    } else if (r < ctx->rows_lo || r > ctx->rows_hi) {
-        const int32_t lo = ctx->rows_lo, hi = ctx->rows_hi;
-        if (r < lo) {
-            clear_rows(rec, 0, r), clear_rows(rec, r + 1, lo), clear_rows(rec, hi, rec->height);
-        } else {
-            clear_rows(rec, 0, lo), clear_rows(rec, hi, r), clear_rows(rec, r + 1, rec->height);
-        }
-        ctx->rows_lo = 0, ctx->rows_hi = rec->height;
-    }
+    auto *dib = static_cast<uint8_t *>(rec->dib_address);
+    uint32_t offset = 40 + palette_bytes(bits) + static_cast<uint32_t>(rec->height - r - 1) * rec->stride;
+    if (row != dib + offset) std::memcpy(dib + offset, row, row_bytes(rec->width, bits));
     return 0;
-}
-
-void handle_clear_missing_rows(const load_context &ctx) {
-    handle_record *rec = handle_get(ctx.handle);
-    if (!rec || !rec->dib_address) return;
-    clear_rows(rec, 0, ctx.rows_lo);
-    clear_rows(rec, ctx.rows_hi > ctx.rows_lo ? ctx.rows_hi : 0, rec->height);
 }
 
 uint8_t *load_row_target(IMG_put_row_fn put_row, void *context, int r) {

@@ -22,12 +22,9 @@ uint32_t mem_size(mem_block block);    // 0 for a block that does not exist
 mem_block mem_handle(const void *address);
 
 // Test hooks: make the k-th allocation from now fail (k = 1 is the next one;
-// 0 switches failing off), count the blocks alive, and fill every new block
-// not asked to be zeroed with byte (-1: leave it as the system gives it), so
-// that code relying on memory it never wrote shows up.
+// 0 switches failing off), and count the blocks alive.
 void mem_fail_after(int k);
 int mem_live_blocks();
-void mem_fill_new_blocks(int byte);
 
 // ---- Files -------------------------------------------------------------------
 constexpr int OS_OPEN_READ = 0;

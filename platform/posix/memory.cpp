@@ -58,8 +58,6 @@ void advise_large(void *p, uint32_t size) {
 #endif
 }
 
-int new_block_fill = -1;
-
 bool take_failure() {
     if (fail_countdown <= 0) return false;
     return --fail_countdown == 0;
@@ -96,7 +94,6 @@ mem_block mem_alloc(uint32_t size, unsigned flags) {
         return 0;
     }
     advise_large(p, size);
-    if (new_block_fill >= 0 && !(flags & MEM_ZEROINIT)) std::memset(p, new_block_fill, size);
     e.data = p;
     e.size = size;
     e.locks = 0;
@@ -151,5 +148,3 @@ mem_block mem_handle(const void *address) {
 void mem_fail_after(int k) { fail_countdown = k > 0 ? k : 0; }
 
 int mem_live_blocks() { return live; }
-
-void mem_fill_new_blocks(int byte) { new_block_fill = byte; }

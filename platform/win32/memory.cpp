@@ -8,8 +8,6 @@
 
 #include <windows.h>
 
-#include <cstring>
-
 namespace {
 
 // Open addressing over handle values; handles are aligned, so 0 and 1 can
@@ -26,7 +24,6 @@ uint32_t owned_cap = 0;
 uint32_t owned_filled = 0;  // live and deleted slots
 int live = 0;
 int fail_countdown = 0;
-int new_block_fill = -1;
 
 constexpr int QUARANTINE = 256;
 HGLOBAL quarantine[QUARANTINE];  // discarded handles, oldest at quarantine_next
@@ -126,10 +123,6 @@ mem_block mem_alloc(uint32_t size, unsigned flags) {
         return 0;
     }
     live++;
-    if (new_block_fill >= 0 && !(flags & MEM_ZEROINIT)) {
-        std::memset(GlobalLock(h), new_block_fill, size);
-        GlobalUnlock(h);
-    }
     return name;
 }
 
@@ -176,7 +169,5 @@ mem_block mem_handle(const void *address) {
 }
 
 void mem_fail_after(int k) { fail_countdown = k > 0 ? k : 0; }
-
-void mem_fill_new_blocks(int byte) { new_block_fill = byte; }
 
 int mem_live_blocks() { return live; }
