@@ -128,10 +128,10 @@ bytes write_tiff(const std::vector<bytes> &rows, int w, int bits, int samples, i
     return f.data;
 }
 
-// What a user of libtiff does to get the picture into memory: one buffer for
-// the whole image, every strip decoded by TIFFReadEncodedStrip into its
-// place.  Samples stay in the file's RGB order (no BGR swap, no flip).
-void libtiff_decode(benchmark::State &state, const bytes &file) {
+// libtiff opening the file from memory each iteration and handing it to
+// decode, which makes the whole picture.
+template <class decode_fn>
+void libtiff_run(benchmark::State &state, const bytes &file, decode_fn decode) {
     mem_file f;
     f.data = file;
     TIFFSetErrorHandler(nullptr);
@@ -141,36 +141,37 @@ void libtiff_decode(benchmark::State &state, const bytes &file) {
         TIFF *t = open_mem(f, "rm");
         TIFFGetField(t, TIFFTAG_IMAGEWIDTH, &w);
         TIFFGetField(t, TIFFTAG_IMAGELENGTH, &h);
-        const tmsize_t strip = TIFFStripSize(t);
-        const tstrip_t strips = TIFFNumberOfStrips(t);
-        std::unique_ptr<uint8_t[]> image(new uint8_t[static_cast<size_t>(strip) * strips]);
-        for (tstrip_t s = 0; s < strips; s++)
-            if (TIFFReadEncodedStrip(t, s, image.get() + static_cast<size_t>(s) * strip, -1) < 0)
-                state.SkipWithError("libtiff decode failed");
-        benchmark::DoNotOptimize(image[0]);
+        if (!decode(t, w, h)) state.SkipWithError("libtiff decode failed");
         TIFFClose(t);
     }
     report(state, file, w, h);
 }
 
+// What a user of libtiff does to get the picture into memory: one buffer for
+// the whole image, every strip decoded by TIFFReadEncodedStrip into its
+// place.  Samples stay in the file's RGB order (no BGR swap, no flip).
+void libtiff_decode(benchmark::State &state, const bytes &file) {
+    libtiff_run(state, file, [](TIFF *t, uint32_t, uint32_t) {
+        const tmsize_t strip = TIFFStripSize(t);
+        const tstrip_t strips = TIFFNumberOfStrips(t);
+        std::unique_ptr<uint8_t[]> image(new uint8_t[static_cast<size_t>(strip) * strips]);
+        bool ok = true;
+        for (tstrip_t s = 0; s < strips; s++)
+            ok &= TIFFReadEncodedStrip(t, s, image.get() + static_cast<size_t>(s) * strip, -1) >= 0;
+        benchmark::DoNotOptimize(image[0]);
+        return ok;
+    });
+}
+
 // The libtiff call that gives what our load gives, a whole picture bottom-up
 // with its samples reordered for display: TIFFReadRGBAImage into ABGR words.
 void libtiff_rgba(benchmark::State &state, const bytes &file) {
-    mem_file f;
-    f.data = file;
-    TIFFSetErrorHandler(nullptr);
-    TIFFSetWarningHandler(nullptr);
-    uint32_t w = 0, h = 0;
-    for (auto _ : state) {
-        TIFF *t = open_mem(f, "rm");
-        TIFFGetField(t, TIFFTAG_IMAGEWIDTH, &w);
-        TIFFGetField(t, TIFFTAG_IMAGELENGTH, &h);
+    libtiff_run(state, file, [](TIFF *t, uint32_t w, uint32_t h) {
         std::unique_ptr<uint32_t[]> image(new uint32_t[static_cast<size_t>(w) * h]);
-        if (!TIFFReadRGBAImage(t, w, h, image.get(), 0)) state.SkipWithError("libtiff decode failed");
+        const bool ok = TIFFReadRGBAImage(t, w, h, image.get(), 0) != 0;
         benchmark::DoNotOptimize(image[0]);
-        TIFFClose(t);
-    }
-    report(state, file, w, h);
+        return ok;
+    });
 }
 #endif
 
