@@ -5,7 +5,7 @@
 #   make fuzz    run each fuzz target for FUZZ_SECONDS (default 60)
 #   make sanitize  build with ASan and UBSan and run the test suite
 #   make windows   cross-build brivanta.dll for 32-bit (build-win32) and 64-bit (build-win64) Windows
-#   make test-windows  run the portable tests, the DLL test and the Linux comparison under Wine
+#   make test-windows  run the portable tests, the DLL test and the demo comparison under Wine
 
 BUILD ?= build
 JOBS ?= $(shell nproc)
