@@ -116,3 +116,8 @@ int tiff_read_jpeg_strips(const tiff_jpeg_source &src, dib_header *header, IMG_p
 using tiff_strip_encoder = int (*)(int fd, const dib_info *header, IMG_get_row_fn get_row, void *context);
 int tiff_write_encoded(int fd, const dib_info *header, uint32_t compression, tiff_strip_encoder encode,
                        IMG_get_row_fn get_row, void *context);
+
+// The widest vector registers the reader's row kernels may use: 512, 128, or
+// 0 for plain code; the processor's own limit until called.  Every choice
+// gives the same rows, which the tests check.
+void tiff_reader_limit_vectors(int bits);

@@ -589,8 +589,9 @@ __attribute__((target("avx512f,avx512bw,avx512vbmi"))) uint32_t rgb_to_bgr_vbmi(
     }
     return i / 3;
 }
-const bool simd_swap = (__builtin_cpu_init(), __builtin_cpu_supports("ssse3"));
-const bool wide_swap = __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512bw");
+const bool have_ssse3 = (__builtin_cpu_init(), __builtin_cpu_supports("ssse3"));
+const bool have_vbmi = __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512bw");
+bool simd_swap = have_ssse3, wide_swap = have_vbmi;
 #endif
 
 void rgb_to_bgr(const uint8_t *p, uint8_t *out, uint32_t width) {
@@ -818,7 +819,8 @@ __attribute__((target("avx512f"), flatten)) bool unpack_row_wide(packbits_input 
                                                                   uint32_t room, int32_t chunk) {
     return unpack_row_with<copy_blocks64>(in, row, rs, room, chunk);
 }
-const bool wide_unpack = __builtin_cpu_supports("avx512f");
+const bool have_avx512 = __builtin_cpu_supports("avx512f");
+bool wide_unpack = have_avx512;
 #endif
 
 int tiff_read_packbits(tiff_reader &r) {
@@ -1144,4 +1146,14 @@ int tiff_refine_type(int fd) {
     case 6: return IMG_TYPE_TIFF_JPEG;
     default: return IMG_ERR_TYPE;
     }
+}
+
+void tiff_reader_limit_vectors(int bits) {
+#if defined(__x86_64__) || defined(__i386__)
+    simd_swap = bits >= 128 && have_ssse3;
+    wide_swap = bits >= 512 && have_vbmi;
+    wide_unpack = bits >= 512 && have_avx512;
+#else
+    (void)bits;
+#endif
 }

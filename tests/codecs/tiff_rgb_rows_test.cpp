@@ -1,6 +1,6 @@
 // Chunky 8-bit RGB rows, plain and PackBits, at widths that end in each part
 // of the row converter: the wide byte-permute steps, the 16-pixel shuffle
-// steps and the single pixels after them.
+// steps and the single pixels after them, with each narrower kernel set too.
 #include "codecs/tiff_test_util.h"
 
 #include <gtest/gtest.h>
@@ -26,10 +26,19 @@ bytes packbits(const bytes &row) {
     return out;
 }
 
+// The reader's kernels held to a width for one scope, whatever the outcome.
+struct vector_limit {
+    explicit vector_limit(int bits) { tiff_reader_limit_vectors(bits); }
+    ~vector_limit() { tiff_reader_limit_vectors(512); }
+};
+
 TEST(TiffRgbRows, EveryWidthLoadsAsItsPixels) {
+    for (int vectors : {512, 128, 0})
     for (uint32_t compression : {1u, 32773u})
         for (int width : {1, 2, 5, 15, 16, 17, 31, 63, 64, 65, 84, 85, 86, 100, 127, 128, 129, 170, 171, 200, 257, 300}) {
-            SCOPED_TRACE("compression " + std::to_string(compression) + " width " + std::to_string(width));
+            SCOPED_TRACE("compression " + std::to_string(compression) + " width " + std::to_string(width) +
+                         " vectors " + std::to_string(vectors));
+            const vector_limit limit(vectors);
             const picture want = make_picture(width, 3, 24, static_cast<uint32_t>(width));
             std::vector<bytes> strips;
             for (const bytes &bgr : want.rows) {
