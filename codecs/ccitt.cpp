@@ -303,20 +303,20 @@ void paint_bits(uint8_t *row, int32_t a, int32_t b) {
     if (b & 7) apply(bb, static_cast<uint8_t>(~tail));
 }
 
-// Paints the coding line between its transition pairs in the row's own
-// polarity: black runs are set bits on a clear row where 0 is white, and
-// cleared bits on a set row otherwise.
+// A coding line in one polarity: black runs between the transition pairs
+// are set bits on a clear row (0 is white) or cleared bits on a set row.
+template <bool black_is_set>
+void paint_line(uint8_t *row, uint32_t size, const int32_t *cur, int32_t count) {
+    std::memset(row, black_is_set ? 0 : 0xFF, size);
+    for (int32_t i = 0; i + 1 < count; i += 2) paint_bits<black_is_set>(row, cur[i], cur[i + 1]);
+}
+
+// Paints the coding line in the row's own polarity and hands it on.
 int deliver(decoder &d) {
-    // Locals, so that stores into the row need not reload the decoder.
-    uint8_t *const row = d.row;
-    const int32_t *const cur = d.cur, pairs = d.ncur + 2;
-    if (d.p->photometric == 0) {
-        std::memset(row, 0, d.row_size);
-        for (int32_t i = 0; i + 1 < pairs; i += 2) paint_bits<true>(row, cur[i], cur[i + 1]);
-    } else {
-        std::memset(row, 0xFF, d.row_size);
-        for (int32_t i = 0; i + 1 < pairs; i += 2) paint_bits<false>(row, cur[i], cur[i + 1]);
-    }
+    if (d.p->photometric == 0)
+        paint_line<true>(d.row, d.row_size, d.cur, d.ncur + 2);
+    else
+        paint_line<false>(d.row, d.row_size, d.cur, d.ncur + 2);
     int rc = d.sink(d.context, d.row, d.p->first_row + d.delivered, static_cast<int>(d.row_size));
     d.delivered++;
     return rc < 0 ? rc : 0;

@@ -12,18 +12,18 @@ namespace {
 constexpr uint32_t HEADER_ROOM = 1600;
 constexpr uint32_t MAX_FRAME = 65535;  // a frame's width and height are 16-bit
 
-struct huffman_spec {
+struct huffman_definition {
     uint8_t bits[16];
     uint8_t values[256];
     int total;
-    bool operator==(const huffman_spec &o) const {
+    bool operator==(const huffman_definition &o) const {
         return total == o.total && !std::memcmp(bits, o.bits, 16) && !std::memcmp(values, o.values, total);
     }
 };
 
 struct table_set {
     uint8_t quant[3][64];  // zig-zag order, as stored in the file
-    huffman_spec dc[3], ac[3];
+    huffman_definition dc[3], ac[3];
 };
 
 int32_t read_at(const tiff_jpeg_source &s, uint64_t offset, void *buf, int32_t n) {
@@ -67,7 +67,7 @@ int table_offset(const tiff_jpeg_source &s, int which, uint32_t samples, uint32_
     return 0;
 }
 
-int read_huffman(const tiff_jpeg_source &s, uint32_t offset, huffman_spec &h) {
+int read_huffman(const tiff_jpeg_source &s, uint32_t offset, huffman_definition &h) {
     if (read_at(s, offset, h.bits, 16) != 16) return IMG_ERR_HEADER;
     h.total = 0;
     for (uint8_t n : h.bits) h.total += n;
@@ -100,7 +100,7 @@ struct stream_writer {
         std::memcpy(p, src, static_cast<size_t>(n));
         p += n;
     }
-    void huffman(uint32_t class_id, const huffman_spec &h) {
+    void huffman(uint32_t class_id, const huffman_definition &h) {
         word(0xFFC4);
         word(2 + 17 + static_cast<uint32_t>(h.total));
         byte(class_id);

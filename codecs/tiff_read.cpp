@@ -421,7 +421,6 @@ inline uint8_t clamp255(int v) { return v < 0 ? 0 : v > 255 ? 255 : static_cast<
 inline int nibble(const uint8_t *w, uint32_t i) { return (w[i >> 1] >> ((i & 1) ? 0 : 4)) & 15; }
 inline int bit(const uint8_t *w, uint32_t i) { return (w[i >> 3] >> (7 - (i & 7))) & 1; }
 
-// Samples of three or more per pixel, chunky: to a 24-bit BGR row in out.
 // Sample i of a packed row of Bits-bit samples, as the 24-bit row wants it:
 // bytes as they are, nibbles in the high half, bits as 128 or 0.
 template <int Bits>
@@ -429,9 +428,9 @@ inline uint8_t sample_at(const uint8_t *w, uint32_t i) {
     if constexpr (Bits == 8)
         return w[i];
     else if constexpr (Bits == 4)
-        return static_cast<uint8_t>(((w[i >> 1] >> (4 - 4 * (i & 1))) & 15) << 4);
+        return static_cast<uint8_t>(nibble(w, i) << 4);
     else
-        return static_cast<uint8_t>(((w[i >> 3] >> (7 - (i & 7))) & 1) << 7);
+        return static_cast<uint8_t>(bit(w, i) << 7);
 }
 
 // The first three of spp samples per pixel, reversed into a BGR row.
@@ -523,6 +522,9 @@ int write_plane_row(tiff_reader &r, const uint8_t *w, int index) {
 // a time.  Stores never overlap, so each output byte is written once, and
 // every path reads a step before writing it, so a row may be swapped in place.
 #if defined(__x86_64__) || defined(__i386__)
+// The row byte that byte o of a swapped row comes from.
+constexpr int swapped_from(int o) { return o - 2 * (o % 3) + 2; }
+
 // Which byte of input vector v lands at each byte of output vector k (-1: none).
 struct swap_masks {
     int8_t m[3][3][16] = {};
@@ -530,7 +532,7 @@ struct swap_masks {
         for (int k = 0; k < 3; k++)
             for (int v = 0; v < 3; v++)
                 for (int j = 0; j < 16; j++) {
-                    const int o = 16 * k + j, from = o - 2 * (o % 3) + 2;
+                    const int from = swapped_from(16 * k + j);
                     m[k][v][j] = static_cast<int8_t>(from / 16 == v ? from % 16 : -1);
                 }
     }
@@ -564,7 +566,7 @@ struct wide_swap_index {
         for (int k = 0; k < 3; k++)
             for (int j = 0; j < 64; j++) {
                 // Block k is built from the 128 bytes that start 2k bytes before it.
-                const int o = 64 * k + j, from = o - 2 * (o % 3) + 2;
+                const int from = swapped_from(64 * k + j);
                 v[k][j] = static_cast<uint8_t>(from - (64 * k - 2 * k));
             }
     }
@@ -598,10 +600,7 @@ void rgb_to_bgr(const uint8_t *p, uint8_t *out, uint32_t width) {
     uint32_t x = 0;
 #if defined(__x86_64__) || defined(__i386__)
     if (wide_swap) x = rgb_to_bgr_vbmi(p, out, width);
-    if (simd_swap) {
-        const uint32_t more = rgb_to_bgr_ssse3(p + 3 * x, out + 3 * x, width - x);
-        x += more;
-    }
+    if (simd_swap) x += rgb_to_bgr_ssse3(p + 3 * x, out + 3 * x, width - x);
 #endif
     for (p += 3 * x, out += 3 * x; x < width; x++, p += 3, out += 3) {
         uint8_t r = p[0], g = p[1], b = p[2];

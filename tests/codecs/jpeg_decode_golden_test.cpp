@@ -77,7 +77,7 @@ struct bit_writer {
 
 enum mix { natural, dense, ones, flat, strong };
 
-struct stream_spec {
+struct stream_recipe {
     const char *name;
     int width, height, nf, h1, v1;
     int restart;   // MCUs per interval, 0 = none
@@ -171,7 +171,7 @@ struct built {
 
 // A stream in the decoder's own reading of the SOS selectors (scan slot i is
 // frame component i; slots 3 and 4 take their DC table by the AC selector).
-built build_stream(const stream_spec &c, uint32_t seed) {
+built build_stream(const stream_recipe &c, uint32_t seed) {
     lcg r{seed};
     std::vector<uint8_t> dc_syms, ac_syms;
     for (int s = 0; s <= 11; s++) dc_syms.push_back(static_cast<uint8_t>(s));
@@ -283,7 +283,7 @@ bytes move_restart(const built &b, size_t n, size_t by) {
 
 // Each stream with its seed and what it decodes to: rows and a checksum.
 struct golden_stream {
-    stream_spec spec;
+    stream_recipe recipe;
     uint32_t seed;
     int rows;
     uint64_t hash;
@@ -315,19 +315,19 @@ const golden_stream streams[] = {
 // without the wide units run) and the plain code give the same bytes.
 TEST(JpegDecodeGolden, GeneratedStreamsAcrossManyRefills) {
     for (const golden_stream &g : streams) {
-        built b = build_stream(g.spec, g.seed);
-        EXPECT_GT(b.file.size(), 20000u) << g.spec.name << ": must cross input refills";
+        built b = build_stream(g.recipe, g.seed);
+        EXPECT_GT(b.file.size(), 20000u) << g.recipe.name << ": must cross input refills";
         outcome o = decode_file(b.file), s = decode_file(b.file, true);
-        EXPECT_EQ(o.rc, 0) << g.spec.name;
-        EXPECT_EQ(o.rows, g.rows) << g.spec.name;
-        EXPECT_EQ(o.hash, g.hash) << g.spec.name;
-        EXPECT_EQ(s.rc, o.rc) << g.spec.name;
-        EXPECT_EQ(s.hash, o.hash) << g.spec.name;
+        EXPECT_EQ(o.rc, 0) << g.recipe.name;
+        EXPECT_EQ(o.rows, g.rows) << g.recipe.name;
+        EXPECT_EQ(o.hash, g.hash) << g.recipe.name;
+        EXPECT_EQ(s.rc, o.rc) << g.recipe.name;
+        EXPECT_EQ(s.hash, o.hash) << g.recipe.name;
         for (int bits : {128, 0}) {
             jpeg_decoder_limit_vectors(bits);
             outcome n = decode_file(b.file);
             jpeg_decoder_limit_vectors(256);
-            EXPECT_EQ(n.hash, o.hash) << g.spec.name << " at " << bits << " bits";
+            EXPECT_EQ(n.hash, o.hash) << g.recipe.name << " at " << bits << " bits";
         }
     }
 }
@@ -336,9 +336,9 @@ TEST(JpegDecodeGolden, GeneratedStreamsAcrossManyRefills) {
 // stream cut short (the tail decodes from what the last refill left) and
 // single damaged bytes (corrupt codes stop the scan at a fixed block).
 TEST(JpegDecodeGolden, MovedMissingTruncatedAndDamagedStreams) {
-    built r = build_stream(streams[1].spec, 2);
-    built s = build_stream(streams[11].spec, 14);
-    built g = build_stream(streams[9].spec, 10);
+    built r = build_stream(streams[1].recipe, 2);
+    built s = build_stream(streams[11].recipe, 14);
+    built g = build_stream(streams[9].recipe, 10);
     ASSERT_GT(r.restarts.size(), 40u);
     ASSERT_GT(s.restarts.size(), 40u);
     auto cut = [](const bytes &f, size_t keep) { return bytes(f.begin(), f.begin() + static_cast<std::ptrdiff_t>(keep)); };
