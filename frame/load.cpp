@@ -44,6 +44,25 @@ void sample_row(const uint8_t *src, uint8_t *dst, int out_width, uint32_t step) 
     }
 }
 
+// Bitmaps up to this size are taken uncleared when a load tracks its rows:
+// clearing a picture that is then overwritten costs as much as storing it.
+// Larger ones come clear from the system, untouched until written, so a
+// small file claiming a huge picture does not make the load touch it all.
+constexpr uint32_t UNCLEARED_LIMIT = 64u << 20;
+
+// Clears what no reader wrote: rows never delivered, and the bytes of the
+// block outside the rows.
+void clear_unwritten_rows(load_context &ctx) {
+    handle_record *rec = handle_get(ctx.handle);
+    if (!ctx.written || !rec || !rec->dib_address) return;
+    auto *dib = static_cast<uint8_t *>(rec->dib_address);
+    const uint32_t stride = static_cast<uint32_t>(rec->stride);
+    const uint32_t pixels = 40 + palette_bytes(dib_of(dib)->biBitCount);
+    for (int r = 0; r < rec->height; r++)
+        if (!ctx.written[r]) std::memset(dib + pixels + static_cast<uint32_t>(rec->height - r - 1) * stride, 0, stride);
+    ctx.written = nullptr;
+}
+
 bool shrinking(const dib_info *announced) {
     return settings.shrink_width && settings.shrink_height && announced->biWidth > settings.shrink_width &&
            announced->biHeight > settings.shrink_height;
@@ -63,6 +82,7 @@ int run_reader(int fd, int32_t offset, int page, IMG_put_row_fn put_row, void *c
         if (text[0] && strcasecmp(text, reader_table[i].ext) == 0) {
             int r = reader_table[i].read ? reader_table[i].read(where, put_row, context, begin_image, fd)
                                          : IMG_ERR_TYPE;
+            if (r >= 0 && put_row == handle_put_row) clear_unwritten_rows(*static_cast<load_context *>(context));
             scratch_free_all();
             shrink = shrink_state{};
             return r < 0 ? r : 0;
@@ -75,7 +95,7 @@ int run_reader(int fd, int32_t offset, int page, IMG_put_row_fn put_row, void *c
 int load_into_handle(int fd, int32_t offset, int page) {
     int h = handle_alloc();
     if (h < 0) return h;
-    load_context ctx{nullptr, h, settings.reduction};
+    load_context ctx{nullptr, h, settings.reduction, true};
     int r = run_reader(fd, offset, page, handle_put_row, &ctx, handle_begin_image);
     if (r < 0) {
         handle_free(h);
@@ -139,7 +159,13 @@ int IMG_CALLBACK handle_begin_image(void *header, void *context) {
     uint64_t rows4 = (static_cast<uint64_t>(hgt) + 3) & ~uint64_t{3};
     if (!stride || !size_mul_add(stride, rows4, 40 + (pb_in > pb_out ? pb_in : pb_out) + 2000, &size))
         return IMG_ERR_MEMORY;
-    mem_block block = mem_alloc(size, MEM_MOVEABLE | MEM_ZEROINIT);
+    uint8_t *written = nullptr;
+    if (ctx->clears_at_end && size <= UNCLEARED_LIMIT) {
+        written = static_cast<uint8_t *>(scratch_alloc(static_cast<uint32_t>(hgt)));
+        if (!written) return IMG_ERR_MEMORY;
+    }
+    ctx->written = written;
+    mem_block block = mem_alloc(size, written ? MEM_MOVEABLE : MEM_MOVEABLE | MEM_ZEROINIT);
     if (!block) return IMG_ERR_MEMORY;
     auto *dib = static_cast<uint8_t *>(mem_lock(block));
     if (!dib) {
@@ -155,6 +181,12 @@ int IMG_CALLBACK handle_begin_image(void *header, void *context) {
     rec->dib_memory = block;
     rec->dib_address = dib;
     std::memcpy(dib, header, 40 + pb_in);
+    if (written) {
+        // Only rows are tracked: what lies around them is cleared now.
+        const uint32_t pixels = 40 + pb_out, end = pixels + stride * static_cast<uint32_t>(hgt);
+        if (pb_out > pb_in) std::memset(dib + 40 + pb_in, 0, pb_out - pb_in);
+        std::memset(dib + end, 0, size - end);
+    }
     dib_info *s = dib_of(dib);
     s->biBitCount = static_cast<uint16_t>(stored_bits);
     s->biWidth = w;
@@ -198,7 +230,16 @@ int IMG_CALLBACK handle_put_row(unsigned char *row, void *context, int r, int) {
     }
     auto *dib = static_cast<uint8_t *>(rec->dib_address);
     uint32_t offset = 40 + palette_bytes(bits) + static_cast<uint32_t>(rec->height - r - 1) * rec->stride;
-    if (row != dib + offset) std::memcpy(dib + offset, row, row_bytes(rec->width, bits));
+    uint8_t *at = dib + offset;
+    const uint32_t n = row_bytes(rec->width, bits);
+    if (row != at)
+        std::memcpy(at, row, n);
+    else if (ctx->written) {
+        // Written in place by the reader, which stops at the last pixel.
+        const uint32_t used = static_cast<uint32_t>((static_cast<uint64_t>(rec->width) * bits + 7) / 8);
+        std::memset(at + used, 0, n - used);
+    }
+    if (ctx->written) ctx->written[r] = 1;
     return 0;
 }
 

@@ -6,6 +6,12 @@ struct load_context {
     void *header;     // the announced header, set by the begin step
     int handle;
     int reduction;    // reduced bit count, 0 = none
+    // Set by a load that clears, when it ends, what no reader wrote: its
+    // bitmap may then be taken uncleared.
+    bool clears_at_end = false;
+    // Per stored row, set once the row is written; null when the bitmap was
+    // made clear.
+    uint8_t *written = nullptr;
 };
 
 int IMG_CALLBACK handle_begin_image(void *header, void *context);
