@@ -596,18 +596,30 @@ const bool have_vbmi = __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_sup
 bool simd_swap = have_ssse3, wide_swap = have_vbmi;
 #endif
 
+// Pixels [from, to) one at a time; out may be p.
+void swap_pixels(const uint8_t *p, uint8_t *out, uint32_t from, uint32_t to) {
+    for (uint32_t x = from; x < to; x++) {
+        const uint8_t r = p[3 * x], g = p[3 * x + 1], b = p[3 * x + 2];
+        out[3 * x] = b;
+        out[3 * x + 1] = g;
+        out[3 * x + 2] = r;
+    }
+}
+
 void rgb_to_bgr(const uint8_t *p, uint8_t *out, uint32_t width) {
     uint32_t x = 0;
 #if defined(__x86_64__) || defined(__i386__)
-    if (wide_swap) x = rgb_to_bgr_vbmi(p, out, width);
+    if (wide_swap && width >= 128) {
+        // Led in so the wide stores start on a cache line (3 x 43 = 1 mod 64):
+        // a store split across two lines costs two.
+        const uint32_t lead = static_cast<uint32_t>((-reinterpret_cast<uintptr_t>(out) & 63) * 43 & 63);
+        const uint32_t h = simd_swap ? rgb_to_bgr_ssse3(p, out, lead) : 0;
+        swap_pixels(p, out, h, lead);
+        x = lead + rgb_to_bgr_vbmi(p + 3 * lead, out + 3 * lead, width - lead);
+    }
     if (simd_swap) x += rgb_to_bgr_ssse3(p + 3 * x, out + 3 * x, width - x);
 #endif
-    for (p += 3 * x, out += 3 * x; x < width; x++, p += 3, out += 3) {
-        uint8_t r = p[0], g = p[1], b = p[2];
-        out[0] = b;
-        out[1] = g;
-        out[2] = r;
-    }
+    swap_pixels(p, out, x, width);
 }
 
 int tiff_row_convert(tiff_reader &r, const uint8_t *row, int index) {
@@ -766,18 +778,26 @@ struct copy_blocks64 {
 // past the row's end are read and dropped.  False when the data ends first.
 template <class copy>
 bool unpack_row_with(packbits_input &in, uint8_t *row, uint32_t rs, uint32_t room, int32_t chunk) {
+    // The input's state is kept in locals: stores into the row could
+    // otherwise alias it and force a reload after every run.
+    const uint8_t *buf = in.buf;
+    int32_t pos = in.pos, len = in.len;
     uint32_t x = 0;
     while (x < rs) {
-        const uint8_t *p = in.buf + in.pos;
-        const int n = in.len - in.pos >= PACKBITS_REACH ? p[0] : -1;
+        const uint8_t *p = buf + pos;
+        const int n = len - pos >= PACKBITS_REACH ? p[0] : -1;
         if (n < 0) {
             // Near the end of what was read: top up, then take this control
             // byte only if all of its data is there, copying no further.
+            in.pos = pos;
             while (in.len - in.pos < PACKBITS_REACH && in.more(chunk)) {
             }
-            const int32_t avail = in.len - in.pos;
+            buf = in.buf;
+            pos = in.pos;
+            len = in.len;
+            const int32_t avail = len - pos;
             if (avail < 1) return false;
-            p = in.buf + in.pos;
+            p = buf + pos;
             const int c = p[0];
             if (avail < (c < 128 ? c + 2 : 2)) return false;
             uint32_t count = c < 128 ? static_cast<uint32_t>(c) + 1 : static_cast<uint32_t>((257 - c) & 0xFF);
@@ -787,7 +807,7 @@ bool unpack_row_with(packbits_input &in, uint8_t *row, uint32_t rs, uint32_t roo
             else
                 std::memset(row + x, p[1], keep);
             x += keep;
-            in.pos += c < 128 ? static_cast<int32_t>(count) + 1 : 2;
+            pos += c < 128 ? static_cast<int32_t>(count) + 1 : 2;
         } else if (n < 128) {
             const uint32_t count = static_cast<uint32_t>(n) + 1;
             const uint32_t keep = rs - x < count ? rs - x : count;
@@ -796,16 +816,17 @@ bool unpack_row_with(packbits_input &in, uint8_t *row, uint32_t rs, uint32_t roo
             else
                 std::memcpy(row + x, p + 1, keep);  // no room behind the row for whole blocks
             x += keep;
-            in.pos += static_cast<int32_t>(count) + 1;
+            pos += static_cast<int32_t>(count) + 1;
         } else {
             // 128 repeats 129 times: no no-op control byte here.
             uint32_t count = static_cast<uint32_t>((257 - n) & 0xFF);
             if (count > rs - x) count = rs - x;
             std::memset(row + x, p[1], count);
             x += count;
-            in.pos += 2;
+            pos += 2;
         }
     }
+    in.pos = pos;
     return true;
 }
 
