@@ -79,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     IMGLOW_decompress_bitmap_mem(p, 0, accept_row, nullptr, accept_header);
     IMGLOW_set_decomp_reduction(reductions[knobs & 3]);
     if (knobs & 4) IMGLOW_set_decompsize(16, 12);
-    int h = announced_pixels <= (1 << 22) ? IMG_decompress_bitmap_mem(p, 0) : -1;
+    int h = announced_pixels <= (1 << 22) ? check_loaded(IMG_decompress_bitmap_mem(p, 0)) : -1;
     IMGLOW_set_decomp_reduction(0);
     IMGLOW_set_decompsize(0, 0);
     if (h >= 0) {

@@ -25,7 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         int r = IMGLOW_decompress_bitmap_mem(p, page, accept_row, nullptr, accept_header);
         if (page == pages && r != IMG_ERR_PAGE) std::abort();  // one past the last page
         // Only pictures of a sane size are stored in a handle.
-        int h = announced_pixels <= (1 << 22) ? IMG_decompress_bitmap_mem(p, page) : -1;
+        int h = announced_pixels <= (1 << 22) ? check_loaded(IMG_decompress_bitmap_mem(p, page)) : -1;
         if (h >= 0) IMG_delete_bitmap(h);
     }
     return 0;

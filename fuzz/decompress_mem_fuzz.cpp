@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (!in.bytes) return 0;
     uint8_t *p = in.bytes;
     IMGLOW_decompress_bitmap_mem(p, 0, accept_row, nullptr, accept_header);
-    int h = IMG_decompress_bitmap_mem(p, 0);
+    int h = check_loaded(IMG_decompress_bitmap_mem(p, 0));
     if (h >= 0) IMG_delete_bitmap(h);
     return 0;
 }

@@ -1,6 +1,6 @@
 // Fuzz target: raw fax data.  The first four bytes choose the fax type,
 // fill order, width and height; the rest is the coded data.
-#include "brivanta.h"
+#include "fuzz/fuzz_support.h"
 #include "frame/frame.h"
 #include "platform/platform.h"
 
@@ -22,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     int live = mem_live_blocks();
     memory_source_set(p);
     file_seek(MEMORY_FD, 0, 0);
-    int h = IMG_decompress_fax(MEMORY_FD, width, height, type, fill);
+    int h = check_loaded(IMG_decompress_fax(MEMORY_FD, width, height, type, fill));
     if (h >= 0) IMG_delete_bitmap(h);
     if (mem_live_blocks() != live) std::abort();
     IMG_mem_unlock(block);

@@ -37,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::memcpy(p, "GIF", 3);
     announced_pixels = 0;
     IMGLOW_decompress_bitmap_mem(p, 0, accept_row, nullptr, accept_header);
-    int h = announced_pixels <= (1 << 22) ? IMG_decompress_bitmap_mem(p, 0) : -1;
+    int h = announced_pixels <= (1 << 22) ? check_loaded(IMG_decompress_bitmap_mem(p, 0)) : -1;
     if (h >= 0) {
         int w, ht, bits;
         IMG_bitmap_info(h, &w, &ht, &bits);

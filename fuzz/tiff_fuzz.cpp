@@ -25,7 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     tiff_page_count(MEMORY_FD);
     scratch_free_all();
     IMGLOW_get_filetype_mem(p);
-    int h = IMG_decompress_bitmap_mem(p, static_cast<int>(page));
+    int h = check_loaded(IMG_decompress_bitmap_mem(p, static_cast<int>(page)));
     if (h >= 0) IMG_delete_bitmap(h);
     return 0;
 }
