@@ -59,9 +59,11 @@ bench: deps
 	cmake --build build-bench -j $(JOBS)
 	@for b in build-bench/bench/*_bench; do echo "== $$b"; $$b --benchmark_counters_tabular=true || exit 1; done
 
+FUZZ_CMAKE = cmake -S . -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBRIVANTA_FUZZ=ON -DBRIVANTA_TESTS=OFF \
+	-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+
 fuzz: deps
-	cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBRIVANTA_FUZZ=ON -DBRIVANTA_TESTS=OFF \
-	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+	$(FUZZ_CMAKE) -B build-fuzz
 	cmake --build build-fuzz -j $(JOBS)
 	@mkdir -p fuzz/crashers
 	@for f in build-fuzz/fuzz/*_fuzz; do \
@@ -78,8 +80,7 @@ fuzz: deps
 # no RSS limit here.
 MSAN_TARGETS = $(notdir $(basename $(shell grep -l check_loaded fuzz/*_fuzz.cpp)))
 msan: deps
-	cmake -S . -B build-msan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBRIVANTA_FUZZ=ON -DBRIVANTA_TESTS=OFF \
-	  -DBRIVANTA_FUZZ_SANITIZERS=memory -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+	$(FUZZ_CMAKE) -B build-msan -DBRIVANTA_FUZZ_SANITIZERS=memory
 	cmake --build build-msan -j $(JOBS) --target $(MSAN_TARGETS)
 	@for n in $(MSAN_TARGETS); do \
 	  echo "== $$n"; \

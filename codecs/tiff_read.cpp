@@ -596,30 +596,33 @@ const bool have_vbmi = __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_sup
 bool simd_swap = have_ssse3, wide_swap = have_vbmi;
 #endif
 
-// Pixels [from, to) one at a time; out may be p.
-void swap_pixels(const uint8_t *p, uint8_t *out, uint32_t from, uint32_t to) {
-    for (uint32_t x = from; x < to; x++) {
-        const uint8_t r = p[3 * x], g = p[3 * x + 1], b = p[3 * x + 2];
-        out[3 * x] = b;
-        out[3 * x + 1] = g;
-        out[3 * x + 2] = r;
+// The 16-pixel shuffle steps, then single pixels; out may be p.
+void rgb_to_bgr_narrow(const uint8_t *p, uint8_t *out, uint32_t width) {
+    uint32_t x = 0;
+#if defined(__x86_64__) || defined(__i386__)
+    if (simd_swap) x = rgb_to_bgr_ssse3(p, out, width);
+#endif
+    for (p += 3 * x, out += 3 * x; x < width; x++, p += 3, out += 3) {
+        const uint8_t r = p[0];
+        out[0] = p[2];
+        out[1] = p[1];
+        out[2] = r;
     }
 }
 
 void rgb_to_bgr(const uint8_t *p, uint8_t *out, uint32_t width) {
-    uint32_t x = 0;
 #if defined(__x86_64__) || defined(__i386__)
     if (wide_swap && width >= 128) {
         // Led in so the wide stores start on a cache line (3 x 43 = 1 mod 64):
         // a store split across two lines costs two.
         const uint32_t lead = static_cast<uint32_t>((-reinterpret_cast<uintptr_t>(out) & 63) * 43 & 63);
-        const uint32_t h = simd_swap ? rgb_to_bgr_ssse3(p, out, lead) : 0;
-        swap_pixels(p, out, h, lead);
-        x = lead + rgb_to_bgr_vbmi(p + 3 * lead, out + 3 * lead, width - lead);
+        rgb_to_bgr_narrow(p, out, lead);
+        const uint32_t x = lead + rgb_to_bgr_vbmi(p + 3 * lead, out + 3 * lead, width - lead);
+        rgb_to_bgr_narrow(p + 3 * x, out + 3 * x, width - x);
+        return;
     }
-    if (simd_swap) x += rgb_to_bgr_ssse3(p + 3 * x, out + 3 * x, width - x);
 #endif
-    swap_pixels(p, out, x, width);
+    rgb_to_bgr_narrow(p, out, width);
 }
 
 int tiff_row_convert(tiff_reader &r, const uint8_t *row, int index) {

@@ -50,16 +50,21 @@ void sample_row(const uint8_t *src, uint8_t *dst, int out_width, uint32_t step) 
 // small file claiming a huge picture does not make the load touch it all.
 constexpr uint32_t UNCLEARED_LIMIT = 64u << 20;
 
-// Clears what no reader wrote: rows never delivered, and the bytes of the
-// block outside the rows.
+// Where stored row r (counted from the top) of a handle's bitmap of the
+// given depth begins: the DIB keeps its rows bottom-up.
+uint8_t *stored_row(const handle_record *rec, int bits, int r) {
+    return static_cast<uint8_t *>(rec->dib_address) + 40 + palette_bytes(bits) +
+           static_cast<uint32_t>(rec->height - r - 1) * static_cast<uint32_t>(rec->stride);
+}
+
+// Clears the rows no reader delivered; what lies around the rows was
+// cleared when the bitmap was made.
 void clear_unwritten_rows(load_context &ctx) {
     handle_record *rec = handle_get(ctx.handle);
     if (!ctx.written || !rec || !rec->dib_address) return;
-    auto *dib = static_cast<uint8_t *>(rec->dib_address);
-    const uint32_t stride = static_cast<uint32_t>(rec->stride);
-    const uint32_t pixels = 40 + palette_bytes(dib_of(dib)->biBitCount);
+    const int bits = dib_of(rec->dib_address)->biBitCount;
     for (int r = 0; r < rec->height; r++)
-        if (!ctx.written[r]) std::memset(dib + pixels + static_cast<uint32_t>(rec->height - r - 1) * stride, 0, stride);
+        if (!ctx.written[r]) std::memset(stored_row(rec, bits, r), 0, static_cast<uint32_t>(rec->stride));
     ctx.written = nullptr;
 }
 
@@ -228,9 +233,7 @@ int IMG_CALLBACK handle_put_row(unsigned char *row, void *context, int r, int) {
         r = rs;
         if (r >= rec->height) return 0;
     }
-    auto *dib = static_cast<uint8_t *>(rec->dib_address);
-    uint32_t offset = 40 + palette_bytes(bits) + static_cast<uint32_t>(rec->height - r - 1) * rec->stride;
-    uint8_t *at = dib + offset;
+    uint8_t *at = stored_row(rec, bits, r);
     const uint32_t n = row_bytes(rec->width, bits);
     if (row != at)
         std::memcpy(at, row, n);
@@ -252,8 +255,7 @@ uint8_t *load_row_target(IMG_put_row_fn put_row, void *context, int r) {
     if (shrinking(a) || !rec || !rec->dib_address || r < 0 || r >= a->biHeight || rec->height != a->biHeight ||
         rec->width != a->biWidth)
         return nullptr;
-    return static_cast<uint8_t *>(rec->dib_address) + 40 + palette_bytes(a->biBitCount) +
-           static_cast<uint32_t>(rec->height - r - 1) * rec->stride;
+    return stored_row(rec, a->biBitCount, r);
 }
 
 // ---- Exports -------------------------------------------------------------------

@@ -42,8 +42,7 @@ TEST(TiffRgbRows, EveryWidthLoadsAsItsPixels) {
             const picture want = make_picture(width, 6, 24, static_cast<uint32_t>(width));  // rows at several alignments
             std::vector<bytes> strips;
             for (const bytes &bgr : want.rows) {
-                bytes rgb(bgr.begin(), bgr.begin() + 3 * width);
-                for (int x = 0; x < width; x++) std::swap(rgb[3 * x], rgb[3 * x + 2]);
+                bytes rgb = rgb_row(bgr, width);
                 if (width % 7 == 1)  // some rows with runs to repeat
                     std::fill(rgb.begin(), rgb.begin() + std::min(9, 3 * width), uint8_t{77});
                 strips.push_back(compression == 1 ? rgb : packbits(rgb));

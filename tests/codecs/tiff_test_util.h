@@ -183,6 +183,13 @@ inline bytes strips_at_end(tiff_page p, const std::vector<bytes> &strips, bool m
     return file;
 }
 
+// A 24-bit DIB row's pixels as a TIFF RGB strip row: no pad, red first.
+inline bytes rgb_row(const bytes &bgr, int width) {
+    bytes rgb(bgr.begin(), bgr.begin() + 3 * width);
+    for (int x = 0; x < width; x++) std::swap(rgb[3 * x], rgb[3 * x + 2]);
+    return rgb;
+}
+
 inline std::string fixture(const std::string &name) { return std::string(BRIVANTA_FIXTURES) + "/tiff/" + name; }
 
 // The fixtures' source pictures as DIB-layout pictures: page.pbm (1-bit,

@@ -280,11 +280,7 @@ TEST(Load, WhatNoReaderWroteIsClear) {
     // Plain RGB TIFF rows are written in place, with one pad byte each.
     picture rgb = make_picture(5, 6, 24, 4);
     std::vector<bytes> strips;
-    for (const bytes &row : rgb.rows) {
-        bytes r(row.begin(), row.begin() + 15);
-        for (int x = 0; x < 5; x++) std::swap(r[3 * x], r[3 * x + 2]);
-        strips.push_back(r);
-    }
+    for (const bytes &row : rgb.rows) strips.push_back(rgb_row(row, 5));
     struct {
         const char *what;
         bytes file;
