@@ -736,9 +736,9 @@ int32_t next_change(const uint8_t *row, int32_t x, int32_t width, int colour) {
 }
 
 // Transitions of a row, closed with the width four times.
-void transitions(const uint8_t *row, int32_t width, int32_t *list) {
+void transitions(const uint8_t *row, int32_t width, int32_t *list, int white) {
     int32_t x = 0, k = 0;
-    int colour = 0;
+    int colour = white;
     while ((x = next_change(row, x, width, colour)) < width) {
         list[k++] = x;
         colour ^= 1;
@@ -790,9 +790,13 @@ void encode_2d(ccitt_encoder &e) {
     }
 }
 
+// Luma of a colour entry (blue, green, red), in thousandths.
+int luma(const uint8_t *q) { return 114 * q[0] + 587 * q[1] + 299 * q[2]; }
+
 }  // namespace
 
-int ccitt_encode_begin(ccitt_encoder &e, int fd, int32_t width, ccitt_kind kind, bool reverse) {
+int ccitt_encode_begin(ccitt_encoder &e, int fd, int32_t width, ccitt_kind kind, bool reverse,
+                       const uint8_t *palette) {
     e = {};
     if (width <= 0 || width > 0xFFFFFF) return IMG_ERR_MEMORY;
     uint32_t lists = (static_cast<uint32_t>(width) + 8) * 4;
@@ -804,6 +808,8 @@ int ccitt_encode_begin(ccitt_encoder &e, int fd, int32_t width, ccitt_kind kind,
     e.width = width;
     e.kind = kind;
     e.reverse = reverse;
+    // On a tie entry 0 stays black, as in the library's own bilevel palette.
+    e.white = luma(palette + 4) >= luma(palette) ? 1 : 0;
     e.out = static_cast<uint8_t *>(e.block);
     e.ref = reinterpret_cast<int32_t *>(e.out + out);
     e.cur = e.ref + lists / 4;
@@ -812,7 +818,7 @@ int ccitt_encode_begin(ccitt_encoder &e, int fd, int32_t width, ccitt_kind kind,
 }
 
 int ccitt_encode_row(ccitt_encoder &e, const uint8_t *row) {
-    transitions(row, e.width, e.cur);
+    transitions(row, e.width, e.cur, e.white);
     switch (e.kind) {
     case CCITT_MH_ALIGNED:
         encode_1d(e, e.cur);

@@ -55,6 +55,7 @@ struct ccitt_encoder {
     int32_t width;
     ccitt_kind kind;
     bool reverse;       // fill order 2: bytes go out bit-reversed
+    int white;          // the bit value coded as white
     uint8_t *out;       // output buffer, flushed to the file as it fills
     uint32_t used;
     uint64_t acc;       // pending bits, most significant first
@@ -62,9 +63,12 @@ struct ccitt_encoder {
     int32_t *ref, *cur; // transition lists of the reference and coding lines
     void *block;
 };
-// Allocates the buffers: 0, or -1.
-int ccitt_encode_begin(ccitt_encoder &e, int fd, int32_t width, ccitt_kind kind, bool reverse);
-// Codes one row of width pixels, 1-bits black: 0, or -9 on a short write.
+// Allocates the buffers: 0, or -1.  palette is the picture's two colour
+// entries: the lighter one is coded white, so every fax output shows the
+// picture the user sees whichever order its palette has.
+int ccitt_encode_begin(ccitt_encoder &e, int fd, int32_t width, ccitt_kind kind, bool reverse,
+                       const uint8_t *palette);
+// Codes one row of width pixels: 0, or -9 on a short write.
 int ccitt_encode_row(ccitt_encoder &e, const uint8_t *row);
 // Ends the page (RTC for Group 3 when asked, EOFB for Group 4) and flushes.
 int ccitt_encode_end(ccitt_encoder &e, bool rtc);

@@ -256,7 +256,7 @@ int write_image(out_kind kind, int fd, const dib_info *h, IMG_get_row_fn get_row
         ccitt_kind ck = kind == out_kind::huffman ? CCITT_MH_ALIGNED
                         : (kind == out_kind::g4 || kind == out_kind::raw_g4) ? CCITT_G4
                                                                               : CCITT_G3_EOL;
-        if (ccitt_encode_begin(fe, fd, h->biWidth, ck, compression == 3 || compression == 4) < 0) return IMG_ERR_MEMORY;
+        if (ccitt_encode_begin(fe, fd, h->biWidth, ck, compression == 3 || compression == 4, palette_of(h)) < 0) return IMG_ERR_MEMORY;
     }
     if (kind == out_kind::lzw && tiff_lzw_encode_begin(le, fd) < 0) return IMG_ERR_MEMORY;
 
@@ -283,11 +283,6 @@ int write_image(out_kind kind, int fd, const dib_info *h, IMG_get_row_fn get_row
             rc = tiff_lzw_encode(le, row, packed);
             break;
         }
-        case out_kind::raw_g3:
-        case out_kind::raw_g4:
-            // Raw fax rows are coded with 1-bits white, as the fax loader gives them.
-            for (uint32_t x = 0; x < packed; x++) row[x] = static_cast<uint8_t>(~row[x]);
-            [[fallthrough]];
         default: rc = ccitt_encode_row(fe, row); break;
         }
         if (rc < 0) return rc;

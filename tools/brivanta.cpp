@@ -195,6 +195,23 @@ bool parse_fax(const char *text, int *type, int *width, int *height, int *fill) 
     return got >= 1 && *width > 0 && *height >= 0 && (*fill == 1 || *fill == 2);
 }
 
+// Loads a file by its content, a page of it, or (fax_type >= 0) its raw fax data.
+int load_file(const char *in, int page, int fax_type = -1, int fax_width = 0, int fax_height = 0, int fax_fill = 1) {
+    if (fax_type < 0 && !page) return IMG_decompress_bitmap(in);
+    FILE *f = std::fopen(in, "rb");
+    if (!f) return IMG_ERR_OPEN;
+#ifdef _WIN32
+    // The library's descriptors are system file handles, not C runtime ones.
+    int fd = static_cast<int>(_get_osfhandle(_fileno(f)));
+#else
+    int fd = fileno(f);
+#endif
+    int h = fax_type >= 0 ? IMG_decompress_fax(fd, fax_width, fax_height, fax_type, fax_fill)
+                          : IMG_decompress_bitmap_fd(fd, 0, page);
+    std::fclose(f);
+    return h;
+}
+
 int cmd_convert(int argc, char **argv) {
     if (wants_help(argc, argv)) {
         std::printf("usage: brivanta convert IN OUT [--type N] [--page N] [--quality Q] [--reduce 1|4|8] [--shrink WxH]\n"
@@ -242,25 +259,7 @@ int cmd_convert(int argc, char **argv) {
     IMGLOW_set_decompsize(sw, sh);
     if (quality >= 0) IMGLOW_set_comp_quality(quality);
     progress_start("load");
-    int h;
-    if (fax_type >= 0 || page) {
-        FILE *f = std::fopen(in, "rb");
-        if (!f) {
-            progress_stop();
-            return fail(in, IMG_ERR_OPEN);
-        }
-#ifdef _WIN32
-        // The library's descriptors are system file handles, not C runtime ones.
-        int fd = static_cast<int>(_get_osfhandle(_fileno(f)));
-#else
-        int fd = fileno(f);
-#endif
-        h = fax_type >= 0 ? IMG_decompress_fax(fd, fax_width, fax_height, fax_type, fax_fill)
-                          : IMG_decompress_bitmap_fd(fd, 0, page);
-        std::fclose(f);
-    } else {
-        h = IMG_decompress_bitmap(in);
-    }
+    int h = load_file(in, page, fax_type, fax_width, fax_height, fax_fill);
     progress_stop();
     if (h < 0) return fail(in, h);
     progress_start("save");
@@ -413,7 +412,9 @@ int cmd_demo(int argc, char **argv) {
                             r == IMG_ERR_DEPTH ? "refused" : "failed", "-");
                 continue;
             }
-            int h = IMG_decompress_bitmap(file);
+            // Raw fax data has no header: it is read back as the fax it is.
+            int fax = t.code == IMG_TYPE_RAW_G3 ? 3 : t.code == IMG_TYPE_RAW_G4 ? 4 : -1;
+            int h = load_file(file, 0, fax, CARD_W, CARD_H);
             double ms = ms_since(t0);
             std::error_code sized;
             auto file_bytes = std::filesystem::file_size(file, sized);

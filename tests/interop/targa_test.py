@@ -1,6 +1,5 @@
 """Targa interop: files from ImageMagick and netpbm (mapped, grey, 16, 24 and
-32 bits, raw and run-length, both origins) decode as Pillow decodes them,
-and our type 3 output decodes the same in Pillow (type 32 in netpbm)."""
+32 bits, raw and run-length, both origins) decode as Pillow decodes them."""
 import struct
 
 import numpy as np
@@ -51,34 +50,9 @@ def decodes_as_pillow(make, tolerance):
     return lambda: B.decodes_like(make(), "Pillow", tolerance)
 
 
-def our_output(type_code, source, mode):
-    def run():
-        dst = B.tmp("ours.tga")
-        if type_code == 32:
-            # Pillow reads no 15-bit files: netpbm decodes these, and fills
-            # the low bits of each five-bit channel.
-            B.writes_like(source, dst, 32, ["tgatoppm"], tolerance=7, view=lambda a: a & 0xF8)
-            return
-        B.writes_like(source, dst, 3, ["Pillow"])
-        with B.Image.open(dst) as im:
-            assert im.mode == mode, im.mode
-    return run
-
-
-BMP24, BMP8, GREY = B.tmp("src24.bmp"), B.tmp("src8.bmp"), B.tmp("grey.tga")
-B.run("convert %s BMP3:%s" % (SRC, BMP24))
-B.run("convert %s -colors 60 -type Palette BMP3:%s" % (SRC, BMP8))
-B.run("ppmtopgm %s | ppmtotga -mono -norle > %s" % (SRC, GREY))  # identity grey ramp
-
 cases = [(n, decodes_as_pillow(lambda n=n, c=c: B.make(c, n.replace(" ", "_") + ".tga"), 0)) for n, c in TOOL_FILES]
 for top in (False, True):
     for rle in (False, True):
         n = "16-bit %s %s" % ("top-left" if top else "bottom-left", "RLE" if rle else "raw")
         cases.append((n, decodes_as_pillow(lambda t=top, r=rle, n=n: sixteen_bit(n.replace(" ", "_") + ".tga", t, r), 7)))
-cases += [
-    ("our type 3 from 24 bits", our_output(3, BMP24, "RGB")),
-    ("our type 3 from a mapped 8 bits", our_output(3, BMP8, "P")),
-    ("our type 3 from grey", our_output(3, GREY, "L")),
-    ("our type 32 from 24 bits", our_output(32, BMP24, None)),
-]
 B.main(cases)

@@ -1,0 +1,192 @@
+"""Every writer at every depth, against independent decoders: each file we
+write is decoded by tools that are not ours and compared with the picture
+the user saw before saving (the handle's pixels through its palette), never
+with our own reading of the file.  Depths a writer does not take must be
+refused.  Last, the demo's round trip: every lossless row comes back
+identical."""
+import os
+import struct
+import subprocess
+
+import numpy as np
+
+import brivanta as B
+
+B.require("tiffcp", "tiff2rgba", "g3topbm", "pcxtoppm", "giftopnm", "tgatoppm", "djpeg", "convert")
+LIB = B.LIB
+
+
+def dib_file(px, bits, palette):
+    """A BMP file of top-down pixel values px with a list of (r, g, b)."""
+    h, w = px.shape[:2]
+    if bits == 24:
+        rows = [px[y, :, ::-1].tobytes() for y in range(h)]
+    elif bits == 8:
+        rows = [px[y].astype(np.uint8).tobytes() for y in range(h)]
+    else:
+        per = 8 // bits
+        padded = np.zeros((h, -(-w // per) * per), np.uint8)
+        padded[:, :w] = px
+        shifts = np.arange(per - 1, -1, -1) * bits
+        rows = [(padded[y].reshape(-1, per) << shifts).sum(axis=1).astype(np.uint8).tobytes() for y in range(h)]
+    stride = (w * bits + 31) // 32 * 4
+    body = b"".join(r.ljust(stride, b"\0") for r in reversed(rows))
+    pal = b"".join(bytes((b, g, r, 0)) for r, g, b in palette)
+    off = 54 + len(pal)
+    return (b"BM" + struct.pack("<IHHI", off + len(body), 0, 0, off) +
+            struct.pack("<IiiHHIIiiII", 40, w, h, 1, bits, 0, len(body), 3780, 3780, 0, 0) + pal + body)
+
+
+def handle_of(px, bits, palette, put_palette=None):
+    """A new handle holding the picture; put_palette replaces its colour
+    table after the load (the BMP reader makes every bilevel table black
+    and white, so other two-colour tables are set this way)."""
+    h = B.in_block(dib_file(px, bits, palette), lambda a: LIB.IMG_decompress_bitmap_mem(a, 0))
+    assert h >= 0, "source load gave %d" % h
+    if put_palette:
+        table = b"".join(bytes((b, g, r, 0)) for r, g, b in put_palette)
+        assert LIB.IMGLOW_put_palette(h, table) == 0
+    return h
+
+
+RNG = np.random.default_rng(7)
+PAGE = np.asarray(B.test_page(403, 300)).astype(np.uint8)  # 1 = white
+RGB = np.asarray(B.test_rgb(83, 57))
+GREYS = [(i, i, i) for i in range(256)]
+BW = [(0, 0, 0), (255, 255, 255)]
+# Pictures the writers get; each is (pixels, bits, palette, palette set after the load).
+SOURCES = {
+    "1": (PAGE, 1, BW, None),
+    # Two colours that are not black and white, the darker one either way round.
+    "1 dark first": (PAGE, 1, BW, [(20, 30, 90), (250, 240, 200)]),
+    "1 light first": (1 - PAGE, 1, BW, [(250, 240, 200), (20, 30, 90)]),
+    "4": ((RGB[:, :, 0] // 16 ^ RGB[:, :, 2] // 32) & 15, 4, [tuple(c) for c in RNG.integers(0, 256, (16, 3))], None),
+    "8": ((RGB[:, :, 0].astype(int) + RGB[:, :, 1] // 2) % 256, 8, [tuple(c) for c in RNG.integers(0, 256, (256, 3))],
+          None),
+    "8 grey": (RGB[:, :, 1], 8, GREYS, None),
+    "24": (RGB, 24, [], None),
+}
+
+
+def libtiff(path):
+    """libtiff's decode, through tiff2rgba into an uncompressed file."""
+    B.run(["tiff2rgba", "-c", "none", path, path + ".rgba.tif"])
+    return B.REFERENCES["ImageMagick"](path + ".rgba.tif")
+
+
+def raw_g4_in_tiff(path, width, height):
+    """Raw Group 4 data wrapped in a minimal white-is-zero TIFF for Pillow."""
+    data = open(path, "rb").read()
+    entries = [(256, 3, 1, width), (257, 3, 1, height), (258, 3, 1, 1), (259, 3, 1, 4), (262, 3, 1, 0),
+               (273, 4, 1, 8 + 2 + 8 * 12 + 4), (278, 4, 1, height), (279, 4, 1, len(data))]
+    ifd = struct.pack("<H", len(entries)) + b"".join(struct.pack("<HHII", *e) for e in entries) + b"\0" * 4
+    with open(path + ".tif", "wb") as f:
+        f.write(b"II*\0" + struct.pack("<I", 8) + ifd + data)
+    return B.pillow_rgb(path + ".tif")
+
+
+def bmp_true_size(path):
+    """ImageMagick on our RLE BMP, whose bfSize holds the unpacked size (a
+    kept quirk it refuses), so it gets the true size.  (Some Pillow versions
+    misread odd RLE4 blocks.)"""
+    data = bytearray(open(path, "rb").read())
+    struct.pack_into("<I", data, 2, len(data))
+    open(path + ".bmp", "wb").write(data)
+    return B.REFERENCES["ImageMagick"](path + ".bmp")
+
+
+PILLOW, MAGICK = B.REFERENCES["Pillow"], B.REFERENCES["ImageMagick"]
+TOOL = lambda name: B.REFERENCES[name]
+ALL = "1 4 8 24"
+# type: (depths taken, extension, decoders, tolerance or PSNR floor)
+EXACT = 0
+WRITERS = {
+    0: (ALL, "tif", [PILLOW, libtiff], EXACT),
+    1: (ALL, "bmp", [PILLOW, MAGICK], EXACT),
+    2: (ALL, "pcx", [PILLOW, TOOL("pcxtoppm")], EXACT),
+    3: ("8 24", "tga", [PILLOW, TOOL("tgatoppm")], EXACT),
+    4: ("4 8", "gif", [PILLOW, TOOL("giftopnm")], EXACT),
+    7: ("1", "tif", [PILLOW, libtiff, MAGICK], EXACT),
+    8: ("1", "tif", [PILLOW, libtiff, MAGICK], EXACT),
+    9: (ALL, "tif", [PILLOW, libtiff], EXACT),
+    10: ("1", "tif", [PILLOW, libtiff, MAGICK], EXACT),
+    11: (ALL, "dcx", [B.dcx_page_rgb], EXACT),
+    12: ("4 8", "bmp", [bmp_true_size], EXACT),
+    # A loose floor: a swapped channel or a shifted row falls far below it.
+    13: ("8 24", "jpg", [TOOL("djpeg"), PILLOW], ("floor", 20.0)),
+    16: (ALL, "tif", [PILLOW, libtiff], EXACT),
+    # netpbm fills the low three bits of each five-bit channel.
+    32: ("24", "tga", [TOOL("tgatoppm")], 7),
+    33: ("1", "g3", [TOOL("g3topbm")], EXACT),
+    34: ("1", "g4", [lambda p: raw_g4_in_tiff(p, PAGE.shape[1], PAGE.shape[0])], EXACT),
+    40: ("8 24", "tif", [libtiff], ("floor", 20.0)),
+}
+FAX = {7, 8, 10, 33, 34}
+# An 8-bit type 40 file points its interchange offset into the stream, as
+# the layout requires; no reader takes it, so only its writing is checked.
+UNDECODED = {(40, 8)}
+
+
+def as_fax(pic):
+    """A bilevel picture as a fax shows it: the darker colour black, the
+    other white."""
+    pal = np.frombuffer(pic.palette, np.uint8).reshape(-1, 4)[:2, :3].astype(int) @ [114, 587, 299]
+    black = 1 if pal[1] < pal[0] else 0
+    return np.where((pic.indices() == black)[:, :, None], 0, 255).astype(np.uint8).repeat(3, axis=2)
+
+
+# JPEG codes palette pictures by index: only an identity grey ramp is a picture it can keep.
+SOURCE_FOR = {13: {"8": "8 grey"}, 40: {"8": "8 grey"}}
+
+
+def writer_case(type_code, source):
+    depths, ext, decoders, accuracy = WRITERS[type_code]
+    px, bits, palette, put = SOURCES[source]
+
+    def check():
+        out = B.tmp("w%d_%s.%s" % (type_code, source.replace(" ", "_"), ext))
+        if os.path.exists(out):
+            os.remove(out)
+        h = handle_of(px, bits, palette, put)
+        try:
+            pic = B.picture_of(h)
+            want = as_fax(pic) if type_code in FAX and bits == 1 else pic.rgb()
+            rc = LIB.IMG_save_bitmap(h, out.encode(), type_code)
+        finally:
+            LIB.IMG_delete_bitmap(h)
+        if str(bits) not in depths.split():
+            assert rc < 0, "type %d took a %d-bit picture" % (type_code, bits)
+            return
+        assert rc == 0, "type %d from %s gave %d" % (type_code, source, rc)
+        for decode in decoders if (type_code, bits) not in UNDECODED else []:
+            got = decode(out)[: want.shape[0], : want.shape[1]]
+            if isinstance(accuracy, tuple):
+                B.compare(got, want, "%s on type %d" % (getattr(decode, "__name__", "?"), type_code), floor=accuracy[1])
+            else:
+                B.compare(got, want, "%s on type %d" % (getattr(decode, "__name__", "?"), type_code), accuracy)
+    return check
+
+
+def demo_round_trip():
+    """The demo's table: every lossless writer's file reads back identical."""
+    lossy = {13, 40}
+    out = B.run([B.TOOL, "demo", B.tmp("demo")]).decode()
+    bad = [line for line in out.splitlines()[1:-1]
+           if int(line.split()[0]) not in lossy and "identical" not in line and "refused" not in line]
+    assert not bad, "\n".join(bad)
+
+
+CASES = []
+for t in WRITERS:
+    for s in SOURCES:
+        if s.startswith("1 ") and WRITERS[t][0] != "1":
+            continue  # the coloured bilevel tables matter to the fax coders
+        s = SOURCE_FOR.get(t, {}).get(s, s)
+        if ("type %d from %s" % (t, s), t) not in [(n, t) for n, _ in CASES]:
+            CASES.append(("type %d from %s" % (t, s), writer_case(t, s)))
+CASES.append(("demo round trip", demo_round_trip))
+
+if __name__ == "__main__":
+    # DCX saves use a temporary file: keep ours apart.
+    os.environ["TMPDIR"] = os.path.dirname(B.tmp("x"))
+    B.main(CASES)
