@@ -3,6 +3,7 @@
 // of plain (type 1) and run-length (type 12) files.
 #include "codecs/codecs.h"
 #include "frame/byte_source.h"
+#include "frame/load.h"
 
 namespace {
 
@@ -186,7 +187,10 @@ int read_records(bmp_reader &b) {
         // width each time; past 32768 only a sink rewriting rows keeps bytes.
         std::memset(rec + 2, 0, (size < 32768 + 16 ? size : 32768 + 16) - 2);
         if (source_read(src, rec + 2, len - 2) != len - 2) return IMG_ERR_DATA;
-        if (int rc = b.put_row(rec, b.context, r, len); rc < 0) return rc;
+        // Callers' sinks are told the record's length; the frame's own sink,
+        // which stores whole rows, is told the whole cleared row it gets.
+        const int count = b.put_row == handle_put_row && static_cast<uint32_t>(len) < rb ? static_cast<int>(rb) : len;
+        if (int rc = b.put_row(rec, b.context, r, count); rc < 0) return rc;
     }
     return 0;
 }

@@ -351,6 +351,7 @@ BRIVANTA_WRITER(gif_write) {
     const int width = header->biWidth, height = header->biHeight;
     const uint32_t stride = row_bytes(width, bits);
     if (width < 1 || height < 1 || !stride) return IMG_ERR_HEADER;
+    if (width > 0xFFFF || height > 0xFFFF) return IMG_ERR_DEPTH;  // the screen holds 16-bit sizes
 
     uint8_t head[13] = {'G', 'I', 'F', '8', '7', 'a'};
     put16(head + 6, static_cast<uint32_t>(width));

@@ -157,6 +157,9 @@ int pcx_read(int32_t where, int32_t palette_end, IMG_put_row_fn put_row, void *c
     h.biPlanes = 1;
     h.biBitCount = static_cast<uint16_t>(bpp * factor);
     if (h.biWidth < 1 || h.biHeight < 1 || h.biBitCount == 0) return IMG_ERR_HEADER;
+    // A scan line too short for the width cannot hold the picture, and one of
+    // no bytes would make every row from no data at all.
+    if (bpl == 0 || bpl < (static_cast<uint32_t>(h.biWidth) * static_cast<uint32_t>(bpp) + 7) / 8) return IMG_ERR_HEADER;
     const uint32_t stride = row_bytes(h.biWidth, h.biBitCount);
     if (!size_mul_add(stride, static_cast<uint32_t>(h.biHeight), 0, &h.biSizeImage)) h.biSizeImage = 0;
     h.biXPelsPerMeter = get16(ph + 12);
@@ -390,7 +393,7 @@ int append_page(int fd, int tmp) {
 }  // namespace
 
 BRIVANTA_WRITER(dcx_write) {
-    char name[100];
+    char name[TEMP_NAME_SIZE];
     int tmp = open_temp_file(name, 0);
     if (tmp < 0) return IMG_ERR_CREATE;
     int rc = pcx_write(tmp, header, get_row, context);

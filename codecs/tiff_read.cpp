@@ -58,7 +58,7 @@ struct tiff_reader {
     int plane;
     uint32_t plane_row_bytes;
     int temp_fd;
-    char temp_name[100];
+    char temp_name[TEMP_NAME_SIZE];
 };
 
 uint16_t u16(const tiff_reader &r, const uint8_t *p) { return r.mm ? get16be(p) : get16(p); }
@@ -1049,6 +1049,11 @@ int decode(tiff_reader &r, uint32_t wanted, IMG_put_row_fn put_row, void *user, 
         r.bits == 0 || r.bits > 32 || r.samples > 64 || (bits != 1 && bits != 4 && bits != 8 && bits != 24))
         return IMG_ERR_HEADER;
     if (is_fax(t.compression) && bits != 1) return IMG_ERR_HEADER;
+    // Subsampled strip rows hold two bytes a pixel, which only the 8-bit
+    // YCbCr converter reads: any other picture claiming them cannot be decoded.
+    if (t.ycbcr_subsampling && !r.ycbcr_full && !r.planar && t.compression != 6 &&
+        (t.photometric != 6 || r.samples != 3 || r.bits != 8))
+        return IMG_ERR_HEADER;
     if (t.rows_per_strip == 0) t.rows_per_strip = WHOLE_IMAGE;
 
     // Row sizes, refused as out of memory when a working row would be absurd.
@@ -1085,7 +1090,8 @@ int decode(tiff_reader &r, uint32_t wanted, IMG_put_row_fn put_row, void *user, 
     if (r.planar) {
         uint32_t pr = r.bits == 1 ? (t.width + 7) / 8 : r.bits == 4 ? (t.width + 1) / 2 : t.width;
         r.plane_row_bytes = (pr + 3) & ~3u;
-        if (static_cast<uint64_t>(r.plane_row_bytes) * t.height * r.samples > 0x7FFFFFFF) return IMG_ERR_MEMORY;
+        const uint64_t temp_bytes = static_cast<uint64_t>(r.plane_row_bytes) * t.height * r.samples;
+        if (temp_bytes > 0x7FFFFFFF || !within_load_limit(temp_bytes)) return IMG_ERR_MEMORY;
     }
 
     if (t.compression == 6) {

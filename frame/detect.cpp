@@ -181,7 +181,7 @@ int IMG_API IMGLOW_get_filetype_fd(int fd) {
 
 int IMG_API IMGLOW_get_filetype_mem(void *block) {
     if (!block) return IMG_ERR_OPEN;
-    memory_source_set(block);
+    memory_source_scope memory(block);
     char text[4];
     detect_file_type(MEMORY_FD, text);
     int code = code_of(text, codes_short);

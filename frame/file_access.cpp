@@ -12,8 +12,11 @@ struct memory_source {
     int32_t size = 0;
     int32_t position = 0;
     bool sized = false;  // size is the block's own, not a stand-in
+    bool active = false; // a memory call is running
 };
 memory_source source;
+
+bool is_memory(int fd) { return fd == MEMORY_FD && source.active; }
 
 // Readers keep at most twenty scratch blocks alive; the extra room means a
 // reader that holds more never loses track of one.
@@ -24,7 +27,7 @@ void *scratch[SCRATCH_CAPACITY];
 
 int32_t file_seek(int fd, int32_t offset, int origin) {
     if (settings.seek_hook) return settings.seek_hook(fd, offset, origin);
-    if (fd == MEMORY_FD) {
+    if (is_memory(fd)) {
         int64_t p = origin == 0 ? offset : origin == 1 ? int64_t{source.position} + offset : int64_t{source.size} + offset;
         // Positions are not bounds-checked here; reads and writes check them.
         source.position = static_cast<int32_t>(p);
@@ -35,7 +38,7 @@ int32_t file_seek(int fd, int32_t offset, int origin) {
 
 int32_t file_read(int fd, void *buffer, int32_t count) {
     if (settings.read_hook) return settings.read_hook(fd, buffer, count);
-    if (fd == MEMORY_FD) {
+    if (is_memory(fd)) {
         if (count <= 0) return 0;
         // Past the end the read reports success without copying; readers
         // find the end from their format's own counts.
@@ -50,7 +53,7 @@ int32_t file_read(int fd, void *buffer, int32_t count) {
 
 int32_t file_write(int fd, const void *buffer, int32_t count) {
     if (settings.write_hook) return settings.write_hook(fd, buffer, count);
-    if (fd == MEMORY_FD) {
+    if (is_memory(fd)) {
         if (count <= 0) return 0;
         if (source.position >= source.size || source.position < 0) return count;
         int32_t n = source.size - source.position < count ? source.size - source.position : count;
@@ -62,7 +65,7 @@ int32_t file_write(int fd, const void *buffer, int32_t count) {
 }
 
 int32_t file_length(int fd) {
-    if (fd == MEMORY_FD && !settings.seek_hook) return source.position;
+    if (is_memory(fd) && !settings.seek_hook) return source.position;
     int32_t here = file_seek(fd, 0, 1);
     int32_t end = file_seek(fd, 0, 2);
     file_seek(fd, here, 0);
@@ -71,7 +74,7 @@ int32_t file_length(int fd) {
 
 int32_t file_size_hint(int fd) {
     if (settings.read_hook) return 0x7FFFFFFF;
-    if (fd == MEMORY_FD) return source.size;
+    if (is_memory(fd)) return source.size;
     int32_t here = os_seek(fd, 0, 1);
     int32_t end = os_seek(fd, 0, 2);
     os_seek(fd, here, 0);
@@ -86,11 +89,14 @@ void memory_source_set(void *block) {
     mem_block b = mem_handle(block);
     source.size = b ? static_cast<int32_t>(mem_size(b)) : 0x70000000;
     source.sized = b != 0;
+    source.active = true;
 }
+
+void memory_source_end() { source.active = false; }
 
 const uint8_t *file_map(int fd, int32_t *count) {
     *count = 0;
-    if (fd != MEMORY_FD || settings.read_hook || settings.seek_hook || !source.sized || !source.base) return nullptr;
+    if (!is_memory(fd) || settings.read_hook || settings.seek_hook || !source.sized || !source.base) return nullptr;
     if (source.position >= 0 && source.position < source.size) *count = source.size - source.position;
     return *count ? source.base + source.position : source.base;
 }
@@ -147,9 +153,7 @@ int scratch_count() {
 int open_temp_file(char *name, int mode) {
     if (mode == 1) return os_open(name, OS_OPEN_READ);
     if (mode != 0) return -1;
-    // One fixed name, as the contract says: an older file of that name is overwritten.
-    if (!os_temp_file_name(name, 100)) return -1;
-    return os_create(name);
+    return os_create_temp(name, TEMP_NAME_SIZE);
 }
 
 void swap16_array(void *items, int count) {

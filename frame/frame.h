@@ -74,7 +74,16 @@ int32_t file_seek(int fd, int32_t offset, int origin);
 int32_t file_read(int fd, void *buffer, int32_t count);
 int32_t file_write(int fd, const void *buffer, int32_t count);
 int32_t file_length(int fd);
+// The memory block source is reachable as MEMORY_FD only while a memory
+// call runs, so a caller's own descriptor of that number stays a file.
 void memory_source_set(void *block);
+void memory_source_end();
+struct memory_source_scope {
+    explicit memory_source_scope(void *block) { memory_source_set(block); }
+    ~memory_source_scope() { memory_source_end(); }
+    memory_source_scope(const memory_source_scope &) = delete;
+    memory_source_scope &operator=(const memory_source_scope &) = delete;
+};
 // The bytes a source really holds: the memory block's size for MEMORY_FD (not
 // the write position that file_length reports), the file's length otherwise,
 // and INT32_MAX when hooks route the reads.
@@ -90,7 +99,10 @@ void scratch_free(void *address);
 void scratch_free_all();
 int scratch_count();
 
-int open_temp_file(char *name, int mode);  // name: at least 100 characters
+// Mode 0 makes a new temporary file, 1 reopens the named one; name holds
+// TEMP_NAME_SIZE characters.
+constexpr int TEMP_NAME_SIZE = 512;
+int open_temp_file(char *name, int mode);
 
 void swap16_array(void *items, int count);
 void swap32_array(void *items, int count);
@@ -178,6 +190,7 @@ int tiff_refine_type(int fd);
 struct library_settings {
     int reduction;       // 0, 1, 4 or 8
     int shrink_width, shrink_height;
+    int load_limit_mb;   // 0: none
     int autocolor;
     int dithermode;
     int comp_quality;
@@ -192,6 +205,11 @@ struct library_settings {
     char bitmap_date[16];
 };
 extern library_settings settings;
+
+// Whether a load may make a bitmap or a temporary file of this many bytes.
+inline bool within_load_limit(uint64_t bytes) {
+    return settings.load_limit_mb == 0 || bytes <= (static_cast<uint64_t>(settings.load_limit_mb) << 20);
+}
 
 // Calls the status hook when enabled: its result, or 0.
 inline int status_report(int total) {

@@ -153,8 +153,8 @@ int IMG_CALLBACK handle_begin_image(void *header, void *context) {
     else
         ctx->reduction = 0;
     int w = a->biWidth, hgt = a->biHeight;
-    if ((settings.shrink_width || settings.shrink_height) && a->biWidth > settings.shrink_width &&
-        a->biHeight > settings.shrink_height) {
+    // The row step shrinks only when both sizes are set: the stored size follows the same rule.
+    if (shrinking(a)) {
         w = settings.shrink_width;
         hgt = settings.shrink_height;
     }
@@ -162,7 +162,8 @@ int IMG_CALLBACK handle_begin_image(void *header, void *context) {
     uint32_t pb_in = palette_bytes(b), pb_out = palette_bytes(stored_bits);
     uint32_t size;
     uint64_t rows4 = (static_cast<uint64_t>(hgt) + 3) & ~uint64_t{3};
-    if (!stride || !size_mul_add(stride, rows4, 40 + (pb_in > pb_out ? pb_in : pb_out) + 2000, &size))
+    if (!stride || !size_mul_add(stride, rows4, 40 + (pb_in > pb_out ? pb_in : pb_out) + 2000, &size) ||
+        !within_load_limit(size))
         return IMG_ERR_MEMORY;
     uint8_t *written = nullptr;
     if (ctx->clears_at_end && size <= UNCLEARED_LIMIT) {
@@ -200,10 +201,14 @@ int IMG_CALLBACK handle_begin_image(void *header, void *context) {
     return 1;
 }
 
-int IMG_CALLBACK handle_put_row(unsigned char *row, void *context, int r, int) {
+int IMG_CALLBACK handle_put_row(unsigned char *row, void *context, int r, int byte_count) {
     auto *ctx = static_cast<load_context *>(context);
     if (!ctx->header) return IMG_ERR_HEADER;
     const dib_info *a = dib_of(ctx->header);
+    // Every row handed over holds at least a whole row of the announced
+    // picture: a reader that sized its row wrongly fails here instead of
+    // leaking what lies past its buffer into the picture.
+    if (byte_count < 0 || static_cast<uint32_t>(byte_count) < row_bytes(a->biWidth, a->biBitCount)) return IMG_ERR_DATA;
     if (int s = status_report(a->biHeight); s < 0) return s;
     handle_record *rec = handle_get(ctx->handle);
     if (!rec || !rec->dib_address || r < 0 || r >= a->biHeight) return 0;
@@ -270,7 +275,7 @@ int IMG_API IMGLOW_decompress_bitmap(int fd, int offset, int page, IMG_put_row_f
 int IMG_API IMGLOW_decompress_bitmap_mem(void *block, int page, IMG_put_row_fn put_row, void *context,
                                          IMG_begin_image_fn begin_image) {
     if (!block) return IMG_ERR_OPEN;
-    memory_source_set(block);
+    memory_source_scope memory(block);
     return run_reader(MEMORY_FD, 0, page, put_row, context, begin_image);
 }
 
@@ -287,7 +292,7 @@ int IMG_API IMG_decompress_bitmap_fd(int fd, int offset, int page) { return load
 
 int IMG_API IMG_decompress_bitmap_mem(void *block, int page) {
     if (!block) return IMG_ERR_OPEN;
-    memory_source_set(block);
+    memory_source_scope memory(block);
     return load_into_handle(MEMORY_FD, 0, page);
 }
 
@@ -296,6 +301,15 @@ int IMG_API IMGLOW_set_decompsize(int width, int height) {
     settings.shrink_height = height;
     return 0;
 }
+
+int IMG_API IMGLOW_set_load_limit(int megabytes) {
+    if (megabytes < 0) return IMG_ERR_TYPE;
+    int previous = settings.load_limit_mb;
+    settings.load_limit_mb = megabytes;
+    return previous;
+}
+
+int IMG_API IMGLOW_get_load_limit(void) { return settings.load_limit_mb; }
 
 int IMG_API IMGLOW_set_decomp_reduction(int bits) {
     settings.reduction = bits;

@@ -112,6 +112,17 @@ bool updates_in_place(int type) {
     }
 }
 
+// Whether an existing file is one the writer of this type adds a page to:
+// a little-endian TIFF, or a DCX.  Anything else is replaced whole, so none
+// of its old bytes outlive the save.
+bool holds_pages_for(int type, int fd) {
+    uint8_t head[4] = {};
+    bool match = os_read(fd, head, 4) == 4 &&
+                 (type == 11 ? get32(head) == 0x3ADE68B1u : std::memcmp(head, "II*\0", 4) == 0);
+    os_seek(fd, 0, 0);
+    return match;
+}
+
 }  // namespace
 
 extern "C" {
@@ -123,7 +134,7 @@ int IMG_API IMGLOW_save_bitmap(int fd, const void *header, int type, IMG_get_row
 int IMG_API IMGLOW_save_bitmap_mem(void *block, const void *header, int type, IMG_get_row_fn get_row,
                                    void *context) {
     if (!block) return IMG_ERR_CREATE;
-    memory_source_set(block);
+    memory_source_scope memory(block);
     int r = run_writer(MEMORY_FD, header, type, get_row, context);
     return r < 0 ? r : file_length(MEMORY_FD);
 }
@@ -142,10 +153,12 @@ int IMG_API IMG_save_bitmap(int h, const char *name, int type) {
         if (type == IMG_TYPE_BY_EXTENSION) return IMG_ERR_TYPE;
     }
     int fd;
-    if (updates_in_place(type) && os_exists(name))
-        fd = os_open(name, OS_OPEN_READWRITE);
-    else
-        fd = os_create(name);
+    fd = updates_in_place(type) && os_exists(name) ? os_open(name, OS_OPEN_READWRITE) : -1;
+    if (fd >= 0 && !holds_pages_for(type, fd)) {
+        os_close(fd);
+        fd = -1;
+    }
+    if (fd < 0) fd = os_create(name);
     if (fd < 0) return IMG_ERR_CREATE;
     int r = save_handle(h, fd, type, false, nullptr);
     os_close(fd);

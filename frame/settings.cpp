@@ -7,6 +7,7 @@
 library_settings settings = [] {
     library_settings s{};
     s.comp_quality = 75;
+    s.load_limit_mb = IMG_DEFAULT_LOAD_LIMIT_MB;
     std::strcpy(s.bitmap_name, "Brivanta image file library");
     std::strcpy(s.bitmap_date, "11-21-2026");
     return s;

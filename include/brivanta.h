@@ -148,6 +148,16 @@ IMG_EXPORT int IMG_API IMGLOW_set_dithermode(int mode);
 IMG_EXPORT int IMG_API IMGLOW_autocolor(int flag);
 IMG_EXPORT int IMG_API IMGLOW_get_fileinfo(const char *name, void *header_out);
 IMG_EXPORT int IMG_API IMGLOW_get_pages(const char *name);
+/* The largest picture a load may create, in megabytes of bitmap (and of the
+ * temporary files a load writes): a picture over it is refused with
+ * IMG_ERR_MEMORY before anything is allocated.  The default,
+ * IMG_DEFAULT_LOAD_LIMIT_MB, takes a 100-megapixel colour photo or an A3
+ * colour scan at 1200 dpi, and refuses a small file claiming a huge picture.
+ * 0 removes the limit.  Returns the previous value, or IMG_ERR_TYPE for a
+ * negative one. */
+#define IMG_DEFAULT_LOAD_LIMIT_MB 1024
+IMG_EXPORT int IMG_API IMGLOW_set_load_limit(int megabytes);
+IMG_EXPORT int IMG_API IMGLOW_get_load_limit(void);
 /* Raw CCITT fax data from an open file's current position into a new 1-bit
  * handle.  fax_type 4: Group 4; 2: Group 3 two-dimensional; 3: Group 3 with
  * EOLs; other values: one-dimensional rows (2 byte-aligned).  height 0 takes

@@ -41,9 +41,11 @@ int os_delete(const char *name);
 
 // Fills dir (capacity bytes) with the temporary directory, ending in a separator.
 bool os_temp_dir(char *dir, int capacity);
-// Fills name (capacity bytes) with the library's one temporary file name in
-// that directory; the same name every time.  Creates nothing.
-bool os_temp_file_name(char *name, int capacity);
+// Creates a new temporary file in that directory, open for reading and
+// writing, and puts its name in name (capacity bytes): the descriptor, or -1.
+// Where the system allows, the file is made exclusively under a name no
+// other process can predict, so two loads never share one.
+int os_create_temp(char *name, int capacity);
 
 // Milliseconds since some fixed point; wraps.
 uint32_t os_tick_count();

@@ -160,6 +160,19 @@ std::string use_private_temp_dir(const std::string &tag) {
 #endif
 }
 
+int temp_files_in(const std::string &dir) {
+#ifdef _WIN32
+    const std::string prefix = "img";
+#else
+    const std::string prefix = "brivanta-";
+#endif
+    std::error_code ec;
+    int n = 0;
+    for (auto it = std::filesystem::directory_iterator(dir, ec); !ec && it != std::filesystem::directory_iterator(); it.increment(ec))
+        n += it->path().filename().string().rfind(prefix, 0) == 0;
+    return n;
+}
+
 int load_bytes(const bytes &file) {
     block_ref b(file);
     return IMG_decompress_bitmap_mem(b.data, 0);

@@ -49,6 +49,8 @@ std::string temp_path(const std::string &leaf);
 // Points the library's temporary directory at a new directory of this
 // process's own (named after tag) and returns it, ending in a separator.
 std::string use_private_temp_dir(const std::string &tag);
+// How many of the library's temporary files a directory holds.
+int temp_files_in(const std::string &dir);
 
 // Loads a file image from memory into a handle.
 int load_bytes(const bytes &file);

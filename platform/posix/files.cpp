@@ -82,11 +82,16 @@ bool os_temp_dir(char *dir, int capacity) {
     return true;
 }
 
-bool os_temp_file_name(char *name, int capacity) {
+int os_create_temp(char *name, int capacity) {
     char dir[256];
-    if (!os_temp_dir(dir, sizeof dir)) return false;
-    int n = std::snprintf(name, capacity > 0 ? static_cast<size_t>(capacity) : 0, "%simg0001.tmp", dir);
-    return n > 0 && n < capacity;
+    if (!os_temp_dir(dir, sizeof dir)) return -1;
+    int n = std::snprintf(name, capacity > 0 ? static_cast<size_t>(capacity) : 0, "%sbrivanta-XXXXXX", dir);
+    if (n <= 0 || n >= capacity) return -1;
+    // mkostemp opens with O_EXCL under a random name, and never follows a planted link.
+    int fd;
+    do fd = ::mkostemp(name, O_CLOEXEC);
+    while (fd < 0 && errno == EINTR);
+    return fd;
 }
 
 uint32_t os_tick_count() {

@@ -83,16 +83,16 @@ bool os_temp_dir(char *dir, int capacity) {
     return n > 0 && n < static_cast<DWORD>(capacity);
 }
 
-bool os_temp_file_name(char *name, int capacity) {
+int os_create_temp(char *name, int capacity) {
     char dir[MAX_PATH], full[MAX_PATH];
     DWORD n = GetTempPathA(sizeof dir, dir);
-    if (n == 0 || n >= sizeof dir) return false;
-    // A fixed unique number: the same name every time, and no file made yet.
-    if (!GetTempFileNameA(dir, "img", 1, full)) return false;
+    if (n == 0 || n >= sizeof dir) return -1;
+    // The library's one name in the user's own temporary folder, made anew.
+    if (!GetTempFileNameA(dir, "img", 1, full)) return -1;
     size_t len = std::strlen(full);
-    if (capacity <= 0 || len >= static_cast<size_t>(capacity)) return false;
+    if (capacity <= 0 || len >= static_cast<size_t>(capacity)) return -1;
     std::memcpy(name, full, len + 1);
-    return true;
+    return os_create(name);
 }
 
 uint32_t os_tick_count() { return GetTickCount(); }

@@ -99,33 +99,28 @@ TEST(OsFiles, BadNamesAndHandlesFail) {
     EXPECT_EQ(os_create((temp_path("no_such_dir") + "/file.bin").c_str()), -1);
 }
 
-// The temporary file: one name, in the temporary directory, every time;
-// mode 0 creates (over an older file), 1 reopens, others are refused.
-TEST(OsFiles, TempFileNameAndModes) {
-    char dir[512], a[300], small[300], name[100];
-    ASSERT_TRUE(os_temp_dir(dir, sizeof dir));
-    size_t n = std::strlen(dir);
-    EXPECT_TRUE(n > 0 && (dir[n - 1] == '/' || dir[n - 1] == '\\')) << dir;
-    ASSERT_TRUE(os_temp_file_name(a, sizeof a));
+// Temporary files: made new in the temporary directory under a name of
+// their own, so two at once never meet; mode 1 reopens, others are refused.
+TEST(OsFiles, TempFilesAreNewAndTheirOwn) {
+    const std::string dir = use_private_temp_dir("tempfiles");
+    char a[TEMP_NAME_SIZE], b[TEMP_NAME_SIZE];
+    int fa = open_temp_file(a, 0), fb = open_temp_file(b, 0);
+    ASSERT_GE(fa, 0);
+    ASSERT_GE(fb, 0);
+    EXPECT_STRNE(a, b);
     EXPECT_EQ(std::string(a).rfind(dir, 0), 0u) << a << " is not in " << dir;
-    EXPECT_GT(std::strlen(a), n);
-    EXPECT_FALSE(os_temp_file_name(small, static_cast<int>(n))) << "a buffer too small is refused";
-    char tiny[2];
-    EXPECT_FALSE(os_temp_dir(tiny, sizeof tiny));
-
-    int fd = open_temp_file(name, 0);
-    ASSERT_GE(fd, 0);
-    EXPECT_STREQ(name, a);
-    EXPECT_EQ(os_write(fd, "temp", 4), 4);
-    EXPECT_EQ(os_close(fd), 0);
-    int again = open_temp_file(name, 1);
+    EXPECT_EQ(os_write(fa, "temp", 4), 4);
+    EXPECT_EQ(os_close(fa), 0);
+    int again = open_temp_file(a, 1);
     char got[5] = {};
     EXPECT_EQ(os_read(again, got, 4), 4);
     EXPECT_STREQ(got, "temp");
     EXPECT_EQ(os_close(again), 0);
-    fd = open_temp_file(name, 0);
-    EXPECT_EQ(os_seek(fd, 0, 2), 0);
-    EXPECT_EQ(os_close(fd), 0);
-    EXPECT_EQ(open_temp_file(name, 2), -1);
-    os_delete(name);
+    EXPECT_EQ(open_temp_file(a, 2), -1);
+    char tiny[2];
+    EXPECT_FALSE(os_temp_dir(tiny, sizeof tiny));
+    os_close(fb);
+    os_delete(a);
+    os_delete(b);
+    EXPECT_EQ(temp_files_in(dir), 0);
 }
