@@ -402,9 +402,9 @@ int cmd_demo(int argc, char **argv) {
             std::remove(file);
             auto t0 = std::chrono::steady_clock::now();
             int r = IMG_save_bitmap(cards[i], file, t.code);
-            if (r == IMG_ERR_TYPE) {
+            if (r == IMG_ERR_TYPE) {  // no writer for this type, or not at this depth
                 std::remove(file);
-                break;  // no writer for this type
+                continue;
             }
             if (r < 0) {
                 std::remove(file);
