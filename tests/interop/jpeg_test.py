@@ -15,8 +15,8 @@ path = B.tmp
 # colour tables keep our decode at 41-49 dB of djpeg's integer decode.
 DECODE_FLOOR_COLOUR, DECODE_FLOOR_GREY = 38.0, 44.0
 # Our encoder through djpeg and Pillow, against the source picture.
-ENCODE_FLOOR = {(25, False): 29.0, (75, False): 33.5, (95, False): 36.5,
-                (25, True): 34.0, (75, True): 40.0, (95, True): 42.0}
+# (The default quality, 75, is checked in writers_test.py.)
+ENCODE_FLOOR = {(25, False): 29.0, (95, False): 36.5, (25, True): 34.0, (95, True): 42.0}
 
 B.run("convert -size 317x213 -seed 11 plasma:fractal -blur 0x1 -depth 8 %s" % path("src.ppm"))
 B.run("convert -size 1000x15 -seed 3 plasma:fractal -depth 8 %s" % path("wide.ppm"))
@@ -91,5 +91,5 @@ cases += [
     ("ImageMagick progressive refused", check_refused("improgressive", "convert %s -interlace JPEG jpg:-" % SRC)),
     ("garbage before the SOI", garbage_before_soi),
 ]
-cases += [("our q%d %s" % (q, "grey" if g else "colour"), our_output(q, g)) for q in (25, 75, 95) for g in (False, True)]
+cases += [("our q%d %s" % (q, "grey" if g else "colour"), our_output(q, g)) for q in (25, 95) for g in (False, True)]
 B.main(cases)
