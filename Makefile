@@ -69,8 +69,8 @@ fuzz: deps
 	@for f in build-fuzz/fuzz/*_fuzz; do \
 	  n=$$(basename $$f); mkdir -p build-fuzz/corpus/$$n; \
 	  echo "== $$n for $(FUZZ_SECONDS) s"; \
-	  $$f -max_total_time=$(FUZZ_SECONDS) -max_len=65536 -timeout=10 -rss_limit_mb=4096 \
-	    -artifact_prefix=fuzz/crashers/$$n- build-fuzz/corpus/$$n fuzz/corpus || exit 1; \
+	  $$f -max_total_time=$(FUZZ_SECONDS) -max_len=65536 -timeout=10 -rss_limit_mb=2048 -malloc_limit_mb=1024 \
+	    -dict=fuzz/dict/$$n.dict -artifact_prefix=fuzz/crashers/$$n- build-fuzz/corpus/$$n fuzz/corpus || exit 1; \
 	done
 
 # The fuzz targets that load into handles, under the memory sanitizer, run

@@ -368,6 +368,9 @@ void read_palette(tiff_reader &r, dib_header &h) {
 int tiff_strip_seek(tiff_reader &r, uint32_t k) {
     if (r.rec.tiled) k = r.rec.tiled;
     const tiff_ifd_entry &e = r.strip_entry;
+    // A strip the entry does not list has no data: one offset serving every
+    // strip would let a few bytes stand for any number of rows.
+    if (!r.rec.tiled && k >= e.count) return IMG_ERR_DATA;
     uint32_t offset;
     if (e.count == 1 && e.type == TIFF_LONG) {
         offset = e.value;
@@ -941,10 +944,10 @@ int tiff_read_lzw(tiff_reader &r) {
     for (r.plane = 0; r.plane < planes_of(r) && rc >= 0; r.plane++) {
         for (uint32_t y = 0; y < height; strip++) {
             uint32_t n = rows_in(r, y);
-            rc = tiff_strip_seek(r, strip);
-            if (rc == 0)
-                rc = tiff_lzw_decode_strip(s, r.fd, in, in_size, static_cast<int>(y), rs, rows, row_buffer_size,
-                                           static_cast<int>(n), lzw_row, &r);
+            // No strips listed beyond here: the picture ends, as it does in the others.
+            if (rc = tiff_strip_seek(r, strip); rc < 0) break;
+            rc = tiff_lzw_decode_strip(s, r.fd, in, in_size, static_cast<int>(y), rs, rows, row_buffer_size,
+                                       static_cast<int>(n), lzw_row, &r);
             y += n;
             // A damaged full-length strip is passed over; a short one ends the image.
             if (rc < 0 && (r.sink_failed || rc == IMG_ERR_MEMORY || n < rps)) break;

@@ -54,11 +54,15 @@ struct fuzz_input {
 // The announced width x height, so only pictures of a sane size go on to be
 // stored in a handle (the handle-level load allocates the whole bitmap).
 inline int64_t announced_pixels;
+// Targets that call a reader directly go round the dispatcher, so the
+// library's load limit is applied here as the dispatcher would.
 inline int IMG_CALLBACK accept_header(void *header, void *) {
     int32_t wh[2];
     std::memcpy(wh, static_cast<uint8_t *>(header) + 4, 8);
     announced_pixels = int64_t{wh[0]} * wh[1];
-    return 0;
+    const auto *h = static_cast<const dib_info *>(header);
+    const uint64_t bytes = uint64_t{row_bytes(h->biWidth, h->biBitCount)} * static_cast<uint32_t>(h->biHeight);
+    return within_load_limit(bytes) ? 0 : IMG_ERR_MEMORY;
 }
 inline int IMG_CALLBACK accept_row(unsigned char *, void *, int, int) { return 0; }
 

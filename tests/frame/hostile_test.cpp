@@ -1,6 +1,7 @@
 // Hostile files and misused calls that once crashed, leaked heap bytes,
 // cost memory out of all proportion to their data or wrote bad files: each
 // must now give a clean code, or the right file.
+#include "codecs/tiff_test_util.h"
 #include "frame/frame.h"
 #include "test_util.h"
 
@@ -45,6 +46,22 @@ uintmax_t size_after_saving_over(const bytes &old, int type) {
     return n;
 }
 
+// A chunky PackBits page of samples x bits claiming YCbCrSubSampling 2,2,
+// which only 8-bit YCbCr rows are laid out by.
+bytes claims_subsampling(uint32_t samples, uint32_t bits) {
+    const uint32_t width = 37, height = 3, row = width * samples * bits / 8;
+    bytes strip;
+    for (uint32_t y = 0; y < height; y++)
+        for (uint32_t i = 0; i < row; i += 128) {
+            const uint32_t n = row - i < 128 ? row - i : 128;
+            strip.push_back(static_cast<uint8_t>(n - 1));
+            for (uint32_t k = 0; k < n; k++) strip.push_back(static_cast<uint8_t>(i + k + y));
+        }
+    tiff_page p = simple_page(width, height, bits, samples, 2, 32773, {strip});
+    set_field(p, 530, 3, {2, 2});
+    return build_tiff({p}, false);
+}
+
 int IMG_CALLBACK never_called(void *, unsigned char *, int, int) { return IMG_ERR_STOPPED; }
 
 }  // namespace
@@ -59,6 +76,10 @@ TEST(Hostile, FilesAndCallsGiveCleanResults) {
     } rows[] = {
         {"an RGB TIFF claiming subsampled rows", [] { return load_result(crasher("tiff_rgb_claims_subsampling.tif")); },
          IMG_ERR_HEADER},
+        {"RGBA claiming subsampled rows", [] { return load_result(claims_subsampling(4, 8)); }, IMG_ERR_HEADER},
+        {"16-bit RGB claiming subsampled rows", [] { return load_result(claims_subsampling(3, 16)); }, IMG_ERR_HEADER},
+        {"a TIFF whose one strip offset would serve 50000 strips",
+         [] { return load_result(crasher("tiff_one_offset_every_strip.tif")); }, IMG_ERR_DATA},
         {"a PCX whose scan lines hold no bytes", [] { return load_result(crasher("pcx_no_bytes_per_line.pcx")); },
          IMG_ERR_HEADER},
         {"a 130-byte PCX claiming 2 GB", [] { return load_result(crasher("pcx_huge_claim.pcx")); }, IMG_ERR_MEMORY},
