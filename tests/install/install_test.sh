@@ -24,6 +24,7 @@ cmake -S "$here" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/n
 cmake --build "$work/cmake" >/dev/null
 test "$(cat "$work/cmake/package_version")" = "$version"
 "$work/cmake/consumer" "$picture" "$version"
+"$work/cmake/consumer_static" "$picture" "$version"
 
 cc -o "$work/consumer-pc" "$here/consumer.c" $(pkg-config --cflags --libs brivanta)
 LD_LIBRARY_PATH="$libdir" "$work/consumer-pc" "$picture" "$version"
