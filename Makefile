@@ -7,18 +7,22 @@
 #   make msan      replay the fuzz files under MSan: no load leaves a bitmap byte unwritten
 #   make windows   cross-build brivanta.dll for 32-bit (build-win32) and 64-bit (build-win64) Windows
 #   make test-windows  run the portable tests, the DLL test and the demo comparison under Wine
+#   make test-32   build the library and the suite as 32-bit Linux programs (build-32) and run them
+#   make install   install under PREFIX (default /usr/local)
 
 BUILD ?= build
 JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 CMAKE_FLAGS ?=
+PREFIX ?= /usr/local
 
 PACKAGES = cmake ninja-build g++ clang libgtest-dev libbenchmark-dev \
 	libtiff-tools netpbm imagemagick libjpeg-turbo-progs giflib-tools python3-pil python3-numpy \
 	libclang-rt-14-dev libtiff-dev libgif-dev libturbojpeg0-dev libstb-dev \
-	mingw-w64 g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix googletest wine wine64
+	mingw-w64 g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix googletest wine wine64 \
+	pkg-config g++-multilib qemu-user
 
-.PHONY: all deps build demo test bench fuzz msan sanitize clean windows test-windows
+.PHONY: all deps build demo test bench fuzz msan sanitize clean windows test-windows test-32 install
 
 all: build
 
@@ -44,6 +48,20 @@ demo: build
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 600
+
+install: build
+	cmake --install $(BUILD) --prefix $(PREFIX)
+
+# Pointers, size_t and long of 32 bits, as in the Windows DLL.  The programs
+# run under qemu's user mode: not every kernel runs 32-bit programs itself.
+build-32/build.ninja:
+	cmake -S . -B build-32 -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/linux-i686.cmake \
+	  -DCMAKE_CROSSCOMPILING_EMULATOR=qemu-i386 $(CMAKE_FLAGS)
+
+test-32: deps build-32/build.ninja
+	cmake --build build-32 -j $(JOBS)
+	cd build-32 && ctest --output-on-failure -j $(JOBS) --timeout 900
 
 sanitize: deps
 	cmake -S . -B build-sanitize -G Ninja -DCMAKE_BUILD_TYPE=Debug \
@@ -114,4 +132,4 @@ test-windows: build windows
 	  ctest --output-on-failure --rerun-failed --timeout 300)
 
 clean:
-	rm -rf $(BUILD) build-sanitize build-bench build-fuzz build-win32 build-win64
+	rm -rf $(BUILD) build-sanitize build-bench build-fuzz build-win32 build-win64 build-32

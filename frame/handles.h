@@ -2,6 +2,8 @@
 #pragma once
 #include "frame/frame.h"
 
+#include <cstddef>
+
 struct handle_record {
     int32_t display_a[4];      // owned by the display code
     int32_t crop_left, crop_top, crop_width, crop_height;
@@ -21,6 +23,10 @@ struct handle_record {
     uint32_t transparent_colour;
     mem_block record_block;    // the block this record lives in
 };
+// In the 32-bit DLL every field is one 32-bit word: 31 words, then the
+// record's own block.
+static_assert(sizeof(void *) != 4 || (offsetof(handle_record, transparent_colour) == 120 &&
+                                      offsetof(handle_record, record_block) == 124));
 
 int handle_alloc();
 int handle_check(int h);

@@ -1,6 +1,7 @@
 // Library-wide settings, small queries and the exported memory-block calls.
 #include "codecs/jpeg.h"
 #include "frame/handles.h"
+#include "brivanta_version.h"
 
 #include <cstdio>
 
@@ -55,8 +56,8 @@ int IMG_API IMGLOW_get_image_orientation(const char *name) {
 }
 
 int IMG_API IMG_qor_version(int *major, int *minor) {
-    if (major) *major = 5;
-    if (minor) *minor = 10;
+    if (major) *major = BRIVANTA_VERSION_MAJOR;
+    if (minor) *minor = BRIVANTA_VERSION_MINOR;
     return 0;
 }
 

@@ -122,6 +122,7 @@ int usage(FILE *out) {
                  "  detect FILE               the detected type code and its name\n"
                  "  convert IN OUT [options]  load IN by content, save OUT\n"
                  "  demo [DIR]                save a built-in test card under every writer and read it back\n"
+                 "  --version                 the library's version\n"
                  "Run 'brivanta COMMAND --help' for a command's options.\n");
     return out == stdout ? 0 : 2;
 }
@@ -441,6 +442,12 @@ int main(int argc, char **argv) {
     if (argc < 2) return usage(stderr);
     std::string cmd = argv[1];
     if (cmd == "--help" || cmd == "-h" || cmd == "help") return usage(stdout);
+    if (cmd == "--version") {
+        int major = 0, minor = 0;
+        IMG_qor_version(&major, &minor);
+        std::printf("brivanta %d.%d\n", major, minor);
+        return 0;
+    }
     if (cmd == "info") return cmd_info(argc, argv);
     if (cmd == "detect") return cmd_detect(argc, argv);
     if (cmd == "convert") return cmd_convert(argc, argv);
