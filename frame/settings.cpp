@@ -1,17 +1,23 @@
 // Library-wide settings, small queries and the exported memory-block calls.
-#include "codecs/jpeg.h"
 #include "frame/handles.h"
 
 #include <cstdio>
 
 library_settings settings = [] {
     library_settings s{};
-    s.comp_quality = 75;
+    s.comp_quality = 50;  // the JPEG encoder's base tables
     s.load_limit_mb = IMG_DEFAULT_LOAD_LIMIT_MB;
     std::strcpy(s.bitmap_name, "Brivanta image file library");
     std::strcpy(s.bitmap_date, "11-21-2026");
     return s;
 }();
+
+void report_identification(const char *text, const char *date) {
+    // Bounded copies: callers are told to keep within the default lengths,
+    // and a longer text is cut rather than overrunning the buffer.
+    if (text) std::snprintf(settings.bitmap_name, sizeof settings.bitmap_name, "%s", text);
+    if (date) std::snprintf(settings.bitmap_date, sizeof settings.bitmap_date, "%s", date);
+}
 
 extern "C" {
 
@@ -67,7 +73,7 @@ int IMG_API IMGLOW_set_wipedelay(int delay) {
 
 int IMG_API IMGLOW_set_comp_quality(int quality) {
     settings.comp_quality = quality;
-    return jpeg_scale_quant_tables(quality);
+    return 0;
 }
 
 int IMG_API IMGLOW_get_bitmap_name(char *text_out, char *date_out) {
@@ -77,10 +83,7 @@ int IMG_API IMGLOW_get_bitmap_name(char *text_out, char *date_out) {
 }
 
 int IMG_API IMGLOW_set_bitmap_name(const char *text, const char *date) {
-    // Bounded copies: callers are told to keep within the default lengths,
-    // and a longer text is cut rather than overrunning the buffer.
-    if (text) std::snprintf(settings.bitmap_name, sizeof settings.bitmap_name, "%s", text);
-    if (date) std::snprintf(settings.bitmap_date, sizeof settings.bitmap_date, "%s", date);
+    report_identification(text, date);
     return 0;
 }
 
