@@ -131,6 +131,14 @@ int load_into_handle(int fd, int32_t offset, int page) {
     return h;
 }
 
+// The page count of the source at fd, from its start.
+int count_pages(int fd) {
+    const format_info *f = format_of(detect_format(fd));
+    int r = f && f->count_pages ? f->count_pages(fd) : 1;
+    scratch_free_all();
+    return r;
+}
+
 int IMG_CALLBACK header_only(void *header, void *context) {
     std::memcpy(context, header, 40);
     return IMG_ERR_STOPPED;
@@ -380,11 +388,15 @@ int IMG_API IMGLOW_get_pages(const char *name) {
     if (!name || !*name) return IMG_ERR_OPEN;
     int fd = os_open(name, OS_OPEN_READ);
     if (fd < 0) return IMG_ERR_OPEN;
-    const format_info *f = format_of(detect_format(fd));
-    int r = f && f->count_pages ? f->count_pages(fd) : 1;
-    scratch_free_all();
+    int r = count_pages(fd);
     os_close(fd);
     return r;
+}
+
+int IMG_API IMGLOW_get_pages_mem(void *block) {
+    if (!block) return IMG_ERR_OPEN;
+    memory_source_scope memory(block);
+    return count_pages(MEMORY_FD);
 }
 
 }  // extern "C"
