@@ -23,7 +23,7 @@ int query_type(int fd, uint8_t which_queries, bool rewind) {
 // A flag's index: the variants share their family's flag.
 int flag_index(int code) {
     const format_info *f = format_of(code);
-    return f ? f->family : code;
+    return f ? f->flag : code;
 }
 
 }  // namespace

@@ -45,13 +45,13 @@ constexpr uint8_t QUERIES = NAMED_BY_QUERY | NAMED_BY_FD_QUERY;
 constexpr format_info family(int code, const char *ext, const char *name, uint8_t flags, probe_fn probe,
                              reader_fn read = nullptr, writer_fn write = nullptr, page_count_fn pages = nullptr,
                              refine_fn refine = nullptr) {
-    return {code, ext, name, ext, code, flags, probe, read, write, pages, refine};
+    return {code, ext, name, ext, code, code, flags, probe, read, write, pages, refine};
 }
-// A code detection never names: a variant of a family, or an output only
-// (its own family, so that the detection flags do not fold it).
+// A code detection never names: a variant of a family, or an output only.
+// It shares its family's auto-detect flag unless given its own.
 constexpr format_info variant(int code, const char *key, const char *name, const char *ext, int of, uint8_t flags,
-                              writer_fn write) {
-    return {code, key, name, ext, of, flags, nullptr, nullptr, write, nullptr, nullptr};
+                              writer_fn write, int flag = -1) {
+    return {code, key, name, ext, of, flag < 0 ? of : flag, flags, nullptr, nullptr, write, nullptr, nullptr};
 }
 
 }  // namespace
@@ -108,7 +108,7 @@ constexpr format_info formats[FORMAT_COUNT] = {
     family(29, "btr", "BTR", SAVED_BY_NAME | QUERIES, [](const uint8_t *b, int) { return b[0] == 0xBB && b[3] == 1; }),
     family(30, "msp", "Microsoft Paint", QUERIES, [](const uint8_t *b, int) { return std::memcmp(b, "Lin", 3) == 0; }),
     family(31, "cut", "CUT", QUERIES, is_cut),
-    variant(32, "tga-15", "Targa, 15-bit", "tga", 32, 0, targa_write_file_15bit),
+    variant(32, "tga-15", "Targa, 15-bit", "tga", 3, 0, targa_write_file_15bit, 32),
     variant(33, "fax-g3", "CCITT Group 3, raw", "g3", 33, 0, fax_write_g3),
     variant(34, "fax-g4", "CCITT Group 4, raw", "g4", 34, 0, fax_write_g4),
     family(35, "xpm", "X pixmap", SAVED_BY_NAME | NAMED_BY_QUERY,

@@ -26,7 +26,8 @@ struct format_info {
     const char *key;     // short stable name, as the tool's --type takes it
     const char *name;
     const char *ext;     // file extension; a family's detection text
-    int family;          // the code whose probe, flag, reader and page counter serve this one
+    int family;          // the code whose probe, reader and page counter serve this one
+    int flag;            // the auto-detect flag it shares: its family's for the TIFF and BMP variants
     uint8_t flags;       // format_flag bits
     probe_fn probe;      // family rows only; null: detection never names it
     reader_fn read;      // family rows only; null: loads with IMG_ERR_TYPE

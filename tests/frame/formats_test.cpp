@@ -16,7 +16,7 @@ TEST(Formats, WriterOutputsAreDetectedAsTheirCodeAndLoadWhenReadable) {
         if (!(caps & IMG_TYPE_CAN_WRITE)) continue;
         // The first depth the writer takes.
         bytes file;
-        for (int bits : {1, 8, 24}) {
+        for (int bits : {24, 8, 1}) {
             int h = handle_of(make_picture(40, 24, bits, 5));
             int r = 0;
             file = save_bytes(h, code, &r);
