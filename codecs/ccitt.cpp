@@ -3,7 +3,6 @@
 #include "codecs/ccitt.h"
 
 #include "codecs/tiff.h"
-#include "frame/handles.h"
 #include "frame/load.h"
 
 #include <bit>
@@ -582,87 +581,75 @@ int ccitt_decode_g4(uint8_t *work, int32_t work_size, const ccitt_params &p, int
 // ---- Raw fax into a handle -------------------------------------------------------------
 namespace {
 
+struct fax_params {
+    int width, height, fax_type, fill_order;
+};
+
 struct fax_sink_state {
-    load_context ctx;
+    IMG_put_row_fn put_row;
+    void *context;
     int rows;
 };
 
 int fax_sink(void *context, uint8_t *row, int row_index, int byte_count) {
     auto *s = static_cast<fax_sink_state *>(context);
-    int rc = handle_put_row(row, &s->ctx, row_index, byte_count);
+    int rc = s->put_row(row, s->context, row_index, byte_count);
     if (rc < 0) return rc;
     s->rows++;
     return 0;
 }
 
-// Cuts the bitmap to its first rows (stored bottom-up, so they sit at the end).
-void keep_top_rows(int h, int rows) {
-    handle_record *rec = handle_get(h);
-    if (!rec || rows < 1 || rows >= rec->height) return;
-    dib_lock lock(rec);
-    uint8_t *dib = lock.get();
-    if (!dib) return;
-    uint8_t *pixels = dib + 40 + palette_bytes(1);
-    size_t stride = static_cast<size_t>(rec->stride);
-    std::memmove(pixels, pixels + (rec->height - rows) * stride, rows * stride);
-    rec->height = rec->crop_height = rows;
-    dib_info *info = dib_of(dib);
-    info->biHeight = rows;
-    info->biSizeImage = static_cast<uint32_t>(rows * stride);
+// A reader of raw fax data from the source's current position, as a 1-bit
+// picture with entry 0 black; height 0 takes the rows the data holds.
+int fax_read(const void *params, IMG_put_row_fn put_row, void *context, IMG_begin_image_fn begin_image, int fd) {
+    const auto &f = *static_cast<const fax_params *>(params);
+    auto *header = static_cast<dib_header *>(scratch_alloc(sizeof(dib_header)));
+    uint32_t work_size = READ_BUFFER_SIZE + 500;
+    auto *work = static_cast<uint8_t *>(scratch_alloc(work_size));
+    if (!header || !work) return IMG_ERR_MEMORY;
+    const int rows = f.height ? f.height : 2048;
+    dib_info &i = header->info;
+    i.biSize = 40;
+    i.biWidth = f.width;
+    i.biHeight = rows;
+    i.biPlanes = 1;
+    i.biBitCount = 1;
+    uint32_t stride = row_bytes(f.width, 1);
+    if (!stride || !size_mul_add(stride, static_cast<uint32_t>(rows), 0, &i.biSizeImage)) return IMG_ERR_MEMORY;
+    std::memset(header->palette + 4, 255, 3);  // entry 0 black, entry 1 white
+    int rc = begin_image(header, context);
+    if (rc < 0) return rc;
+    ccitt_params p{};
+    p.width = f.width;
+    p.rows = rows;
+    p.photometric = 1;
+    p.fill_order = static_cast<uint32_t>(f.fill_order);
+    p.pad_white = f.height != 0;
+    fax_sink_state s{put_row, context, 0};
+    if (f.fax_type == 4) {
+        p.compression = 4;
+        rc = ccitt_decode_g4(work, static_cast<int32_t>(work_size), p, fd, fax_sink, &s);
+    } else if (f.fax_type == 2) {
+        p.compression = TIFF_COMPRESSION_G3_2D;
+        rc = ccitt_decode_g3_2d(work, static_cast<int32_t>(work_size), p, fd, fax_sink, &s);
+    } else {
+        p.compression = static_cast<uint32_t>(f.fax_type);
+        rc = ccitt_decode_g3_1d(work, static_cast<int32_t>(work_size), p, fd, fax_sink, &s);
+    }
+    if (rc < 0) return rc;
+    if (f.height == 0) {
+        if (s.rows == 0) return IMG_ERR_DATA;
+        load_keep_top_rows(put_row, context, s.rows);
+    }
+    return 0;
 }
 
 }  // namespace
 
 extern "C" int IMG_API IMG_decompress_fax(int fd, int width, int height, int fax_type, int fill_order) {
     if (width < 1 || height < 0) return IMG_ERR_HEADER;
-    int h = handle_alloc();
-    if (h < 0) return h;
-    auto *header = static_cast<dib_header *>(scratch_alloc(sizeof(dib_header)));
-    uint32_t work_size = READ_BUFFER_SIZE + 500;
-    auto *work = static_cast<uint8_t *>(scratch_alloc(work_size));
-    int rc = header && work ? 0 : IMG_ERR_MEMORY;
-    const int rows = height ? height : 2048;
-    fax_sink_state s{{nullptr, h, 0}, 0};
-    if (rc == 0) {
-        dib_info &i = header->info;
-        i.biSize = 40;
-        i.biWidth = width;
-        i.biHeight = rows;
-        i.biPlanes = 1;
-        i.biBitCount = 1;
-        uint32_t stride = row_bytes(width, 1);
-        if (!stride || !size_mul_add(stride, static_cast<uint32_t>(rows), 0, &i.biSizeImage)) rc = IMG_ERR_MEMORY;
-        std::memset(header->palette + 4, 255, 3);  // entry 0 black, entry 1 white
-    }
-    if (rc == 0) rc = handle_begin_image(header, &s.ctx);
-    if (rc >= 0) {
-        ccitt_params p{};
-        p.width = width;
-        p.rows = rows;
-        p.photometric = 1;
-        p.fill_order = static_cast<uint32_t>(fill_order);
-        p.pad_white = height != 0;
-        if (fax_type == 4) {
-            p.compression = 4;
-            rc = ccitt_decode_g4(work, static_cast<int32_t>(work_size), p, fd, fax_sink, &s);
-        } else if (fax_type == 2) {
-            p.compression = TIFF_COMPRESSION_G3_2D;
-            rc = ccitt_decode_g3_2d(work, static_cast<int32_t>(work_size), p, fd, fax_sink, &s);
-        } else {
-            p.compression = static_cast<uint32_t>(fax_type);
-            rc = ccitt_decode_g3_1d(work, static_cast<int32_t>(work_size), p, fd, fax_sink, &s);
-        }
-    }
-    scratch_free(header);
-    scratch_free(work);
-    if (rc >= 0 && height == 0 && s.rows == 0) rc = IMG_ERR_DATA;
-    if (rc < 0) {
-        handle_free(h);
-        return rc;
-    }
-    if (height == 0) keep_top_rows(h, s.rows);
-    if (handle_record *rec = handle_get(h); rec && rec->dib_memory) mem_unlock(rec->dib_memory);
-    return h;
+    const fax_params params{width, height, fax_type, fill_order};
+    return load_raw_into_handle(fd, fax_read, &params);
 }
 
 // ---- Encoders ------------------------------------------------------------------

@@ -1,5 +1,6 @@
-// Entry points of the format readers and writers, as the dispatch tables
-// name them.  Readers follow reader_fn, writers writer_fn (frame/frame.h).
+// Entry points of the format readers, writers, page counters and type
+// refinements, as the table of formats (frame/formats.cpp) names them.
+// Readers follow reader_fn, writers writer_fn (frame/frame.h).
 #pragma once
 #include "frame/frame.h"
 
@@ -11,10 +12,14 @@
 BRIVANTA_READER(bmp_read);
 BRIVANTA_WRITER(bmp_write);
 BRIVANTA_WRITER(bmp_write_rle);
+int bmp_refine_type(int fd);  // 12 when the header names a compression, else 1
 
 // TIFF
 BRIVANTA_READER(tiff_decompress);
 int tiff_page_count(int fd);
+// The first image's compression as a type code (7, 8, 9, 10, 16, 17, 40 or
+// 0), or a negative code.
+int tiff_refine_type(int fd);
 BRIVANTA_WRITER(tiff_write_uncompressed);  // type 0
 BRIVANTA_WRITER(tiff_write_huffman);       // type 7
 BRIVANTA_WRITER(tiff_write_g3);            // type 8

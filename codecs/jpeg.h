@@ -49,7 +49,8 @@ int jpeg_decode_buffer(const uint8_t *data, int32_t size, IMG_put_row_fn put_row
 // gives the same output, which the tests check.
 void jpeg_decoder_limit_vectors(int bits);
 
-// Encoder working quantisation tables, natural order; quality 50 at start.
+// Encoder working quantisation tables, natural order, scaled from the
+// quality setting as each save starts.
 extern uint8_t jpeg_quant_luma[64];
 extern uint8_t jpeg_quant_chroma[64];
 int jpeg_scale_quant_tables(int quality);

@@ -398,6 +398,8 @@ BRIVANTA_WRITER(jpeg_write_file) {
     const uint8_t *palette = reinterpret_cast<const uint8_t *>(header) + 40;
     const bool colour = bits == 24 || !jpeg_palette_is_grey(palette, bits);
     const bool expand = colour && bits == 8;
+    // The quality setting is read now, as every save starts.
+    jpeg_scale_quant_tables(settings.comp_quality);
     if (int rc = jpeg_write_headers(fd, header, colour); rc < 0) return rc;
 
     const int mcu = colour ? 16 : 8;

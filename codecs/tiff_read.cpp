@@ -153,12 +153,13 @@ uint32_t resolution(tiff_reader &r, const tiff_ifd_entry &e) {
     return den ? num / den : num;
 }
 
-void read_text(tiff_reader &r, uint32_t offset, int32_t length, char *dst, size_t capacity) {
-    uint8_t text[200];
+// Author and date texts go to the frame, which keeps them for the writers
+// that embed them.
+void report_text(tiff_reader &r, uint32_t offset, int32_t length, bool is_date) {
+    char text[201];
     read_at(r, offset, text, length);
-    size_t n = static_cast<size_t>(length) < capacity - 1 ? static_cast<size_t>(length) : capacity - 1;
-    std::memcpy(dst, text, n);
-    dst[n] = 0;
+    text[length] = 0;
+    report_identification(is_date ? nullptr : text, is_date ? text : nullptr);
 }
 
 void apply_entry(tiff_reader &r, tiff_ifd_entry e) {
@@ -194,9 +195,8 @@ void apply_entry(tiff_reader &r, tiff_ifd_entry e) {
         if ((tiff_tag_value(r, e) & 1) && t.compression == 3) t.compression = TIFF_COMPRESSION_G3_2D;
         break;
     case TAG_RESOLUTION_UNIT: r.resolution_unit = tiff_tag_value(r, e); break;
-    // These two change library-wide texts that the TIFF writer embeds.
-    case TAG_DATE_TIME: read_text(r, e.value, 40, settings.bitmap_date, sizeof settings.bitmap_date); break;
-    case TAG_ARTIST: read_text(r, e.value, 200, settings.bitmap_name, sizeof settings.bitmap_name); break;
+    case TAG_DATE_TIME: report_text(r, e.value, 40, true); break;
+    case TAG_ARTIST: report_text(r, e.value, 200, false); break;
     case TAG_PREDICTOR: t.predictor = tiff_tag_value(r, e); break;
     case TAG_COLOR_MAP: t.color_map = e.value; break;
     case TAG_TILE_WIDTH: e.count = 1; t.width = tiff_tag_value(r, e); break;

@@ -152,39 +152,18 @@ using writer_fn = int (*)(int fd, const dib_info *header, IMG_get_row_fn get_row
 // then has nothing to copy.  Null for any other sink or row.
 uint8_t *load_row_target(IMG_put_row_fn put_row, void *context, int r);
 
+// A reader that finds a picture's author or date text hands it here; the
+// frame keeps it as the text writers embed.  Null leaves a text as it is.
+void report_identification(const char *text, const char *date);
+
+// A reader of a source that detection cannot name calls this when the
+// picture ends after fewer rows than it announced: the handle's bitmap keeps
+// the first rows.  Nothing for any other sink.
+void load_keep_top_rows(IMG_put_row_fn put_row, void *context, int rows);
+
 constexpr uint32_t WHERE_PAGE = 0x80000000u;
 inline bool where_is_page(int32_t where) { return (static_cast<uint32_t>(where) & WHERE_PAGE) != 0; }
 inline int32_t where_page(int32_t where) { return static_cast<int32_t>(static_cast<uint32_t>(where) & 0x7FFFFFFF); }
-
-// The load dispatch list, in the order the dispatcher compares it; a null
-// reader is a type whose reader has not been built (it loads with -7).
-struct reader_entry {
-    const char *ext;
-    reader_fn read;
-};
-extern const reader_entry reader_table[];
-extern const int reader_table_size;
-
-struct writer_entry {
-    int type;
-    const char *ext;  // selects the type when saving by name; nullptr = none
-    writer_fn write;
-};
-extern const writer_entry writer_table[];
-extern const int writer_table_size;
-writer_fn writer_for_type(int type);
-
-// Page counters for the multi-page formats: the count, or a negative code.
-using page_count_fn = int (*)(int fd);
-page_count_fn page_counter_for(const char *ext);
-
-// ---- Detection -----------------------------------------------------------------
-constexpr int AUTO_DETECT_FLAGS = 44;
-// Writes "" or a three-letter extension into text_out (at least 4 bytes).
-void detect_file_type(int fd, char *text_out);
-// TIFF refinement of type code 0 by the first image's compression: the
-// refined code or a negative code.  Provided by the TIFF reader.
-int tiff_refine_type(int fd);
 
 // ---- Library-wide settings ----------------------------------------------------
 struct library_settings {

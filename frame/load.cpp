@@ -3,9 +3,8 @@
 #include "frame/load.h"
 
 #include "colour/colour.h"
+#include "frame/formats.h"
 #include "frame/handles.h"
-
-#include <strings.h>
 
 namespace {
 
@@ -73,49 +72,71 @@ bool shrinking(const dib_info *announced) {
            announced->biHeight > settings.shrink_height;
 }
 
-int run_reader(int fd, int32_t offset, int page, IMG_put_row_fn put_row, void *context,
-               IMG_begin_image_fn begin_image) {
+// Runs one reader over a load's callbacks and ends the load: rows no reader
+// wrote are cleared and every scratch block is released.
+template <typename Read>
+int run_load(IMG_put_row_fn put_row, void *context, IMG_begin_image_fn begin_image, Read read) {
     if (!put_row) put_row = ignore_row;
     if (!begin_image) begin_image = ignore_header;
     shrink = shrink_state{};
-    file_seek(fd, offset, 0);
-    char text[4];
-    detect_file_type(fd, text);
-    file_seek(fd, offset, 0);
-    int32_t where = page == 0 ? offset : static_cast<int32_t>(static_cast<uint32_t>(page) | WHERE_PAGE);
-    for (int i = 0; i < reader_table_size; i++) {
-        if (text[0] && strcasecmp(text, reader_table[i].ext) == 0) {
-            int r = reader_table[i].read ? reader_table[i].read(where, put_row, context, begin_image, fd)
-                                         : IMG_ERR_TYPE;
-            if (r >= 0 && put_row == handle_put_row) clear_unwritten_rows(*static_cast<load_context *>(context));
-            scratch_free_all();
-            shrink = shrink_state{};
-            return r < 0 ? r : 0;
-        }
-    }
+    int r = read(put_row, context, begin_image);
+    if (r >= 0 && put_row == handle_put_row) clear_unwritten_rows(*static_cast<load_context *>(context));
     scratch_free_all();
-    return IMG_ERR_TYPE;
+    shrink = shrink_state{};
+    return r < 0 ? r : 0;
 }
 
-int load_into_handle(int fd, int32_t offset, int page) {
+int run_reader(int fd, int32_t offset, int page, IMG_put_row_fn put_row, void *context,
+               IMG_begin_image_fn begin_image) {
+    file_seek(fd, offset, 0);
+    const format_info *f = format_of(detect_format(fd));
+    file_seek(fd, offset, 0);
+    if (!f) {
+        scratch_free_all();
+        return IMG_ERR_TYPE;
+    }
+    int32_t where = page == 0 ? offset : static_cast<int32_t>(static_cast<uint32_t>(page) | WHERE_PAGE);
+    return run_load(put_row, context, begin_image, [&](IMG_put_row_fn put, void *ctx, IMG_begin_image_fn begin) {
+        return f->read ? f->read(where, put, ctx, begin, fd) : IMG_ERR_TYPE;
+    });
+}
+
+// Loads into a new handle through read(put_row, context, begin_image): the
+// handle, its bitmap left locked, or a negative code with no handle left.
+template <typename Read>
+int fill_new_handle(Read read) {
     int h = handle_alloc();
     if (h < 0) return h;
     load_context ctx{nullptr, h, settings.reduction, true};
-    int r = run_reader(fd, offset, page, handle_put_row, &ctx, handle_begin_image);
+    int r = read(&ctx);
     if (r < 0) {
         handle_free(h);
         return r;
     }
-    handle_record *rec = handle_get(h);
-    if (!rec->dib_memory) {
+    if (!handle_get(h)->dib_memory) {
         // A reader that ended without announcing an image made no bitmap.
         handle_free(h);
         return IMG_ERR_DATA;
     }
+    return h;
+}
+
+int load_into_handle(int fd, int32_t offset, int page) {
+    int h = fill_new_handle(
+        [&](load_context *ctx) { return run_reader(fd, offset, page, handle_put_row, ctx, handle_begin_image); });
+    if (h < 0) return h;
     // The success path unlocks slot 0's block, not the new one's; callers
     // have come to rely on the block staying locked, so this is kept.
     if (handle_record *first = handle_get(0); first && first->dib_memory) mem_unlock(first->dib_memory);
     return h;
+}
+
+// The page count of the source at fd, from its start.
+int count_pages(int fd) {
+    const format_info *f = format_of(detect_format(fd));
+    int r = f && f->count_pages ? f->count_pages(fd) : 1;
+    scratch_free_all();
+    return r;
 }
 
 int IMG_CALLBACK header_only(void *header, void *context) {
@@ -251,6 +272,34 @@ int IMG_CALLBACK handle_put_row(unsigned char *row, void *context, int r, int by
     return 0;
 }
 
+int load_raw_into_handle(int fd, raw_reader_fn read, const void *params) {
+    int h = fill_new_handle([&](load_context *ctx) {
+        return run_load(handle_put_row, ctx, handle_begin_image,
+                        [&](IMG_put_row_fn put, void *c, IMG_begin_image_fn begin) { return read(params, put, c, begin, fd); });
+    });
+    if (h < 0) return h;
+    // Unlike the ordinary load, this one unlocks its own block.
+    if (handle_record *rec = handle_get(h); rec->dib_memory) mem_unlock(rec->dib_memory);
+    return h;
+}
+
+void load_keep_top_rows(IMG_put_row_fn put_row, void *context, int rows) {
+    if (put_row != handle_put_row || !context) return;
+    handle_record *rec = handle_get(static_cast<load_context *>(context)->handle);
+    if (!rec || rows < 1 || rows >= rec->height) return;
+    dib_lock lock(rec);
+    uint8_t *dib = lock.get();
+    if (!dib) return;
+    // Stored bottom-up, the first rows sit at the end.
+    uint8_t *pixels = dib + 40 + palette_bytes(dib_of(dib)->biBitCount);
+    size_t stride = static_cast<size_t>(rec->stride);
+    std::memmove(pixels, pixels + (rec->height - rows) * stride, rows * stride);
+    std::memset(pixels + rows * stride, 0, (rec->height - rows) * stride);
+    rec->height = rec->crop_height = rows;
+    dib_of(dib)->biHeight = rows;
+    dib_of(dib)->biSizeImage = static_cast<uint32_t>(rows * stride);
+}
+
 uint8_t *load_row_target(IMG_put_row_fn put_row, void *context, int r) {
     if (put_row != handle_put_row || !context) return nullptr;
     auto *ctx = static_cast<load_context *>(context);
@@ -339,14 +388,15 @@ int IMG_API IMGLOW_get_pages(const char *name) {
     if (!name || !*name) return IMG_ERR_OPEN;
     int fd = os_open(name, OS_OPEN_READ);
     if (fd < 0) return IMG_ERR_OPEN;
-    char text[4];
-    detect_file_type(fd, text);
-    file_seek(fd, 0, 0);
-    page_count_fn count = text[0] ? page_counter_for(text) : nullptr;
-    int r = count ? count(fd) : 1;
-    scratch_free_all();
+    int r = count_pages(fd);
     os_close(fd);
     return r;
+}
+
+int IMG_API IMGLOW_get_pages_mem(void *block) {
+    if (!block) return IMG_ERR_OPEN;
+    memory_source_scope memory(block);
+    return count_pages(MEMORY_FD);
 }
 
 }  // extern "C"

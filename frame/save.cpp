@@ -1,5 +1,6 @@
 // The save pipeline: picks the writer for an output type code and, for
 // handles, feeds it the crop rectangle's rows with brightness and contrast.
+#include "frame/formats.h"
 #include "frame/handles.h"
 
 #include <strings.h>
@@ -48,7 +49,8 @@ bool palette_all_grey(const uint8_t *pal, int bits) {
 }
 
 int run_writer(int fd, const void *header, int type, IMG_get_row_fn get_row, void *context) {
-    writer_fn w = writer_for_type(type);
+    const format_info *f = format_of(type);
+    writer_fn w = f ? f->write : nullptr;
     int r = w && header && get_row ? w(fd, static_cast<const dib_info *>(header), get_row, context) : IMG_ERR_TYPE;
     scratch_free_all();
     return r;
@@ -105,13 +107,6 @@ int save_handle(int h, int fd, int type, bool to_memory, void *block) {
     return r;
 }
 
-bool updates_in_place(int type) {
-    switch (type) {
-    case 0: case 7: case 8: case 9: case 10: case 11: case 16: case 40: return true;
-    default: return false;
-    }
-}
-
 // Whether an existing file is one the writer of this type adds a page to:
 // a little-endian TIFF, or a DCX.  Anything else is replaced whole, so none
 // of its old bytes outlive the save.
@@ -145,15 +140,15 @@ int IMG_API IMG_save_bitmap(int h, const char *name, int type) {
     if (type == IMG_TYPE_BY_EXTENSION) {
         size_t n = std::strlen(name);
         if (n >= 3)
-            for (int i = 0; i < writer_table_size; i++)
-                if (writer_table[i].ext && strcasecmp(name + n - 3, writer_table[i].ext) == 0) {
-                    type = writer_table[i].type;
+            for (const format_info &f : formats)
+                if ((f.flags & SAVED_BY_NAME) && strcasecmp(name + n - 3, f.ext) == 0) {
+                    type = f.code;
                     break;
                 }
         if (type == IMG_TYPE_BY_EXTENSION) return IMG_ERR_TYPE;
     }
-    int fd;
-    fd = updates_in_place(type) && os_exists(name) ? os_open(name, OS_OPEN_READWRITE) : -1;
+    const format_info *f = format_of(type);
+    int fd = f && (f->flags & APPENDS) && os_exists(name) ? os_open(name, OS_OPEN_READWRITE) : -1;
     if (fd >= 0 && !holds_pages_for(type, fd)) {
         os_close(fd);
         fd = -1;

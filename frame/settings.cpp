@@ -1,5 +1,5 @@
 // Library-wide settings, small queries and the exported memory-block calls.
-#include "codecs/jpeg.h"
+#include "frame/formats.h"
 #include "frame/handles.h"
 #include "brivanta_version.h"
 
@@ -7,12 +7,53 @@
 
 library_settings settings = [] {
     library_settings s{};
-    s.comp_quality = 75;
+    s.comp_quality = 50;  // the JPEG encoder's base tables
     s.load_limit_mb = IMG_DEFAULT_LOAD_LIMIT_MB;
     std::strcpy(s.bitmap_name, "Brivanta image file library");
     std::strcpy(s.bitmap_date, "11-21-2026");
     return s;
 }();
+
+namespace {
+
+// Copies text into a caller's buffer, cut to size; its full length.
+int copy_out(const char *text, char *out, int size) {
+    if (out && size > 0) std::snprintf(out, static_cast<size_t>(size), "%s", text);
+    return static_cast<int>(std::strlen(text));
+}
+
+struct error_text {
+    int code;
+    const char *text;
+};
+
+constexpr error_text error_texts[] = {
+    {0, "no error"},
+    {IMG_ERR_MEMORY, "out of memory"},
+    {IMG_ERR_OPEN, "cannot open the input, or its header is too short"},
+    {IMG_ERR_HEADER, "invalid image header or corrupt structure"},
+    {IMG_ERR_CREATE, "cannot create the output or a temporary file"},
+    {IMG_ERR_TYPE, "unknown or disabled file type"},
+    {IMG_ERR_EPS_PREVIEW, "EPS preview of unknown type"},
+    {IMG_ERR_WRITE, "a write came out short"},
+    {IMG_ERR_PAGE, "the requested page does not exist"},
+    {IMG_ERR_DATA, "image data missing or truncated"},
+    {IMG_ERR_HANDLE, "invalid handle"},
+    {IMG_ERR_SCAN_SOURCE, "scanning failure"},
+    {IMG_ERR_SCAN_ACQUIRE, "scanning failure"},
+    {IMG_ERR_STOPPED, "stopped by a header callback"},
+    {IMG_ERR_DEPTH, "bit depth not supported by the format"},
+    {IMG_ERR_NO_TRANSPARENT, "no transparent colour"},
+};
+
+}  // namespace
+
+void report_identification(const char *text, const char *date) {
+    // Bounded copies: callers are told to keep within the default lengths,
+    // and a longer text is cut rather than overrunning the buffer.
+    if (text) std::snprintf(settings.bitmap_name, sizeof settings.bitmap_name, "%s", text);
+    if (date) std::snprintf(settings.bitmap_date, sizeof settings.bitmap_date, "%s", date);
+}
 
 extern "C" {
 
@@ -68,7 +109,7 @@ int IMG_API IMGLOW_set_wipedelay(int delay) {
 
 int IMG_API IMGLOW_set_comp_quality(int quality) {
     settings.comp_quality = quality;
-    return jpeg_scale_quant_tables(quality);
+    return 0;
 }
 
 int IMG_API IMGLOW_get_bitmap_name(char *text_out, char *date_out) {
@@ -78,11 +119,29 @@ int IMG_API IMGLOW_get_bitmap_name(char *text_out, char *date_out) {
 }
 
 int IMG_API IMGLOW_set_bitmap_name(const char *text, const char *date) {
-    // Bounded copies: callers are told to keep within the default lengths,
-    // and a longer text is cut rather than overrunning the buffer.
-    if (text) std::snprintf(settings.bitmap_name, sizeof settings.bitmap_name, "%s", text);
-    if (date) std::snprintf(settings.bitmap_date, sizeof settings.bitmap_date, "%s", date);
+    report_identification(text, date);
     return 0;
+}
+
+int IMG_API IMG_get_error_text(int code, char *text_out, int size) {
+    for (const error_text &e : error_texts)
+        if (e.code == code) return copy_out(e.text, text_out, size);
+    copy_out("", text_out, size);
+    return IMG_ERR_TYPE;
+}
+
+int IMG_API IMGLOW_get_type_info(int code, char *key, int key_size, char *name, int name_size, char *extension,
+                                 int extension_size) {
+    const format_info *f = format_of(code);
+    if (!f) return IMG_ERR_TYPE;
+    copy_out(f->key, key, key_size);
+    copy_out(f->name, name, name_size);
+    copy_out(f->ext, extension, extension_size);
+    const format_info &family = formats[f->family];
+    // The type query reports a family it maps, and the variants it refines to.
+    bool reported = family.probe && (family.flags & NAMED_BY_QUERY) && (f == &family || family.refine);
+    return (family.read ? IMG_TYPE_CAN_READ : 0) | (f->write ? IMG_TYPE_CAN_WRITE : 0) |
+           (reported ? IMG_TYPE_DETECTED : 0) | (f->flags & APPENDS ? IMG_TYPE_APPENDS : 0);
 }
 
 int IMG_API WEP(int) { return 1; }

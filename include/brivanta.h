@@ -94,6 +94,12 @@ extern "C" {
 #define IMG_TYPE_PSD         41
 #define IMG_TYPE_IMT         42
 
+/* What IMGLOW_get_type_info reports of a type code. */
+#define IMG_TYPE_CAN_READ    1  /* files of this type load */
+#define IMG_TYPE_CAN_WRITE   2  /* the save exports write this code */
+#define IMG_TYPE_DETECTED    4  /* IMGLOW_get_filetype can report this code */
+#define IMG_TYPE_APPENDS     8  /* IMG_save_bitmap over a file of this type adds a page */
+
 /* File descriptor that stands for the current memory block source. */
 #define IMG_MEMORY_FD 32767
 
@@ -148,6 +154,8 @@ IMG_EXPORT int IMG_API IMGLOW_set_dithermode(int mode);
 IMG_EXPORT int IMG_API IMGLOW_autocolor(int flag);
 IMG_EXPORT int IMG_API IMGLOW_get_fileinfo(const char *name, void *header_out);
 IMG_EXPORT int IMG_API IMGLOW_get_pages(const char *name);
+/* The same from a memory block holding a file image. */
+IMG_EXPORT int IMG_API IMGLOW_get_pages_mem(void *block);
 /* The largest picture a load may create, in megabytes of bitmap (and of the
  * temporary files a load writes): a picture over it is refused with
  * IMG_ERR_MEMORY before anything is allocated.  The default,
@@ -172,6 +180,14 @@ IMG_EXPORT int IMG_API IMGLOW_set_auto_detect(int code);
 IMG_EXPORT int IMG_API IMGLOW_unset_auto_detect(int code);
 IMG_EXPORT int IMG_API IMGLOW_get_auto_detect(int code);
 
+/* What the library knows of a type code: its short key (a stable lower-case
+ * name such as "tif-g4", which the command-line tool's --type takes), its
+ * descriptive name and its file extension, each copied NUL-terminated and cut
+ * to its buffer's size (a null buffer or a size of 0 is skipped).  Returns
+ * IMG_TYPE_CAN_* bits, or IMG_ERR_TYPE for a code outside 0..IMG_TYPE_IMT. */
+IMG_EXPORT int IMG_API IMGLOW_get_type_info(int code, char *key, int key_size, char *name, int name_size,
+                                            char *extension, int extension_size);
+
 /* Saving. */
 IMG_EXPORT int IMG_API IMG_save_bitmap(int handle, const char *name, int type);
 IMG_EXPORT int IMG_API IMG_save_bitmap_fd(int handle, int fd, int type);
@@ -191,6 +207,11 @@ IMG_EXPORT int IMG_API IMGLOW_get_transp_color(int handle);
 IMG_EXPORT int IMG_API IMGLOW_get_image_orientation(const char *name);
 IMG_EXPORT int IMG_API IMG_qor_version(int *major, int *minor);
 IMG_EXPORT int IMG_API IMGLOW_set_wipedelay(int delay);
+
+/* A short English text for an error code, copied NUL-terminated and cut to
+ * size (nothing is copied for a null buffer or a size of 0).  Returns the
+ * text's full length, or IMG_ERR_TYPE for a code the library never returns. */
+IMG_EXPORT int IMG_API IMG_get_error_text(int code, char *text_out, int size);
 
 /* The library's exit procedure: does nothing, returns 1. */
 IMG_EXPORT int IMG_API WEP(int reserved);

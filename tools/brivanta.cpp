@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 #ifdef _WIN32
+#include <fcntl.h>
 #include <io.h>
 #define isatty _isatty
 #else
@@ -18,65 +19,30 @@
 
 namespace {
 
-const char *error_text(int code) {
-    switch (code) {
-    case IMG_ERR_MEMORY: return "out of memory";
-    case IMG_ERR_OPEN: return "cannot open the input, or its header is too short";
-    case IMG_ERR_HEADER: return "invalid image header or corrupt structure";
-    case IMG_ERR_CREATE: return "cannot create the output or a temporary file";
-    case IMG_ERR_TYPE: return "unknown or disabled file type";
-    case IMG_ERR_EPS_PREVIEW: return "EPS preview of unknown type";
-    case IMG_ERR_WRITE: return "a write came out short";
-    case IMG_ERR_PAGE: return "the requested page does not exist";
-    case IMG_ERR_DATA: return "image data missing or truncated";
-    case IMG_ERR_HANDLE: return "invalid handle";
-    case IMG_ERR_SCAN_SOURCE: case IMG_ERR_SCAN_ACQUIRE: return "scanning failure";
-    case IMG_ERR_STOPPED: return "stopped by a header callback";
-    case IMG_ERR_DEPTH: return "bit depth not supported by the format";
-    case IMG_ERR_NO_TRANSPARENT: return "no transparent colour";
-    default: return "error";
-    }
-}
-
-struct type_name {
+// The library's table of type codes, as IMGLOW_get_type_info reports it.
+struct type_info {
     int code;
-    const char *name;
-    const char *ext;  // file extension the demo uses
+    int caps;
+    char key[32];
+    char name[64];
+    char ext[8];
 };
 
-constexpr type_name type_names[] = {
-    {0, "TIFF, uncompressed", "tif"},     {1, "BMP", "bmp"},
-    {2, "PCX", "pcx"},                    {3, "Targa", "tga"},
-    {4, "GIF", "gif"},                    {5, "WordPerfect graphics", "wpg"},
-    {6, "Windows metafile", "wmf"},       {7, "TIFF, CCITT modified Huffman", "tif"},
-    {8, "TIFF, CCITT Group 3", "tif"},    {9, "TIFF, LZW", "tif"},
-    {10, "TIFF, CCITT Group 4", "tif"},   {11, "DCX", "dcx"},
-    {12, "BMP, run-length compressed", "bmp"}, {13, "JPEG", "jpg"},
-    {14, "EPS", "eps"},                   {15, "PICT", "pct"},
-    {16, "TIFF, PackBits", "tif"},        {17, "TIFF, compression 45", "tif"},
-    {18, "CALS", "cal"},                  {19, "LSD", "lsd"},
-    {20, "X bitmap", "xbm"},              {21, "MacPaint", "mac"},
-    {22, "GX2", "gx2"},                   {23, "Kofax", "kfx"},
-    {24, "IOCA", "ica"},                  {25, "Windows icon", "ico"},
-    {26, "IFF", "iff"},                   {27, "Windows clipboard file", "clp"},
-    {28, "GEM image", "img"},             {29, "BTR", "btr"},
-    {30, "Microsoft Paint", "msp"},       {31, "CUT", "cut"},
-    {32, "Targa, 15-bit", "tga"},         {33, "CCITT Group 3, raw", "g3"},
-    {34, "CCITT Group 4, raw", "g4"},     {35, "X pixmap", "xpm"},
-    {36, "X window dump", "xwd"},         {37, "Sun raster", "ras"},
-    {38, "text", "txt"},                  {39, "PhotoCD", "pcd"},
-    {40, "TIFF, JPEG", "tif"},            {41, "Photoshop", "psd"},
-    {42, "IMT", "imt"},
-};
-
-const type_name *find_type(int code) {
-    for (const type_name &t : type_names)
-        if (t.code == code) return &t;
-    return nullptr;
+std::vector<type_info> library_types() {
+    std::vector<type_info> types;
+    for (int code = 0;; code++) {
+        type_info t{code, 0, {}, {}, {}};
+        t.caps = IMGLOW_get_type_info(code, t.key, sizeof t.key, t.name, sizeof t.name, t.ext, sizeof t.ext);
+        if (t.caps < 0) break;
+        types.push_back(t);
+    }
+    return types;
 }
 
 int fail(const char *file, int code) {
-    std::fprintf(stderr, "brivanta: %s: %s (%d)\n", file, error_text(code), code);
+    char text[128];
+    if (IMG_get_error_text(code, text, sizeof text) < 0) std::snprintf(text, sizeof text, "error");
+    std::fprintf(stderr, "brivanta: %s: %s (%d)\n", file, text, code);
     return 1;
 }
 
@@ -121,8 +87,10 @@ int usage(FILE *out) {
                  "  info FILE                 type, size, depth, pages and resolution\n"
                  "  detect FILE               the detected type code and its name\n"
                  "  convert IN OUT [options]  load IN by content, save OUT\n"
+                 "  formats                   the type codes: key, extension, read and write support\n"
                  "  demo [DIR]                save a built-in test card under every writer and read it back\n"
                  "  --version                 the library's version\n"
+                 "FILE, IN and OUT may be - for standard input and output.\n"
                  "Run 'brivanta COMMAND --help' for a command's options.\n");
     return out == stdout ? 0 : 2;
 }
@@ -133,6 +101,60 @@ bool wants_help(int argc, char **argv) {
     return false;
 }
 
+bool is_stdio(const char *name) { return !std::strcmp(name, "-"); }
+
+// The library's descriptor of a C stream: a system file handle on Windows.
+int descriptor_of(FILE *f) {
+#ifdef _WIN32
+    return static_cast<int>(_get_osfhandle(_fileno(f)));
+#else
+    return fileno(f);
+#endif
+}
+
+// A whole file, or standard input for "-", in a locked memory block of
+// exactly its size; released with the object.
+struct file_block {
+    int block = 0;
+    void *data = nullptr;
+    int32_t size = 0;
+    file_block(const file_block &) = delete;
+    file_block &operator=(const file_block &) = delete;
+    file_block() = default;
+    ~file_block() {
+        if (block) {
+            IMG_mem_unlock(block);
+            IMG_mem_free(block);
+        }
+    }
+};
+
+// 0, or a library error code.
+int read_whole(const char *name, file_block &out) {
+    FILE *f = is_stdio(name) ? stdin : std::fopen(name, "rb");
+    if (!f) return IMG_ERR_OPEN;
+#ifdef _WIN32
+    if (f == stdin) _setmode(_fileno(stdin), _O_BINARY);
+#endif
+    std::vector<unsigned char> bytes;
+    unsigned char chunk[65536];
+    for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, f)) > 0;) bytes.insert(bytes.end(), chunk, chunk + n);
+    bool bad = std::ferror(f) || bytes.size() > 0x7FFFFFF0u;
+    if (f != stdin) std::fclose(f);
+    if (bad) return IMG_ERR_OPEN;
+    out.block = IMG_mem_alloc(static_cast<int>(bytes.size()));
+    out.data = out.block ? IMG_mem_lock(out.block) : nullptr;
+    if (!out.data) return IMG_ERR_MEMORY;
+    out.size = static_cast<int32_t>(bytes.size());
+    if (!bytes.empty()) std::memcpy(out.data, bytes.data(), bytes.size());
+    return 0;
+}
+
+int IMG_CALLBACK keep_header(void *header, void *context) {
+    std::memcpy(context, header, 40);
+    return IMG_ERR_STOPPED;
+}
+
 int cmd_info(int argc, char **argv) {
     if (wants_help(argc, argv) || argc != 3) {
         std::printf("usage: brivanta info FILE\n"
@@ -140,12 +162,15 @@ int cmd_info(int argc, char **argv) {
         return argc == 3 ? 0 : 2;
     }
     const char *name = argv[2];
-    int type = IMGLOW_get_filetype(name);
+    // Read once; every query below works on the copy in memory.
+    file_block file;
+    if (int r = read_whole(name, file); r < 0) return fail(name, r);
+    int type = IMGLOW_get_filetype_mem(file.data);
     if (type < 0) return fail(name, type);
     unsigned char header[40];
-    int r = IMGLOW_get_fileinfo(name, header);
-    if (r < 0) return fail(name, r);
-    int pages = IMGLOW_get_pages(name);
+    int r = IMGLOW_decompress_bitmap_mem(file.data, 0, nullptr, header, keep_header);
+    if (r < 0 && r != IMG_ERR_STOPPED) return fail(name, r);
+    int pages = IMGLOW_get_pages_mem(file.data);
     if (pages < 0) return fail(name, pages);
     auto i32 = [&](int at) {
         int v;
@@ -165,9 +190,34 @@ int cmd_detect(int argc, char **argv) {
     }
     int type = IMGLOW_get_filetype(argv[2]);
     if (type < 0) return fail(argv[2], type);
-    const type_name *t = find_type(type);
-    std::printf("%d %s\n", type, t ? t->name : "unknown");
+    char name[64] = "unknown";
+    IMGLOW_get_type_info(type, nullptr, 0, name, sizeof name, nullptr, 0);
+    std::printf("%d %s\n", type, name);
     return 0;
+}
+
+int cmd_formats(int argc, char **argv) {
+    if (wants_help(argc, argv) || argc != 2) {
+        std::printf("usage: brivanta formats\n"
+                    "Lists every type code: its key (what convert --type takes), extension, whether files of\n"
+                    "the type load and whether the library writes it, and its name.\n");
+        return argc == 2 ? 0 : 2;
+    }
+    std::printf("%-4s %-13s %-4s %-4s %-5s %s\n", "code", "key", "ext", "read", "write", "name");
+    for (const type_info &t : library_types())
+        std::printf("%-4d %-13s %-4s %-4s %-5s %s\n", t.code, t.key, t.ext, t.caps & IMG_TYPE_CAN_READ ? "yes" : "-",
+                    t.caps & IMG_TYPE_CAN_WRITE ? "yes" : "-", t.name);
+    return 0;
+}
+
+// A type code from a number or a key of the library's table; -2 when neither.
+int parse_type(const char *text) {
+    char *end = nullptr;
+    long n = std::strtol(text, &end, 10);
+    bool number = *text && !*end;
+    for (const type_info &t : library_types())
+        if (number ? n == t.code : !std::strcmp(text, t.key)) return t.code;
+    return number && n == IMG_TYPE_BY_EXTENSION ? IMG_TYPE_BY_EXTENSION : -2;
 }
 
 // TYPE:WIDTH[:HEIGHT[:FILLORDER]], TYPE a number or g4, g3-2d, g3.
@@ -196,28 +246,67 @@ bool parse_fax(const char *text, int *type, int *width, int *height, int *fill) 
     return got >= 1 && *width > 0 && *height >= 0 && (*fill == 1 || *fill == 2);
 }
 
-// Loads a file by its content, a page of it, or (fax_type >= 0) its raw fax data.
+// Loads a file (or standard input for "-") by its content, a page of it,
+// or (fax_type >= 0) its raw fax data.
 int load_file(const char *in, int page, int fax_type = -1, int fax_width = 0, int fax_height = 0, int fax_fill = 1) {
-    if (fax_type < 0 && !page) return IMG_decompress_bitmap(in);
-    FILE *f = std::fopen(in, "rb");
+    if (fax_type < 0 && !page && !is_stdio(in)) return IMG_decompress_bitmap(in);
+    if (fax_type < 0 && is_stdio(in)) {
+        file_block file;
+        int r = read_whole(in, file);
+        return r < 0 ? r : IMG_decompress_bitmap_mem(file.data, page);
+    }
+    FILE *f = nullptr;
+    if (is_stdio(in)) {
+        // Raw fax data is read from a descriptor: standard input goes through a temporary file.
+        file_block file;
+        if (int r = read_whole(in, file); r < 0) return r;
+        f = std::tmpfile();
+        if (!f) return IMG_ERR_CREATE;
+        if (std::fwrite(file.data, 1, static_cast<size_t>(file.size), f) != static_cast<size_t>(file.size) ||
+            std::fflush(f)) {
+            std::fclose(f);
+            return IMG_ERR_CREATE;
+        }
+        std::rewind(f);
+    } else {
+        f = std::fopen(in, "rb");
+    }
     if (!f) return IMG_ERR_OPEN;
-#ifdef _WIN32
-    // The library's descriptors are system file handles, not C runtime ones.
-    int fd = static_cast<int>(_get_osfhandle(_fileno(f)));
-#else
-    int fd = fileno(f);
-#endif
+    int fd = descriptor_of(f);
     int h = fax_type >= 0 ? IMG_decompress_fax(fd, fax_width, fax_height, fax_type, fax_fill)
                           : IMG_decompress_bitmap_fd(fd, 0, page);
     std::fclose(f);
     return h;
 }
 
+// Saves to standard output through a temporary file: the writers seek.
+int save_to_stdout(int h, int type) {
+    FILE *f = std::tmpfile();
+    if (!f) return IMG_ERR_CREATE;
+    int r = IMG_save_bitmap_fd(h, descriptor_of(f), type);
+#ifdef _WIN32
+    _setmode(_fileno(stdout), _O_BINARY);
+#endif
+    if (r >= 0) {
+        // The library wrote through the descriptor; the stream starts over.
+        std::fseek(f, 0, SEEK_SET);
+        char chunk[65536];
+        for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, f)) > 0;)
+            if (std::fwrite(chunk, 1, n, stdout) != n) r = IMG_ERR_WRITE;
+        if (std::fflush(stdout)) r = IMG_ERR_WRITE;
+    }
+    std::fclose(f);
+    return r;
+}
+
 int cmd_convert(int argc, char **argv) {
     if (wants_help(argc, argv)) {
-        std::printf("usage: brivanta convert IN OUT [--type N] [--page N] [--quality Q] [--reduce 1|4|8] [--shrink WxH]\n"
-                    "                          [--fax TYPE:WIDTH[:HEIGHT[:FILLORDER]]]\n"
-                    "Loads IN by its content and saves OUT as type N, or by OUT's extension.\n"
+        std::printf("usage: brivanta convert IN OUT [--type KEY|N] [--append] [--page N] [--quality Q] [--reduce 1|4|8]\n"
+                    "                          [--shrink WxH] [--fax TYPE:WIDTH[:HEIGHT[:FILLORDER]]]\n"
+                    "Loads IN by its content and saves OUT as the type KEY or N ('brivanta formats' lists them),\n"
+                    "or by OUT's extension.  An existing OUT is replaced; with --append a TIFF or DCX output\n"
+                    "gets the picture as a further page.  IN or OUT may be - for standard input or output\n"
+                    "(standard output needs --type).\n"
                     "--fax reads IN as raw CCITT data instead: TYPE 4 (or g4) Group 4, 2 (or g3-2d) Group 3\n"
                     "two-dimensional, 3 (or g3) Group 3 with EOLs, other numbers one-dimensional rows without EOLs;\n"
                     "HEIGHT 0 or absent takes the rows the data holds; FILLORDER 2 reads bytes LSB first.\n");
@@ -226,11 +315,18 @@ int cmd_convert(int argc, char **argv) {
     const char *in = nullptr, *out = nullptr;
     int type = IMG_TYPE_BY_EXTENSION, page = 0, quality = -1, reduce = 0, sw = 0, sh = 0;
     int fax_type = -1, fax_width = 0, fax_height = 0, fax_fill = 1;
+    bool append = false;
     for (int i = 2; i < argc; i++) {
         std::string a = argv[i];
         auto value = [&]() -> const char * { return i + 1 < argc ? argv[++i] : nullptr; };
         const char *v = nullptr;
-        if (a == "--type" && (v = value())) type = std::atoi(v);
+        if (a == "--type" && (v = value())) {
+            type = parse_type(v);
+            if (type == -2) {
+                std::fprintf(stderr, "brivanta: unknown type %s; 'brivanta formats' lists them\n", v);
+                return 2;
+            }
+        } else if (a == "--append") append = true;
         else if (a == "--page" && (v = value())) page = std::atoi(v);
         else if (a == "--quality" && (v = value())) quality = std::atoi(v);
         else if (a == "--reduce" && (v = value())) reduce = std::atoi(v);
@@ -256,6 +352,10 @@ int cmd_convert(int argc, char **argv) {
         std::fprintf(stderr, "brivanta: --reduce takes 1, 4 or 8\n");
         return 2;
     }
+    if (is_stdio(out) && (type == IMG_TYPE_BY_EXTENSION || append)) {
+        std::fprintf(stderr, "brivanta: standard output needs --type and takes no --append\n");
+        return 2;
+    }
     IMGLOW_set_decomp_reduction(reduce);
     IMGLOW_set_decompsize(sw, sh);
     if (quality >= 0) IMGLOW_set_comp_quality(quality);
@@ -264,7 +364,14 @@ int cmd_convert(int argc, char **argv) {
     progress_stop();
     if (h < 0) return fail(in, h);
     progress_start("save");
-    int r = IMG_save_bitmap(h, out, type);
+    int r;
+    if (is_stdio(out)) {
+        r = save_to_stdout(h, type);
+    } else {
+        // The library adds a page to an existing TIFF or DCX; the tool replaces it unless asked.
+        if (!append) std::remove(out);
+        r = IMG_save_bitmap(h, out, type);
+    }
     progress_stop();
     IMG_delete_bitmap(h);
     if (r < 0) return fail(out, r);
@@ -396,7 +503,7 @@ int cmd_demo(int argc, char **argv) {
 
     std::printf("%-4s %-30s %-28s %9s  %-10s %8s\n", "type", "name", "file", "bytes", "round trip", "ms");
     int rows = 0, identical = 0;
-    for (const type_name &t : type_names) {
+    for (const type_info &t : library_types()) {
         for (int i = 0; i < 4; i++) {
             char file[512];
             std::snprintf(file, sizeof file, "%s/card%d_t%02d.%s", dir.c_str(), depths[i], t.code, t.ext);
@@ -448,6 +555,7 @@ int main(int argc, char **argv) {
         std::printf("brivanta %d.%d\n", major, minor);
         return 0;
     }
+    if (cmd == "formats") return cmd_formats(argc, argv);
     if (cmd == "info") return cmd_info(argc, argv);
     if (cmd == "detect") return cmd_detect(argc, argv);
     if (cmd == "convert") return cmd_convert(argc, argv);

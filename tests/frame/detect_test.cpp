@@ -1,5 +1,5 @@
 // Type detection: the probe chain's order and flags, and the query exports.
-#include "frame/frame.h"
+#include "frame/formats.h"
 #include "test_util.h"
 
 #include <gtest/gtest.h>
@@ -14,9 +14,8 @@ bytes padded(bytes head, size_t size = 600, uint8_t fill = 0) {
 std::string detected(const bytes &content) {
     block_ref b(content);
     memory_source_set(b.data);
-    char text[4];
-    detect_file_type(MEMORY_FD, text);
-    return text;
+    const format_info *f = format_of(detect_format(MEMORY_FD));
+    return f ? f->ext : "";
 }
 
 int filetype_of_file(const bytes &content) {
