@@ -9,6 +9,8 @@
 #include <cstring>
 #include <utility>
 
+namespace brv {
+
 namespace {
 
 // ---- Code tables -------------------------------------------------------------
@@ -838,3 +840,5 @@ void ccitt_encode_free(ccitt_encoder &e) {
     if (e.block) scratch_free(e.block);
     e.block = nullptr;
 }
+
+}  // namespace brv

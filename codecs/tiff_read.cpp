@@ -13,6 +13,8 @@
 #include <immintrin.h>
 #endif
 
+namespace brv {
+
 namespace {
 
 constexpr uint32_t WHOLE_IMAGE = 0xFFFFFFFE;  // rows per strip when the tag is absent
@@ -1186,3 +1188,5 @@ void tiff_reader_limit_vectors(int bits) {
     (void)bits;
 #endif
 }
+
+}  // namespace brv

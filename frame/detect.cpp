@@ -2,6 +2,8 @@
 // fixed order, each behind a per-type enable flag, and the query exports.
 #include "frame/formats.h"
 
+namespace brv {
+
 namespace {
 
 uint8_t auto_detect_flags[AUTO_DETECT_FLAGS] = {
@@ -82,3 +84,5 @@ int IMG_API IMGLOW_get_auto_detect(int code) {
 }
 
 }  // extern "C"
+
+}  // namespace brv

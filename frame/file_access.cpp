@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <utility>
 
+namespace brv {
+
 namespace {
 
 struct memory_source {
@@ -175,3 +177,5 @@ extern "C" int IMG_API IMGLOW_set_fileio(IMG_read_fn read, IMG_write_fn write, I
     settings.seek_hook = seek;
     return 0;
 }
+
+}  // namespace brv

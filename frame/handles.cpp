@@ -6,6 +6,8 @@
 
 #include <cmath>
 
+namespace brv {
+
 namespace {
 
 mem_block table_block = 0;
@@ -227,3 +229,5 @@ int IMG_API IMGLOW_put_palette(int h, const void *src) {
 }
 
 }  // extern "C"
+
+}  // namespace brv

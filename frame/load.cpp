@@ -6,6 +6,8 @@
 #include "frame/formats.h"
 #include "frame/handles.h"
 
+namespace brv {
+
 namespace {
 
 // Per-load state beside the context record: the shrink buffer is taken once
@@ -400,3 +402,5 @@ int IMG_API IMGLOW_get_pages_mem(void *block) {
 }
 
 }  // extern "C"
+
+}  // namespace brv

@@ -5,6 +5,8 @@
 
 #include <strings.h>
 
+namespace brv {
+
 namespace {
 
 struct save_context {
@@ -165,3 +167,5 @@ int IMG_API IMG_save_bitmap_fd(int h, int fd, int type) { return save_handle(h, 
 int IMG_API IMG_save_bitmap_mem(int h, void *block, int type) { return save_handle(h, 0, type, true, block); }
 
 }  // extern "C"
+
+}  // namespace brv

@@ -4,6 +4,8 @@
 
 #include <cstdio>
 
+namespace brv {
+
 library_settings settings = [] {
     library_settings s{};
     s.comp_quality = 50;  // the JPEG encoder's base tables
@@ -159,3 +161,5 @@ int IMG_API IMG_mem_free(int block) { return mem_free(block); }
 int IMG_API IMG_mem_size(int block) { return static_cast<int>(mem_size(block)); }
 
 }  // extern "C"
+
+}  // namespace brv
