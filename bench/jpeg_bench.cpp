@@ -12,6 +12,10 @@
 #include <cstdlib>
 #include <vector>
 
+// The library's internal names, which the tests reach past the API.
+namespace brv {}
+using namespace brv;
+
 namespace {
 
 constexpr int W = 4000, H = 3000;

@@ -11,6 +11,10 @@
 #include <cstring>
 #include <vector>
 
+// The library's internal names, which the tests reach past the API.
+namespace brv {}
+using namespace brv;
+
 namespace {
 
 constexpr int W = 4000, H = 3000;

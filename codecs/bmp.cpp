@@ -5,6 +5,8 @@
 #include "frame/byte_source.h"
 #include "frame/load.h"
 
+namespace brv {
+
 namespace {
 
 constexpr double METRE_INCH = 0.0254;
@@ -446,3 +448,5 @@ BRIVANTA_WRITER(bmp_write_rle) {
     static const uint8_t end_of_bitmap[2] = {0, 1};
     return write_all(fd, end_of_bitmap, 2);
 }
+
+}  // namespace brv

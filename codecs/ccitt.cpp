@@ -9,6 +9,8 @@
 #include <cstring>
 #include <utility>
 
+namespace brv {
+
 namespace {
 
 // ---- Code tables -------------------------------------------------------------
@@ -646,11 +648,19 @@ int fax_read(const void *params, IMG_put_row_fn put_row, void *context, IMG_begi
 
 }  // namespace
 
+}  // namespace brv
+
+// Exports are defined outside the namespace: g++ would otherwise give them
+// the hidden default despite the header's visibility.
+using namespace brv;
+
 extern "C" int IMG_API IMG_decompress_fax(int fd, int width, int height, int fax_type, int fill_order) {
     if (width < 1 || height < 0) return IMG_ERR_HEADER;
     const fax_params params{width, height, fax_type, fill_order};
     return load_raw_into_handle(fd, fax_read, &params);
 }
+
+namespace brv {
 
 // ---- Encoders ------------------------------------------------------------------
 namespace {
@@ -838,3 +848,5 @@ void ccitt_encode_free(ccitt_encoder &e) {
     if (e.block) scratch_free(e.block);
     e.block = nullptr;
 }
+
+}  // namespace brv

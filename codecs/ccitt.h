@@ -3,6 +3,8 @@
 #pragma once
 #include "frame/frame.h"
 
+namespace brv {
+
 // Run-length code tables: for each colour one directly indexed table per
 // code length, entries 0x8000 | run (4095 = EOL), 0 where nothing matches.
 struct ccitt_tables {
@@ -73,3 +75,5 @@ int ccitt_encode_row(ccitt_encoder &e, const uint8_t *row);
 // Ends the page (RTC for Group 3 when asked, EOFB for Group 4) and flushes.
 int ccitt_encode_end(ccitt_encoder &e, bool rtc);
 void ccitt_encode_free(ccitt_encoder &e);
+
+}  // namespace brv

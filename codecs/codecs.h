@@ -4,6 +4,8 @@
 #pragma once
 #include "frame/frame.h"
 
+namespace brv {
+
 #define BRIVANTA_READER(name) \
     int name(int32_t where, IMG_put_row_fn put_row, void *context, IMG_begin_image_fn begin_image, int fd)
 #define BRIVANTA_WRITER(name) int name(int fd, const dib_info *header, IMG_get_row_fn get_row, void *context)
@@ -45,3 +47,5 @@ BRIVANTA_WRITER(jpeg_write_file);
 BRIVANTA_READER(targa_read_file);
 BRIVANTA_WRITER(targa_write_file);
 BRIVANTA_WRITER(targa_write_file_15bit);
+
+}  // namespace brv

@@ -5,6 +5,8 @@
 
 #include "colour/colour.h"
 
+namespace brv {
+
 namespace {
 
 constexpr int MAX_CODES = 4096;        // 12-bit codes
@@ -429,3 +431,5 @@ BRIVANTA_WRITER(gif_write) {
     if (!flush_out(e, true)) return IMG_ERR_WRITE;
     return 0;
 }
+
+}  // namespace brv

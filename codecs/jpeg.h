@@ -4,6 +4,8 @@
 #pragma once
 #include "codecs/codecs.h"
 
+namespace brv {
+
 // Zig-zag index to natural (row-major) index.
 inline constexpr uint8_t jpeg_zigzag[64] = {
     0,  1,  8,  16, 9,  2,  3,  10, 17, 24, 32, 25, 18, 11, 4,  5,  12, 19, 26, 33, 40, 48,
@@ -68,3 +70,5 @@ void jpeg_idct_8x8(const int16_t *coef, unsigned rows, int8_t *dst, int stride);
 // transposed block (coefficient row i, column k at k * 8 + i); bit for bit
 // the result of jpeg_idct_8x8.
 void jpeg_idct_8x8_transposed(const int16_t *coefT, int8_t *dst, int stride);
+
+}  // namespace brv

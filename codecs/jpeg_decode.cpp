@@ -12,6 +12,8 @@
 #include <immintrin.h>
 #endif
 
+namespace brv {
+
 jpeg_decoder_tables jpeg_tables;
 
 namespace {
@@ -1279,3 +1281,5 @@ BRIVANTA_READER(jpeg_read_file) {
     int32_t start = where_is_page(where) ? file_seek(fd, 0, 1) : where;
     return jpeg_decode_stream(fd, start, put_row, context, begin_image);
 }
+
+}  // namespace brv

@@ -4,6 +4,8 @@
 #include "codecs/jpeg.h"
 #include "codecs/jpeg_lanes.h"
 
+namespace brv {
+
 namespace {
 
 constexpr int32_t ROW_LIMIT = 65280;
@@ -454,3 +456,5 @@ BRIVANTA_WRITER(jpeg_write_file) {
     static constexpr uint8_t eoi[2] = {0xFF, 0xD9};
     return write_all(fd, eoi, 2);
 }
+
+}  // namespace brv

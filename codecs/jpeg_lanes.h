@@ -3,6 +3,8 @@
 #pragma once
 #include <cstdint>
 
+namespace brv {
+
 using lanes8 = int32_t __attribute__((vector_size(32)));
 #if defined(__clang__)
 #define LANE_SHUFFLE(a, b, ...) __builtin_shufflevector(a, b, __VA_ARGS__)
@@ -28,3 +30,5 @@ __attribute__((always_inline)) inline void transpose_lanes8(const lanes8 *in, la
         out[m + 4] = LANE_SHUFFLE(u[m], u[m + 4], 4, 5, 6, 7, 12, 13, 14, 15);
     }
 }
+
+}  // namespace brv

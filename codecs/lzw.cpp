@@ -6,6 +6,8 @@
 
 #include <bit>
 
+namespace brv {
+
 namespace {
 
 constexpr int CLEAR = 256;
@@ -386,3 +388,5 @@ void tiff_lzw_encode_free(tiff_lzw_encoder &e) {
     if (e.block) scratch_free(e.block);
     e.block = nullptr;
 }
+
+}  // namespace brv

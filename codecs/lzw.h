@@ -3,6 +3,8 @@
 #pragma once
 #include "frame/frame.h"
 
+namespace brv {
+
 // Row sink: a negative result ends decoding and is returned.
 using lzw_sink = int (*)(void *context, uint8_t *row, int row_index);
 
@@ -43,3 +45,5 @@ void tiff_lzw_encode_strip_start(tiff_lzw_encoder &e);
 int tiff_lzw_encode(tiff_lzw_encoder &e, const uint8_t *data, uint32_t count);  // 0, or -9
 int tiff_lzw_encode_strip_end(tiff_lzw_encoder &e);  // 0, or -9
 void tiff_lzw_encode_free(tiff_lzw_encoder &e);
+
+}  // namespace brv

@@ -6,6 +6,8 @@
 #include "colour/colour.h"
 #include "frame/byte_source.h"
 
+namespace brv {
+
 namespace {
 
 constexpr uint32_t DCX_MAGIC = 0x3ADE68B1;  // 987654321
@@ -402,3 +404,5 @@ BRIVANTA_WRITER(dcx_write) {
     os_delete(name);
     return rc < 0 ? rc : 0;
 }
+
+}  // namespace brv

@@ -4,6 +4,8 @@
 #include "codecs/jpeg.h"
 #include "frame/byte_source.h"
 
+namespace brv {
+
 namespace {
 
 struct targa_header {
@@ -271,3 +273,5 @@ BRIVANTA_WRITER(targa_write_file_15bit) {
     }
     return 0;
 }
+
+}  // namespace brv

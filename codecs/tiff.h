@@ -3,6 +3,8 @@
 #pragma once
 #include "frame/frame.h"
 
+namespace brv {
+
 struct tiff_ifd_entry {
     uint16_t tag;
     uint16_t type;
@@ -121,3 +123,5 @@ int tiff_write_encoded(int fd, const dib_info *header, uint32_t compression, tif
 // 0 for plain code; the processor's own limit until called.  Every choice
 // gives the same rows, which the tests check.
 void tiff_reader_limit_vectors(int bits);
+
+}  // namespace brv

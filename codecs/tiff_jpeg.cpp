@@ -5,6 +5,8 @@
 #include "codecs/jpeg.h"
 #include "codecs/tiff.h"
 
+namespace brv {
+
 namespace {
 
 // SOI to SOS of a stream built from the IFD's tables: at most 2 + 134 +
@@ -279,3 +281,5 @@ BRIVANTA_WRITER(tiff_write_jpeg) {
     if (header->biBitCount < 5) return IMG_ERR_DEPTH;
     return tiff_write_encoded(fd, header, 6, jpeg_write_file, get_row, context);
 }
+
+}  // namespace brv

@@ -13,6 +13,8 @@
 #include <immintrin.h>
 #endif
 
+namespace brv {
+
 namespace {
 
 constexpr uint32_t WHOLE_IMAGE = 0xFFFFFFFE;  // rows per strip when the tag is absent
@@ -1189,3 +1191,5 @@ void tiff_reader_limit_vectors(int bits) {
     (void)bits;
 #endif
 }
+
+}  // namespace brv

@@ -8,6 +8,8 @@
 
 #include <utility>
 
+namespace brv {
+
 namespace {
 
 enum class out_kind { plain, huffman, g3, lzw, g4, packbits, raw_g3, raw_g4, encoded };
@@ -332,3 +334,5 @@ int tiff_write_encoded(int fd, const dib_info *header, uint32_t compression, tif
                        IMG_get_row_fn get_row, void *context) {
     return write_image(out_kind::encoded, fd, header, get_row, context, compression, encode);
 }
+
+}  // namespace brv

@@ -3,6 +3,8 @@
 
 #include <cmath>
 
+namespace brv {
+
 namespace {
 
 // D65 reference white (CIE 1931 2-degree observer), the white point of sRGB,
@@ -36,3 +38,5 @@ void cielab_to_bgr(double L, double a, double b, uint8_t *bgr) {
     bgr[1] = encode(g);
     bgr[2] = encode(r);
 }
+
+}  // namespace brv

@@ -2,6 +2,8 @@
 #pragma once
 #include "frame/frame.h"
 
+namespace brv {
+
 // Fills the colour table after a 40-byte header by its bit count and a
 // palette name ("tiff", "332", "targa", "dither", "pcx"; case ignored).
 void set_named_palette(dib_info *header, const char *name);
@@ -18,3 +20,5 @@ extern const uint8_t bayer_thresholds[64];
 // CIE L*a*b* (L 0-100, a and b about -128..127) relative to the D65 white
 // point, to sRGB bytes written as blue, green, red.
 void cielab_to_bgr(double L, double a, double b, uint8_t *bgr);
+
+}  // namespace brv

@@ -3,6 +3,8 @@
 
 #include <strings.h>
 
+namespace brv {
+
 namespace {
 
 void put_entry(uint8_t *q, int blue, int green, int red) {
@@ -48,3 +50,5 @@ void set_named_palette(dib_info *header, const char *name) {
         sixteen_colours(pal, 128);
     }
 }
+
+}  // namespace brv

@@ -2,6 +2,8 @@
 // cube (8 bits), the "dither" colours (4 bits) or black and white (1 bit).
 #include "colour/colour.h"
 
+namespace brv {
+
 const uint8_t bayer_thresholds[64] = {
     4,   128, 32,  160, 8,   136, 40,  168, 192, 64,  224, 96,  200, 72,  232, 104,
     48,  176, 16,  144, 56,  184, 24,  152, 240, 112, 208, 80,  248, 120, 216, 88,
@@ -146,3 +148,5 @@ void reduce_row(const dib_info *announced, uint8_t *row, int target_bits, int r,
     uint32_t total = row_bytes(width, target_bits);
     if (total > used) std::memset(row + used, 0, total - used);
 }
+
+}  // namespace brv

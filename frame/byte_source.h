@@ -5,6 +5,8 @@
 #pragma once
 #include "frame/frame.h"
 
+namespace brv {
+
 struct byte_source {
     int fd = 0;
     uint8_t *buf = nullptr;
@@ -88,3 +90,5 @@ inline void source_seek(byte_source &s, int32_t offset) {
 }
 
 inline bool source_at_end(byte_source &s) { return s.pos >= s.len && !source_fill(s); }
+
+}  // namespace brv

@@ -2,6 +2,8 @@
 // fixed order, each behind a per-type enable flag, and the query exports.
 #include "frame/formats.h"
 
+namespace brv {
+
 namespace {
 
 uint8_t auto_detect_flags[AUTO_DETECT_FLAGS] = {
@@ -39,6 +41,12 @@ int detect_format(int fd) {
     file_seek(fd, 0, 0);
     return found;
 }
+
+}  // namespace brv
+
+// Exports are defined outside the namespace: g++ would otherwise give them
+// the hidden default despite the header's visibility.
+using namespace brv;
 
 extern "C" {
 

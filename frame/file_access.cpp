@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <utility>
 
+namespace brv {
+
 namespace {
 
 struct memory_source {
@@ -168,6 +170,12 @@ void swap32_array(void *items, int count) {
         std::swap(p[1], p[2]);
     }
 }
+
+}  // namespace brv
+
+// Exports are defined outside the namespace: g++ would otherwise give them
+// the hidden default despite the header's visibility.
+using namespace brv;
 
 extern "C" int IMG_API IMGLOW_set_fileio(IMG_read_fn read, IMG_write_fn write, IMG_seek_fn seek) {
     settings.read_hook = read;

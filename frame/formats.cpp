@@ -8,6 +8,8 @@
 
 #include <cstring>
 
+namespace brv {
+
 namespace {
 
 bool is_tga(const uint8_t *b, int) {
@@ -138,3 +140,5 @@ static_assert([] {
         if (formats[i].code != i) return false;
     return true;
 }());
+
+}  // namespace brv

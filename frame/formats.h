@@ -4,6 +4,8 @@
 #pragma once
 #include "frame/frame.h"
 
+namespace brv {
+
 // A signature test on the first ten bytes of the source; fd is positioned
 // just after them (or where the previous probe left it) for the probes
 // that look further on.
@@ -52,3 +54,5 @@ constexpr int AUTO_DETECT_FLAGS = 44;
 // Runs the enabled probes from the source's current position; the detected
 // family's code, or -1.  The source is left at offset 0.
 int detect_format(int fd);
+
+}  // namespace brv

@@ -10,6 +10,10 @@
 #include <cstdint>
 #include <cstring>
 
+// Every internal name of the library lives in namespace brv: the static
+// library then shows only the API's names and brv:: ones (tools/exports.py).
+namespace brv {
+
 static_assert(std::endian::native == std::endian::little,
               "the in-memory bitmap is a little-endian record read in place");
 
@@ -195,3 +199,5 @@ inline int status_report(int total) {
     if (settings.status_enabled && settings.status_fn) return settings.status_fn(settings.status_value, total);
     return 0;
 }
+
+}  // namespace brv

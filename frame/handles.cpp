@@ -6,6 +6,8 @@
 
 #include <cmath>
 
+namespace brv {
+
 namespace {
 
 mem_block table_block = 0;
@@ -116,6 +118,12 @@ void build_level_table(int gamma, int brightness, int contrast, uint8_t out[256]
 }
 
 // ---- Exports -------------------------------------------------------------------
+
+}  // namespace brv
+
+// Exports are defined outside the namespace: g++ would otherwise give them
+// the hidden default despite the header's visibility.
+using namespace brv;
 
 extern "C" {
 

@@ -4,6 +4,8 @@
 
 #include <cstddef>
 
+namespace brv {
+
 struct handle_record {
     int32_t display_a[4];      // owned by the display code
     int32_t crop_left, crop_top, crop_width, crop_height;
@@ -61,3 +63,5 @@ private:
 
 // The 256-entry display level table from a gamma, brightness and contrast.
 void build_level_table(int gamma, int brightness, int contrast, uint8_t table[256]);
+
+}  // namespace brv

@@ -6,6 +6,8 @@
 #include "frame/formats.h"
 #include "frame/handles.h"
 
+namespace brv {
+
 namespace {
 
 // Per-load state beside the context record: the shrink buffer is taken once
@@ -313,6 +315,12 @@ uint8_t *load_row_target(IMG_put_row_fn put_row, void *context, int r) {
 }
 
 // ---- Exports -------------------------------------------------------------------
+
+}  // namespace brv
+
+// Exports are defined outside the namespace: g++ would otherwise give them
+// the hidden default despite the header's visibility.
+using namespace brv;
 
 extern "C" {
 

@@ -2,6 +2,8 @@
 #pragma once
 #include "frame/frame.h"
 
+namespace brv {
+
 struct load_context {
     void *header;     // the announced header, set by the begin step
     int handle;
@@ -24,3 +26,5 @@ using raw_reader_fn = int (*)(const void *params, IMG_put_row_fn put_row, void *
 // Loads through such a reader into a new handle, as every load does: the
 // handle, or a negative code with no handle left.
 int load_raw_into_handle(int fd, raw_reader_fn read, const void *params);
+
+}  // namespace brv

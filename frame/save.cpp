@@ -5,6 +5,8 @@
 
 #include <strings.h>
 
+namespace brv {
+
 namespace {
 
 struct save_context {
@@ -119,6 +121,12 @@ bool holds_pages_for(int type, int fd) {
 }
 
 }  // namespace
+
+}  // namespace brv
+
+// Exports are defined outside the namespace: g++ would otherwise give them
+// the hidden default despite the header's visibility.
+using namespace brv;
 
 extern "C" {
 

@@ -5,6 +5,8 @@
 
 #include <cstdio>
 
+namespace brv {
+
 library_settings settings = [] {
     library_settings s{};
     s.comp_quality = 50;  // the JPEG encoder's base tables
@@ -54,6 +56,12 @@ void report_identification(const char *text, const char *date) {
     if (text) std::snprintf(settings.bitmap_name, sizeof settings.bitmap_name, "%s", text);
     if (date) std::snprintf(settings.bitmap_date, sizeof settings.bitmap_date, "%s", date);
 }
+
+}  // namespace brv
+
+// Exports are defined outside the namespace: g++ would otherwise give them
+// the hidden default despite the header's visibility.
+using namespace brv;
 
 extern "C" {
 

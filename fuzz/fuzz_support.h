@@ -17,6 +17,10 @@
 #endif
 #endif
 
+// The library's internal names, which the tests reach past the API.
+namespace brv {}
+using namespace brv;
+
 // A load's handle, passed through.  Under the memory sanitizer its whole
 // block is checked first: bitmaps are taken uncleared, so a byte no reader
 // wrote and the load did not clear would carry old heap contents.

@@ -4,6 +4,8 @@
 #pragma once
 #include <cstdint>
 
+namespace brv {
+
 // ---- Movable memory blocks -------------------------------------------------
 // A block is named by a positive 32-bit integer (0 = none).  Blocks never
 // move in practice, but callers lock before use and unlock after, so a
@@ -49,3 +51,5 @@ int os_create_temp(char *name, int capacity);
 
 // Milliseconds since some fixed point; wraps.
 uint32_t os_tick_count();
+
+}  // namespace brv

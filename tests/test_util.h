@@ -7,6 +7,10 @@
 #include <string>
 #include <vector>
 
+// The library's internal names, which the tests reach past the API.
+namespace brv {}
+using namespace brv;
+
 using bytes = std::vector<uint8_t>;
 
 // A picture in top-down order: rows of row_bytes(width, bits) bytes, and a

@@ -7,6 +7,8 @@
   exports.py check-pe HEADER DLL OBJDUMP      the DLL exports exactly the header's names
   exports.py check-elf HEADER SO NM           the shared object exports exactly them
   exports.py check-stdcall HEADER DLL OBJDUMP every 32-bit export pops its own arguments
+  exports.py check-static HEADER LIB NM       the static library's global names are the
+                                              header's and the internal namespace's only
 
 With --stdcall every name carries its argument byte count (name@N), which
 the linker's --kill-at strips from the export table while the import library
@@ -111,6 +113,32 @@ def elf_exports(so, nm):
     return names
 
 
+INTERNAL = "brv::"
+# What the C++ compiler and runtime may add to any object file.
+RUNTIME = re.compile(r"^(DW\.ref\.__gxx_personality_v0|std::|__gnu_cxx::|(typeinfo|typeinfo name|vtable) for std::|"
+                     r"__x86\.get_pc_thunk\.)")
+
+
+def static_strays(header_names, lib, nm):
+    """Global names defined in the archive that are neither exports nor internal."""
+    out = subprocess.run([nm, "-g", "--defined-only", "-C", lib], check=True, capture_output=True, text=True).stdout
+    allowed = set(header_names)
+    strays = set()
+    for line in out.splitlines():
+        parts = line.split(None, 2)
+        if len(parts) < 3 or line.endswith(":"):
+            continue
+        name = parts[2]
+        bare = name.split("(")[0]
+        if bare in allowed or bare.startswith(INTERNAL) or RUNTIME.match(name):
+            continue
+        # Also the names of the internal namespace's lambdas and guards.
+        if INTERNAL in name:
+            continue
+        strays.add(name)
+    return sorted(strays)
+
+
 def stdcall_problems(exports, dll, objdump):
     """Each export's code must return with 'ret $bytes': the callee pops."""
     out = subprocess.run([objdump, "-d", "--no-show-raw-insn", dll], check=True, capture_output=True,
@@ -195,6 +223,13 @@ def main(argv):
         if not problems:
             print(f"{argv[3]}: all {len(exports)} exports pop their own arguments")
         return 1 if problems else 0
+    if cmd == "check-static" and len(argv) >= 5:
+        strays = static_strays(names, argv[3], argv[4])
+        for n in strays:
+            print(f"{argv[3]}: global name outside the API and the {INTERNAL[:-2]} namespace: {n}")
+        if not strays:
+            print(f"{argv[3]}: global names are the API's and the {INTERNAL[:-2]} namespace's")
+        return 1 if strays else 0
     if cmd == "check-elf" and len(argv) >= 5:
         return compare(names, elf_exports(argv[3], argv[4]), argv[3])
     print(__doc__.strip(), file=sys.stderr)

@@ -10,6 +10,8 @@
 #include <time.h>
 #include <unistd.h>
 
+namespace brv {
+
 int os_open(const char *name, int mode) {
     if (!name || !*name) return -1;
     int flags = (mode == OS_OPEN_READWRITE) ? O_RDWR : O_RDONLY;
@@ -99,3 +101,5 @@ uint32_t os_tick_count() {
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return static_cast<uint32_t>(ts.tv_sec * 1000u + ts.tv_nsec / 1000000);
 }
+
+}  // namespace brv

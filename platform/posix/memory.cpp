@@ -9,6 +9,8 @@
 #include <sys/mman.h>
 #endif
 
+namespace brv {
+
 namespace {
 
 struct block_entry {
@@ -148,3 +150,5 @@ mem_block mem_handle(const void *address) {
 void mem_fail_after(int k) { fail_countdown = k > 0 ? k : 0; }
 
 int mem_live_blocks() { return live; }
+
+}  // namespace brv

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <windows.h>
 
+namespace brv {
+
 namespace {
 
 // OpenFile takes a bare name as a request to search the system directories
@@ -96,3 +98,5 @@ int os_create_temp(char *name, int capacity) {
 }
 
 uint32_t os_tick_count() { return GetTickCount(); }
+
+}  // namespace brv

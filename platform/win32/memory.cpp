@@ -8,6 +8,8 @@
 
 #include <windows.h>
 
+namespace brv {
+
 namespace {
 
 // Open addressing over handle values; handles are aligned, so 0 and 1 can
@@ -171,3 +173,5 @@ mem_block mem_handle(const void *address) {
 void mem_fail_after(int k) { fail_countdown = k > 0 ? k : 0; }
 
 int mem_live_blocks() { return live; }
+
+}  // namespace brv

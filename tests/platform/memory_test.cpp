@@ -3,6 +3,10 @@
 
 #include <gtest/gtest.h>
 
+// The library's internal names, which the tests reach past the API.
+namespace brv {}
+using namespace brv;
+
 TEST(MemoryBlocks, NamesArePositiveAndStaleNamesAreRejected) {
     int live = mem_live_blocks();
     mem_block a = mem_alloc(16, MEM_MOVEABLE | MEM_ZEROINIT);
