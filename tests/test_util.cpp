@@ -135,6 +135,16 @@ bytes read_file(const std::string &name) {
     return bytes(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
 }
 
+std::string data_path(const std::string &name) { return BRIVANTA_SOURCE_DIR "/tests/data/" + name; }
+
+std::vector<std::string> data_lines(const std::string &name) {
+    std::ifstream f(data_path(name));
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(f, line);)
+        if (!line.empty() && line[0] != '#') lines.push_back(line);
+    return lines;
+}
+
 void write_file(const std::string &name, const bytes &content) {
     std::ofstream(name, std::ios::binary).write(reinterpret_cast<const char *>(content.data()), static_cast<std::streamsize>(content.size()));
 }

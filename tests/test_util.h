@@ -48,6 +48,9 @@ int handle_of(const picture &p);
 picture picture_of(int handle);
 
 bytes read_file(const std::string &name);
+// A file under tests/data, and a list there without its comment and blank lines.
+std::string data_path(const std::string &name);
+std::vector<std::string> data_lines(const std::string &name);
 void write_file(const std::string &name, const bytes &content);
 std::string temp_path(const std::string &leaf);
 // Points the library's temporary directory at a new directory of this

@@ -32,6 +32,7 @@ TEST(TiffWrite, GreyRampsGoWithoutAColourMap) {
         picture p = grey_palette_picture(37, 23, bits, 6);
         for (int type : {0, 9, 16}) {
             picture back = load_pic(save_pic(p, type));
+            ASSERT_EQ(back.palette.size(), 4u << bits) << bits << " bits, type " << type << ": the load failed";
             EXPECT_EQ(back.rows, p.rows) << bits << " bits, type " << type;
             for (int i = 0; i < (1 << bits); i++)
                 EXPECT_EQ(back.palette[4 * i], bits == 8 ? i : 16 * i) << bits << " bits, type " << type << ", entry " << i;

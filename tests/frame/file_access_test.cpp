@@ -79,11 +79,3 @@ TEST(Scratch, FreeAllReleasesEveryBlock) {
     EXPECT_EQ(scratch_count(), 0);
     EXPECT_EQ(mem_live_blocks(), live);
 }
-
-TEST(ByteOrder, SwapsInPlace) {
-    uint8_t a[4] = {1, 2, 3, 4};
-    swap16_array(a, 2);
-    EXPECT_EQ(get32(a), 0x03040102u);
-    swap32_array(a, 1);
-    EXPECT_EQ(get32(a), 0x02010403u);
-}
