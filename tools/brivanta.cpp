@@ -444,8 +444,9 @@ int make_card_block() {
     return block;
 }
 
-// Header, colour table and pixels of a handle's bitmap, for comparison.
-std::vector<unsigned char> bitmap_bytes(int h) {
+// Header, colour table and pixels of a handle's bitmap, for comparison;
+// `keep` masks each 24-bit sample, for outputs that store fewer bits.
+std::vector<unsigned char> bitmap_bytes(int h, unsigned char keep = 0xFF) {
     int w = 0, ht = 0, bits = 0;
     int block = IMG_bitmap_info(h, &w, &ht, &bits);
     if (block <= 0) return {};
@@ -462,6 +463,8 @@ std::vector<unsigned char> bitmap_bytes(int h) {
     for (int y = 0; y < ht; y++) {
         const unsigned char *row = dib + 40 + pal + y * padded;
         out.insert(out.end(), row, row + stride);
+        if (bits == 24 && keep != 0xFF)
+            for (auto p = out.end() - stride; p != out.end(); ++p) *p &= keep;
         if (bits == 1 && (w & 7)) out.back() &= static_cast<unsigned char>(0xFF00 >> (w & 7));
         if (bits == 4 && (w & 1)) out.back() &= 0xF0;
     }
@@ -531,6 +534,9 @@ int cmd_demo(int argc, char **argv) {
                 bool same = bitmap_bytes(h) == bitmap_bytes(cards[i]);
                 verdict = same ? "identical" : "differs";
                 identical += same;
+                // 15-bit Targa keeps the top five bits of each sample, and no more.
+                if (!same && t.code == IMG_TYPE_TARGA16 && bitmap_bytes(h, 0xF8) == bitmap_bytes(cards[i], 0xF8))
+                    verdict = "in 15 bits";
                 IMG_delete_bitmap(h);
             }
             rows++;
