@@ -116,7 +116,10 @@ def elf_exports(so, nm):
 INTERNAL = "brv::"
 # What the C++ compiler and runtime may add to any object file.
 RUNTIME = re.compile(r"^(DW\.ref\.__gxx_personality_v0|std::|__gnu_cxx::|(typeinfo|typeinfo name|vtable) for std::|"
-                     r"__x86\.get_pc_thunk\.)")
+                     r"__x86\.get_pc_thunk\.|__odr_asan\.)")
+# Unoptimised builds keep the standard library's inline templates as weak
+# definitions, their names led by a return type.
+WEAK_RUNTIME = re.compile(r"(^|\s)(std|__gnu_cxx)::")
 
 
 def static_strays(header_names, lib, nm):
@@ -131,6 +134,8 @@ def static_strays(header_names, lib, nm):
         name = parts[2]
         bare = name.split("(")[0]
         if bare in allowed or bare.startswith(INTERNAL) or RUNTIME.match(name):
+            continue
+        if parts[1] in "WV" and WEAK_RUNTIME.search(name):
             continue
         # Also the names of the internal namespace's lambdas and guards.
         if INTERNAL in name:
