@@ -1,4 +1,4 @@
-// brivanta: the command-line face of the library (info, detect, convert, demo).
+// brivanta: the command-line face of the library (info, detect, convert, process, demo).
 #include "brivanta.h"
 
 #include <chrono>
@@ -87,6 +87,7 @@ int usage(FILE *out) {
                  "  info FILE                 type, size, depth, pages and resolution\n"
                  "  detect FILE               the detected type code and its name\n"
                  "  convert IN OUT [options]  load IN by content, save OUT\n"
+                 "  process IN OUT OP...      load IN, apply each operation in turn, save OUT\n"
                  "  formats                   the type codes: key, extension, read and write support\n"
                  "  demo [DIR]                save a built-in test card under every writer and read it back\n"
                  "  --version                 the library's version\n"
@@ -378,6 +379,89 @@ int cmd_convert(int argc, char **argv) {
     return 0;
 }
 
+// ---- Processing: operations on a loaded picture, in the order given ---------------
+// One row per operation: its option, the argument it takes (null for none),
+// what it does, and the call that does it.
+struct process_op {
+    const char *name;
+    const char *arg;
+    const char *help;
+    int (*run)(int h, const char *arg);
+};
+
+int run_octree(int h, const char *arg) {
+    int bits = 0, colours = 256;
+    if (std::sscanf(arg, "%d:%d", &bits, &colours) < 1 || (bits != 4 && bits != 8)) return IMG_ERR_TYPE;
+    return IMG_octree_color(h, bits, nullptr, colours);
+}
+
+int run_promote(int h, const char *arg) {
+    int bits = std::atoi(arg);
+    return bits == 8 ? IMG_promote_8(h) : bits == 24 ? IMG_promote_24(h) : IMG_ERR_TYPE;
+}
+
+const process_op process_ops[] = {
+    {"--popularity", nullptr, "24 bits to 8 on its 256 most frequent colours",
+     [](int h, const char *) { return IMG_popularity_color(h); }},
+    {"--octree", "4|8[:COLOURS]", "8 or 24 bits onto an octree palette of the image, diffused",
+     run_octree},
+    {"--promote", "8|24", "1 or 4 bits to 8, or 1, 4, 8 bits to 24", run_promote},
+    {"--bayer-mono", nullptr, "black and white, ordered dither", [](int h, const char *) { return IMG_bayer_mono(h); }},
+    {"--halftone", nullptr, "black and white, clustered-dot screen",
+     [](int h, const char *) { return IMG_halftone_mono(h); }},
+    {"--diffusion-mono", nullptr, "black and white, error diffusion",
+     [](int h, const char *) { return IMG_diffusion_mono(h); }},
+    {"--bayer-colour", nullptr, "16 colours, ordered dither", [](int h, const char *) { return IMG_bayer_color(h); }},
+    {"--diffusion-colour", nullptr, "16 colours, error diffusion",
+     [](int h, const char *) { return IMG_diffusion_color(h); }},
+    {"--mediancut", nullptr, "256 colours of the 3-3-2 cube, error diffusion",
+     [](int h, const char *) { return IMG_mediancut_color(h); }},
+};
+
+const process_op *find_op(const char *name) {
+    for (const process_op &op : process_ops)
+        if (!std::strcmp(op.name, name)) return &op;
+    return nullptr;
+}
+
+int cmd_process(int argc, char **argv) {
+    if (wants_help(argc, argv)) {
+        std::printf("usage: brivanta process IN OUT OP...\n"
+                    "Loads IN, applies each operation in the order given and saves OUT by its extension.\n");
+        for (const process_op &op : process_ops) {
+            std::string name = std::string(op.name) + (op.arg ? std::string(" ") + op.arg : "");
+            std::printf("  %-26s %s\n", name.c_str(), op.help);
+        }
+        return 0;
+    }
+    if (argc < 5) return usage(stderr);
+    const char *in = argv[2], *out = argv[3];
+    std::vector<std::pair<const process_op *, const char *>> steps;
+    for (int i = 4; i < argc; i++) {
+        const process_op *op = find_op(argv[i]);
+        if (!op || (op->arg && i + 1 >= argc)) {
+            std::fprintf(stderr, "brivanta: unknown or incomplete operation %s\n", argv[i]);
+            return 2;
+        }
+        steps.emplace_back(op, op->arg ? argv[++i] : nullptr);
+    }
+    int h = load_file(in, 0);
+    if (h < 0) return fail(in, h);
+    for (auto [op, arg] : steps) {
+        progress_start(op->name + 2);
+        int r = op->run(h, arg);
+        progress_stop();
+        if (r < 0) {
+            IMG_delete_bitmap(h);
+            return fail(op->name, r);
+        }
+    }
+    if (!is_stdio(out)) std::remove(out);
+    int r = is_stdio(out) ? save_to_stdout(h, IMG_TYPE_BMP) : IMG_save_bitmap(h, out, IMG_TYPE_BY_EXTENSION);
+    IMG_delete_bitmap(h);
+    return r < 0 ? fail(out, r) : 0;
+}
+
 // ---- The demo: a test card through every writer --------------------------------
 // A 5 x 7 pixel font for the card's caption.
 const unsigned char *glyph(char c) {
@@ -546,6 +630,26 @@ int cmd_demo(int argc, char **argv) {
     }
     for (int c : cards) IMG_delete_bitmap(c);
     std::printf("%d files written, %d identical after reading back; the card is %s\n", rows, identical, card.c_str());
+    // The 24-bit card through each colour operation that takes it.
+    std::printf("\n%-20s %-30s %4s %8s\n", "operation", "file", "bits", "ms");
+    for (const process_op &op : process_ops) {
+        if (!std::strcmp(op.name, "--promote")) continue;  // takes 1- to 8-bit pictures
+        char file[512];
+        std::snprintf(file, sizeof file, "%s/card_%s.bmp", dir.c_str(), op.name + 2);
+        int h = load_file(card.c_str(), 0);
+        auto t0 = std::chrono::steady_clock::now();
+        int r = h < 0 ? h : op.run(h, op.arg ? "8" : nullptr);
+        double ms = ms_since(t0);
+        int bits = 0;
+        if (r >= 0) {
+            IMG_bitmap_info(h, nullptr, nullptr, &bits);
+            std::remove(file);
+            r = IMG_save_bitmap(h, file, IMG_TYPE_BMP);
+        }
+        if (h >= 0) IMG_delete_bitmap(h);
+        if (r < 0) return fail(op.name, r);
+        std::printf("%-20s %-30s %4d %8.2f\n", op.name + 2, file + dir.size() + 1, bits, ms);
+    }
     return rows ? 0 : 1;
 }
 
@@ -565,6 +669,7 @@ int main(int argc, char **argv) {
     if (cmd == "info") return cmd_info(argc, argv);
     if (cmd == "detect") return cmd_detect(argc, argv);
     if (cmd == "convert") return cmd_convert(argc, argv);
+    if (cmd == "process") return cmd_process(argc, argv);
     if (cmd == "demo") return cmd_demo(argc, argv);
     std::fprintf(stderr, "brivanta: unknown command %s\n", cmd.c_str());
     return usage(stderr);
