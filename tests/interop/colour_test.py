@@ -1,0 +1,461 @@
+"""Colour reductions against small numpy models of their rules, written here
+from the rules and not from the library: every pixel of every method must
+match on pictures that hit the edges (thresholds equal to a value, errors
+off the right edge and the last row, one colour, 1 x 1 and 1 x N).  Then
+the popularity and octree palettes beside ImageMagick's and pngquant's."""
+import ctypes
+import shutil
+
+import numpy as np
+
+import brivanta as B
+
+L = B.LIB
+L.IMG_octree_color.argtypes = [ctypes.c_int, ctypes.c_int, ctypes.c_void_p, ctypes.c_int]
+L.IMG_get_bitmap_palette.argtypes = [ctypes.c_int]
+L.IMG_bitmap_palette.argtypes = [ctypes.c_int, ctypes.c_void_p]
+
+BAYER = np.array([4, 128, 32, 160, 8, 136, 40, 168, 192, 64, 224, 96, 200, 72, 232, 104,
+                  48, 176, 16, 144, 56, 184, 24, 152, 240, 112, 208, 80, 248, 120, 216, 88,
+                  12, 140, 44, 172, 4, 132, 36, 164, 204, 76, 236, 108, 196, 68, 228, 100,
+                  60, 188, 28, 156, 52, 180, 20, 148, 252, 124, 220, 92, 244, 116, 212, 84])
+HALFTONE = np.array([136, 192, 160, 128, 116, 60, 92, 124, 168, 232, 224, 212, 84, 20, 28, 40,
+                     200, 248, 244, 180, 52, 4, 8, 72, 152, 184, 216, 148, 100, 68, 36, 104,
+                     112, 56, 88, 120, 140, 196, 164, 132, 80, 16, 24, 44, 172, 236, 228, 208,
+                     48, 0, 12, 76, 204, 252, 240, 176, 96, 64, 32, 108, 156, 188, 220, 144])
+
+
+def pcx(i):
+    level = 255 if i & 8 else 128
+    return [level if i & 4 else 0, level if i & 2 else 0, level if i & 1 else 0]  # b, g, r
+
+
+CUBE = [[(i & 3) * 85, ((i >> 2) & 7) * 255 // 7, ((i >> 5) & 7) * 255 // 7] for i in range(256)]
+
+
+# ---- Pictures: blue, green, red arrays in storage order (row 0 at the bottom) --
+def dib(bgr, bits, rng):
+    """A DIB of the picture at a depth: 24 bits as it is, else through a
+    colour table of its own distinct colours (the picture must fit)."""
+    h, w, _ = bgr.shape
+    if bits == 24:
+        pal, idx = b"", None
+    else:
+        colours, idx = np.unique(bgr.reshape(-1, 3), axis=0, return_inverse=True)
+        assert len(colours) <= 1 << bits
+        idx = idx.reshape(h, w)
+        table = np.zeros((1 << bits, 4), np.uint8)
+        table[:len(colours), :3] = colours
+        pal = table.tobytes()
+    s = B.stride(w, bits)
+    rows = []
+    for r in range(h):
+        if bits == 24:
+            row = bgr[r].astype(np.uint8).tobytes()
+        elif bits == 8:
+            row = idx[r].astype(np.uint8).tobytes()
+        elif bits == 1:
+            row = np.packbits(idx[r].astype(np.uint8)).tobytes()
+        else:
+            v = np.zeros(w + 1, np.uint8)
+            v[:w] = idx[r]
+            row = (v[0::2][: (w + 1) // 2] << 4 | v[1::2][: (w + 1) // 2]).astype(np.uint8).tobytes()
+        rows.append(row + b"\0" * (s - len(row)))
+    head = np.array([40, w, h, 1 | bits << 16, 0, s * h, 0, 0, 0, 0], np.uint32).tobytes()
+    return head + pal + b"".join(rows)
+
+
+def handle(bgr, bits=24, rng=None):
+    h = B.in_block(dib(bgr, bits, rng), L.IMG_create_handle)
+    assert h >= 0, h
+    return h
+
+
+def result(h):
+    """Indexes in storage order and the colour table (blue, green, red)."""
+    p = B.picture_of(h)
+    L.IMG_delete_bitmap(h)
+    pal = np.frombuffer(p.palette, np.uint8).reshape(-1, 4)[:, :3].astype(int) if p.bits != 24 else None
+    if p.bits == 24:
+        return p.rgb()[::-1, :, ::-1].astype(int), None, p.bits
+    return p.indices()[::-1].astype(int), pal, p.bits
+
+
+# ---- Models ------------------------------------------------------------------------
+def mono_grey(bgr):
+    b, g, r = (bgr[..., i].astype(int) for i in range(3))
+    return (11 * b + 30 * r + 59 * g) // 100
+
+
+def luma(b, g, r):
+    return (38 * r + 75 * g + 14 * b) >> 7
+
+
+def thresholds(table, h, w):
+    y, x = np.mgrid[0:h, 0:w]
+    return table[8 * (x % 8) + (y % 8)]
+
+
+def model_ordered_mono(bgr, table):
+    return (mono_grey(bgr) > thresholds(table, *bgr.shape[:2])).astype(int)
+
+
+def model_bayer_colour(bgr):
+    t = thresholds(BAYER, *bgr.shape[:2])
+    b, g, r = (bgr[..., i].astype(int) for i in range(3))
+    return (b > t) * 4 + (g > t) * 2 + (r > t) * 1 + (luma(b, g, r) > t + 40) * 8
+
+
+def tdiv(a, b):
+    """Division truncating toward zero."""
+    q = abs(a) // b
+    return q if a >= 0 else -q
+
+
+K42 = [(0, 1, lambda e: tdiv(8 * e, 42)), (0, 2, lambda e: tdiv(4 * e, 42)),
+       (1, -2, lambda e: tdiv(e, 21)), (1, -1, lambda e: tdiv(4 * e, 42)), (1, 0, lambda e: tdiv(8 * e, 42)),
+       (1, 1, lambda e: tdiv(4 * e, 42)), (1, 2, lambda e: tdiv(e, 21)),
+       (2, -2, lambda e: tdiv(e, 42)), (2, -1, lambda e: tdiv(e, 21)), (2, 0, lambda e: tdiv(4 * e, 42)),
+       (2, 1, lambda e: tdiv(e, 21)), (2, 2, lambda e: tdiv(e, 42))]
+K32 = [(0, 1, lambda e: e >> 2), (0, 2, lambda e: e >> 3), (1, -2, lambda e: e >> 4), (1, -1, lambda e: e >> 3),
+       (1, 0, lambda e: e >> 2), (1, 1, lambda e: e >> 3), (1, 2, lambda e: e >> 4)]
+K16 = [(0, 1, lambda e: tdiv(7 * e, 16)), (1, -1, lambda e: tdiv(3 * e, 16)), (1, 0, lambda e: tdiv(5 * e, 16)),
+       (1, 1, lambda e: tdiv(e, 16))]
+
+
+def model_diffusion(values, kernel, pick):
+    """values: H x W x C source values; pick(list of C) -> (index, errors).
+    Rows run in storage order, odd rows right to left; errors land only in
+    real pixels, and rows past the last are never read back."""
+    h, w, c = values.shape
+    work = [list(map(list, values[min(r, h - 1)].tolist())) for r in range(h)]
+    out = np.zeros((h, w), int)
+    for r in range(h):
+        back = r & 1
+        for x in (range(w - 1, -1, -1) if back else range(w)):
+            index, err = pick(work[r][x])
+            out[r, x] = index
+            for dr, dx, term in kernel:
+                xx = x - dx if back else x + dx
+                if r + dr < h and 0 <= xx < w:
+                    for k in range(c):
+                        work[r + dr][xx][k] += term(err[k])
+    return out
+
+
+def mono_pick(v):
+    return (1, [v[0] - 255]) if v[0] >= 128 else (0, [v[0]])
+
+
+def pcx_pick(v):
+    b, g, r = v
+    i = 4 if b > 180 else 0
+    if g > 180:
+        i = 2 if b <= 180 else 6
+    if r > 180:
+        i |= 1
+    if max(b, g, r) >= 221:
+        i |= 8
+    return i, [v[k] - pcx(i)[k] for k in range(3)]
+
+
+def cube_pick(v):
+    b, g, r = (min(max(c, 0), 255) for c in v)
+    i = (r & 0xE0) | ((g & 0xE0) >> 3) | (b >> 6)
+    return i, [b - CUBE[i][0], g - CUBE[i][1], r - CUBE[i][2]]
+
+
+def model_popularity(bgr):
+    b, g, r = (bgr[..., i].astype(int) for i in range(3))
+    keys = ((r & 0xF0) << 4) | (g & 0xF0) | (b >> 4)
+    count = np.bincount(keys.ravel(), minlength=4096) % 65536
+    chosen = [0]
+    for _ in range(255):
+        k = 4095 - int(np.argmax(count[::-1]))  # the highest of the largest counts
+        chosen.append(k)
+        count[k] = 0
+    ent = np.array([[(k << 4) & 0xF0, k & 0xF0, (k >> 4) & 0xF0] for k in chosen])
+    px = np.stack([b, g, r], -1) >> 4 << 1
+    d = (((px[..., None, :] - (ent >> 4 << 1)[None, None]) ** 2).sum(-1))
+    return np.argmin(d, axis=-1), ent
+
+
+class Octree:
+    """The octree of the rules: nodes as dicts, lists newest first."""
+
+    def __init__(self, colours):
+        self.max = min(max(colours, 8), 256)
+        self.limit, self.leaves = 7, 0
+        self.root = self.node(-1)
+        self.lists = [[] for _ in range(8)]
+
+    @staticmethod
+    def node(level):
+        return {"n": 0, "s": [0, 0, 0], "level": level, "kids": [None] * 8, "index": 0}
+
+    @staticmethod
+    def path(c, level):
+        b, g, r = c
+        bit = 7 - level
+        return ((b >> bit) & 1) * 4 + ((g >> bit) & 1) * 2 + ((r >> bit) & 1)
+
+    def walk(self, c):
+        node = self.root
+        for level in range(8):
+            kid = node["kids"][self.path(c, level)]
+            if kid is None:
+                return node, level, True
+            node = kid
+            if node["n"]:
+                break
+        return node, 8, False
+
+    def reduce(self):
+        for level in range(6, -1, -1):
+            if self.lists[level]:
+                best = min(self.lists[level], key=lambda n: sum(k["n"] for k in n["kids"] if k))
+                self.lists[level].remove(best)
+                had = best["n"]
+                for i, k in enumerate(best["kids"]):
+                    if k:
+                        best["n"] += k["n"]
+                        best["s"] = [a + b for a, b in zip(best["s"], k["s"])]
+                        best["kids"][i] = None
+                        self.leaves -= 1
+                if not had:
+                    self.leaves += 1
+                self.limit = level
+                return True
+        return False
+
+    def insert(self, c):
+        node, level, missing = self.walk(c)
+        while missing and self.leaves >= self.max and self.reduce():
+            node, level, missing = self.walk(c)
+        if missing:
+            for d in range(level, self.limit + 1):
+                kid = self.node(d)
+                node["kids"][self.path(c, d)] = kid
+                if d < self.limit:
+                    self.lists[d].insert(0, kid)
+                node = kid
+            self.leaves += 1
+        node["n"] += 1
+        node["s"] = [a + b for a, b in zip(node["s"], c)]
+
+    def palette(self):
+        pal = []
+
+        def visit(n):
+            if n["n"] and len(pal) < self.max:
+                n["index"] = len(pal)
+                pal.append([min(s // n["n"], 255) for s in n["s"]])
+            for k in n["kids"]:
+                if k and len(pal) < self.max:
+                    visit(k)
+        visit(self.root)
+        self.pal = pal
+        return pal
+
+    def lookup(self, c):
+        node, _, missing = self.walk(c)
+        if not missing:
+            return node["index"]
+        d = [sum(((c[k] >> 1) - (e[k] >> 1)) ** 2 for k in range(3)) for e in self.pal]
+        return int(np.argmin(d))
+
+
+def model_octree(bgr, bits, colours, given=None):
+    t = Octree(min(colours, 16) if bits == 4 else colours)
+    for c in (given[:colours] if given is not None else bgr.reshape(-1, 3).tolist()):
+        t.insert([int(v) for v in c])
+    pal = t.palette()
+
+    def pick(v):
+        c = [min(max(x, 0), 255) for x in v]
+        i = t.lookup(c)
+        return i, [c[k] - pal[i][k] for k in range(3)]
+    return model_diffusion(bgr.astype(int), K16, pick), np.array(pal)
+
+
+# ---- Test pictures -------------------------------------------------------------------
+RNG = np.random.default_rng(19)
+
+
+def noise(h, w, levels=None):
+    a = RNG.integers(0, 256, (h, w, 3))
+    return a if levels is None else RNG.choice(levels, (h, w, 3))
+
+
+def ramp(h, w):
+    y, x = np.mgrid[0:h, 0:w]
+    return np.stack([x * 255 // max(w - 1, 1), y * 255 // max(h - 1, 1), (x * 7 + y * 13) % 256], -1)
+
+
+def grey(h, w, v):
+    return np.full((h, w, 3), v)
+
+
+# name, picture, source depths it is given at
+PICTURES = [
+    ("noise 37x23", noise(23, 37), (24,)),
+    ("ramp 29x19", ramp(19, 29), (24,)),
+    ("16 colours 21x13", noise(13, 21, [0, 90, 200, 255]), (24, 8)),
+    ("8 colours 11x9", noise(9, 11, [0, 255]), (24, 8, 4)),
+    ("grey 4 (equal to a threshold)", grey(8, 8, 4), (24, 8, 4)),
+    ("grey 5", grey(16, 16, 5), (24,)),
+    ("grey 128", grey(8, 16, 128), (24,)),
+    ("grey 127", grey(9, 9, 127), (24,)),
+    ("white", grey(5, 7, 255), (24, 4)),
+    ("1x1", noise(1, 1), (24, 8, 4)),
+    ("1xN", noise(1, 17), (24,)),
+    ("Nx1", noise(17, 1), (24,)),
+]
+
+
+def method(name, call, model, depths=(24, 8, 4)):
+    """Runs call on each picture at each depth it takes and compares with the model."""
+    def check():
+        for pname, pic, pdepths in PICTURES:
+            for bits in pdepths:
+                if bits not in depths:
+                    continue
+                h = handle(pic, bits)
+                assert call(h) == 0, "%s on %s" % (name, pname)
+                got, pal, _ = result(h)
+                want, want_pal = model(pic)
+                where = "%s, %d-bit %s" % (name, bits, pname)
+                assert np.array_equal(got, want), "%s: %d pixels differ" % (where, int((got != want).sum()))
+                if want_pal is not None:
+                    assert np.array_equal(pal[:len(want_pal)], want_pal), where + ": palette"
+    return check
+
+
+def fixed(pixels, palette):
+    return lambda pic: (pixels(pic), np.array(palette))
+
+
+def ordered(table):
+    return fixed(lambda p: model_ordered_mono(p, table), [[0, 0, 0], [255, 255, 255]])
+
+
+def diffused(kernel, pick, palette, channels=3):
+    def pixels(p):
+        v = mono_grey(p)[..., None] if channels == 1 else p.astype(int)
+        return model_diffusion(v, kernel, pick)
+    return fixed(pixels, palette)
+
+
+def octree(bits, colours):
+    return lambda p: model_octree(p, bits, colours)
+
+
+CASES = [
+    ("bayer mono", method("bayer mono", L.IMG_bayer_mono, ordered(BAYER))),
+    ("halftone mono", method("halftone", L.IMG_halftone_mono, ordered(HALFTONE))),
+    ("bayer colour", method("bayer colour", L.IMG_bayer_color,
+                            fixed(model_bayer_colour, [pcx(i) for i in range(16)]))),
+    ("diffusion mono", method("diffusion mono", L.IMG_diffusion_mono,
+                              diffused(K42, mono_pick, [[0, 0, 0], [255, 255, 255]], 1))),
+    ("diffusion colour", method("diffusion colour", L.IMG_diffusion_color,
+                                diffused(K32, pcx_pick, [pcx(i) for i in range(16)]))),
+    ("median cut is diffusion onto the cube", method("mediancut", L.IMG_mediancut_color,
+                                                     diffused(K32, cube_pick, CUBE))),
+    ("popularity", method("popularity", L.IMG_popularity_color, model_popularity, (24,))),
+    ("octree 8 bits, 256", method("octree 8", lambda h: L.IMG_octree_color(h, 8, None, 256), octree(8, 256),
+                                  (24, 8))),
+    ("octree 8 bits, asked for 4 builds 8", method("octree 4 colours", lambda h: L.IMG_octree_color(h, 8, None, 4),
+                                                   octree(8, 4), (24, 8))),
+    ("octree 4 bits", method("octree 4", lambda h: L.IMG_octree_color(h, 4, None, 256), octree(4, 16), (24, 8))),
+]
+
+
+def octree_given_palette():
+    given = np.array([[0, 0, 0, 0], [255, 255, 255, 0], [0, 0, 255, 0], [40, 200, 90, 0], [7, 7, 7, 0]], np.uint8)
+    pic = ramp(19, 29)
+    for n in (3, 5):
+        h = handle(pic)
+        assert L.IMG_octree_color(h, 8, given.ctypes.data, n) == 0
+        got, pal, bits = result(h)
+        want, want_pal = model_octree(pic, 8, n, given[:, :3].tolist())
+        assert bits == 8 and np.array_equal(got, want) and np.array_equal(pal[:len(want_pal)], want_pal), n
+
+
+def promotions():
+    pic = noise(7, 13, [0, 255])
+    for bits, call, want_bits in ((4, L.IMG_promote_8, 8), (4, L.IMG_promote_24, 24), (8, L.IMG_promote_24, 24)):
+        h = handle(pic, bits)
+        assert call(h) == 0
+        got, pal, got_bits = result(h)
+        assert got_bits == want_bits
+        seen = got if want_bits == 24 else pal[got]
+        assert np.array_equal(seen, pic), (bits, want_bits)
+
+
+def refusals():
+    """Depths each method does not take give -7 and leave the bitmap alone."""
+    pic1 = noise(5, 9, [0, 255])[..., :1].repeat(3, -1)
+    for bits, calls in ((1, [L.IMG_bayer_mono, L.IMG_diffusion_color, L.IMG_mediancut_color, L.IMG_popularity_color,
+                             lambda h: L.IMG_octree_color(h, 8, None, 256)]),
+                        (8, [L.IMG_popularity_color, L.IMG_promote_8]), (24, [L.IMG_promote_8, L.IMG_promote_24])):
+        for call in calls:
+            h = handle(pic1, bits)
+            before = B.picture_of(h)
+            assert call(h) == -7
+            after = B.picture_of(h)
+            L.IMG_delete_bitmap(h)
+            assert (before.rows, before.palette, before.bits) == (after.rows, after.palette, after.bits)
+
+
+def display_palette():
+    """The display palette block: LOGPALETTE layout of the table through
+    the handle's gamma (here 100, the identity), red first."""
+    pic = noise(3, 5, [0, 90, 200, 255])
+    h = handle(pic, 8)
+    L.IMG_set_gamma(h, 100)
+    block = L.IMG_get_bitmap_palette(h)
+    assert block > 0
+    data = ctypes.string_at(L.IMG_mem_lock(block), 4 + 4 * 256)
+    L.IMG_mem_unlock(block)
+    L.IMG_mem_free(block)
+    table = np.frombuffer(B.picture_of(h).palette, np.uint8).reshape(-1, 4)
+    L.IMG_delete_bitmap(h)
+    entries = np.frombuffer(data[4:], np.uint8).reshape(-1, 4)
+    assert data[:4] == b"\x00\x03\x00\x01"
+    assert np.array_equal(entries[:, :3], table[:, 2::-1]) and not entries[:, 3].any()
+
+
+def psnr_beside_references():
+    """Octree and popularity beside ImageMagick's -colors 256 and pngquant
+    (libimagequant) on a photograph-like picture: the figures are printed;
+    the margin only catches a palette gone wrong."""
+    B.require("convert", "pngquant")
+    src = B.tmp("plasma.png")
+    B.run("convert -size 256x192 -seed 7 plasma:fractal -blur 0x1 " + src)
+    ref = B.pillow_rgb(src)
+    ours = {}
+    for name, call in (("octree", lambda h: L.IMG_octree_color(h, 8, None, 256)),
+                       ("popularity", L.IMG_popularity_color)):
+        h = handle(ref[::-1, :, ::-1].astype(int))
+        assert call(h) == 0
+        ours[name] = B.psnr(B.picture_of(h).rgb(), ref)
+        L.IMG_delete_bitmap(h)
+    B.run("convert %s -colors 256 %s" % (src, B.tmp("magick.png")))
+    B.run("pngquant --force --output %s 256 %s" % (B.tmp("pq.png"), src))
+    theirs = {"ImageMagick -colors 256": B.psnr(B.pillow_rgb(B.tmp("magick.png")), ref),
+              "pngquant": B.psnr(B.pillow_rgb(B.tmp("pq.png")), ref)}
+    print("  PSNR dB: " + ", ".join("%s %.2f" % kv for kv in list(ours.items()) + list(theirs.items())))
+    best = max(theirs.values())
+    assert ours["octree"] > best - 8 and ours["popularity"] > best - 12, (ours, theirs)
+
+
+CASES += [
+    ("octree onto a given palette", octree_given_palette),
+    ("promotions keep the picture", promotions),
+    ("refused depths leave the bitmap", refusals),
+    ("display palette block", display_palette),
+    ("PSNR beside ImageMagick and pngquant", psnr_beside_references),
+]
+
+if __name__ == "__main__":
+    B.main(CASES)
