@@ -27,34 +27,42 @@ void row_thresholds(const uint8_t table[64], int r, uint8_t out[8]) {
 
 namespace {
 
+// Eight pixels make one output byte, so the threshold of each is fixed.
+// grey > t is compared as 11b + 30r + 59g >= 100 (t + 1): no division.
 template <int Bits>
 void mono_row(const uint8_t *src, const uint8_t *pal, uint8_t *out, int width, const uint8_t t[8]) {
-    uint8_t acc = 0;
-    for (int x = 0; x < width; x++) {
-        const uint8_t *q = pixel_bgr<Bits>(src, pal, x);
-        if (mono_grey(q[0], q[1], q[2]) > t[x & 7]) acc |= static_cast<uint8_t>(0x80 >> (x & 7));
-        if ((x & 7) == 7) {
-            out[x >> 3] = acc;
-            acc = 0;
-        }
+    int limit[8];
+    for (int k = 0; k < 8; k++) limit[k] = 100 * (t[k] + 1);
+    auto bit = [&](int x, int k) {
+        const uint8_t *q = pixel_bgr<Bits>(src, pal, x + k);
+        return static_cast<unsigned>(11 * q[0] + 59 * q[1] + 30 * q[2] >= limit[k]) << (7 - k);
+    };
+    int x = 0;
+    for (; x + 8 <= width; x += 8) {
+        unsigned acc = 0;
+        for (int k = 0; k < 8; k++) acc |= bit(x, k);
+        out[x >> 3] = static_cast<uint8_t>(acc);
     }
-    if (width & 7) out[width >> 3] = acc;
+    if (x < width) {
+        unsigned acc = 0;
+        for (int k = 0; x + k < width; k++) acc |= bit(x, k);
+        out[x >> 3] = static_cast<uint8_t>(acc);
+    }
 }
 
+// Two pixels make one output byte; Y > t + 40 is compared as
+// 38r + 75g + 14b >= (t + 41) << 7.
 template <int Bits>
 void colour_row(const uint8_t *src, const uint8_t *pal, uint8_t *out, int width, const uint8_t t[8]) {
-    uint8_t acc = 0;
-    for (int x = 0; x < width; x++) {
+    auto index = [&](int x) {
         const uint8_t *q = pixel_bgr<Bits>(src, pal, x);
-        int b = q[0], g = q[1], r = q[2], th = t[x & 7];
-        int index = (b > th ? 4 : 0) | (g > th ? 2 : 0) | (r > th ? 1 : 0) | (luma(b, g, r) > th + 40 ? 8 : 0);
-        if (x & 1) {
-            out[x >> 1] = static_cast<uint8_t>(acc | index);
-        } else {
-            acc = static_cast<uint8_t>(index << 4);
-        }
-    }
-    if (width & 1) out[width >> 1] = acc;
+        const int b = q[0], g = q[1], r = q[2], th = t[x & 7];
+        return (b > th ? 4 : 0) | (g > th ? 2 : 0) | (r > th ? 1 : 0) |
+               (38 * r + 75 * g + 14 * b >= (th + 41) << 7 ? 8 : 0);
+    };
+    int x = 0;
+    for (; x + 2 <= width; x += 2) out[x >> 1] = static_cast<uint8_t>(index(x) << 4 | index(x + 1));
+    if (x < width) out[x >> 1] = static_cast<uint8_t>(index(x) << 4);
 }
 
 int ordered(int h, int target_bits, const uint8_t table[64]) {
