@@ -449,7 +449,21 @@ def psnr_beside_references():
     assert ours["octree"] > best - 8 and ours["popularity"] > best - 12, (ours, theirs)
 
 
+def tool_process_chains_operations():
+    """The tool's process subcommand applies its operations in order."""
+    src, out = B.tmp("in.bmp"), B.tmp("out.bmp")
+    h = handle(ramp(19, 29))
+    assert L.IMG_save_bitmap(h, src.encode(), 1) == 0
+    L.IMG_delete_bitmap(h)
+    B.run([B.TOOL, "process", src, out, "--octree", "4:16", "--promote", "24"])
+    p = B.loaded(out)
+    assert p.bits == 24 and len(np.unique(p.rgb().reshape(-1, 3), axis=0)) <= 16
+    for bad in (["--octree", "5"], ["--sepia"], ["--promote"]):
+        assert B.subprocess.run([B.TOOL, "process", src, out] + bad, capture_output=True).returncode != 0, bad
+
+
 CASES += [
+    ("tool process chains operations", tool_process_chains_operations),
     ("octree onto a given palette", octree_given_palette),
     ("promotions keep the picture", promotions),
     ("refused depths leave the bitmap", refusals),
