@@ -117,4 +117,19 @@ int diffuse(reshape &s, int out_bits, Quantise &&quantise) {
     return 0;
 }
 
+inline int clamp255(int v) { return v < 0 ? 0 : v > 255 ? 255 : v; }
+
+// Diffusion onto a colour table (blue, green, red quads): each component is
+// clamped to 0..255, index_of(b, g, r) picks the entry, and the error is the
+// clamped value less the entry's component.
+template <class Kernel, class Index>
+int diffuse_onto(reshape &s, int out_bits, const uint8_t *pal, Index &&index_of) {
+    return diffuse<3, Kernel>(s, out_bits, [&](const int32_t *v, int *err) {
+        const int c[3] = {clamp255(v[0]), clamp255(v[1]), clamp255(v[2])};
+        const int index = index_of(c[0], c[1], c[2]);
+        for (int k = 0; k < 3; k++) err[k] = c[k] - pal[4 * index + k];
+        return index;
+    });
+}
+
 }  // namespace brv

@@ -9,8 +9,6 @@ namespace {
 
 constexpr unsigned SOURCES = 1u << 4 | 1u << 8 | 1u << 24;
 
-inline int clamp255(int v) { return v < 0 ? 0 : v > 255 ? 255 : v; }
-
 // The "pcx" colours: dim 128 for indexes 0-7, full 255 for 8-15.
 constexpr int pcx_level(int index, int bit) { return index & bit ? (index & 8 ? 255 : 128) : 0; }
 
@@ -48,14 +46,8 @@ int mediancut(int h) {
     reshape s(h, SOURCES, 8);
     if (s.result()) return s.result();
     set_named_palette(s.new_header(), "332");
-    int r = diffuse<3, kernel_32>(s, 8, [](const int32_t *v, int *err) {
-        const int b = clamp255(v[0]), g = clamp255(v[1]), rd = clamp255(v[2]);
-        const int index = (rd & 0xE0) | (g & 0xE0) >> 3 | b >> 6;
-        err[0] = b - (index & 3) * 85;
-        err[1] = g - ((index >> 2) & 7) * 255 / 7;
-        err[2] = rd - ((index >> 5) & 7) * 255 / 7;
-        return index;
-    });
+    int r = diffuse_onto<kernel_32>(s, 8, s.new_palette(),
+                                    [](int b, int g, int rd) { return (rd & 0xE0) | (g & 0xE0) >> 3 | b >> 6; });
     return s.finish(r);
 }
 

@@ -186,8 +186,6 @@ int octree_lookup(const octree &t, const uint8_t *pal, int colours, uint16_t *ca
     return static_cast<int>(t.node[id].index);
 }
 
-inline int clamp255(int v) { return v < 0 ? 0 : v > 255 ? 255 : v; }
-
 int octree_colour(int h, int bits, const uint8_t *given, int colours) {
     const int out_bits = bits == 4 ? 4 : 8;
     reshape s(h, 1u << 8 | 1u << 24, out_bits);
@@ -213,13 +211,8 @@ int octree_colour(int h, int bits, const uint8_t *given, int colours) {
     }
     uint8_t *pal = s.new_palette();
     const int n = octree_build_palette(t, pal);
-    int r = diffuse<3, kernel_16>(s, out_bits, [&](const int32_t *v, int *err) {
-        const int b = clamp255(v[0]), g = clamp255(v[1]), rd = clamp255(v[2]);
-        const int index = octree_lookup(t, pal, n, cache.data, b, g, rd);
-        err[0] = b - pal[4 * index];
-        err[1] = g - pal[4 * index + 1];
-        err[2] = rd - pal[4 * index + 2];
-        return index;
+    int r = diffuse_onto<kernel_16>(s, out_bits, pal, [&](int b, int g, int rd) {
+        return octree_lookup(t, pal, n, cache.data, b, g, rd);
     });
     return s.finish(r);
 }
