@@ -12,8 +12,6 @@ import brivanta as B
 
 L = B.LIB
 L.IMG_octree_color.argtypes = [ctypes.c_int, ctypes.c_int, ctypes.c_void_p, ctypes.c_int]
-L.IMG_get_bitmap_palette.argtypes = [ctypes.c_int]
-L.IMG_bitmap_palette.argtypes = [ctypes.c_int, ctypes.c_void_p]
 
 BAYER = np.array([4, 128, 32, 160, 8, 136, 40, 168, 192, 64, 224, 96, 200, 72, 232, 104,
                   48, 176, 16, 144, 56, 184, 24, 152, 240, 112, 208, 80, 248, 120, 216, 88,
@@ -407,24 +405,6 @@ def refusals():
             assert (before.rows, before.palette, before.bits) == (after.rows, after.palette, after.bits)
 
 
-def display_palette():
-    """The display palette block: LOGPALETTE layout of the table through
-    the handle's gamma (here 100, the identity), red first."""
-    pic = noise(3, 5, [0, 90, 200, 255])
-    h = handle(pic, 8)
-    L.IMG_set_gamma(h, 100)
-    block = L.IMG_get_bitmap_palette(h)
-    assert block > 0
-    data = ctypes.string_at(L.IMG_mem_lock(block), 4 + 4 * 256)
-    L.IMG_mem_unlock(block)
-    L.IMG_mem_free(block)
-    table = np.frombuffer(B.picture_of(h).palette, np.uint8).reshape(-1, 4)
-    L.IMG_delete_bitmap(h)
-    entries = np.frombuffer(data[4:], np.uint8).reshape(-1, 4)
-    assert data[:4] == b"\x00\x03\x00\x01"
-    assert np.array_equal(entries[:, :3], table[:, 2::-1]) and not entries[:, 3].any()
-
-
 def psnr_beside_references():
     """Octree and popularity beside ImageMagick's -colors 256 and pngquant
     (libimagequant) on a photograph-like picture: the figures are printed;
@@ -467,7 +447,6 @@ CASES += [
     ("octree onto a given palette", octree_given_palette),
     ("promotions keep the picture", promotions),
     ("refused depths leave the bitmap", refusals),
-    ("display palette block", display_palette),
     ("PSNR beside ImageMagick and pngquant", psnr_beside_references),
 ]
 
