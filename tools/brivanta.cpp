@@ -381,7 +381,8 @@ int cmd_convert(int argc, char **argv) {
 
 // ---- Processing: operations on a loaded picture, in the order given ---------------
 // One row per operation: its option, the argument it takes (null for none),
-// what it does, and the call that does it.
+// what it does, and the call that does it (BAD_ARGUMENT for an argument it
+// cannot use).
 struct process_op {
     const char *name;
     const char *arg;
@@ -389,15 +390,17 @@ struct process_op {
     int (*run)(int h, const char *arg);
 };
 
+constexpr int BAD_ARGUMENT = 1;
+
 int run_octree(int h, const char *arg) {
     int bits = 0, colours = 256;
-    if (std::sscanf(arg, "%d:%d", &bits, &colours) < 1 || (bits != 4 && bits != 8)) return IMG_ERR_TYPE;
+    if (std::sscanf(arg, "%d:%d", &bits, &colours) < 1 || (bits != 4 && bits != 8)) return BAD_ARGUMENT;
     return IMG_octree_color(h, bits, nullptr, colours);
 }
 
 int run_promote(int h, const char *arg) {
     int bits = std::atoi(arg);
-    return bits == 8 ? IMG_promote_8(h) : bits == 24 ? IMG_promote_24(h) : IMG_ERR_TYPE;
+    return bits == 8 ? IMG_promote_8(h) : bits == 24 ? IMG_promote_24(h) : BAD_ARGUMENT;
 }
 
 const process_op process_ops[] = {
@@ -451,9 +454,10 @@ int cmd_process(int argc, char **argv) {
         progress_start(op->name + 2);
         int r = op->run(h, arg);
         progress_stop();
-        if (r < 0) {
+        if (r == BAD_ARGUMENT) std::fprintf(stderr, "brivanta: %s takes %s\n", op->name, op->arg);
+        if (r != 0) {
             IMG_delete_bitmap(h);
-            return fail(op->name, r);
+            return r < 0 ? fail(op->name, r) : 2;
         }
     }
     if (!is_stdio(out)) std::remove(out);
