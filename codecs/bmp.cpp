@@ -1,6 +1,7 @@
 // BMP: the reader (file header or bare DIB, OS/2 core header, 16- and 32-bit
 // rows, top-down, RLE4, RLE8, the private record format 99) and the writers
 // of plain (type 1) and run-length (type 12) files.
+#include "codecs/codec_support.h"
 #include "codecs/codecs.h"
 #include "frame/byte_source.h"
 #include "frame/load.h"
@@ -73,19 +74,14 @@ int read_plain(bmp_reader &b) {
             case row_mode::top_down: r = delivered; break;
             case row_mode::from16: {
                 const int n = static_cast<int>((have + 1) / 2);
-                for (int x = 0; x < n; x++) {
-                    uint32_t p = get16(row + 2 * x);
-                    out[3 * x] = static_cast<uint8_t>(p << 3);
-                    out[3 * x + 1] = static_cast<uint8_t>((p >> 2) & 0xF8);
-                    out[3 * x + 2] = static_cast<uint8_t>((p >> 7) & 0xF8);
-                }
+                row_from15(row, out, n);
                 std::memset(out + 3 * static_cast<size_t>(n), 0, 3 * static_cast<size_t>(w - n));
                 row = out;
                 break;
             }
             case row_mode::from32: {
                 const int n = static_cast<int>((have + 3) / 4);
-                for (int x = 0; x < n; x++) std::memcpy(out + 3 * x, row + 4 * x, 3);
+                row_from32(row, out, n);
                 std::memset(out + 3 * static_cast<size_t>(n), 0, 3 * static_cast<size_t>(w - n));
                 row = out;
                 if (b.top_down) r = delivered;
@@ -310,7 +306,7 @@ BRIVANTA_READER(bmp_read) {
     else
         rc = read_plain(b);
     scratch_free(hdr);
-    return rc < 0 ? rc : 1;
+    return rc;
 }
 
 namespace {

@@ -1,6 +1,7 @@
 // GIF: the reader (first image only, extension chain, interlaced rows, the
 // transparent index in biClrUsed), its LZW decoder, and the GIF87a writer
 // (type 4) with its own LZW encoder.
+#include "codecs/codec_support.h"
 #include "codecs/gif.h"
 
 #include "colour/colour.h"
@@ -332,12 +333,7 @@ BRIVANTA_READER(gif_decompress) {
         h.biSizeImage = 0;
     h.biClrUsed = transparent;
     if (has_table) {
-        const int n = 1 << h.biBitCount;
-        for (int i = 0; i < n; i++) {
-            hdr->palette[4 * i] = table[3 * i + 2];
-            hdr->palette[4 * i + 1] = table[3 * i + 1];
-            hdr->palette[4 * i + 2] = table[3 * i];
-        }
+        palette_from_rgb(hdr->palette, table, 1 << h.biBitCount);
     } else {
         set_named_palette(&h, "tiff");  // no colour table at all: indices read as grey levels
     }

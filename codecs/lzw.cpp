@@ -157,7 +157,7 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
     uint32_t start = 0, fill = 0;                // undelivered bytes are out[start, fill)
     uint32_t base = 0;                           // the strip offset of out[0]
     uint32_t check_at = row_bytes < room ? row_bytes : room;  // the next fill that needs a look
-    int done = 0, rc = 1;
+    int done = 0, rc = 0;
     int width = 9, grow_at = 511;
     // The next free code, which every code below stands for; -1 right after
     // a Clear, when the next code must stand for itself.
@@ -229,7 +229,7 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
             std::memset(out + fill, 0, start + row_bytes - fill);
             for (; done < row_count; done++)
                 if (rc = sink(context, out + start, first_row + done); rc < 0) goto finish;
-            rc = 1;
+            rc = 0;
             goto finish;
         } else if (code < 256 && next < 0) {
             // The first code after a Clear stands for itself.
@@ -247,7 +247,7 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
                 if (rc = sink(context, out + start, first_row + done); rc < 0) goto finish;
                 start += row_bytes;
                 if (++done >= row_count) {
-                    rc = 1;
+                    rc = 0;
                     goto finish;
                 }
             }

@@ -1,6 +1,7 @@
 // PCX and DCX: the PCX reader (1-bit, planar 4-bit, 8-bit with a trailing
 // palette, planar 24-bit), the DCX page reader and page counter, and the
 // writers of types 2 (PCX) and 11 (DCX, adding one page per save).
+#include "codecs/codec_support.h"
 #include "codecs/pcx.h"
 
 #include "colour/colour.h"
@@ -62,12 +63,7 @@ bool build_palette(dib_header *hdr, const uint8_t *triples, int version, int pal
         set_named_palette(h, "pcx");
         return false;
     }
-    const uint32_t n = palette_bytes(h->biBitCount) / 4;
-    for (uint32_t i = 0; i < n; i++) {
-        hdr->palette[4 * i] = triples[3 * i + 2];
-        hdr->palette[4 * i + 1] = triples[3 * i + 1];
-        hdr->palette[4 * i + 2] = triples[3 * i];
-    }
+    palette_from_rgb(hdr->palette, triples, static_cast<int>(palette_bytes(h->biBitCount) / 4));
     if (h->biBitCount != 1) return false;
     const uint8_t *e0 = triples, *e1 = triples + 3;
     const bool e0_lit = e0[0] && e0[1] && e0[2];
@@ -211,7 +207,7 @@ int pcx_read(int32_t where, int32_t palette_end, IMG_put_row_fn put_row, void *c
         }
         if (int rc = put_row(row, context, r, static_cast<int>(stride)); rc < 0) return rc;
     }
-    return 1;
+    return 0;
 }
 
 }  // namespace

@@ -273,7 +273,7 @@ int tiff_read_jpeg_strips(const tiff_jpeg_source &s, dib_header *header, IMG_put
         if (rc < 0) return rc;
         if (sink.delivered < sink.rows) return IMG_ERR_DATA;
     }
-    return 1;
+    return 0;
 }
 
 BRIVANTA_WRITER(tiff_write_jpeg) {

@@ -1116,11 +1116,11 @@ int decode(tiff_reader &r, uint32_t wanted, IMG_put_row_fn put_row, void *user, 
     case 32773: rc = tiff_read_packbits(r); break;
     case 2: case 3: case 4: case TIFF_COMPRESSION_G3_2D: rc = tiff_read_ccitt(r); break;
     case 5: rc = tiff_read_lzw(r); break;
-    default: return 1;  // announced, no rows: a compression this reader does not know
+    default: return 0;  // announced, no rows: a compression this reader does not know
     }
     if (rc < 0) return rc;
     if (r.planar) rc = reassemble(r);
-    return rc < 0 ? rc : 1;
+    return rc < 0 ? rc : 0;
 }
 
 }  // namespace
