@@ -11,7 +11,9 @@ namespace brv {
 // ---- Direct reads -----------------------------------------------------------------
 // One read of at most n bytes: the count it brought, never more than n, 0
 // when it failed.  A short read stays short; the format decides what that means.
-inline int32_t read_once(int fd, void *buf, int32_t n) {
+// Out of line: it runs once a buffer, and inlined it crowds the bit readers'
+// hot loops.
+__attribute__((noinline)) inline int32_t read_once(int fd, void *buf, int32_t n) {
     if (n <= 0) return 0;
     int32_t got = file_read(fd, buf, n);
     return got < 0 ? 0 : got > n ? n : got;
