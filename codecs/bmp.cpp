@@ -1,6 +1,7 @@
 // BMP: the reader (file header or bare DIB, OS/2 core header, 16- and 32-bit
 // rows, top-down, RLE4, RLE8, the private record format 99) and the writers
 // of plain (type 1) and run-length (type 12) files.
+#include "codecs/codec_support.h"
 #include "codecs/codecs.h"
 #include "frame/byte_source.h"
 #include "frame/load.h"
@@ -40,11 +41,12 @@ int read_plain(bmp_reader &b) {
     uint32_t k = L > READ_BUFFER_SIZE ? 1 : READ_BUFFER_SIZE / L;
     uint32_t buf_size;
     if (!size_mul_add(k, L, 2000 + uint64_t{out_len}, &buf_size)) return IMG_ERR_MEMORY;
-    auto *buf = static_cast<uint8_t *>(scratch_alloc(buf_size));
+    scratch_set mem;
+    auto *buf = static_cast<uint8_t *>(mem.take(buf_size));
     bool convert = b.mode == row_mode::from16 || b.mode == row_mode::from32;
-    uint8_t *out = convert ? static_cast<uint8_t *>(scratch_alloc(out_len + 16)) : nullptr;
+    uint8_t *out = convert ? static_cast<uint8_t *>(mem.take(out_len + 16)) : nullptr;
     if (!buf || (convert && !out)) return IMG_ERR_MEMORY;
-    int32_t available = file_size_hint(b.fd) - file_seek(b.fd, 0, 1);
+    int32_t available = bytes_left(b.fd, file_size_hint(b.fd));
     int delivered = 0;
     while (delivered < b.height) {
         uint32_t rows = static_cast<uint32_t>(b.height - delivered) < k ? b.height - delivered : k;
@@ -54,7 +56,7 @@ int read_plain(bmp_reader &b) {
         // Data that ends inside a chunk with rows after it can only end in
         // -12: stop before decoding rows that would be thrown away.
         if (available < int64_t{tmp} && static_cast<uint32_t>(b.height - delivered) > rows) return IMG_ERR_DATA;
-        int32_t got = file_read(b.fd, buf, static_cast<int32_t>(tmp));
+        int32_t got = read_once(b.fd, buf, static_cast<int32_t>(tmp));
         if (got <= 0) return IMG_ERR_DATA;
         // A short read leaves zeros; rows are converted only as far as the
         // data reaches, the rest takes what zeros convert to.
@@ -73,19 +75,14 @@ int read_plain(bmp_reader &b) {
             case row_mode::top_down: r = delivered; break;
             case row_mode::from16: {
                 const int n = static_cast<int>((have + 1) / 2);
-                for (int x = 0; x < n; x++) {
-                    uint32_t p = get16(row + 2 * x);
-                    out[3 * x] = static_cast<uint8_t>(p << 3);
-                    out[3 * x + 1] = static_cast<uint8_t>((p >> 2) & 0xF8);
-                    out[3 * x + 2] = static_cast<uint8_t>((p >> 7) & 0xF8);
-                }
+                row_from15(row, out, n);
                 std::memset(out + 3 * static_cast<size_t>(n), 0, 3 * static_cast<size_t>(w - n));
                 row = out;
                 break;
             }
             case row_mode::from32: {
                 const int n = static_cast<int>((have + 3) / 4);
-                for (int x = 0; x < n; x++) std::memcpy(out + 3 * x, row + 4 * x, 3);
+                row_from32(row, out, n);
                 std::memset(out + 3 * static_cast<size_t>(n), 0, 3 * static_cast<size_t>(w - n));
                 row = out;
                 if (b.top_down) r = delivered;
@@ -108,9 +105,11 @@ int read_rle(bmp_reader &b) {
     if (!rb || !size_mul_add(rb, Nibbles ? 4 : 1, Nibbles ? 16 : 3016, &cap)) return IMG_ERR_MEMORY;
     cap -= 16;
     const uint32_t limit = Nibbles ? 2 * (cap - 1) : rb + 1000;  // in pixels
-    auto *row = static_cast<uint8_t *>(scratch_alloc(cap + 16));
+    scratch_set mem;
+    auto *row = static_cast<uint8_t *>(mem.take(cap + 16));
     byte_source src;
     if (!row || !source_open(src, b.fd, file_seek(b.fd, 0, 1), READ_BUFFER_SIZE)) return IMG_ERR_MEMORY;
+    mem.adopt(src.buf);
     auto put = [&](uint32_t x, int v) {
         if (x >= limit) return;
         if constexpr (Nibbles) {
@@ -177,9 +176,11 @@ int read_rle(bmp_reader &b) {
 int read_records(bmp_reader &b) {
     uint32_t rb = row_bytes(b.width, b.info->biBitCount);
     uint32_t size = (rb > 32768 ? rb : 32768) + 16;
-    auto *rec = static_cast<uint8_t *>(scratch_alloc(size));
+    scratch_set mem;
+    auto *rec = static_cast<uint8_t *>(mem.take(size));
     byte_source src;
     if (!rec || !source_open(src, b.fd, file_seek(b.fd, 0, 1), READ_BUFFER_SIZE)) return IMG_ERR_MEMORY;
+    mem.adopt(src.buf);
     for (int r = 0; r < b.height; r++) {
         if (source_read(src, rec, 2) != 2) return IMG_ERR_DATA;
         int len = static_cast<int16_t>(get16(rec));
@@ -202,24 +203,23 @@ int read_records(bmp_reader &b) {
 int bmp_refine_type(int fd) {
     uint8_t file_header[14], info[40] = {};
     file_seek(fd, 0, 0);
-    file_read(fd, file_header, 14);
-    file_read(fd, info, 40);
+    read_once(fd, file_header, 14);
+    read_once(fd, info, 40);
     // A bare header is judged by the wrong field; callers are used to it.
     return get32(info + 16) ? IMG_TYPE_BMP_RLE : IMG_TYPE_BMP;
 }
 
 BRIVANTA_READER(bmp_read) {
+    // Header: the file header when there is one, then the info header.
     uint8_t fh[14] = {};
     file_seek(fd, where, 0);
-    if (file_read(fd, fh, 14) != 14) return IMG_ERR_OPEN;
-    auto *hdr = static_cast<dib_header *>(scratch_alloc(sizeof(dib_header)));
-    if (!hdr) return IMG_ERR_MEMORY;
+    if (read_once(fd, fh, 14) != 14) return IMG_ERR_OPEN;
     bool has_file_header = fh[0] == 'B' && fh[1] == 'M';
     int32_t info_start = where + (has_file_header ? 14 : 0);
     if (!has_file_header) file_seek(fd, where, 0);
     uint8_t raw[40] = {};
-    if (file_read(fd, raw, 40) < 12) return IMG_ERR_OPEN;
-    dib_info &h = hdr->info;
+    if (read_once(fd, raw, 40) < 12) return IMG_ERR_OPEN;
+    dib_info h;
     uint32_t header_size = get32(raw);
     int32_t table_at;
     bool triples = false;
@@ -261,15 +261,19 @@ BRIVANTA_READER(bmp_read) {
     uint32_t compression = h.biCompression;
     h.biCompression = 0;
 
+    scratch_set mem;
+    auto *hdr = static_cast<dib_header *>(mem.take(sizeof(dib_header)));
+    if (!hdr) return IMG_ERR_MEMORY;
+    hdr->info = h;
     if (file_bits <= 8) {
         file_seek(fd, table_at, 0);
         if (triples) {
             uint8_t t[768] = {};
             int n = 1 << file_bits;
-            file_read(fd, t, 3 * n);
+            read_once(fd, t, 3 * n);
             for (int i = 0; i < n; i++) std::memcpy(hdr->palette + 4 * i, t + 3 * i, 3);
         } else {
-            file_read(fd, hdr->palette, static_cast<int32_t>(palette_bytes(file_bits)));
+            read_once(fd, hdr->palette, static_cast<int32_t>(palette_bytes(file_bits)));
         }
     }
     bool invert = false;
@@ -283,6 +287,7 @@ BRIVANTA_READER(bmp_read) {
     }
     if (int rc = begin_image(hdr, context); rc < 0) return rc;
 
+    // Rows.
     if (has_file_header) {
         // An offset past the largest position lands past the end, not before the start.
         int64_t pixels = int64_t{where} + get32(fh + 10);
@@ -293,24 +298,17 @@ BRIVANTA_READER(bmp_read) {
     else
         file_seek(fd, table_at + (file_bits <= 8 ? (triples ? 3 << file_bits : 4 << file_bits) : 0), 0);
 
-    bmp_reader b{where, put_row, context, fd, &h, h.biWidth, h.biHeight, file_bits, row_mode::plain, top_down};
+    bmp_reader b{where, put_row, context, fd, &hdr->info, h.biWidth, h.biHeight, file_bits, row_mode::plain, top_down};
     // The markers do not combine: inversion wins over top-down, which wins
     // over the 16-bit conversion (a top-down 16-bit file arrives unconverted).
     if (file_bits == 16) b.mode = row_mode::from16;
     if (top_down) b.mode = row_mode::top_down;
     if (invert) b.mode = row_mode::invert;
     if (file_bits == 32) b.mode = row_mode::from32;
-    int rc;
-    if (compression == 2 && file_bits == 4)
-        rc = read_rle<true>(b);
-    else if (compression == 1 && file_bits == 8)
-        rc = read_rle<false>(b);
-    else if (compression == 99)
-        rc = read_records(b);
-    else
-        rc = read_plain(b);
-    scratch_free(hdr);
-    return rc < 0 ? rc : 1;
+    if (compression == 2 && file_bits == 4) return read_rle<true>(b);
+    if (compression == 1 && file_bits == 8) return read_rle<false>(b);
+    if (compression == 99) return read_records(b);
+    return read_plain(b);
 }
 
 namespace {

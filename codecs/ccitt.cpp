@@ -3,6 +3,7 @@
 #include "codecs/ccitt.h"
 
 #include "codecs/tiff.h"
+#include "frame/byte_source.h"
 #include "frame/load.h"
 
 #include <bit>
@@ -149,19 +150,15 @@ struct bit_reader {
         acc = 0;
         nbits = 0;
         consumed = available = 0;
-        int32_t here = file_seek(fd, 0, 1);
-        int32_t end = file_size_hint(fd);
-        left = here < 0 || end < here ? 0 : end - here;
+        left = bytes_left(fd, file_size_hint(fd));
     }
     bool load() {
         if (left <= 0) return false;
-        int32_t want = cap < left ? cap : left;
-        int32_t n = file_read(fd, buf, want);
+        int32_t n = read_once(fd, buf, cap < left ? cap : left);
         if (n <= 0) {
             left = 0;
             return false;
         }
-        if (n > want) n = want;
         left -= n;
         if (reverse)
             for (int32_t i = 0; i < n; i++) buf[i] = reversed_bytes.b[buf[i]];

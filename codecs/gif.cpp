@@ -1,6 +1,7 @@
 // GIF: the reader (first image only, extension chain, interlaced rows, the
 // transparent index in biClrUsed), its LZW decoder, and the GIF87a writer
 // (type 4) with its own LZW encoder.
+#include "codecs/codec_support.h"
 #include "codecs/gif.h"
 
 #include "colour/colour.h"
@@ -259,10 +260,11 @@ int gif_lzw_decode(byte_source &src, const dib_header *header, IMG_put_row_fn pu
 }
 
 BRIVANTA_READER(gif_decompress) {
+    scratch_set mem;
     byte_source src;
-    auto *hdr = static_cast<dib_header *>(scratch_alloc(sizeof(dib_header)));
-    auto *table = static_cast<uint8_t *>(scratch_alloc(768));
-    if (!hdr || !table || !source_open(src, fd, where, SOURCE_SIZE)) return IMG_ERR_MEMORY;
+    if (!source_open(src, fd, where, SOURCE_SIZE)) return IMG_ERR_MEMORY;
+    mem.adopt(src.buf);
+    uint8_t table[768] = {};
 
     uint8_t screen[13];
     if (source_read(src, screen, 13) != 13) return IMG_ERR_DATA;
@@ -320,11 +322,15 @@ BRIVANTA_READER(gif_decompress) {
     const int min_code = source_byte(src);
     if (min_code < 0) return IMG_ERR_DATA;
 
+    const int width = get16(desc + 4), height = get16(desc + 6);
+    if (width < 1 || height < 1) return IMG_ERR_HEADER;
+
+    auto *hdr = static_cast<dib_header *>(mem.take(sizeof(dib_header)));
+    if (!hdr) return IMG_ERR_MEMORY;
     dib_info &h = hdr->info;
     h.biSize = 40;
-    h.biWidth = get16(desc + 4);
-    h.biHeight = get16(desc + 6);
-    if (h.biWidth < 1 || h.biHeight < 1) return IMG_ERR_HEADER;
+    h.biWidth = width;
+    h.biHeight = height;
     h.biPlanes = 1;
     const int colours = 2 << (packed & 7);
     h.biBitCount = colours >= 4 && colours <= 16 ? 4 : 8;  // two colours become 8 bits, deliberately
@@ -332,12 +338,7 @@ BRIVANTA_READER(gif_decompress) {
         h.biSizeImage = 0;
     h.biClrUsed = transparent;
     if (has_table) {
-        const int n = 1 << h.biBitCount;
-        for (int i = 0; i < n; i++) {
-            hdr->palette[4 * i] = table[3 * i + 2];
-            hdr->palette[4 * i + 1] = table[3 * i + 1];
-            hdr->palette[4 * i + 2] = table[3 * i];
-        }
+        palette_from_rgb(hdr->palette, table, 1 << h.biBitCount);
     } else {
         set_named_palette(&h, "tiff");  // no colour table at all: indices read as grey levels
     }

@@ -1,6 +1,7 @@
 // JPEG decoder: the marker walk, the kept DQT/DHT tables, one baseline
 // Huffman scan, the fixed-point inverse DCT and the table-driven colour
 // conversion that hands DIB rows to the load pipeline.
+#include "codecs/codec_support.h"
 #include "codecs/jpeg.h"
 #include "codecs/jpeg_lanes.h"
 #include "frame/byte_source.h"
@@ -81,20 +82,6 @@ struct stream_headers {
     jpeg_decoder_tables tables;  // the kept tables as this stream leaves them
 };
 stream_headers headers;
-
-// Frees the scratch blocks it was given when the decode ends, whichever way.
-struct scratch_set {
-    void *blocks[8] = {};
-    int n = 0;
-    void *take(uint32_t size) {
-        void *p = scratch_alloc(size);
-        if (p) blocks[n++] = p;
-        return p;
-    }
-    ~scratch_set() {
-        for (int i = n - 1; i >= 0; i--) scratch_free(blocks[i]);
-    }
-};
 
 int read_u8(byte_source &s) { return source_byte(s); }
 int read_u16(byte_source &s) {
@@ -1222,7 +1209,7 @@ int jpeg_read_tables(int fd, int32_t offset) {
     byte_source src;
     scratch_set mem;
     if (!source_open(src, fd, offset, HEADER_BUFFER)) return IMG_ERR_MEMORY;
-    mem.blocks[mem.n++] = src.buf;
+    mem.adopt(src.buf);
     int rc = walk_markers(src, offset, true);
     if (rc < 0) return rc;
     jpeg_tables = headers.tables;
@@ -1256,7 +1243,7 @@ int decode_from(byte_source &src, int32_t offset, IMG_put_row_fn put_row, void *
         h.biYPelsPerMeter = headers.jfif.ydensity;
     }
     if (fr.nf == 1)
-        for (int i = 0; i < 256; i++) std::memset(hdr->palette + 4 * i, i, 3);
+        fill_grey_ramp(hdr->palette);
     if (int rc = begin_image(hdr, context); rc < 0) return rc;
     return decode_scan(src, put_row, context);
 }
@@ -1266,7 +1253,7 @@ int jpeg_decode_stream(int fd, int32_t offset, IMG_put_row_fn put_row, void *con
     byte_source src;
     scratch_set mem;
     if (!source_open(src, fd, offset, HEADER_BUFFER)) return IMG_ERR_MEMORY;
-    mem.blocks[mem.n++] = src.buf;
+    mem.adopt(src.buf);
     return decode_from(src, offset, put_row, context, begin_image);
 }
 

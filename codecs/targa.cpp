@@ -1,6 +1,7 @@
 // Targa: the reader of image types 1, 2, 3 and their run-length forms 9,
 // 10, 11 (8, 15, 16, 24 and 32 bits), JPEG-in-Targa type 156, and the
 // uncompressed writers of save types 3 and 32.
+#include "codecs/codec_support.h"
 #include "codecs/jpeg.h"
 #include "frame/byte_source.h"
 
@@ -30,14 +31,6 @@ targa_header parse_header(const uint8_t *b) {
             get16(b + 14), b[16], b[17]};
 }
 
-// 15/16-bit words: five bits a channel, the top bit ignored.
-inline void from15(const uint8_t *p, uint8_t *bgr) {
-    uint32_t w = get16(p);
-    bgr[0] = static_cast<uint8_t>((w << 3) & 0xF8);
-    bgr[1] = static_cast<uint8_t>((w >> 2) & 0xF8);
-    bgr[2] = static_cast<uint8_t>((w >> 7) & 0xF8);
-}
-
 // Reads the whole map (after the ID field) and keeps its first 256 entries.
 int targa_read_color_map(byte_source &src, targa_header &h, uint8_t *palette) {
     if (h.id_length) {
@@ -51,7 +44,7 @@ int targa_read_color_map(byte_source &src, targa_header &h, uint8_t *palette) {
         if (i >= 256) continue;
         uint8_t *q = palette + 4 * i;
         if (entry == 2)
-            from15(e, q);
+            pixel_from15(e, q);
         else
             std::memcpy(q, e, entry);  // a 32-bit entry's fourth byte goes to the reserved byte
     }
@@ -105,27 +98,10 @@ void convert_row(const uint8_t *in, uint8_t *out, int width, int depth) {
     switch (depth) {
     case 8: std::memcpy(out, in, width); break;
     case 24: std::memcpy(out, in, static_cast<size_t>(width) * 3); break;
-    case 32:
-        for (int x = 0; x < width; x++) std::memcpy(out + 3 * x, in + 4 * x, 3);
-        break;
-    default:
-        for (int x = 0; x < width; x++) from15(in + 2 * x, out + 3 * x);
-        break;
+    case 32: row_from32(in, out, width); break;
+    default: row_from15(in, out, width); break;
     }
 }
-
-struct scratch_set {
-    void *blocks[6] = {};
-    int n = 0;
-    void *take(uint32_t size) {
-        void *p = scratch_alloc(size);
-        if (p) blocks[n++] = p;
-        return p;
-    }
-    ~scratch_set() {
-        for (int i = n - 1; i >= 0; i--) scratch_free(blocks[i]);
-    }
-};
 
 }  // namespace
 
@@ -134,13 +110,12 @@ BRIVANTA_READER(targa_read_file) {
     scratch_set mem;
     byte_source src;
     if (!source_open(src, fd, start, READ_BUFFER_SIZE)) return IMG_ERR_MEMORY;
-    mem.blocks[mem.n++] = src.buf;
+    mem.adopt(src.buf);
     uint8_t raw[HEADER_SIZE];
     if (source_read(src, raw, HEADER_SIZE) != HEADER_SIZE) return IMG_ERR_DATA;
     targa_header h = parse_header(raw);
     if (h.image_type == 156) {
-        scratch_free(src.buf);
-        mem.n = 0;
+        mem.free_all();
         return jpeg_decode_stream(fd, start + HEADER_SIZE, put_row, context, begin_image);
     }
     const int type = h.image_type;
@@ -154,7 +129,7 @@ BRIVANTA_READER(targa_read_file) {
     if (h.map_type) {
         if (int rc = targa_read_color_map(src, h, dib->palette); rc < 0) return rc;
     } else if (h.depth == 8) {
-        for (int i = 0; i < 256; i++) std::memset(dib->palette + 4 * i, i, 3);
+        fill_grey_ramp(dib->palette);
     }
     if (int rc = begin_image(dib, context); rc < 0) return rc;
 
@@ -191,16 +166,10 @@ BRIVANTA_READER(targa_read_file) {
         int r = top_down ? i : h.height - 1 - i;
         if (int rc = put_row(out, context, r, static_cast<int>(out_len)); rc < 0) return rc;
     }
-    return 1;
+    return 0;
 }
 
 namespace {
-
-bool targa_palette_is_grey(const uint8_t *palette) {
-    for (int i = 0; i < 256; i++)
-        if (palette[4 * i] != palette[4 * i + 1] || palette[4 * i + 1] != palette[4 * i + 2]) return false;
-    return true;
-}
 
 int write_header(int fd, const dib_info *d, uint8_t map_type, uint8_t image_type, uint16_t map_length,
                  uint8_t entry_bits, uint8_t depth) {
@@ -232,7 +201,7 @@ BRIVANTA_WRITER(targa_write_file) {
     if (bits != 8 && bits != 24) return IMG_ERR_DEPTH;
     if (!size_ok(header)) return IMG_ERR_HEADER;
     const uint8_t *palette = reinterpret_cast<const uint8_t *>(header) + 40;
-    const bool mapped = bits == 8 && !targa_palette_is_grey(palette);
+    const bool mapped = bits == 8 && !palette_is_grey(palette, 256);
     int rc = bits == 24 ? write_header(fd, header, 0, 2, 0, 0, 24)
              : mapped   ? write_header(fd, header, 1, 1, 256, 24, 8)
                         : write_header(fd, header, 0, 3, 0, 0, 8);

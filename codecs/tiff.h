@@ -109,7 +109,7 @@ struct tiff_jpeg_source {
 };
 
 // Compression 6 without JPEGInterchangeFormat: checks the variant, announces
-// the reader's header, then decodes strip after strip.  1 or a negative code.
+// the reader's header, then decodes strip after strip.  0 or a negative code.
 int tiff_read_jpeg_strips(const tiff_jpeg_source &src, dib_header *header, IMG_put_row_fn put_row, void *user,
                           IMG_begin_image_fn begin_image);
 

@@ -4,6 +4,7 @@
 #include "codecs/codecs.h"
 #include "codecs/jpeg.h"
 #include "codecs/tiff.h"
+#include "frame/byte_source.h"
 
 namespace brv {
 
@@ -29,12 +30,8 @@ struct table_set {
 };
 
 int32_t read_at(const tiff_jpeg_source &s, uint64_t offset, void *buf, int32_t n) {
-    int64_t at = static_cast<int64_t>(s.base) + static_cast<int64_t>(offset);
-    if (n <= 0 || offset > 0x7FFFFFFF || at >= s.size) return 0;
-    if (n > s.size - at) n = static_cast<int32_t>(s.size - at);
-    if (file_seek(s.fd, static_cast<int32_t>(at), 0) < 0) return 0;
-    int32_t got = file_read(s.fd, buf, n);
-    return got < 0 ? 0 : got > n ? n : got;
+    if (n <= 0 || offset > 0x7FFFFFFF) return 0;
+    return read_once_at(s.fd, s.size, static_cast<int64_t>(s.base) + static_cast<int64_t>(offset), buf, n);
 }
 
 // Value k of an offsets or counts entry: 0, or IMG_ERR_DATA when the entry
@@ -273,7 +270,7 @@ int tiff_read_jpeg_strips(const tiff_jpeg_source &s, dib_header *header, IMG_put
         if (rc < 0) return rc;
         if (sink.delivered < sink.rows) return IMG_ERR_DATA;
     }
-    return 1;
+    return 0;
 }
 
 BRIVANTA_WRITER(tiff_write_jpeg) {

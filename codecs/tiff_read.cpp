@@ -6,6 +6,7 @@
 #include "codecs/lzw.h"
 #include "codecs/tiff.h"
 #include "colour/colour.h"
+#include "frame/byte_source.h"
 
 #include <cmath>
 
@@ -70,21 +71,13 @@ uint32_t u32(const tiff_reader &r, const uint8_t *p) { return r.mm ? get32be(p) 
 // the buffer is zeroed.  Returns the bytes read.
 int32_t read_at(tiff_reader &r, uint32_t offset, void *buf, int32_t n) {
     std::memset(buf, 0, static_cast<size_t>(n));
-    int64_t at = static_cast<int64_t>(r.base) + offset;
-    if (at > 0x7FFFFFFF || at >= r.size) return 0;
-    if (n > r.size - at) n = static_cast<int32_t>(r.size - at);
-    if (file_seek(r.fd, static_cast<int32_t>(at), 0) < 0) return 0;
-    int32_t got = file_read(r.fd, buf, n);
-    return got < 0 ? 0 : got > n ? n : got;
+    return read_once_at(r.fd, r.size, static_cast<int64_t>(r.base) + offset, buf, n);
 }
 
 // Reads from the current position, never past the source's end.
 int32_t read_here(tiff_reader &r, uint8_t *buf, int32_t n) {
-    int32_t here = file_seek(r.fd, 0, 1);
-    if (here < 0 || here >= r.size) return 0;
-    if (n > r.size - here) n = r.size - here;
-    int32_t got = file_read(r.fd, buf, n);
-    return got < 0 ? 0 : got > n ? n : got;
+    const int32_t left = bytes_left(r.fd, r.size);
+    return read_once(r.fd, buf, n < left ? n : left);
 }
 
 // ---- Entries ------------------------------------------------------------------------
@@ -1116,11 +1109,11 @@ int decode(tiff_reader &r, uint32_t wanted, IMG_put_row_fn put_row, void *user, 
     case 32773: rc = tiff_read_packbits(r); break;
     case 2: case 3: case 4: case TIFF_COMPRESSION_G3_2D: rc = tiff_read_ccitt(r); break;
     case 5: rc = tiff_read_lzw(r); break;
-    default: return 1;  // announced, no rows: a compression this reader does not know
+    default: return 0;  // announced, no rows: a compression this reader does not know
     }
     if (rc < 0) return rc;
     if (r.planar) rc = reassemble(r);
-    return rc < 0 ? rc : 1;
+    return rc < 0 ? rc : 0;
 }
 
 }  // namespace

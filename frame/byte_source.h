@@ -1,11 +1,52 @@
-// A bounds-safe buffered byte source over the file access layer.  It never
-// asks for bytes past the source's known end, so a decoder that reads
-// through it sees a clean end of data on truncated or hostile input, whatever
-// the underlying source reports past its end.
+// How readers take bytes from the file access layer: a bounds-safe buffered
+// byte source, and direct reads for decoders that keep their own buffers
+// (strips, the LZW and CCITT bit readers).  Neither asks for bytes past the
+// source's known end, so a decoder sees a clean end of data on truncated or
+// hostile input, whatever the underlying source reports past its end.
 #pragma once
 #include "frame/frame.h"
 
 namespace brv {
+
+// ---- Direct reads -----------------------------------------------------------------
+// One read of at most n bytes: the count it brought, never more than n, 0
+// when it failed.  A short read stays short; the format decides what that means.
+// Out of line: it runs once a buffer, and inlined it crowds the bit readers'
+// hot loops.
+__attribute__((noinline)) inline int32_t read_once(int fd, void *buf, int32_t n) {
+    if (n <= 0) return 0;
+    int32_t got = file_read(fd, buf, n);
+    return got < 0 ? 0 : got > n ? n : got;
+}
+
+// The bytes between fd's position and end; 0 when the position is unknown.
+inline int32_t bytes_left(int fd, int32_t end) {
+    int32_t here = file_seek(fd, 0, 1);
+    return here < 0 || end < here ? 0 : end - here;
+}
+
+// One read of up to n bytes at absolute position at, cut at end.
+inline int32_t read_once_at(int fd, int32_t end, int64_t at, void *buf, int32_t n) {
+    if (at < 0 || at >= end) return 0;
+    if (n > end - at) n = static_cast<int32_t>(end - at);
+    if (file_seek(fd, static_cast<int32_t>(at), 0) < 0) return 0;
+    return read_once(fd, buf, n);
+}
+
+// Reads until n bytes came or a read brings nothing (hooks may trickle);
+// the count.
+inline int32_t read_fully(int fd, void *buf, int32_t n) {
+    auto *d = static_cast<uint8_t *>(buf);
+    int32_t done = 0;
+    while (done < n) {
+        int32_t got = file_read(fd, d + done, n - done);
+        if (got <= 0 || got > n - done) break;
+        done += got;
+    }
+    return done;
+}
+
+// ---- The buffered source ------------------------------------------------------------
 
 struct byte_source {
     int fd = 0;
@@ -17,15 +58,21 @@ struct byte_source {
     int32_t end = 0;       // the source's size
 };
 
+// Drops the buffer and moves the file to offset: for a source whose file a
+// direct read has moved.
+inline void source_restart(byte_source &s, int32_t offset) {
+    s.pos = s.len = 0;
+    s.file_pos = file_seek(s.fd, offset, 0);
+    if (s.file_pos < 0) s.file_pos = s.end;
+}
+
 // Takes a scratch buffer of cap bytes and positions at the absolute offset.
 inline bool source_open(byte_source &s, int fd, int32_t offset, int32_t cap) {
     s.fd = fd;
     s.cap = cap;
     s.buf = static_cast<uint8_t *>(scratch_alloc(static_cast<uint32_t>(cap)));
     s.end = file_size_hint(fd);
-    s.pos = s.len = 0;
-    s.file_pos = file_seek(fd, offset, 0);
-    if (s.file_pos < 0) s.file_pos = s.end;
+    source_restart(s, offset);
     return s.buf != nullptr;
 }
 
@@ -43,9 +90,8 @@ inline bool source_fill(byte_source &s) {
     int32_t want = s.cap;
     if (s.end - s.file_pos < want) want = s.end - s.file_pos;
     if (want <= 0) return false;
-    int32_t n = file_read(s.fd, s.buf, want);
+    int32_t n = read_once(s.fd, s.buf, want);
     if (n <= 0) return false;
-    if (n > want) n = want;
     s.pos = 0;
     s.len = n;
     s.file_pos += n;
@@ -84,9 +130,7 @@ inline void source_seek(byte_source &s, int32_t offset) {
         s.pos = s.len;
         return;
     }
-    s.pos = s.len = 0;
-    s.file_pos = file_seek(s.fd, offset, 0);
-    if (s.file_pos < 0) s.file_pos = s.end;
+    source_restart(s, offset);
 }
 
 inline bool source_at_end(byte_source &s) { return s.pos >= s.len && !source_fill(s); }

@@ -1,5 +1,6 @@
 // The save pipeline: picks the writer for an output type code and, for
 // handles, feeds it the crop rectangle's rows with brightness and contrast.
+#include "codecs/codec_support.h"
 #include "frame/formats.h"
 #include "frame/handles.h"
 
@@ -43,13 +44,6 @@ int left_byte_of(int left, int bits) {
     }
 }
 
-bool palette_all_grey(const uint8_t *pal, int bits) {
-    int n = 1 << bits;
-    for (int i = 0; i < n; i++)
-        if (pal[4 * i] != pal[4 * i + 1] || pal[4 * i + 1] != pal[4 * i + 2]) return false;
-    return true;
-}
-
 int run_writer(int fd, const void *header, int type, IMG_get_row_fn get_row, void *context) {
     const format_info *f = format_of(type);
     writer_fn w = f ? f->write : nullptr;
@@ -90,7 +84,7 @@ int save_handle(int h, int fd, int type, bool to_memory, void *block) {
     if (rec->brightness || rec->contrast) {
         build_level_table(100, rec->brightness, rec->contrast, levels);
         // Memory saves skip the grey-table test; the difference is kept.
-        bool per_byte = bits == 24 || (!to_memory && palette_all_grey(copy + 40, bits));
+        bool per_byte = bits == 24 || (!to_memory && palette_is_grey(copy + 40, 1 << bits));
         if (per_byte) {
             ctx.level_table = levels;
         } else {

@@ -14,11 +14,13 @@ uint32_t lcg(uint32_t &s) {
     return s >> 8;
 }
 
-// FNV-1a over the result, the number of rows and every delivered row.
+// FNV-1a over the result, the number of rows and every delivered row.  The
+// stored sums count success as 1, the reader's success value when they were
+// taken.
 uint64_t checksum(const decoded &d) {
     uint64_t h = 1469598103934665603ull;
     auto mix = [&h](uint8_t v) { h = (h ^ v) * 1099511628211ull; };
-    for (int v : {d.rc, d.calls, d.bits()})
+    for (int v : {d.rc < 0 ? d.rc : 1, d.calls, d.bits()})
         for (int k = 0; k < 4; k++) mix(static_cast<uint8_t>(static_cast<uint32_t>(v) >> 8 * k));
     for (const bytes &row : d.rows) {
         mix(static_cast<uint8_t>(row.size()));

@@ -1,0 +1,72 @@
+// Small pieces the codecs share: the scratch guard, the grey-palette test and
+// ramp, file colour tables to DIB entries, and 15- and 32-bit pixels to DIB
+// 24-bit pixels.
+#pragma once
+#include "frame/frame.h"
+
+namespace brv {
+
+// Frees the scratch blocks it took when the codec returns, whichever way,
+// so an early error return leaves the list as it found it.
+struct scratch_set {
+    void *blocks[8] = {};
+    int n = 0;
+    void *take(uint32_t size) {
+        void *p = scratch_alloc(size);
+        if (p) blocks[n++] = p;
+        return p;
+    }
+    // A block taken elsewhere (a byte source's buffer) freed with the rest.
+    void adopt(void *p) {
+        if (p) blocks[n++] = p;
+    }
+    void free_all() {
+        for (int i = n - 1; i >= 0; i--) scratch_free(blocks[i]);
+        n = 0;
+    }
+    ~scratch_set() { free_all(); }
+    scratch_set() = default;
+    scratch_set(const scratch_set &) = delete;
+    scratch_set &operator=(const scratch_set &) = delete;
+};
+
+// Whether the first count entries of a DIB colour table are all grey.
+inline bool palette_is_grey(const uint8_t *palette, int count) {
+    for (int i = 0; i < count; i++)
+        if (palette[4 * i] != palette[4 * i + 1] || palette[4 * i + 1] != palette[4 * i + 2]) return false;
+    return true;
+}
+
+// The 8-bit grey ramp: entry i is (i, i, i).
+inline void fill_grey_ramp(uint8_t *palette) {
+    for (int i = 0; i < 256; i++) std::memset(palette + 4 * i, i, 3);
+}
+
+// count red, green, blue triples of a file into DIB entries.
+inline void palette_from_rgb(uint8_t *palette, const uint8_t *rgb, int count) {
+    for (int i = 0; i < count; i++) {
+        palette[4 * i] = rgb[3 * i + 2];
+        palette[4 * i + 1] = rgb[3 * i + 1];
+        palette[4 * i + 2] = rgb[3 * i];
+    }
+}
+
+// A little-endian 15/16-bit word, five bits a channel (the top bit ignored),
+// to blue, green, red with the five bits at the top of each byte.
+inline void pixel_from15(const uint8_t *p, uint8_t *bgr) {
+    uint32_t w = get16(p);
+    bgr[0] = static_cast<uint8_t>(w << 3);
+    bgr[1] = static_cast<uint8_t>((w >> 2) & 0xF8);
+    bgr[2] = static_cast<uint8_t>((w >> 7) & 0xF8);
+}
+
+inline void row_from15(const uint8_t *in, uint8_t *bgr, int width) {
+    for (int x = 0; x < width; x++) pixel_from15(in + 2 * x, bgr + 3 * x);
+}
+
+// 32-bit blue, green, red, extra pixels: the extra byte is dropped.
+inline void row_from32(const uint8_t *in, uint8_t *bgr, int width) {
+    for (int x = 0; x < width; x++) std::memcpy(bgr + 3 * x, in + 4 * x, 3);
+}
+
+}  // namespace brv
