@@ -1,9 +1,10 @@
-// brivanta: the command-line face of the library (info, detect, convert, demo).
+// brivanta: the command-line face of the library (info, detect, convert, process, demo).
 #include "brivanta.h"
 
 #include <chrono>
 #include <cctype>
 #include <cstdio>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -87,6 +88,7 @@ int usage(FILE *out) {
                  "  info FILE                 type, size, depth, pages and resolution\n"
                  "  detect FILE               the detected type code and its name\n"
                  "  convert IN OUT [options]  load IN by content, save OUT\n"
+                 "  process IN OUT OP...      load IN, apply the operations in order, save OUT\n"
                  "  formats                   the type codes: key, extension, read and write support\n"
                  "  demo [DIR]                save a built-in test card under every writer and read it back\n"
                  "  --version                 the library's version\n"
@@ -378,6 +380,126 @@ int cmd_convert(int argc, char **argv) {
     return 0;
 }
 
+// ---- Processing: one table of operations, applied in order -------------------
+enum class takes { nothing, number, size };
+struct operation {
+    const char *option;
+    takes argument;
+    const char *help;
+    int (*apply)(int handle, int a, int b);  // null: a setting read before any operation runs
+};
+
+// --interp turns every --resize of the command into the interpolating one.
+bool resize_interp = false;
+
+const operation operations[] = {
+    {"--rotate", takes::number, "DEG: 90 or 270 a quarter turn clockwise or counter-clockwise, 180 a half turn; other angles mirror about the anti-diagonal",
+     [](int h, int deg, int) { return IMG_rotate_bitmap(h, deg); }},
+    {"--flip-x", takes::nothing, "mirror left to right", [](int h, int, int) { return IMG_flip_bitmapx(h); }},
+    {"--flip-y", takes::nothing, "mirror top to bottom", [](int h, int, int) { return IMG_flip_bitmapy(h); }},
+    {"--invert", takes::nothing, "complement every stored value (palette indexes below 24 bits)",
+     [](int h, int, int) { return IMG_invert_bitmap(h); }},
+    {"--resize", takes::size, "WxH: new size by repeating and dropping pixels (any depth)",
+     [](int h, int w, int ht) { return resize_interp ? IMG_resize_bitmap_interp(h, w, ht) : IMG_resize_bitmap(h, w, ht); }},
+    {"--interp", takes::nothing, "resize by smoothing and linear ramps instead (24 bits, 8-bit grey)", nullptr},
+    {"--sharpen", takes::number, "N: unsharp mask, 0 weakest to 128 strongest (24 bits, 4- and 8-bit grey)",
+     [](int h, int level, int) { return IMG_sharpen_bitmap(h, level); }},
+    {"--filter", takes::number, "N: 3x3 filter 1-9 (8 and 24 bits; 8-bit colour is made grey first)",
+     [](int h, int code, int) { return IMG_process_bitmap(h, code, nullptr); }},
+};
+
+const operation *operation_named(const std::string &option) {
+    for (const operation &op : operations)
+        if (option == op.option) return &op;
+    return nullptr;
+}
+
+struct step {
+    const operation *op;
+    int a, b;
+};
+
+int cmd_process(int argc, char **argv) {
+    if (wants_help(argc, argv)) {
+        std::printf("usage: brivanta process IN OUT [--type KEY|N] OP...\n"
+                    "Loads IN, applies the operations in the order given and saves OUT (as --type, or by its\n"
+                    "extension).  IN or OUT may be - for standard input or output (standard output needs --type).\n"
+                    "Operations:\n");
+        for (const operation &op : operations) {
+            const char *arg = op.argument == takes::number ? " N" : op.argument == takes::size ? " WxH" : "";
+            std::printf("  %s%-*s %s\n", op.option, static_cast<int>(14 - std::strlen(op.option)), arg, op.help);
+        }
+        std::printf("Example: brivanta process photo.jpg out.bmp --rotate 90 --resize 800x600 --interp --sharpen 64\n");
+        return 0;
+    }
+    const char *in = nullptr, *out = nullptr;
+    int type = IMG_TYPE_BY_EXTENSION;
+    std::vector<step> steps;
+    resize_interp = false;
+    for (int i = 2; i < argc; i++) {
+        std::string a = argv[i];
+        const operation *op = operation_named(a);
+        if (a == "--type" && i + 1 < argc) {
+            if ((type = parse_type(argv[++i])) == -2) {
+                std::fprintf(stderr, "brivanta: unknown type %s; 'brivanta formats' lists them\n", argv[i]);
+                return 2;
+            }
+        } else if (op) {
+            step s{op, 0, 0};
+            const char *v = op->argument == takes::nothing ? "" : i + 1 < argc ? argv[++i] : nullptr;
+            char *end = nullptr;
+            bool ok = v != nullptr;
+            if (ok && op->argument == takes::number) {
+                long n = std::strtol(v, &end, 10);
+                ok = *v && !*end && n >= INT32_MIN && n <= INT32_MAX;
+                s.a = static_cast<int>(n);
+            } else if (ok && op->argument == takes::size) {
+                ok = std::sscanf(v, "%dx%d", &s.a, &s.b) == 2 && s.a > 0 && s.b > 0;
+            }
+            if (!ok) {
+                std::fprintf(stderr, "brivanta: %s wants %s\n", op->option, op->argument == takes::size ? "WIDTHxHEIGHT" : "a number");
+                return 2;
+            }
+            if (op->apply) steps.push_back(s);
+            else if (a == "--interp") resize_interp = true;
+        } else if (a[0] == '-' && a.size() > 1) {
+            std::fprintf(stderr, "brivanta: unknown or incomplete option %s; 'brivanta process --help' lists them\n", a.c_str());
+            return 2;
+        } else if (!in) in = argv[i];
+        else if (!out) out = argv[i];
+        else return usage(stderr);
+    }
+    if (!in || !out) return usage(stderr);
+    if (is_stdio(out) && type == IMG_TYPE_BY_EXTENSION) {
+        std::fprintf(stderr, "brivanta: standard output needs --type\n");
+        return 2;
+    }
+    progress_start("load");
+    int h = load_file(in, 0);
+    progress_stop();
+    if (h < 0) return fail(in, h);
+    int r = 0;
+    for (const step &s : steps) {
+        progress_start(s.op->option + 2);
+        r = s.op->apply(h, s.a, s.b);
+        progress_stop();
+        if (r < 0) {
+            IMG_delete_bitmap(h);
+            return fail(s.op->option, r);
+        }
+    }
+    progress_start("save");
+    if (is_stdio(out)) {
+        r = save_to_stdout(h, type);
+    } else {
+        std::remove(out);
+        r = IMG_save_bitmap(h, out, type);
+    }
+    progress_stop();
+    IMG_delete_bitmap(h);
+    return r < 0 ? fail(out, r) : 0;
+}
+
 // ---- The demo: a test card through every writer --------------------------------
 // A 5 x 7 pixel font for the card's caption.
 const unsigned char *glyph(char c) {
@@ -476,11 +598,65 @@ double ms_since(std::chrono::steady_clock::time_point t0) {
     return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
 }
 
+// The 24-bit card through each processing operation, saved as BMP; a turn
+// undone by the opposite turn must give the card back.  Whether all ran.
+bool demo_processing(const std::string &dir) {
+    static const struct {
+        const char *label, *file;
+        int (*run)(int h);
+    } ops[] = {
+        {"rotate 90", "rotate90", [](int h) { return IMG_rotate_bitmap(h, 90); }},
+        {"rotate 90, then 270", "rotate90_270", [](int h) { int r = IMG_rotate_bitmap(h, 90); return r < 0 ? r : IMG_rotate_bitmap(h, 270); }},
+        {"rotate 180", "rotate180", [](int h) { return IMG_rotate_bitmap(h, 180); }},
+        {"flip x", "flipx", IMG_flip_bitmapx},
+        {"flip y", "flipy", IMG_flip_bitmapy},
+        {"invert", "invert", IMG_invert_bitmap},
+        {"resize to half", "half", [](int h) { return IMG_resize_bitmap(h, CARD_W / 2, CARD_H / 2); }},
+        {"resize to double", "double", [](int h) { return IMG_resize_bitmap(h, CARD_W * 2, CARD_H * 2); }},
+        {"resize to half, smoothed", "half_interp", [](int h) { return IMG_resize_bitmap_interp(h, CARD_W / 2, CARD_H / 2); }},
+        {"resize to double, ramps", "double_interp", [](int h) { return IMG_resize_bitmap_interp(h, CARD_W * 2, CARD_H * 2); }},
+        {"sharpen 64", "sharpen64", [](int h) { return IMG_sharpen_bitmap(h, 64); }},
+        {"filter 4 (vertical lines)", "filter4", [](int h) { return IMG_process_bitmap(h, 4, nullptr); }},
+        {"filter 7 (sharpen)", "filter7", [](int h) { return IMG_process_bitmap(h, 7, nullptr); }},
+    };
+    int block = make_card_block();
+    if (!block) return false;
+    void *dib = IMG_mem_lock(block);
+    int card = IMG_create_handle(dib);
+    std::printf("\n%-28s %-12s %-28s %8s\n", "operation", "size", "file", "ms");
+    int done = 0;
+    for (const auto &op : ops) {
+        int h = IMG_create_handle(dib);
+        if (h < 0) break;
+        auto t0 = std::chrono::steady_clock::now();
+        int r = op.run(h);
+        double ms = ms_since(t0);
+        int w = 0, ht = 0;
+        IMG_bitmap_info(h, &w, &ht, nullptr);
+        char file[512], size[32];
+        std::snprintf(file, sizeof file, "%s/process_%s.bmp", dir.c_str(), op.file);
+        std::snprintf(size, sizeof size, "%dx%d", w, ht);
+        if (r >= 0) r = IMG_save_bitmap(h, file, IMG_TYPE_BMP);
+        const char *note = "";
+        if (r >= 0 && !std::strcmp(op.file, "rotate90_270"))
+            note = bitmap_bytes(h) == bitmap_bytes(card) ? "  (the card again)" : "  (NOT the card again)";
+        if (r < 0) std::printf("%-28s %-12s %-28s %8s  failed (%d)\n", op.label, "-", "-", "-", r);
+        else std::printf("%-28s %-12s %-28s %8.2f%s\n", op.label, size, file + dir.size() + 1, ms, note), done++;
+        IMG_delete_bitmap(h);
+    }
+    if (card >= 0) IMG_delete_bitmap(card);
+    IMG_mem_unlock(block);
+    IMG_mem_free(block);
+    std::printf("%d of %zu operations shown in %s/process_*.bmp\n", done, sizeof ops / sizeof ops[0], dir.c_str());
+    return done == static_cast<int>(sizeof ops / sizeof ops[0]);
+}
+
 int cmd_demo(int argc, char **argv) {
     if (wants_help(argc, argv)) {
         std::printf("usage: brivanta demo [DIR]\n"
                     "Draws a test card at 1, 4, 8 and 24 bits, saves it under every output type that has a\n"
-                    "writer into DIR (default: brivanta-demo), loads each file back and prints a table.\n");
+                    "writer into DIR (default: brivanta-demo), loads each file back and prints a table; then\n"
+                    "saves the 24-bit card through each processing operation and prints a second table.\n");
         return 0;
     }
     std::string dir = argc > 2 ? argv[2] : "brivanta-demo";
@@ -546,7 +722,7 @@ int cmd_demo(int argc, char **argv) {
     }
     for (int c : cards) IMG_delete_bitmap(c);
     std::printf("%d files written, %d identical after reading back; the card is %s\n", rows, identical, card.c_str());
-    return rows ? 0 : 1;
+    return rows && demo_processing(dir) ? 0 : 1;
 }
 
 }  // namespace
@@ -565,6 +741,7 @@ int main(int argc, char **argv) {
     if (cmd == "info") return cmd_info(argc, argv);
     if (cmd == "detect") return cmd_detect(argc, argv);
     if (cmd == "convert") return cmd_convert(argc, argv);
+    if (cmd == "process") return cmd_process(argc, argv);
     if (cmd == "demo") return cmd_demo(argc, argv);
     std::fprintf(stderr, "brivanta: unknown command %s\n", cmd.c_str());
     return usage(stderr);

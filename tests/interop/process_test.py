@@ -203,7 +203,32 @@ def shrink_case(bits, w, h, nw, nh):
     return check
 
 
-cases = []
+def tool_chain():
+    """The tool applies its operations in order: against ImageMagick's chain."""
+    _, data = random_picture(41, 27, 24)
+    src, out = B.tmp("tool_in.bmp"), B.tmp("tool_out.bmp")
+    with open(src, "wb") as f:
+        f.write(data)
+    B.run([B.TOOL, "process", src, out, "--rotate", "90", "--flip-x", "--invert", "--resize", "54x82"])
+    want = B.image_rgb(B.run(["convert", src, "-rotate", "90", "-flop", "-negate", "-sample", "54x82!", "ppm:-"]))
+    # Doubling by point sampling repeats every pixel in both tools.
+    B.compare(B.loaded(out).rgb(), want, "tool chain")
+
+
+def tool_errors():
+    """Usage errors exit 2; a refused operation exits 1 with one line naming it."""
+    _, data = random_picture(5, 5, 4)
+    src = B.tmp("tool_4bit.bmp")
+    with open(src, "wb") as f:
+        f.write(data)
+    for args, code, text in ((["--filter", "3"], 1, "--filter"), (["--resize", "0x3"], 2, "WIDTHxHEIGHT"),
+                             (["--bogus"], 2, "--bogus"), (["--rotate"], 2, "--rotate")):
+        r = B.subprocess.run([B.TOOL, "process", src, B.tmp("x.bmp")] + args, capture_output=True)
+        err = r.stderr.decode()
+        assert r.returncode == code and text in err and err.count("\n") == 1, (args, r.returncode, err)
+
+
+cases = [("tool chain", tool_chain), ("tool errors", tool_errors)]
 for bits in (1, 4, 8, 24):
     cases += [("%s %d bits" % (g[0], bits), geometry_case(*g, bits)) for g in GEOMETRY]
     cases.append(("invert %d bits" % bits, invert_case(bits)))
