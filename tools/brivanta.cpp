@@ -393,18 +393,19 @@ struct operation {
 bool resize_interp = false;
 
 const operation operations[] = {
-    {"--rotate", takes::number, "DEG: 90 or 270 a quarter turn clockwise or counter-clockwise, 180 a half turn; other angles mirror about the anti-diagonal",
+    {"--rotate", takes::number, "90 or 270: a quarter turn clockwise or counter-clockwise; 180: a half turn;\n"
+     "                 other angles mirror the picture about its anti-diagonal",
      [](int h, int deg, int) { return IMG_rotate_bitmap(h, deg); }},
     {"--flip-x", takes::nothing, "mirror left to right", [](int h, int, int) { return IMG_flip_bitmapx(h); }},
     {"--flip-y", takes::nothing, "mirror top to bottom", [](int h, int, int) { return IMG_flip_bitmapy(h); }},
     {"--invert", takes::nothing, "complement every stored value (palette indexes below 24 bits)",
      [](int h, int, int) { return IMG_invert_bitmap(h); }},
-    {"--resize", takes::size, "WxH: new size by repeating and dropping pixels (any depth)",
+    {"--resize", takes::size, "new size by repeating and dropping pixels (any depth)",
      [](int h, int w, int ht) { return resize_interp ? IMG_resize_bitmap_interp(h, w, ht) : IMG_resize_bitmap(h, w, ht); }},
     {"--interp", takes::nothing, "resize by smoothing and linear ramps instead (24 bits, 8-bit grey)", nullptr},
-    {"--sharpen", takes::number, "N: unsharp mask, 0 weakest to 128 strongest (24 bits, 4- and 8-bit grey)",
+    {"--sharpen", takes::number, "unsharp mask, 0 weakest to 128 strongest (24 bits, 4- and 8-bit grey)",
      [](int h, int level, int) { return IMG_sharpen_bitmap(h, level); }},
-    {"--filter", takes::number, "N: 3x3 filter 1-9 (8 and 24 bits; 8-bit colour is made grey first)",
+    {"--filter", takes::number, "3x3 filter 1-9 (8 and 24 bits; 8-bit colour is made grey first)",
      [](int h, int code, int) { return IMG_process_bitmap(h, code, nullptr); }},
 };
 
@@ -483,6 +484,15 @@ int cmd_process(int argc, char **argv) {
         progress_start(s.op->option + 2);
         r = s.op->apply(h, s.a, s.b);
         progress_stop();
+        if (r == IMG_ERR_TYPE || r == IMG_ERR_DEPTH) {
+            // The library's text for these codes speaks of file types.
+            int bits = 0;
+            IMG_bitmap_info(h, nullptr, nullptr, &bits);
+            std::fprintf(stderr, "brivanta: %s: not for this %d-bit picture, its colour table or this value (%d)\n",
+                         s.op->option, bits, r);
+            IMG_delete_bitmap(h);
+            return 1;
+        }
         if (r < 0) {
             IMG_delete_bitmap(h);
             return fail(s.op->option, r);
