@@ -301,6 +301,21 @@ int save_to_stdout(int h, int type) {
     return r;
 }
 
+// Saves a handle to OUT (or standard output) with a progress bar.
+int save_output(int h, const char *out, int type, bool append) {
+    progress_start("save");
+    int r;
+    if (is_stdio(out)) {
+        r = save_to_stdout(h, type);
+    } else {
+        // The library adds a page to an existing TIFF or DCX; the tool replaces it unless asked.
+        if (!append) std::remove(out);
+        r = IMG_save_bitmap(h, out, type);
+    }
+    progress_stop();
+    return r;
+}
+
 int cmd_convert(int argc, char **argv) {
     if (wants_help(argc, argv)) {
         std::printf("usage: brivanta convert IN OUT [--type KEY|N] [--append] [--page N] [--quality Q] [--reduce 1|4|8]\n"
@@ -365,16 +380,7 @@ int cmd_convert(int argc, char **argv) {
     int h = load_file(in, page, fax_type, fax_width, fax_height, fax_fill);
     progress_stop();
     if (h < 0) return fail(in, h);
-    progress_start("save");
-    int r;
-    if (is_stdio(out)) {
-        r = save_to_stdout(h, type);
-    } else {
-        // The library adds a page to an existing TIFF or DCX; the tool replaces it unless asked.
-        if (!append) std::remove(out);
-        r = IMG_save_bitmap(h, out, type);
-    }
-    progress_stop();
+    int r = save_output(h, out, type, append);
     IMG_delete_bitmap(h);
     if (r < 0) return fail(out, r);
     return 0;
@@ -498,14 +504,7 @@ int cmd_process(int argc, char **argv) {
             return fail(s.op->option, r);
         }
     }
-    progress_start("save");
-    if (is_stdio(out)) {
-        r = save_to_stdout(h, type);
-    } else {
-        std::remove(out);
-        r = IMG_save_bitmap(h, out, type);
-    }
-    progress_stop();
+    r = save_output(h, out, type, false);
     IMG_delete_bitmap(h);
     return r < 0 ? fail(out, r) : 0;
 }

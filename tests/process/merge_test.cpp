@@ -1,22 +1,9 @@
 // Merging one handle's picture into another, and the look-up tables.
+#include "process/pixel.h"
 #include "test_util.h"
 #include "frame/handles.h"
 
 #include <gtest/gtest.h>
-
-namespace {
-
-uint32_t px(const picture &p, int x, int y) {
-    const bytes &r = p.rows[y];
-    switch (p.bits) {
-    case 1: return (r[x / 8] >> (7 - x % 8)) & 1;
-    case 4: return (r[x / 2] >> (x % 2 ? 0 : 4)) & 15;
-    case 8: return r[x];
-    default: return r[3 * x] | r[3 * x + 1] << 8 | r[3 * x + 2] << 16;
-    }
-}
-
-}  // namespace
 
 // Every raster operation at every depth, placed inside, across each edge and
 // outside: each destination pixel checked against the rule.

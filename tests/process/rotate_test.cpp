@@ -1,21 +1,12 @@
 // Turns, flips and inversion: the kept behaviours (the anti-diagonal mirror
 // for other angles, the height limit, crop rectangles, zeroed tail bits).
 // Pixel-for-pixel agreement with other tools is in interop/process_test.py.
+#include "process/pixel.h"
 #include "test_util.h"
 
 #include <gtest/gtest.h>
 
 namespace {
-
-uint32_t px(const picture &p, int x, int y) {
-    const bytes &r = p.rows[y];
-    switch (p.bits) {
-    case 1: return (r[x / 8] >> (7 - x % 8)) & 1;
-    case 4: return (r[x / 2] >> (x % 2 ? 0 : 4)) & 15;
-    case 8: return r[x];
-    default: return r[3 * x] | r[3 * x + 1] << 8 | r[3 * x + 2] << 16;
-    }
-}
 
 // The stored bytes of a handle's bitmap, padding included.
 bytes raw_rows(int h) {
