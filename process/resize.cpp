@@ -3,6 +3,8 @@
 // enlarging.  Steps are 16.16 fixed point; rows count in storage order.
 #include "process/process.h"
 
+#include <array>
+
 namespace brv {
 
 namespace {
@@ -71,8 +73,19 @@ int smooth_shrink(const bitmap &src, const bitmap &dst) {
     return r < 0 ? r : 0;
 }
 
-// The 8.8 ramp from a to b over n steps (signed, truncating), step k.
-inline uint8_t ramp(int a, int b, int n, int k) { return static_cast<uint8_t>((a * 256 + k * ((b - a) * 256 / n)) >> 8); }
+// The 8.8 ramp from a to b over n steps: a step of (b - a) * 256 / n with
+// signed truncating division, value k is (a * 256 + k * step) >> 8.  The
+// steps of short spans come from a table: a division per byte would cost
+// more than the rest of the enlargement.
+constexpr int TABLED_SPANS = 16;
+constexpr auto ramp_steps = [] {
+    std::array<std::array<int, 511>, TABLED_SPANS + 1> t{};
+    for (int n = 1; n <= TABLED_SPANS; n++)
+        for (int d = -255; d <= 255; d++) t[n][d + 255] = d * 256 / n;
+    return t;
+}();
+inline int ramp_step(int a, int b, int n) { return n <= TABLED_SPANS ? ramp_steps[n][b - a + 255] : (b - a) * 256 / n; }
+inline uint8_t ramp_at(int a, int step, int k) { return static_cast<uint8_t>((a * 256 + k * step) >> 8); }
 
 // Spreads a source row over a wider (or equal) destination row.
 template <int N>
@@ -88,8 +101,10 @@ void spread_row(const uint8_t *in, int in_width, uint8_t *out, int out_width) {
         if (e > last) e = last;
         const uint8_t *p = in + N * i, *q = i + 1 < in_width ? p + N : p;
         if (e - s >= 2) {
-            for (int k = 0; k < e - s; k++)
-                for (int c = 0; c < N; c++) out[N * (s + k) + c] = ramp(p[c], q[c], e - s, k);
+            for (int c = 0; c < N; c++) {
+                const int step = ramp_step(p[c], q[c], e - s);
+                for (int k = 0; k < e - s; k++) out[N * (s + k) + c] = ramp_at(p[c], step, k);
+            }
         } else {
             for (int c = 0; c < N; c++) out[N * s + c] = p[c];
         }
@@ -103,9 +118,10 @@ template <int N>
 int spread(const bitmap &src, const bitmap &dst) {
     const int H = src.height, last = dst.height - 1;
     const uint32_t n = dst.stride;
-    auto *a = static_cast<uint8_t *>(scratch_alloc(2 * n));
+    auto *a = static_cast<uint8_t *>(scratch_alloc(6 * n));
     if (!a) return IMG_ERR_MEMORY;
     uint8_t *b = a + n;
+    auto *steps = reinterpret_cast<int *>(a + 2 * n);  // n is a multiple of 4
     const int64_t step = step_of(dst.height, H);
     int64_t acc = 0;
     int r = 0;
@@ -118,9 +134,10 @@ int spread(const bitmap &src, const bitmap &dst) {
         spread_row<N>(src.row(i), src.width, a, dst.width);
         if (e - s >= 2) {
             spread_row<N>(src.row(i + 1 < H ? i + 1 : i), src.width, b, dst.width);
+            for (int x = 0; x < dst.width * N; x++) steps[x] = ramp_step(a[x], b[x], e - s);
             for (int k = 0; k < e - s && r >= 0; k++) {
                 uint8_t *o = dst.row(s + k);
-                for (int x = 0; x < dst.width * N; x++) o[x] = ramp(a[x], b[x], e - s, k);
+                for (int x = 0; x < dst.width * N; x++) o[x] = ramp_at(a[x], steps[x], k);
                 r = row_done(dst.height);
             }
         } else {
