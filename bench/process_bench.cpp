@@ -57,6 +57,8 @@ const dib_block &dib(int bits) {
 }
 
 void rate(benchmark::State &state) {
+    // Megapixels of the source a second of wall-clock time (the rows are
+    // registered with UseRealTime).
     state.counters["MP/s"] = benchmark::Counter(double(W) * H * state.iterations() / 1e6, benchmark::Counter::kIsRate);
 }
 
@@ -194,9 +196,9 @@ void bm_magick(benchmark::State &state, const magick_op *op, int bits, int threa
         std::string b = "/";
         b += std::to_string(bits);
         b += "bit";
-        benchmark::RegisterBenchmark(("memcpy" + b).c_str(), bm_memcpy, bits)->Unit(benchmark::kMillisecond);
+        benchmark::RegisterBenchmark(("memcpy" + b).c_str(), bm_memcpy, bits)->Unit(benchmark::kMillisecond)->UseRealTime();
         for (const our_op &op : ours) {
-            benchmark::RegisterBenchmark((std::string(op.name) + b + "/ours").c_str(), bm_ours, &op, bits)->Unit(benchmark::kMillisecond);
+            benchmark::RegisterBenchmark((std::string(op.name) + b + "/ours").c_str(), bm_ours, &op, bits)->Unit(benchmark::kMillisecond)->UseRealTime();
 #ifdef HAVE_VIPS
             for (auto &v : vips_ops)
                 if (!std::strcmp(v.first, op.name))
@@ -205,8 +207,11 @@ void bm_magick(benchmark::State &state, const magick_op *op, int bits, int threa
                                                      &v.second, bits, t)->Unit(benchmark::kMillisecond)->UseRealTime();
 #endif
 #ifdef HAVE_MAGICKWAND
+            // Doubling makes a 48-megapixel picture of 16-bit samples, past
+            // Debian's ImageMagick memory policy: its pixel cache goes to disk
+            // and one run takes minutes.
             for (auto &m : magick_ops)
-                if (!std::strcmp(m.first, op.name))
+                if (!std::strcmp(m.first, op.name) && !std::strstr(op.name, "double"))
                     for (int t : {1, 0})
                         benchmark::RegisterBenchmark((std::string(op.name) + b + (t ? "/magick_1thread" : "/magick_default")).c_str(),
                                                      bm_magick, &m.second, bits, t)->Unit(benchmark::kMillisecond)->UseRealTime();
