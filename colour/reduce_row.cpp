@@ -1,15 +1,9 @@
 // Load-time colour reduction: one row at a time, in place, onto the "332"
 // cube (8 bits), the "dither" colours (4 bits) or black and white (1 bit).
 #include "colour/colour.h"
+#include "colour/pixels.h"
 
 namespace brv {
-
-const uint8_t bayer_thresholds[64] = {
-    4,   128, 32,  160, 8,   136, 40,  168, 192, 64,  224, 96,  200, 72,  232, 104,
-    48,  176, 16,  144, 56,  184, 24,  152, 240, 112, 208, 80,  248, 120, 216, 88,
-    12,  140, 44,  172, 4,   132, 36,  164, 204, 76,  236, 108, 196, 68,  228, 100,
-    60,  188, 28,  156, 52,  180, 20,  148, 252, 124, 220, 92,  244, 116, 212, 84,
-};
 
 namespace {
 
@@ -52,50 +46,23 @@ inline int level_of(int v, int steps, int threshold, bool ordered) {
     return level + (frac * 2 >= 255 ? 1 : 0);
 }
 
-// Reads pixel x of a row of the announced depth as blue, green, red.
-template <int Bits>
-inline void pixel_bgr(const uint8_t *row, const uint8_t *pal, int x, int &b, int &g, int &r) {
-    const uint8_t *q;
-    if constexpr (Bits == 24) {
-        q = row + 3 * x;
-    } else if constexpr (Bits == 8) {
-        q = pal + 4 * row[x];
-    } else if constexpr (Bits == 4) {
-        q = pal + 4 * ((row[x >> 1] >> ((x & 1) ? 0 : 4)) & 15);
-    } else {
-        q = pal + 4 * ((row[x >> 3] >> (7 - (x & 7))) & 1);
-    }
-    b = q[0];
-    g = q[1];
-    r = q[2];
-}
-
 template <int Bits>
 void to_332(const uint8_t *pal, uint8_t *row, int width, int r, bool ordered) {
     for (int x = 0; x < width; x++) {
-        int b, g, rd;
-        pixel_bgr<Bits>(row, pal, x, b, g, rd);
+        const uint8_t *q = pixel_bgr<Bits>(row, pal, x);
         int t = bayer_thresholds[8 * (x & 7) + (r & 7)];
-        row[x] = static_cast<uint8_t>(level_of(rd, 7, t, ordered) << 5 | level_of(g, 7, t, ordered) << 2 |
-                                      level_of(b, 3, t, ordered));
+        row[x] = static_cast<uint8_t>(level_of(q[2], 7, t, ordered) << 5 | level_of(q[1], 7, t, ordered) << 2 |
+                                      level_of(q[0], 3, t, ordered));
     }
 }
 
 template <int Bits>
-void to_dither16(const uint8_t *pal, uint8_t *row, int width, int r, bool ordered) {
+void to_nearest16(const uint8_t *pal, uint8_t *row, int width) {
     const dither_lookup &nearest = nearest_dither();
     uint8_t acc = 0;
     for (int x = 0; x < width; x++) {
-        int b, g, rd;
-        pixel_bgr<Bits>(row, pal, x, b, g, rd);
-        int index;
-        if (ordered) {
-            int t = bayer_thresholds[8 * (x & 7) + (r & 7)];
-            int y = (38 * rd + 75 * g + 14 * b) >> 7;
-            index = (b > t ? 4 : 0) | (g > t ? 2 : 0) | (rd > t ? 1 : 0) | (y > t + 40 ? 8 : 0);
-        } else {
-            index = nearest.index[(b >> 3) << 10 | (g >> 3) << 5 | (rd >> 3)];
-        }
+        const uint8_t *q = pixel_bgr<Bits>(row, pal, x);
+        int index = nearest.index[(q[0] >> 3) << 10 | (q[1] >> 3) << 5 | (q[2] >> 3)];
         if (x & 1) {
             row[x >> 1] = static_cast<uint8_t>(acc | index);
         } else {
@@ -105,43 +72,26 @@ void to_dither16(const uint8_t *pal, uint8_t *row, int width, int r, bool ordere
     if (width & 1) row[width >> 1] = acc;
 }
 
-template <int Bits>
-void to_mono(const uint8_t *pal, uint8_t *row, int width, int r, bool ordered) {
-    uint8_t acc = 0;
-    for (int x = 0; x < width; x++) {
-        int b, g, rd;
-        pixel_bgr<Bits>(row, pal, x, b, g, rd);
-        int gray = (11 * b + 30 * rd + 59 * g) / 100;
-        int limit = ordered ? bayer_thresholds[8 * (x & 7) + (r & 7)] : 127;
-        if (gray > limit) acc |= static_cast<uint8_t>(0x80 >> (x & 7));
-        if ((x & 7) == 7) {
-            row[x >> 3] = acc;
-            acc = 0;
-        }
-    }
-    if (width & 7) row[width >> 3] = acc;
-}
-
-using row_converter = void (*)(const uint8_t *, uint8_t *, int, int, bool);
-
-row_converter pick(int from, int to) {
-    switch (to) {
-    case 8:
-        return from == 24 ? to_332<24> : from == 8 ? to_332<8> : from == 4 ? to_332<4> : to_332<1>;
-    case 4:
-        return from == 24 ? to_dither16<24> : from == 8 ? to_dither16<8> : from == 4 ? to_dither16<4> : to_dither16<1>;
-    default:
-        return from == 24 ? to_mono<24> : from == 8 ? to_mono<8> : from == 4 ? to_mono<4> : to_mono<1>;
-    }
-}
-
 }  // namespace
 
 void reduce_row(const dib_info *announced, uint8_t *row, int target_bits, int r, int dithermode) {
     int from = announced->biBitCount;
     int width = announced->biWidth;
     const uint8_t *pal = reinterpret_cast<const uint8_t *>(announced) + 40;
-    pick(from, target_bits)(pal, row, width, r, dithermode != 0);
+    const bool ordered = dithermode != 0;
+    uint8_t t[8];
+    if (ordered) row_thresholds(bayer_thresholds, r, t);
+    if (target_bits == 8) {
+        by_depth(from, [&]<int B>() { to_332<B>(pal, row, width, r, ordered); });
+    } else if (target_bits == 4 && !ordered) {
+        by_depth(from, [&]<int B>() { to_nearest16<B>(pal, row, width); });
+    } else if (target_bits == 4) {
+        ordered_colour_kernel(from)(row, pal, row, width, t);
+    } else {
+        // Without dithering the threshold is mid-grey everywhere.
+        if (!ordered) std::memset(t, 127, sizeof t);
+        ordered_mono_kernel(from)(row, pal, row, width, t);
+    }
     // Clear the stored row's padding so the bitmap's bytes do not depend on
     // what the reader left in its buffer.
     uint32_t used = target_bits == 1 ? (width + 7) / 8 : target_bits == 4 ? (width + 1) / 2 : width;

@@ -101,8 +101,7 @@ int handle_free(int h) {
 
 int handle_free_keep(int h) {
     if (handle_check(h)) return IMG_ERR_HANDLE;
-    // There are no palette objects without the display layer; the word is
-    // cleared so the slot's next user starts clean.
+    os_palette_delete(static_cast<int32_t>(table[h]->palette_object));
     table[h]->palette_object = 0;
     release_slot(h);
     return 0;

@@ -200,6 +200,46 @@ IMG_EXPORT int IMG_API IMGLOW_set_comp_quality(int quality);
 IMG_EXPORT int IMG_API IMGLOW_get_bitmap_name(char *text_out, char *date_out);
 IMG_EXPORT int IMG_API IMGLOW_set_bitmap_name(const char *text, const char *date);
 
+/* Colour reductions, in place on a handle: each returns 0, IMG_ERR_HANDLE,
+ * IMG_ERR_TYPE for a source depth it does not take, IMG_ERR_MEMORY, or the
+ * status callback's negative answer (called once per output row); on any
+ * failure the bitmap is left as it was.
+ *   popularity: 24-bit source, 8-bit result on the 256 most frequent colours.
+ *   octree: 8- or 24-bit source; bits 4 gives 4 bits (at most 16 colours),
+ *     anything else 8 bits.  palette null: the colours come from the image,
+ *     at most `colours` of them (8..256); otherwise from the first `colours`
+ *     quads (blue, green, red, 0) of palette (colours 0 gives IMG_ERR_TYPE).
+ *   promote_8: 1 or 4 bits to 8, indexes and table kept.
+ *   promote_24: 1, 4 or 8 bits to 24.
+ *   bayer_mono, halftone_mono, diffusion_mono: 4, 8, 24 bits to black and white.
+ *   bayer_color, diffusion_color: 4, 8, 24 bits to the 16-colour cube.
+ *   mediancut_color: 4, 8, 24 bits by error diffusion onto the 3-3-2 cube. */
+IMG_EXPORT int IMG_API IMG_popularity_color(int handle);
+IMG_EXPORT int IMG_API IMG_octree_color(int handle, int bits, const void *palette, int colours);
+IMG_EXPORT int IMG_API IMG_promote_8(int handle);
+IMG_EXPORT int IMG_API IMG_promote_24(int handle);
+IMG_EXPORT int IMG_API IMG_bayer_mono(int handle);
+IMG_EXPORT int IMG_API IMG_halftone_mono(int handle);
+IMG_EXPORT int IMG_API IMG_diffusion_mono(int handle);
+IMG_EXPORT int IMG_API IMG_bayer_color(int handle);
+IMG_EXPORT int IMG_API IMG_diffusion_color(int handle);
+IMG_EXPORT int IMG_API IMG_mediancut_color(int handle);
+
+/* Display palettes.  The table is the bitmap's colour table through the
+ * handle's gamma, brightness and contrast (2, 16 or 256 entries), or the
+ * 3-3-2 cube for 24 bits and when IMGLOW_autocolor is set; a 1-bit bitmap
+ * under auto-colour has none (0 is returned, nothing is made).
+ * On Windows the palette is a GDI palette object (HPALETTE).  Elsewhere it
+ * is a memory block laid out as a LOGPALETTE: version 0x300 and the entry
+ * count (two 16-bit words), then per entry red, green, blue, flags (0).
+ * Lock it with IMG_mem_lock; IMG_mem_free deletes it.
+ *   IMG_bitmap_palette: the handle keeps the palette (replacing and deleting
+ *     its previous one) and, on Windows, selects it into the device context
+ *     dc and realizes it; 0.
+ *   IMG_get_bitmap_palette: returns the palette; the caller owns it. */
+IMG_EXPORT int IMG_API IMG_bitmap_palette(int handle, void *dc);
+IMG_EXPORT int IMG_API IMG_get_bitmap_palette(int handle);
+
 /* Settings and queries. */
 IMG_EXPORT int IMG_API IMG_set_statusbar(void *value, IMG_status_fn function, int enable);
 IMG_EXPORT int IMG_API IMGLOW_set_rop(int handle, int rop);

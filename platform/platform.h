@@ -52,4 +52,14 @@ int os_create_temp(char *name, int capacity);
 // Milliseconds since some fixed point; wraps.
 uint32_t os_tick_count();
 
+// ---- Logical palettes ----------------------------------------------------------
+// A palette object from count entries of red, green, blue, flags: a GDI
+// palette on Windows, elsewhere a memory block of the same layout as the
+// system's LOGPALETTE.  0 when it cannot be made.
+int32_t os_palette_create(const uint8_t *entries, int count);
+void os_palette_delete(int32_t palette);
+// Selects the palette into a device context (foreground) and realizes it;
+// returns the palette that was selected before (0 where there are none).
+int32_t os_palette_select(void *dc, int32_t palette);
+
 }  // namespace brv

@@ -88,7 +88,7 @@ int usage(FILE *out) {
                  "  info FILE                 type, size, depth, pages and resolution\n"
                  "  detect FILE               the detected type code and its name\n"
                  "  convert IN OUT [options]  load IN by content, save OUT\n"
-                 "  process IN OUT OP...      load IN, apply the operations in order, save OUT\n"
+                 "  process IN OUT OP...      load IN, apply each operation in turn, save OUT\n"
                  "  formats                   the type codes: key, extension, read and write support\n"
                  "  demo [DIR]                save a built-in test card under every writer and read it back\n"
                  "  --version                 the library's version\n"
@@ -301,21 +301,6 @@ int save_to_stdout(int h, int type) {
     return r;
 }
 
-// Saves a handle to OUT (or standard output) with a progress bar.
-int save_output(int h, const char *out, int type, bool append) {
-    progress_start("save");
-    int r;
-    if (is_stdio(out)) {
-        r = save_to_stdout(h, type);
-    } else {
-        // The library adds a page to an existing TIFF or DCX; the tool replaces it unless asked.
-        if (!append) std::remove(out);
-        r = IMG_save_bitmap(h, out, type);
-    }
-    progress_stop();
-    return r;
-}
-
 int cmd_convert(int argc, char **argv) {
     if (wants_help(argc, argv)) {
         std::printf("usage: brivanta convert IN OUT [--type KEY|N] [--append] [--page N] [--quality Q] [--reduce 1|4|8]\n"
@@ -380,131 +365,149 @@ int cmd_convert(int argc, char **argv) {
     int h = load_file(in, page, fax_type, fax_width, fax_height, fax_fill);
     progress_stop();
     if (h < 0) return fail(in, h);
-    int r = save_output(h, out, type, append);
+    progress_start("save");
+    int r;
+    if (is_stdio(out)) {
+        r = save_to_stdout(h, type);
+    } else {
+        // The library adds a page to an existing TIFF or DCX; the tool replaces it unless asked.
+        if (!append) std::remove(out);
+        r = IMG_save_bitmap(h, out, type);
+    }
+    progress_stop();
     IMG_delete_bitmap(h);
     if (r < 0) return fail(out, r);
     return 0;
 }
 
-// ---- Processing: one table of operations, applied in order -------------------
-enum class takes { nothing, number, size };
-struct operation {
-    const char *option;
-    takes argument;
+// ---- Processing: operations on a loaded picture, in the order given ---------------
+// One row per operation: its option, the argument it takes (null for none),
+// what it does, and the call that does it (BAD_ARGUMENT for an argument it
+// cannot use).
+struct process_op {
+    const char *name;
+    const char *arg;
     const char *help;
-    int (*apply)(int handle, int a, int b);  // null: a setting read before any operation runs
+    int (*run)(int h, const char *arg);
 };
 
-// --interp turns every --resize of the command into the interpolating one.
+constexpr int BAD_ARGUMENT = 1;
+
+int run_octree(int h, const char *arg) {
+    int bits = 0, colours = 256;
+    if (std::sscanf(arg, "%d:%d", &bits, &colours) < 1 || (bits != 4 && bits != 8)) return BAD_ARGUMENT;
+    return IMG_octree_color(h, bits, nullptr, colours);
+}
+
+int run_promote(int h, const char *arg) {
+    int bits = std::atoi(arg);
+    return bits == 8 ? IMG_promote_8(h) : bits == 24 ? IMG_promote_24(h) : BAD_ARGUMENT;
+}
+
+const process_op process_ops[] = {
+    {"--popularity", nullptr, "24 bits to 8 on its 256 most frequent colours",
+     [](int h, const char *) { return IMG_popularity_color(h); }},
+    {"--octree", "4|8[:COLOURS]", "8 or 24 bits onto an octree palette of the image, diffused",
+     run_octree},
+    {"--promote", "8|24", "1 or 4 bits to 8, or 1, 4, 8 bits to 24", run_promote},
+    {"--bayer-mono", nullptr, "black and white, ordered dither", [](int h, const char *) { return IMG_bayer_mono(h); }},
+    {"--halftone", nullptr, "black and white, clustered-dot screen",
+     [](int h, const char *) { return IMG_halftone_mono(h); }},
+    {"--diffusion-mono", nullptr, "black and white, error diffusion",
+     [](int h, const char *) { return IMG_diffusion_mono(h); }},
+    {"--bayer-colour", nullptr, "16 colours, ordered dither", [](int h, const char *) { return IMG_bayer_color(h); }},
+    {"--diffusion-colour", nullptr, "16 colours, error diffusion",
+     [](int h, const char *) { return IMG_diffusion_color(h); }},
+    {"--mediancut", nullptr, "256 colours of the 3-3-2 cube, error diffusion",
+     [](int h, const char *) { return IMG_mediancut_color(h); }},
+};
+
+// The geometric and tonal operations: a table of their own, so that the
+// demo's colour loop below stays with the colour rows.  --interp is a
+// setting read before any operation runs: every --resize interpolates.
 bool resize_interp = false;
 
-const operation operations[] = {
-    {"--rotate", takes::number, "90 or 270: a quarter turn clockwise or counter-clockwise; 180: a half turn;\n"
-     "                 other angles mirror the picture about its anti-diagonal",
-     [](int h, int deg, int) { return IMG_rotate_bitmap(h, deg); }},
-    {"--flip-x", takes::nothing, "mirror left to right", [](int h, int, int) { return IMG_flip_bitmapx(h); }},
-    {"--flip-y", takes::nothing, "mirror top to bottom", [](int h, int, int) { return IMG_flip_bitmapy(h); }},
-    {"--invert", takes::nothing, "complement every stored value (palette indexes below 24 bits)",
-     [](int h, int, int) { return IMG_invert_bitmap(h); }},
-    {"--resize", takes::size, "new size by repeating and dropping pixels (any depth)",
-     [](int h, int w, int ht) { return resize_interp ? IMG_resize_bitmap_interp(h, w, ht) : IMG_resize_bitmap(h, w, ht); }},
-    {"--interp", takes::nothing, "resize by smoothing and linear ramps instead (24 bits, 8-bit grey)", nullptr},
-    {"--sharpen", takes::number, "unsharp mask, 0 weakest to 128 strongest (24 bits, 4- and 8-bit grey)",
-     [](int h, int level, int) { return IMG_sharpen_bitmap(h, level); }},
-    {"--filter", takes::number, "3x3 filter 1-9 (8 and 24 bits; 8-bit colour is made grey first)",
-     [](int h, int code, int) { return IMG_process_bitmap(h, code, nullptr); }},
+int run_size(int h, const char *arg, int (*resize)(int, int, int)) {
+    int w = 0, ht = 0;
+    if (std::sscanf(arg, "%dx%d", &w, &ht) != 2 || w < 1 || ht < 1) return BAD_ARGUMENT;
+    return resize(h, w, ht);
+}
+
+int run_number(const char *arg, int *n) {
+    char *end = nullptr;
+    long v = std::strtol(arg, &end, 10);
+    if (!*arg || *end || v < INT32_MIN || v > INT32_MAX) return BAD_ARGUMENT;
+    *n = static_cast<int>(v);
+    return 0;
+}
+
+const process_op geometry_ops[] = {
+    {"--rotate", "DEG", "90 or 270: a quarter turn clockwise or counter-clockwise; 180 a half turn; other angles mirror about the anti-diagonal",
+     [](int h, const char *a) { int n; return run_number(a, &n) ? BAD_ARGUMENT : IMG_rotate_bitmap(h, n); }},
+    {"--flip-x", nullptr, "mirror left to right", [](int h, const char *) { return IMG_flip_bitmapx(h); }},
+    {"--flip-y", nullptr, "mirror top to bottom", [](int h, const char *) { return IMG_flip_bitmapy(h); }},
+    {"--invert", nullptr, "complement every stored value (palette indexes below 24 bits)",
+     [](int h, const char *) { return IMG_invert_bitmap(h); }},
+    {"--resize", "WxH", "new size by repeating and dropping pixels (any depth)",
+     [](int h, const char *a) { return run_size(h, a, resize_interp ? IMG_resize_bitmap_interp : IMG_resize_bitmap); }},
+    {"--interp", nullptr, "every --resize smooths and ramps instead (24 bits, 8-bit grey)", [](int, const char *) { return 0; }},
+    {"--sharpen", "N", "unsharp mask, 0 weakest to 128 strongest (24 bits, 4- and 8-bit grey)",
+     [](int h, const char *a) { int n; return run_number(a, &n) ? BAD_ARGUMENT : IMG_sharpen_bitmap(h, n); }},
+    {"--filter", "N", "3x3 filter 1-9 (8 and 24 bits; 8-bit colour is made grey first)",
+     [](int h, const char *a) { int n; return run_number(a, &n) ? BAD_ARGUMENT : IMG_process_bitmap(h, n, nullptr); }},
+    {"--grey", nullptr, "4, 8 or 24 bits to 8-bit luminance", [](int h, const char *) { return IMG_color_gray(h); }},
 };
 
-const operation *operation_named(const std::string &option) {
-    for (const operation &op : operations)
-        if (option == op.option) return &op;
+const process_op *find_op(const char *name) {
+    for (const process_op &op : geometry_ops)
+        if (!std::strcmp(op.name, name)) return &op;
+    for (const process_op &op : process_ops)
+        if (!std::strcmp(op.name, name)) return &op;
     return nullptr;
 }
 
-struct step {
-    const operation *op;
-    int a, b;
-};
-
 int cmd_process(int argc, char **argv) {
     if (wants_help(argc, argv)) {
-        std::printf("usage: brivanta process IN OUT [--type KEY|N] OP...\n"
-                    "Loads IN, applies the operations in the order given and saves OUT (as --type, or by its\n"
-                    "extension).  IN or OUT may be - for standard input or output (standard output needs --type).\n"
-                    "Operations:\n");
-        for (const operation &op : operations) {
-            const char *arg = op.argument == takes::number ? " N" : op.argument == takes::size ? " WxH" : "";
-            std::printf("  %s%-*s %s\n", op.option, static_cast<int>(14 - std::strlen(op.option)), arg, op.help);
+        std::printf("usage: brivanta process IN OUT OP...\n"
+                    "Loads IN, applies each operation in the order given and saves OUT by its extension.\n");
+        for (const process_op &op : geometry_ops) {
+            std::string name = std::string(op.name) + (op.arg ? std::string(" ") + op.arg : "");
+            std::printf("  %-26s %s\n", name.c_str(), op.help);
         }
-        std::printf("Example: brivanta process photo.jpg out.bmp --rotate 90 --resize 800x600 --interp --sharpen 64\n");
+        for (const process_op &op : process_ops) {
+            std::string name = std::string(op.name) + (op.arg ? std::string(" ") + op.arg : "");
+            std::printf("  %-26s %s\n", name.c_str(), op.help);
+        }
         return 0;
     }
-    const char *in = nullptr, *out = nullptr;
-    int type = IMG_TYPE_BY_EXTENSION;
-    std::vector<step> steps;
+    if (argc < 5) return usage(stderr);
+    const char *in = argv[2], *out = argv[3];
+    std::vector<std::pair<const process_op *, const char *>> steps;
     resize_interp = false;
-    for (int i = 2; i < argc; i++) {
-        std::string a = argv[i];
-        const operation *op = operation_named(a);
-        if (a == "--type" && i + 1 < argc) {
-            if ((type = parse_type(argv[++i])) == -2) {
-                std::fprintf(stderr, "brivanta: unknown type %s; 'brivanta formats' lists them\n", argv[i]);
-                return 2;
-            }
-        } else if (op) {
-            step s{op, 0, 0};
-            const char *v = op->argument == takes::nothing ? "" : i + 1 < argc ? argv[++i] : nullptr;
-            char *end = nullptr;
-            bool ok = v != nullptr;
-            if (ok && op->argument == takes::number) {
-                long n = std::strtol(v, &end, 10);
-                ok = *v && !*end && n >= INT32_MIN && n <= INT32_MAX;
-                s.a = static_cast<int>(n);
-            } else if (ok && op->argument == takes::size) {
-                ok = std::sscanf(v, "%dx%d", &s.a, &s.b) == 2 && s.a > 0 && s.b > 0;
-            }
-            if (!ok) {
-                std::fprintf(stderr, "brivanta: %s wants %s\n", op->option, op->argument == takes::size ? "WIDTHxHEIGHT" : "a number");
-                return 2;
-            }
-            if (op->apply) steps.push_back(s);
-            else if (a == "--interp") resize_interp = true;
-        } else if (a[0] == '-' && a.size() > 1) {
-            std::fprintf(stderr, "brivanta: unknown or incomplete option %s; 'brivanta process --help' lists them\n", a.c_str());
+    for (int i = 4; i < argc; i++)
+        if (!std::strcmp(argv[i], "--interp")) resize_interp = true;
+    for (int i = 4; i < argc; i++) {
+        const process_op *op = find_op(argv[i]);
+        if (!op || (op->arg && i + 1 >= argc)) {
+            std::fprintf(stderr, "brivanta: unknown or incomplete operation %s\n", argv[i]);
             return 2;
-        } else if (!in) in = argv[i];
-        else if (!out) out = argv[i];
-        else return usage(stderr);
+        }
+        steps.emplace_back(op, op->arg ? argv[++i] : nullptr);
     }
-    if (!in || !out) return usage(stderr);
-    if (is_stdio(out) && type == IMG_TYPE_BY_EXTENSION) {
-        std::fprintf(stderr, "brivanta: standard output needs --type\n");
-        return 2;
-    }
-    progress_start("load");
     int h = load_file(in, 0);
-    progress_stop();
     if (h < 0) return fail(in, h);
-    int r = 0;
-    for (const step &s : steps) {
-        progress_start(s.op->option + 2);
-        r = s.op->apply(h, s.a, s.b);
+    for (auto [op, arg] : steps) {
+        progress_start(op->name + 2);
+        int r = op->run(h, arg);
         progress_stop();
-        if (r == IMG_ERR_TYPE || r == IMG_ERR_DEPTH) {
-            // The library's text for these codes speaks of file types.
-            int bits = 0;
-            IMG_bitmap_info(h, nullptr, nullptr, &bits);
-            std::fprintf(stderr, "brivanta: %s: not for this %d-bit picture, its colour table or this value (%d)\n",
-                         s.op->option, bits, r);
+        if (r == BAD_ARGUMENT) std::fprintf(stderr, "brivanta: %s takes %s\n", op->name, op->arg);
+        if (r != 0) {
             IMG_delete_bitmap(h);
-            return 1;
-        }
-        if (r < 0) {
-            IMG_delete_bitmap(h);
-            return fail(s.op->option, r);
+            return r < 0 ? fail(op->name, r) : 2;
         }
     }
-    r = save_output(h, out, type, false);
+    if (!is_stdio(out)) std::remove(out);
+    int r = is_stdio(out) ? save_to_stdout(h, IMG_TYPE_BMP) : IMG_save_bitmap(h, out, IMG_TYPE_BY_EXTENSION);
     IMG_delete_bitmap(h);
     return r < 0 ? fail(out, r) : 0;
 }
@@ -664,8 +667,7 @@ int cmd_demo(int argc, char **argv) {
     if (wants_help(argc, argv)) {
         std::printf("usage: brivanta demo [DIR]\n"
                     "Draws a test card at 1, 4, 8 and 24 bits, saves it under every output type that has a\n"
-                    "writer into DIR (default: brivanta-demo), loads each file back and prints a table; then\n"
-                    "saves the 24-bit card through each processing operation and prints a second table.\n");
+                    "writer into DIR (default: brivanta-demo), loads each file back and prints a table.\n");
         return 0;
     }
     std::string dir = argc > 2 ? argv[2] : "brivanta-demo";
@@ -731,6 +733,26 @@ int cmd_demo(int argc, char **argv) {
     }
     for (int c : cards) IMG_delete_bitmap(c);
     std::printf("%d files written, %d identical after reading back; the card is %s\n", rows, identical, card.c_str());
+    // The 24-bit card through each colour operation that takes it.
+    std::printf("\n%-20s %-30s %4s %8s\n", "operation", "file", "bits", "ms");
+    for (const process_op &op : process_ops) {
+        if (!std::strcmp(op.name, "--promote")) continue;  // takes 1- to 8-bit pictures
+        char file[512];
+        std::snprintf(file, sizeof file, "%s/card_%s.bmp", dir.c_str(), op.name + 2);
+        int h = load_file(card.c_str(), 0);
+        auto t0 = std::chrono::steady_clock::now();
+        int r = h < 0 ? h : op.run(h, op.arg ? "8" : nullptr);
+        double ms = ms_since(t0);
+        int bits = 0;
+        if (r >= 0) {
+            IMG_bitmap_info(h, nullptr, nullptr, &bits);
+            std::remove(file);
+            r = IMG_save_bitmap(h, file, IMG_TYPE_BMP);
+        }
+        if (h >= 0) IMG_delete_bitmap(h);
+        if (r < 0) return fail(op.name, r);
+        std::printf("%-20s %-30s %4d %8.2f\n", op.name + 2, file + dir.size() + 1, bits, ms);
+    }
     return rows && demo_processing(dir) ? 0 : 1;
 }
 

@@ -230,7 +230,7 @@ def tool_errors():
     src = B.tmp("tool_4bit.bmp")
     with open(src, "wb") as f:
         f.write(data)
-    for args, code, text in ((["--filter", "3"], 1, "--filter"), (["--resize", "0x3"], 2, "WIDTHxHEIGHT"),
+    for args, code, text in ((["--filter", "3"], 1, "--filter"), (["--resize", "0x3"], 2, "WxH"),
                              (["--bogus"], 2, "--bogus"), (["--rotate"], 2, "--rotate")):
         r = B.subprocess.run([B.TOOL, "process", src, B.tmp("x.bmp")] + args, capture_output=True)
         err = r.stderr.decode()

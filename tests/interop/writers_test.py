@@ -172,11 +172,10 @@ def writer_case(type_code, source):
 def demo_round_trip():
     """The demo's table: every lossless writer's file reads back identical."""
     lossy = {13, 32, 40}
-    out = B.run([B.TOOL, "demo", B.tmp("demo")]).decode()
-    # The round-trip table ends at its summary line; the processing table follows.
-    lines = out.splitlines()
-    end = next(i for i, line in enumerate(lines) if "files written" in line)
-    bad = [line for line in lines[1:end]
+    lines = B.run([B.TOOL, "demo", B.tmp("demo")]).decode().splitlines()
+    # The round-trip table ends at its summary line; the colour operations follow.
+    table = lines[1:next(i for i, line in enumerate(lines) if "files written" in line)]
+    bad = [line for line in table
            if int(line.split()[0]) not in lossy and "identical" not in line and "refused" not in line]
     assert not bad, "\n".join(bad)
 
