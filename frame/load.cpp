@@ -5,6 +5,7 @@
 #include "colour/colour.h"
 #include "frame/formats.h"
 #include "frame/handles.h"
+#include "process/process.h"
 
 namespace brv {
 
@@ -20,30 +21,6 @@ shrink_state shrink;
 
 int IMG_CALLBACK ignore_header(void *, void *) { return 0; }
 int IMG_CALLBACK ignore_row(unsigned char *, void *, int, int) { return 0; }
-
-template <int Bits>
-void sample_row(const uint8_t *src, uint8_t *dst, int out_width, uint32_t step) {
-    if constexpr (Bits == 24 || Bits == 8) {
-        constexpr int N = Bits / 8;
-        for (int i = 0; i < out_width; i++) {
-            uint32_t s = static_cast<uint32_t>((static_cast<uint64_t>(i) * step) >> 16);
-            for (int k = 0; k < N; k++) dst[N * i + k] = src[N * s + k];
-        }
-    } else if constexpr (Bits == 4) {
-        std::memset(dst, 0, (out_width + 1) / 2);
-        for (int i = 0; i < out_width; i++) {
-            uint32_t s = static_cast<uint32_t>((static_cast<uint64_t>(i) * step) >> 16);
-            int v = (src[s >> 1] >> ((s & 1) ? 0 : 4)) & 15;
-            dst[i >> 1] |= static_cast<uint8_t>(v << ((i & 1) ? 0 : 4));
-        }
-    } else {
-        std::memset(dst, 0, (out_width + 7) / 8);
-        for (int i = 0; i < out_width; i++) {
-            uint32_t s = static_cast<uint32_t>((static_cast<uint64_t>(i) * step) >> 16);
-            if ((src[s >> 3] >> (7 - (s & 7))) & 1) dst[i >> 3] |= static_cast<uint8_t>(0x80 >> (i & 7));
-        }
-    }
-}
 
 // Bitmaps up to this size are taken uncleared when a load tracks its rows:
 // clearing a picture that is then overwritten costs as much as storing it.

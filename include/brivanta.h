@@ -248,6 +248,55 @@ IMG_EXPORT int IMG_API IMGLOW_get_image_orientation(const char *name);
 IMG_EXPORT int IMG_API IMG_qor_version(int *major, int *minor);
 IMG_EXPORT int IMG_API IMGLOW_set_wipedelay(int delay);
 
+/* Processing, in place on a handle: the handle keeps its number, and on
+ * any failure its bitmap and record are left as they were.  Long operations
+ * call the status callback once per row and stop when it answers < 0. */
+/* 90 and 270 turn a quarter clockwise and counter-clockwise, 180 a half
+ * turn; any other angle mirrors the picture about its anti-diagonal.  A
+ * quarter turn takes bitmaps up to 8180 rows at 1 bit (height x 4 plus
+ * header and colour table within 32768 bytes), else IMG_ERR_MEMORY. */
+IMG_EXPORT int IMG_API IMG_rotate_bitmap(int handle, int angle);
+IMG_EXPORT int IMG_API IMG_flip_bitmapx(int handle);
+IMG_EXPORT int IMG_API IMG_flip_bitmapy(int handle);
+/* Complements every stored byte: a negative at 24 bits, inverted palette
+ * indexes at 1, 4 and 8 bits (the colour table is left alone). */
+IMG_EXPORT int IMG_API IMG_invert_bitmap(int handle);
+/* New size by repeating and dropping pixels, at every depth; sizes below 1
+ * give IMG_ERR_TYPE. */
+IMG_EXPORT int IMG_API IMG_resize_bitmap(int handle, int width, int height);
+/* New size by 3 x 3 averaging when narrower, linear ramps otherwise; 24 bits,
+ * or 8 bits with a grey colour table (else IMG_ERR_TYPE). */
+IMG_EXPORT int IMG_API IMG_resize_bitmap_interp(int handle, int width, int height);
+/* Unsharp mask: level 0 weakest .. 128 strongest, in steps of 16; 24 bits,
+ * or 4 and 8 bits with a grey colour table (else IMG_ERR_TYPE). */
+IMG_EXPORT int IMG_API IMG_sharpen_bitmap(int handle, int level);
+/* 3 x 3 convolution, clamped to 0..255, border pixels kept: filter 1 to 9
+ * built in, 0 the caller's nine weights (top row first).  8 bits (a colour
+ * table that is not grey is made grey first) or 24; IMG_ERR_DEPTH below 8. */
+IMG_EXPORT int IMG_API IMG_process_bitmap(int handle, int filter, const signed char *kernel);
+/* The display brightness and contrast the handle keeps; the pixels are not touched. */
+IMG_EXPORT int IMG_API IMG_set_lut(int handle, int brightness, int contrast);
+/* Per-channel 256-entry tables applied in place: to the colour table at 1, 4
+ * and 8 bits, to the pixels at 24.  A null table leaves its channel alone. */
+IMG_EXPORT int IMG_API IMG_apply_lut(int handle, const unsigned char *red, const unsigned char *green,
+                                     const unsigned char *blue);
+/* Merges the picture of handle from into handle into with its top-left
+ * corner at (left, top) of into (clipped to it), by mode: a raster operation
+ * on the stored values (both of one depth, else IMG_ERR_DEPTH), or a blend
+ * with opacity 0..255 at 24 bits, or at 8 bits when both colour tables are
+ * grey.  The two handles must differ.  No status callback. */
+#define IMG_MERGE_COPY 0
+#define IMG_MERGE_AND 1
+#define IMG_MERGE_OR 2
+#define IMG_MERGE_XOR 3
+#define IMG_MERGE_BLEND(opacity) (0x100 | ((opacity) & 0xFF))
+IMG_EXPORT int IMG_API IMG_merge_bitmap(int into, int from, int left, int top, int mode);
+
+/* Colour. */
+/* Any 4-, 8- or 24-bit picture to 8-bit luminance (white gives 253) on the
+ * identity grey ramp; IMG_ERR_TYPE at 1 bit. */
+IMG_EXPORT int IMG_API IMG_color_gray(int handle);
+
 /* A short English text for an error code, copied NUL-terminated and cut to
  * size (nothing is copied for a null buffer or a size of 0).  Returns the
  * text's full length, or IMG_ERR_TYPE for a code the library never returns. */

@@ -1,0 +1,15 @@
+# libvips and ImageMagick's MagickWand, for the comparison, linked into this
+# benchmark only; without them the benchmark measures ours and memcpy.
+find_package(PkgConfig)
+if(PKG_CONFIG_FOUND)
+  pkg_check_modules(VIPS IMPORTED_TARGET vips)
+  pkg_check_modules(MAGICKWAND IMPORTED_TARGET MagickWand)
+endif()
+if(VIPS_FOUND)
+  target_link_libraries(${name} PRIVATE PkgConfig::VIPS)
+  target_compile_definitions(${name} PRIVATE HAVE_VIPS)
+endif()
+if(MAGICKWAND_FOUND)
+  target_link_libraries(${name} PRIVATE PkgConfig::MAGICKWAND)
+  target_compile_definitions(${name} PRIVATE HAVE_MAGICKWAND)
+endif()

@@ -1,0 +1,84 @@
+// Resizing: the Part's worked cases for replication and for smoothing and
+// ramps.  The general point-sampling rule is checked against a numpy model
+// in interop/process_test.py.
+#include "test_util.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// Rows count in storage order, bottom row first, as the operations count them.
+picture grey8(int w, int h, std::vector<uint8_t> values) {
+    picture p = grey_palette_picture(w, h, 8, 1);
+    for (int y = 0; y < h; y++)
+        for (int x = 0; x < w; x++) p.rows[h - 1 - y][x] = values[y * w + x];
+    return p;
+}
+
+std::vector<uint8_t> values(const picture &p) {
+    std::vector<uint8_t> v;
+    for (auto r = p.rows.rbegin(); r != p.rows.rend(); ++r) v.insert(v.end(), r->begin(), r->begin() + p.width);
+    return v;
+}
+
+}  // namespace
+
+TEST(Resize, ReplicationRepeatsAndDrops) {
+    int h = handle_of(grey8(2, 2, {1, 2, 3, 4}));
+    ASSERT_EQ(IMG_resize_bitmap(h, 4, 4), 0);
+    EXPECT_EQ(values(picture_of(h)), (std::vector<uint8_t>{1, 1, 2, 2, 1, 1, 2, 2, 3, 3, 4, 4, 3, 3, 4, 4}));
+    IMG_delete_bitmap(h);
+    h = handle_of(grey8(4, 1, {10, 20, 30, 40}));
+    ASSERT_EQ(IMG_resize_bitmap(h, 2, 1), 0);
+    EXPECT_EQ(values(picture_of(h)), (std::vector<uint8_t>{10, 30}));
+    IMG_delete_bitmap(h);
+}
+
+TEST(Resize, InterpolationCases) {
+    const struct {
+        int w, h;
+        std::vector<uint8_t> in;
+        int nw, nh;
+        std::vector<uint8_t> want;
+    } cases[] = {
+        // The Part's ramp: 0 and 255 over eight pixels.
+        {2, 1, {0, 255}, 8, 1, {0, 63, 127, 191, 255, 255, 255, 255}},
+        // A white line on black spreads at a ninth of its strength per row of the window.
+        {6, 3, {0, 0, 0, 0, 0, 0, 255, 255, 255, 255, 255, 255, 0, 0, 0, 0, 0, 0}, 3, 3, {85, 85, 85, 85, 85, 85, 85, 85, 85}},
+        {6, 1, {9, 9, 9, 9, 9, 9}, 2, 1, {9, 9}},
+        // Rows ramp as pixels do; the last row takes the last source row.
+        {1, 2, {0, 200}, 1, 5, {0, 100, 200, 200, 200}},
+        // Wider and lower: the enlarging path drops rows.
+        {2, 4, {0, 0, 10, 10, 20, 20, 30, 30}, 4, 2, {10, 10, 10, 10, 30, 30, 30, 30}},
+    };
+    for (auto &c : cases) {
+        int h = handle_of(grey8(c.w, c.h, c.in));
+        ASSERT_EQ(IMG_resize_bitmap_interp(h, c.nw, c.nh), 0);
+        EXPECT_EQ(values(picture_of(h)), c.want) << c.w << "x" << c.h << " to " << c.nw << "x" << c.nh;
+        int cl, ct, cw, ch;
+        IMG_get_croprect(h, &cl, &ct, &cw, &ch);
+        EXPECT_EQ(std::vector<int>({cl, ct, cw, ch}), std::vector<int>({0, 0, c.nw, c.nh}));
+        IMG_delete_bitmap(h);
+    }
+}
+
+TEST(Resize, InterpolationRefusals) {
+    picture p = grey_palette_picture(4, 4, 8, 1);
+    p.palette[4 * 77 + 1] ^= 1;  // one entry off grey
+    const struct {
+        picture pic;
+        int w, h, want;
+    } cases[] = {
+        {p, 2, 2, IMG_ERR_TYPE},
+        {grey_palette_picture(4, 4, 4, 1), 2, 2, IMG_ERR_TYPE},
+        {make_picture(4, 4, 1, 1), 2, 2, IMG_ERR_TYPE},
+        {make_picture(4, 4, 24, 1), 0, 2, IMG_ERR_TYPE},
+        {make_picture(4, 4, 24, 1), 2, -1, IMG_ERR_TYPE},
+    };
+    for (auto &c : cases) {
+        int h = handle_of(c.pic);
+        EXPECT_EQ(IMG_resize_bitmap_interp(h, c.w, c.h), c.want);
+        EXPECT_EQ(picture_of(h), c.pic);
+        IMG_delete_bitmap(h);
+    }
+}

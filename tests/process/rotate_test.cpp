@@ -1,0 +1,140 @@
+// Turns, flips and inversion: the kept behaviours (the anti-diagonal mirror
+// for other angles, the height limit, crop rectangles, zeroed tail bits).
+// Pixel-for-pixel agreement with other tools is in interop/process_test.py.
+#include "process/pixel.h"
+#include "test_util.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// The stored bytes of a handle's bitmap, padding included.
+bytes raw_rows(int h) {
+    int w, ht, bits;
+    int block = IMG_bitmap_info(h, &w, &ht, &bits);
+    auto *d = static_cast<uint8_t *>(IMG_mem_lock(block));
+    bytes out(d + 40 + (bits == 24 ? 0 : 4 << bits), d + 40 + (bits == 24 ? 0 : 4 << bits) + stride_of(w, bits) * ht);
+    IMG_mem_unlock(block);
+    return out;
+}
+
+std::vector<int> crop_of(int h) {
+    std::vector<int> c(4);
+    IMG_get_croprect(h, &c[0], &c[1], &c[2], &c[3]);
+    return c;
+}
+
+}  // namespace
+
+TEST(Rotate, OtherAnglesMirrorAboutTheAntiDiagonal) {
+    for (int bits : {1, 4, 8, 24})
+        for (int angle : {45, 0, -90, 360}) {
+            picture p = make_picture(11, 7, bits, 5u + bits);
+            int h = handle_of(p);
+            ASSERT_EQ(IMG_rotate_bitmap(h, angle), 0);
+            picture q = picture_of(h);
+            ASSERT_EQ(q.width, 7);
+            ASSERT_EQ(q.height, 11);
+            for (int y = 0; y < 7; y++)
+                for (int x = 0; x < 11; x++) ASSERT_EQ(px(q, 6 - y, 10 - x), px(p, x, y)) << bits << " bits, " << angle;
+            IMG_delete_bitmap(h);
+        }
+}
+
+TEST(Rotate, QuarterTurnsUndoEachOtherWithTheCropRectangle) {
+    for (int bits : {1, 4, 8, 24})
+        for (auto [first, second] : {std::pair{90, 270}, {270, 90}, {45, 45}, {180, 180}}) {
+            picture p = make_picture(13, 5, bits, 9u + bits);
+            int h = handle_of(p);
+            IMG_set_croprect(h, 2, 1, 6, 3);
+            ASSERT_EQ(IMG_rotate_bitmap(h, first), 0);
+            EXPECT_NE(picture_of(h), p);
+            ASSERT_EQ(IMG_rotate_bitmap(h, second), 0);
+            EXPECT_EQ(picture_of(h), p) << bits << " bits, " << first;
+            EXPECT_EQ(crop_of(h), (std::vector<int>{2, 1, 6, 3}));
+            IMG_delete_bitmap(h);
+        }
+}
+
+// The crop rectangle follows the content it marked.
+TEST(Rotate, CropRectangleFollowsTheContent) {
+    const struct {
+        int angle;
+        std::vector<int> want;
+    } cases[] = {{90, {1, 2, 3, 6}}, {270, {1, 5, 3, 6}}, {180, {5, 1, 6, 3}}, {45, {1, 5, 3, 6}}};
+    for (auto &c : cases) {
+        int h = handle_of(make_picture(13, 5, 8, 1));
+        IMG_set_croprect(h, 2, 1, 6, 3);
+        ASSERT_EQ(IMG_rotate_bitmap(h, c.angle), 0);
+        EXPECT_EQ(crop_of(h), c.want) << c.angle;
+        IMG_delete_bitmap(h);
+    }
+}
+
+TEST(Rotate, HeightLimitOfAQuarterTurn) {
+    for (int rows : {8180, 8181}) {
+        int h = handle_of(make_picture(3, rows, 1, 2));
+        EXPECT_EQ(IMG_rotate_bitmap(h, 90), rows == 8180 ? 0 : IMG_ERR_MEMORY);
+        if (rows == 8181) {
+            EXPECT_EQ(picture_of(h).height, 8181);
+            EXPECT_EQ(IMG_rotate_bitmap(h, 180), 0);
+        }
+        IMG_delete_bitmap(h);
+    }
+}
+
+TEST(Rotate, OnePixelWideTurnsOnePixelHigh) {
+    for (int bits : {1, 4, 8, 24}) {
+        int h = handle_of(make_picture(1, 9, bits, 3));
+        ASSERT_EQ(IMG_rotate_bitmap(h, 90), 0);
+        picture q = picture_of(h);
+        EXPECT_EQ(std::pair(q.width, q.height), std::pair(9, 1));
+        IMG_delete_bitmap(h);
+    }
+}
+
+// The mirror stops at the pixel width: bits after the last pixel are zero.
+TEST(Flip, SubBytePixelsAndTheirTail) {
+    picture p = make_picture(9, 1, 1, 0);
+    p.rows[0] = {0xB1, 0x80, 0, 0};  // 1011 0001 1
+    int h = handle_of(p);
+    ASSERT_EQ(IMG_flip_bitmapx(h), 0);
+    EXPECT_EQ(raw_rows(h), (bytes{0xC6, 0x80, 0, 0}));
+    IMG_delete_bitmap(h);
+
+    picture q = make_picture(5, 1, 4, 0);
+    q.rows[0] = {0x12, 0x34, 0x50, 0};
+    h = handle_of(q);
+    ASSERT_EQ(IMG_flip_bitmapx(h), 0);
+    EXPECT_EQ(raw_rows(h), (bytes{0x54, 0x32, 0x10, 0}));
+    IMG_delete_bitmap(h);
+}
+
+TEST(Flip, CropRectangle) {
+    int h = handle_of(make_picture(10, 8, 24, 1));
+    IMG_set_croprect(h, 1, 2, 3, 4);
+    IMG_flip_bitmapx(h);
+    EXPECT_EQ(crop_of(h), (std::vector<int>{6, 2, 3, 4}));
+    IMG_flip_bitmapy(h);
+    EXPECT_EQ(crop_of(h), (std::vector<int>{6, 2, 3, 4}));
+    IMG_set_croprect(h, 1, 1, 3, 4);
+    IMG_flip_bitmapy(h);
+    EXPECT_EQ(crop_of(h), (std::vector<int>{1, 3, 3, 4}));
+    IMG_delete_bitmap(h);
+}
+
+TEST(Invert, IndexesNotColoursAndTwiceIsIdentity) {
+    picture g = grey_palette_picture(7, 3, 8, 4);
+    int h = handle_of(g);
+    const bytes before = raw_rows(h);
+    ASSERT_EQ(IMG_invert_bitmap(h), 0);
+    bytes a = appearance(g), b = appearance(picture_of(h));
+    for (size_t i = 0; i < a.size(); i++) ASSERT_EQ(b[i], 255 - a[i]);
+    // Padding bytes too.
+    bytes inv = raw_rows(h);
+    for (size_t i = 0; i < inv.size(); i++) ASSERT_EQ(inv[i], static_cast<uint8_t>(~before[i]));
+    ASSERT_EQ(IMG_invert_bitmap(h), 0);
+    EXPECT_EQ(raw_rows(h), before);
+    EXPECT_EQ(picture_of(h).palette, g.palette);
+    IMG_delete_bitmap(h);
+}
