@@ -20,14 +20,16 @@ PACKAGES = cmake ninja-build g++ clang libgtest-dev libbenchmark-dev \
 	libtiff-tools netpbm imagemagick libjpeg-turbo-progs giflib-tools python3-pil python3-numpy \
 	libclang-rt-14-dev libtiff-dev libgif-dev libturbojpeg0-dev libstb-dev \
 	mingw-w64 g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix googletest wine wine64 \
-	pkg-config g++-multilib qemu-user
+	pkg-config g++-multilib qemu-user pngquant
+# What the benchmarks compare against, linked by them alone.
+BENCH_PACKAGES = libvips-dev libmagickwand-6.q16-dev libimagequant-dev
 
 .PHONY: all deps build demo test bench fuzz msan sanitize clean windows test-windows test-32 install
 
 all: build
 
 deps:
-	@missing=$$(for p in $(PACKAGES); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q 'install ok installed' || echo $$p; done); \
+	@missing=$$(for p in $(PACKAGES) $(EXTRA_PACKAGES); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q 'install ok installed' || echo $$p; done); \
 	if [ -n "$$missing" ]; then \
 	  if [ "$$(id -u)" = 0 ]; then \
 	    echo "installing:" $$missing; \
@@ -72,6 +74,7 @@ sanitize: deps
 	cd build-sanitize && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 	  ctest --output-on-failure -j $(JOBS) --timeout 900 -E '^interop_'
 
+bench: EXTRA_PACKAGES = $(BENCH_PACKAGES)
 bench: deps
 	cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DBRIVANTA_BENCH=ON -DBRIVANTA_TESTS=OFF
 	cmake --build build-bench -j $(JOBS)

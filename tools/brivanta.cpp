@@ -404,7 +404,39 @@ int run_promote(int h, const char *arg) {
     return bits == 8 ? IMG_promote_8(h) : bits == 24 ? IMG_promote_24(h) : BAD_ARGUMENT;
 }
 
+// --interp is a setting read before any operation runs: every --resize
+// interpolates.
+bool resize_interp = false;
+
+int run_size(int h, const char *arg, int (*resize)(int, int, int)) {
+    int w = 0, ht = 0;
+    if (std::sscanf(arg, "%dx%d", &w, &ht) != 2 || w < 1 || ht < 1) return BAD_ARGUMENT;
+    return resize(h, w, ht);
+}
+
+int run_number(const char *arg, int *n) {
+    char *end = nullptr;
+    long v = std::strtol(arg, &end, 10);
+    if (!*arg || *end || v < INT32_MIN || v > INT32_MAX) return BAD_ARGUMENT;
+    *n = static_cast<int>(v);
+    return 0;
+}
+
 const process_op process_ops[] = {
+    {"--rotate", "DEG", "90 or 270: a quarter turn clockwise or counter-clockwise; 180 a half turn; other angles mirror about the anti-diagonal",
+     [](int h, const char *a) { int n; return run_number(a, &n) ? BAD_ARGUMENT : IMG_rotate_bitmap(h, n); }},
+    {"--flip-x", nullptr, "mirror left to right", [](int h, const char *) { return IMG_flip_bitmapx(h); }},
+    {"--flip-y", nullptr, "mirror top to bottom", [](int h, const char *) { return IMG_flip_bitmapy(h); }},
+    {"--invert", nullptr, "complement every stored value (palette indexes below 24 bits)",
+     [](int h, const char *) { return IMG_invert_bitmap(h); }},
+    {"--resize", "WxH", "new size by repeating and dropping pixels (any depth)",
+     [](int h, const char *a) { return run_size(h, a, resize_interp ? IMG_resize_bitmap_interp : IMG_resize_bitmap); }},
+    {"--interp", nullptr, "every --resize smooths and ramps instead (24 bits, 8-bit grey)", [](int, const char *) { return 0; }},
+    {"--sharpen", "N", "unsharp mask, 0 weakest to 128 strongest (24 bits, 4- and 8-bit grey)",
+     [](int h, const char *a) { int n; return run_number(a, &n) ? BAD_ARGUMENT : IMG_sharpen_bitmap(h, n); }},
+    {"--filter", "N", "3x3 filter 1-9 (8 and 24 bits; 8-bit colour is made grey first)",
+     [](int h, const char *a) { int n; return run_number(a, &n) ? BAD_ARGUMENT : IMG_process_bitmap(h, n, nullptr); }},
+    {"--grey", nullptr, "4, 8 or 24 bits to 8-bit luminance", [](int h, const char *) { return IMG_color_gray(h); }},
     {"--popularity", nullptr, "24 bits to 8 on its 256 most frequent colours",
      [](int h, const char *) { return IMG_popularity_color(h); }},
     {"--octree", "4|8[:COLOURS]", "8 or 24 bits onto an octree palette of the image, diffused",
@@ -422,58 +454,49 @@ const process_op process_ops[] = {
      [](int h, const char *) { return IMG_mediancut_color(h); }},
 };
 
-// The geometric and tonal operations: a table of their own, so that the
-// demo's colour loop below stays with the colour rows.  --interp is a
-// setting read before any operation runs: every --resize interpolates.
-bool resize_interp = false;
-
-int run_size(int h, const char *arg, int (*resize)(int, int, int)) {
-    int w = 0, ht = 0;
-    if (std::sscanf(arg, "%dx%d", &w, &ht) != 2 || w < 1 || ht < 1) return BAD_ARGUMENT;
-    return resize(h, w, ht);
-}
-
-int run_number(const char *arg, int *n) {
-    char *end = nullptr;
-    long v = std::strtol(arg, &end, 10);
-    if (!*arg || *end || v < INT32_MIN || v > INT32_MAX) return BAD_ARGUMENT;
-    *n = static_cast<int>(v);
-    return 0;
-}
-
-const process_op geometry_ops[] = {
-    {"--rotate", "DEG", "90 or 270: a quarter turn clockwise or counter-clockwise; 180 a half turn; other angles mirror about the anti-diagonal",
-     [](int h, const char *a) { int n; return run_number(a, &n) ? BAD_ARGUMENT : IMG_rotate_bitmap(h, n); }},
-    {"--flip-x", nullptr, "mirror left to right", [](int h, const char *) { return IMG_flip_bitmapx(h); }},
-    {"--flip-y", nullptr, "mirror top to bottom", [](int h, const char *) { return IMG_flip_bitmapy(h); }},
-    {"--invert", nullptr, "complement every stored value (palette indexes below 24 bits)",
-     [](int h, const char *) { return IMG_invert_bitmap(h); }},
-    {"--resize", "WxH", "new size by repeating and dropping pixels (any depth)",
-     [](int h, const char *a) { return run_size(h, a, resize_interp ? IMG_resize_bitmap_interp : IMG_resize_bitmap); }},
-    {"--interp", nullptr, "every --resize smooths and ramps instead (24 bits, 8-bit grey)", [](int, const char *) { return 0; }},
-    {"--sharpen", "N", "unsharp mask, 0 weakest to 128 strongest (24 bits, 4- and 8-bit grey)",
-     [](int h, const char *a) { int n; return run_number(a, &n) ? BAD_ARGUMENT : IMG_sharpen_bitmap(h, n); }},
-    {"--filter", "N", "3x3 filter 1-9 (8 and 24 bits; 8-bit colour is made grey first)",
-     [](int h, const char *a) { int n; return run_number(a, &n) ? BAD_ARGUMENT : IMG_process_bitmap(h, n, nullptr); }},
-    {"--grey", nullptr, "4, 8 or 24 bits to 8-bit luminance", [](int h, const char *) { return IMG_color_gray(h); }},
-};
 
 const process_op *find_op(const char *name) {
-    for (const process_op &op : geometry_ops)
-        if (!std::strcmp(op.name, name)) return &op;
     for (const process_op &op : process_ops)
         if (!std::strcmp(op.name, name)) return &op;
     return nullptr;
+}
+
+using step = std::pair<const process_op *, const char *>;
+
+// The operations of a command line, each with its argument; false, with a
+// message, for one the table does not know or that lacks its argument.
+bool parse_steps(int n, const char *const *args, std::vector<step> &steps) {
+    resize_interp = false;
+    for (int i = 0; i < n; i++)
+        if (!std::strcmp(args[i], "--interp")) resize_interp = true;
+    for (int i = 0; i < n; i++) {
+        const process_op *op = find_op(args[i]);
+        if (!op || (op->arg && i + 1 >= n)) {
+            std::fprintf(stderr, "brivanta: unknown or incomplete operation %s\n", args[i]);
+            return false;
+        }
+        steps.emplace_back(op, op->arg ? args[++i] : nullptr);
+    }
+    return true;
+}
+
+// Runs the steps in order: 0, or the tool's exit code after its message.
+int run_steps(int h, const std::vector<step> &steps) {
+    for (auto [op, arg] : steps) {
+        int r = op->run(h, arg);
+        if (r == BAD_ARGUMENT) {
+            std::fprintf(stderr, "brivanta: %s takes %s\n", op->name, op->arg);
+            return 2;
+        }
+        if (r < 0) return fail(op->name, r);
+    }
+    return 0;
 }
 
 int cmd_process(int argc, char **argv) {
     if (wants_help(argc, argv)) {
         std::printf("usage: brivanta process IN OUT OP...\n"
                     "Loads IN, applies each operation in the order given and saves OUT by its extension.\n");
-        for (const process_op &op : geometry_ops) {
-            std::string name = std::string(op.name) + (op.arg ? std::string(" ") + op.arg : "");
-            std::printf("  %-26s %s\n", name.c_str(), op.help);
-        }
         for (const process_op &op : process_ops) {
             std::string name = std::string(op.name) + (op.arg ? std::string(" ") + op.arg : "");
             std::printf("  %-26s %s\n", name.c_str(), op.help);
@@ -482,32 +505,19 @@ int cmd_process(int argc, char **argv) {
     }
     if (argc < 5) return usage(stderr);
     const char *in = argv[2], *out = argv[3];
-    std::vector<std::pair<const process_op *, const char *>> steps;
-    resize_interp = false;
-    for (int i = 4; i < argc; i++)
-        if (!std::strcmp(argv[i], "--interp")) resize_interp = true;
-    for (int i = 4; i < argc; i++) {
-        const process_op *op = find_op(argv[i]);
-        if (!op || (op->arg && i + 1 >= argc)) {
-            std::fprintf(stderr, "brivanta: unknown or incomplete operation %s\n", argv[i]);
-            return 2;
-        }
-        steps.emplace_back(op, op->arg ? argv[++i] : nullptr);
-    }
+    std::vector<step> steps;
+    if (!parse_steps(argc - 4, argv + 4, steps)) return 2;
     int h = load_file(in, 0);
     if (h < 0) return fail(in, h);
-    for (auto [op, arg] : steps) {
-        progress_start(op->name + 2);
-        int r = op->run(h, arg);
-        progress_stop();
-        if (r == BAD_ARGUMENT) std::fprintf(stderr, "brivanta: %s takes %s\n", op->name, op->arg);
-        if (r != 0) {
-            IMG_delete_bitmap(h);
-            return r < 0 ? fail(op->name, r) : 2;
-        }
+    progress_start("process");
+    int r = run_steps(h, steps);
+    progress_stop();
+    if (r != 0) {
+        IMG_delete_bitmap(h);
+        return r;
     }
     if (!is_stdio(out)) std::remove(out);
-    int r = is_stdio(out) ? save_to_stdout(h, IMG_TYPE_BMP) : IMG_save_bitmap(h, out, IMG_TYPE_BY_EXTENSION);
+    r = is_stdio(out) ? save_to_stdout(h, IMG_TYPE_BMP) : IMG_save_bitmap(h, out, IMG_TYPE_BY_EXTENSION);
     IMG_delete_bitmap(h);
     return r < 0 ? fail(out, r) : 0;
 }
@@ -610,57 +620,74 @@ double ms_since(std::chrono::steady_clock::time_point t0) {
     return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
 }
 
-// The 24-bit card through each processing operation, saved as BMP; a turn
-// undone by the opposite turn must give the card back.  Whether all ran.
+// The 24-bit card through the process operations, each row a command line
+// of them, saved as BMP; a turn undone by the opposite turn must give the
+// card back.  Whether all ran.
 bool demo_processing(const std::string &dir) {
     static const struct {
-        const char *label, *file;
-        int (*run)(int h);
-    } ops[] = {
-        {"rotate 90", "rotate90", [](int h) { return IMG_rotate_bitmap(h, 90); }},
-        {"rotate 90, then 270", "rotate90_270", [](int h) { int r = IMG_rotate_bitmap(h, 90); return r < 0 ? r : IMG_rotate_bitmap(h, 270); }},
-        {"rotate 180", "rotate180", [](int h) { return IMG_rotate_bitmap(h, 180); }},
-        {"flip x", "flipx", IMG_flip_bitmapx},
-        {"flip y", "flipy", IMG_flip_bitmapy},
-        {"invert", "invert", IMG_invert_bitmap},
-        {"resize to half", "half", [](int h) { return IMG_resize_bitmap(h, CARD_W / 2, CARD_H / 2); }},
-        {"resize to double", "double", [](int h) { return IMG_resize_bitmap(h, CARD_W * 2, CARD_H * 2); }},
-        {"resize to half, smoothed", "half_interp", [](int h) { return IMG_resize_bitmap_interp(h, CARD_W / 2, CARD_H / 2); }},
-        {"resize to double, ramps", "double_interp", [](int h) { return IMG_resize_bitmap_interp(h, CARD_W * 2, CARD_H * 2); }},
-        {"sharpen 64", "sharpen64", [](int h) { return IMG_sharpen_bitmap(h, 64); }},
-        {"filter 4 (vertical lines)", "filter4", [](int h) { return IMG_process_bitmap(h, 4, nullptr); }},
-        {"filter 7 (sharpen)", "filter7", [](int h) { return IMG_process_bitmap(h, 7, nullptr); }},
+        const char *file;
+        std::initializer_list<const char *> args;
+    } rows[] = {
+        {"rotate90", {"--rotate", "90"}},
+        {"rotate90_270", {"--rotate", "90", "--rotate", "270"}},
+        {"rotate180", {"--rotate", "180"}},
+        {"flipx", {"--flip-x"}},
+        {"flipy", {"--flip-y"}},
+        {"invert", {"--invert"}},
+        {"half", {"--resize", "160x120"}},
+        {"double", {"--resize", "640x480"}},
+        {"half_interp", {"--interp", "--resize", "160x120"}},
+        {"double_interp", {"--interp", "--resize", "640x480"}},
+        {"sharpen64", {"--sharpen", "64"}},
+        {"filter4", {"--filter", "4"}},
+        {"filter7", {"--filter", "7"}},
+        {"grey", {"--grey"}},
+        {"popularity", {"--popularity"}},
+        {"octree", {"--octree", "8"}},
+        {"octree16", {"--octree", "4"}},
+        {"bayer_mono", {"--bayer-mono"}},
+        {"halftone", {"--halftone"}},
+        {"diffusion_mono", {"--diffusion-mono"}},
+        {"bayer_colour", {"--bayer-colour"}},
+        {"diffusion_colour", {"--diffusion-colour"}},
+        {"mediancut", {"--mediancut"}},
+        {"grey_promote24", {"--grey", "--promote", "24"}},
     };
     int block = make_card_block();
     if (!block) return false;
     void *dib = IMG_mem_lock(block);
     int card = IMG_create_handle(dib);
-    std::printf("\n%-28s %-12s %-28s %8s\n", "operation", "size", "file", "ms");
+    std::printf("\n%-34s %-8s %4s %-30s %8s\n", "operation", "size", "bits", "file", "ms");
     int done = 0;
-    for (const auto &op : ops) {
+    for (const auto &row : rows) {
+        std::vector<step> steps;
+        std::string label;
+        for (const char *a : row.args) label += (label.empty() ? "" : " ") + std::string(a);
         int h = IMG_create_handle(dib);
-        if (h < 0) break;
+        if (h < 0 || !parse_steps(static_cast<int>(row.args.size()), row.args.begin(), steps)) break;
         auto t0 = std::chrono::steady_clock::now();
-        int r = op.run(h);
+        int r = run_steps(h, steps);
         double ms = ms_since(t0);
-        int w = 0, ht = 0;
-        IMG_bitmap_info(h, &w, &ht, nullptr);
+        int w = 0, ht = 0, bits = 0;
+        IMG_bitmap_info(h, &w, &ht, &bits);
         char file[512], size[32];
-        std::snprintf(file, sizeof file, "%s/process_%s.bmp", dir.c_str(), op.file);
+        std::snprintf(file, sizeof file, "%s/process_%s.bmp", dir.c_str(), row.file);
         std::snprintf(size, sizeof size, "%dx%d", w, ht);
-        if (r >= 0) r = IMG_save_bitmap(h, file, IMG_TYPE_BMP);
+        std::remove(file);
+        if (r == 0) r = IMG_save_bitmap(h, file, IMG_TYPE_BMP);
         const char *note = "";
-        if (r >= 0 && !std::strcmp(op.file, "rotate90_270"))
+        if (r == 0 && !std::strcmp(row.file, "rotate90_270"))
             note = bitmap_bytes(h) == bitmap_bytes(card) ? "  (the card again)" : "  (NOT the card again)";
-        if (r < 0) std::printf("%-28s %-12s %-28s %8s  failed (%d)\n", op.label, "-", "-", "-", r);
-        else std::printf("%-28s %-12s %-28s %8.2f%s\n", op.label, size, file + dir.size() + 1, ms, note), done++;
+        if (r != 0) std::printf("%-34s %-8s %4s %-30s %8s  failed (%d)\n", label.c_str(), "-", "-", "-", "-", r);
+        else std::printf("%-34s %-8s %4d %-30s %8.2f%s\n", label.c_str(), size, bits, file + dir.size() + 1, ms, note), done++;
         IMG_delete_bitmap(h);
     }
     if (card >= 0) IMG_delete_bitmap(card);
     IMG_mem_unlock(block);
     IMG_mem_free(block);
-    std::printf("%d of %zu operations shown in %s/process_*.bmp\n", done, sizeof ops / sizeof ops[0], dir.c_str());
-    return done == static_cast<int>(sizeof ops / sizeof ops[0]);
+    const int all = static_cast<int>(sizeof rows / sizeof rows[0]);
+    std::printf("%d of %d operations shown in %s/process_*.bmp\n", done, all, dir.c_str());
+    return done == all;
 }
 
 int cmd_demo(int argc, char **argv) {
@@ -733,26 +760,6 @@ int cmd_demo(int argc, char **argv) {
     }
     for (int c : cards) IMG_delete_bitmap(c);
     std::printf("%d files written, %d identical after reading back; the card is %s\n", rows, identical, card.c_str());
-    // The 24-bit card through each colour operation that takes it.
-    std::printf("\n%-20s %-30s %4s %8s\n", "operation", "file", "bits", "ms");
-    for (const process_op &op : process_ops) {
-        if (!std::strcmp(op.name, "--promote")) continue;  // takes 1- to 8-bit pictures
-        char file[512];
-        std::snprintf(file, sizeof file, "%s/card_%s.bmp", dir.c_str(), op.name + 2);
-        int h = load_file(card.c_str(), 0);
-        auto t0 = std::chrono::steady_clock::now();
-        int r = h < 0 ? h : op.run(h, op.arg ? "8" : nullptr);
-        double ms = ms_since(t0);
-        int bits = 0;
-        if (r >= 0) {
-            IMG_bitmap_info(h, nullptr, nullptr, &bits);
-            std::remove(file);
-            r = IMG_save_bitmap(h, file, IMG_TYPE_BMP);
-        }
-        if (h >= 0) IMG_delete_bitmap(h);
-        if (r < 0) return fail(op.name, r);
-        std::printf("%-20s %-30s %4d %8.2f\n", op.name + 2, file + dir.size() + 1, bits, ms);
-    }
     return rows && demo_processing(dir) ? 0 : 1;
 }
 
