@@ -408,7 +408,7 @@ int run_promote(int h, const char *arg) {
 // interpolates.
 bool resize_interp = false;
 
-int run_size(int h, const char *arg, int (*resize)(int, int, int)) {
+int run_size(int h, const char *arg, int(IMG_API *resize)(int, int, int)) {
     int w = 0, ht = 0;
     if (std::sscanf(arg, "%dx%d", &w, &ht) != 2 || w < 1 || ht < 1) return BAD_ARGUMENT;
     return resize(h, w, ht);

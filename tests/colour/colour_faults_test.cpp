@@ -16,17 +16,17 @@ struct colour_op {
 };
 
 const colour_op ops[] = {
-    {"popularity", IMG_popularity_color, 24, 8},
+    {"popularity", [](int h) { return IMG_popularity_color(h); }, 24, 8},
     {"octree 8", [](int h) { return IMG_octree_color(h, 8, nullptr, 256); }, 24, 4},
     {"octree 4 from 8 bits", [](int h) { return IMG_octree_color(h, 4, nullptr, 16); }, 8, 1},
-    {"promote 8", IMG_promote_8, 4, 24},
-    {"promote 24", IMG_promote_24, 1, 24},
-    {"bayer mono", IMG_bayer_mono, 8, 1},
-    {"halftone mono", IMG_halftone_mono, 24, 1},
-    {"diffusion mono", IMG_diffusion_mono, 4, 1},
-    {"bayer colour", IMG_bayer_color, 24, 1},
-    {"diffusion colour", IMG_diffusion_color, 8, 1},
-    {"median cut", IMG_mediancut_color, 24, 1},
+    {"promote 8", [](int h) { return IMG_promote_8(h); }, 4, 24},
+    {"promote 24", [](int h) { return IMG_promote_24(h); }, 1, 24},
+    {"bayer mono", [](int h) { return IMG_bayer_mono(h); }, 8, 1},
+    {"halftone mono", [](int h) { return IMG_halftone_mono(h); }, 24, 1},
+    {"diffusion mono", [](int h) { return IMG_diffusion_mono(h); }, 4, 1},
+    {"bayer colour", [](int h) { return IMG_bayer_color(h); }, 24, 1},
+    {"diffusion colour", [](int h) { return IMG_diffusion_color(h); }, 8, 1},
+    {"median cut", [](int h) { return IMG_mediancut_color(h); }, 24, 1},
 };
 
 int stop_calls;
