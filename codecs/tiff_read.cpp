@@ -1034,8 +1034,6 @@ int decode(tiff_reader &r, uint32_t wanted, IMG_put_row_fn put_row, void *user, 
         if (at > 0x7FFFFFFF) return IMG_ERR_HEADER;
         return jpeg_read_file(static_cast<int32_t>(at), put_row, user, begin_image, r.fd);
     }
-    auto *h = static_cast<dib_header *>(scratch_alloc(sizeof(dib_header)));
-    if (!h) return IMG_ERR_MEMORY;
     r.samples = t.samples_per_pixel;
     r.bits = t.bits_per_sample;
     r.planar = t.planar_config == 2;
@@ -1063,7 +1061,16 @@ int decode(tiff_reader &r, uint32_t wanted, IMG_put_row_fn put_row, void *user, 
     if (row_size > MAX_ROW || dib_row > MAX_ROW || dib_row * t.height > 0x7FFFFFFF) return IMG_ERR_MEMORY;
     r.row_size = static_cast<uint32_t>(row_size);
     t.dib_row_bytes = static_cast<uint32_t>(dib_row);
+    if (r.planar) {
+        uint32_t pr = r.bits == 1 ? (t.width + 7) / 8 : r.bits == 4 ? (t.width + 1) / 2 : t.width;
+        r.plane_row_bytes = (pr + 3) & ~3u;
+        const uint64_t temp_bytes = static_cast<uint64_t>(r.plane_row_bytes) * t.height * r.samples;
+        if (temp_bytes > 0x7FFFFFFF || !within_load_limit(temp_bytes)) return IMG_ERR_MEMORY;
+    }
 
+    // The header is valid and its sizes are checked: now the blocks are taken.
+    auto *h = static_cast<dib_header *>(scratch_alloc(sizeof(dib_header)));
+    if (!h) return IMG_ERR_MEMORY;
     dib_info &i = h->info;
     i.biSize = 40;
     i.biWidth = static_cast<int32_t>(t.width);
@@ -1085,12 +1092,6 @@ int decode(tiff_reader &r, uint32_t wanted, IMG_put_row_fn put_row, void *user, 
     r.work = static_cast<uint8_t *>(scratch_alloc(big + 64));
     r.out = static_cast<uint8_t *>(scratch_alloc(static_cast<uint32_t>(dib_row) + 64));
     if (!r.work || !r.out) return IMG_ERR_MEMORY;
-    if (r.planar) {
-        uint32_t pr = r.bits == 1 ? (t.width + 7) / 8 : r.bits == 4 ? (t.width + 1) / 2 : t.width;
-        r.plane_row_bytes = (pr + 3) & ~3u;
-        const uint64_t temp_bytes = static_cast<uint64_t>(r.plane_row_bytes) * t.height * r.samples;
-        if (temp_bytes > 0x7FFFFFFF || !within_load_limit(temp_bytes)) return IMG_ERR_MEMORY;
-    }
 
     if (t.compression == 6) {
         tiff_jpeg_source js{r.fd, r.base, r.size, r.mm, &t, r.strip_entry, r.jpeg, {}};
