@@ -198,6 +198,8 @@ const writer_row writers[] = {
     {IMG_TYPE_TIFF_G4, {1}, back::same, 0},
     {IMG_TYPE_JPEG, {8, 24}, back::same, TRICKLES},
     {IMG_TYPE_TIFF_JPEG, {24}, back::same, 0},
+    {IMG_TYPE_PSD, {1, 8, 24}, back::same, TRICKLES},
+    {IMG_TYPE_EPS, {1, 8}, back::same, -1},  // text: Ghostscript reads it (interop)
     {IMG_TYPE_RAW_G3, {1}, back::same, -1},
     {IMG_TYPE_RAW_G4, {1}, back::same, -1},
 };

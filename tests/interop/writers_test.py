@@ -172,11 +172,12 @@ def writer_case(type_code, source):
 def demo_round_trip():
     """The demo's table: every lossless writer's file reads back identical."""
     lossy = {13, 32, 40}
+    text_only = {14}  # EPS we write is PostScript text, which Ghostscript reads (eps_test.py)
     lines = B.run([B.TOOL, "demo", B.tmp("demo")]).decode().splitlines()
     # The round-trip table ends at its summary line; the colour operations follow.
     table = lines[1:next(i for i, line in enumerate(lines) if "files written" in line)]
     bad = [line for line in table
-           if int(line.split()[0]) not in lossy and "identical" not in line and "refused" not in line]
+           if int(line.split()[0]) not in lossy | text_only and "identical" not in line and "refused" not in line]
     assert not bad, "\n".join(bad)
 
 
