@@ -31,8 +31,8 @@ struct eps_out {
     template <typename... A>
     void linef(const char *format, A... args) {
         char text[160];
-        int n = std::snprintf(text, sizeof text, format, args...);
-        put(text, n);
+        const int n = std::snprintf(text, sizeof text, format, args...);
+        put(text, n < 0 ? 0 : n < static_cast<int>(sizeof text) ? n : static_cast<int>(sizeof text) - 1);
         end_line();
     }
 };

@@ -234,7 +234,7 @@ BRIVANTA_READER(psd_read_file) {
 BRIVANTA_WRITER(psd_write_file) {
     const int32_t width = header->biWidth, height = header->biHeight;
     const int bits = header->biBitCount;
-    // The format has no 4-bit indexed mode: such a picture is promoted first.
+    // The format has no 4-bit mode: a 4-bit picture is promoted to 8 bits first.
     if (bits != 1 && bits != 8 && bits != 24) return IMG_ERR_DEPTH;
     if (width < 1 || height < 1 || width > MAX_SIDE || height > MAX_SIDE) return IMG_ERR_HEADER;
     const uint8_t *palette = reinterpret_cast<const uint8_t *>(header) + 40;
