@@ -42,13 +42,6 @@ def preview_loads(fmt):
     B.compare(B.loaded(eps).rgb(), B.pillow_rgb(SRC), "the %s preview" % fmt)
 
 
-def text_eps_refused():
-    """Plain PostScript (no binary wrapper) is not taken for EPS."""
-    B.run(["convert", SRC, "BMP3:" + B.tmp("p.bmp")])
-    assert B.save(B.tmp("p.bmp"), B.tmp("plain.eps"), 14) is not None
-    assert B.LIB.IMGLOW_get_filetype(B.tmp("plain.eps").encode()) == -7
-
-
 B.main([
     ("8-bit palette renders in Ghostscript", lambda: renders_as_source("-colors 200 -type Palette", "p8")),
     ("grey palette renders in Ghostscript", lambda: renders_as_source("-colorspace gray -type Palette", "g8")),
@@ -56,5 +49,4 @@ B.main([
     ("GraphicsMagick ept preview loads", lambda: preview_loads("ept")),
     ("GraphicsMagick ept2 preview loads", lambda: preview_loads("ept2")),
     ("GraphicsMagick ept3 preview loads", lambda: preview_loads("ept3")),
-    ("our own text EPS is not detected", text_eps_refused),
 ])

@@ -120,6 +120,8 @@ WRITERS = {
     33: ("1", "g3", [TOOL("g3topbm")], EXACT),
     34: ("1", "g4", [lambda p: raw_g4_in_tiff(p, PAGE.shape[1], PAGE.shape[0])], EXACT),
     40: ("8 24", "tif", [libtiff], ("floor", 20.0)),
+    # Pillow's composite (ImageMagick reads no layerless indexed document; psd_test.py has its 24-bit case).
+    41: ("1 8 24", "psd", [lambda p: B.image_rgb(open(p, "rb").read())], EXACT),
 }
 FAX = {7, 8, 10, 33, 34}
 # An 8-bit type 40 file points its interchange offset into the stream, as
