@@ -48,4 +48,16 @@ BRIVANTA_READER(targa_read_file);
 BRIVANTA_WRITER(targa_write_file);
 BRIVANTA_WRITER(targa_write_file_15bit);
 
+// EPS: the writer of type 14; the reader decodes a binary wrapper's TIFF
+// preview (-8 when the preview is not one the TIFF reader takes).
+BRIVANTA_WRITER(eps_write_file);
+BRIVANTA_READER(eps_read_file);
+// count bytes as 2 × count upper-case hex digits in one write, built in
+// scratch (at least 2 × count bytes); 0 or IMG_ERR_WRITE.
+int eps_put_hex(int fd, const uint8_t *bytes, int32_t count, uint8_t *scratch);
+
+// Photoshop
+BRIVANTA_READER(psd_read_file);
+BRIVANTA_WRITER(psd_write_file);
+
 }  // namespace brv

@@ -83,7 +83,8 @@ constexpr format_info formats[FORMAT_COUNT] = {
     variant(12, "bmp-rle", "BMP, run-length compressed", "bmp", 1, 0, bmp_write_rle),
     family(13, "jpg", "JPEG", SAVED_BY_NAME | QUERIES, [](const uint8_t *b, int) { return b[0] == 0xFF && b[1] == 0xD8; },
            jpeg_read_file, jpeg_write_file),
-    family(14, "eps", "EPS", SAVED_BY_NAME | QUERIES, [](const uint8_t *b, int) { return get32(b) == 0xC6D3D0C5u; }),
+    family(14, "eps", "EPS", SAVED_BY_NAME | QUERIES, [](const uint8_t *b, int) { return get32(b) == 0xC6D3D0C5u; },
+           eps_read_file, eps_write_file),
     family(15, "pct", "PICT", SAVED_BY_NAME | QUERIES, is_pict),
     variant(16, "tif-packbits", "TIFF, PackBits", "tif", 0, APPENDS, tiff_write_packbits),
     variant(17, "tif-45", "TIFF, compression 45", "tif", 0, 0, nullptr),
@@ -123,7 +124,8 @@ constexpr format_info formats[FORMAT_COUNT] = {
     family(39, "pcd", "PhotoCD", QUERIES, [](const uint8_t *b, int) { return get32(b) == 0xFFFFFFFFu; }),
     variant(40, "tif-jpeg", "TIFF, JPEG", "tif", 0, APPENDS, tiff_write_jpeg),
     family(41, "psd", "Photoshop", SAVED_BY_NAME | QUERIES,
-           [](const uint8_t *b, int) { return std::memcmp(b, "8BPS", 4) == 0; }),
+           [](const uint8_t *b, int) { return std::memcmp(b, "8BPS", 4) == 0; }, psd_read_file,
+           psd_write_file),
     // Loads, but the type queries report it unknown.
     family(42, "imt", "IMT", SAVED_BY_NAME,
            [](const uint8_t *b, int) { return std::memcmp(b, "'C1", 4) == 0; }),  // includes the zero byte

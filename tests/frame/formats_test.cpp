@@ -26,6 +26,10 @@ TEST(Formats, WriterOutputsAreDetectedAsTheirCodeAndLoadWhenReadable) {
         }
         ASSERT_FALSE(file.empty()) << key;
         block_ref b(file);
+        if (code == IMG_TYPE_EPS) {  // PostScript text; what loads is a binary wrapper's preview
+            EXPECT_EQ(load_bytes(file), IMG_ERR_TYPE);
+            continue;
+        }
         if (caps & IMG_TYPE_DETECTED) {
             EXPECT_EQ(IMGLOW_get_filetype_mem(b.data), code) << key;
         }
