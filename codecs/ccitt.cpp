@@ -2,6 +2,7 @@
 // tables, and the raw fax load into a new handle (IMG_decompress_fax).
 #include "codecs/ccitt.h"
 
+#include "codecs/codec_support.h"
 #include "codecs/tiff.h"
 #include "frame/byte_source.h"
 #include "frame/load.h"
@@ -784,9 +785,6 @@ void encode_2d(ccitt_encoder &e) {
     }
 }
 
-// Luma of a colour entry (blue, green, red), in thousandths.
-int luma(const uint8_t *q) { return 114 * q[0] + 587 * q[1] + 299 * q[2]; }
-
 }  // namespace
 
 int ccitt_encode_begin(ccitt_encoder &e, int fd, int32_t width, ccitt_kind kind, bool reverse,
@@ -802,8 +800,7 @@ int ccitt_encode_begin(ccitt_encoder &e, int fd, int32_t width, ccitt_kind kind,
     e.width = width;
     e.kind = kind;
     e.reverse = reverse;
-    // On a tie entry 0 stays black, as in the library's own bilevel palette.
-    e.white = luma(palette + 4) >= luma(palette) ? 1 : 0;
+    e.white = bilevel_white_index(palette);
     e.out = static_cast<uint8_t *>(e.block);
     e.ref = reinterpret_cast<int32_t *>(e.out + out);
     e.cur = e.ref + lists / 4;

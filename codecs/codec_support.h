@@ -37,6 +37,13 @@ inline bool palette_is_grey(const uint8_t *palette, int count) {
     return true;
 }
 
+// Which of a bilevel table's two entries looks white: the lighter one by
+// luma, entry 1 on a tie (so entry 0 stays black, as in the library's own table).
+inline int bilevel_white_index(const uint8_t *palette) {
+    auto luma = [](const uint8_t *q) { return 114 * q[0] + 587 * q[1] + 299 * q[2]; };
+    return luma(palette + 4) >= luma(palette) ? 1 : 0;
+}
+
 // The 8-bit grey ramp: entry i is (i, i, i).
 inline void fill_grey_ramp(uint8_t *palette) {
     for (int i = 0; i < 256; i++) std::memset(palette + 4 * i, i, 3);

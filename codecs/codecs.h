@@ -48,4 +48,8 @@ BRIVANTA_READER(targa_read_file);
 BRIVANTA_WRITER(targa_write_file);
 BRIVANTA_WRITER(targa_write_file_15bit);
 
+// X bitmap
+BRIVANTA_READER(xbm_decompress);
+BRIVANTA_WRITER(xbm_write_file);
+
 }  // namespace brv

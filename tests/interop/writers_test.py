@@ -12,7 +12,7 @@ import numpy as np
 
 import brivanta as B
 
-B.require("tiffcp", "tiff2rgba", "g3topbm", "pcxtoppm", "giftopnm", "tgatoppm", "djpeg", "convert")
+B.require("tiffcp", "tiff2rgba", "g3topbm", "pcxtoppm", "giftopnm", "tgatoppm", "djpeg", "convert", "xbmtopbm")
 LIB = B.LIB
 
 
@@ -115,13 +115,15 @@ WRITERS = {
     # A loose floor: a swapped channel or a shifted row falls far below it.
     13: ("8 24", "jpg", [TOOL("djpeg"), PILLOW], ("floor", 20.0)),
     16: (ALL, "tif", [PILLOW, libtiff], EXACT),
+    20: ("1", "xbm", [TOOL("xbmtopbm"), MAGICK], EXACT),
     # netpbm fills the low three bits of each five-bit channel.
     32: ("24", "tga", [TOOL("tgatoppm")], 7),
     33: ("1", "g3", [TOOL("g3topbm")], EXACT),
     34: ("1", "g4", [lambda p: raw_g4_in_tiff(p, PAGE.shape[1], PAGE.shape[0])], EXACT),
     40: ("8 24", "tif", [libtiff], ("floor", 20.0)),
 }
-FAX = {7, 8, 10, 33, 34}
+# Bilevel formats without a colour table: the darker colour is black.
+FAX = {7, 8, 10, 20, 33, 34}
 # An 8-bit type 40 file points its interchange offset into the stream, as
 # the layout requires; no reader takes it, so only its writing is checked.
 UNDECODED = {(40, 8)}
@@ -164,7 +166,7 @@ def writer_case(type_code, source):
                 B.compare(got, want, "%s on type %d" % (getattr(decode, "__name__", "?"), type_code), floor=accuracy[1])
             else:
                 B.compare(got, want, "%s on type %d" % (getattr(decode, "__name__", "?"), type_code), accuracy)
-        if type_code in (7, 8, 10):  # and our reader shows the same page, whichever palette it had
+        if type_code in (7, 8, 10, 20):  # and our reader shows the same page, whichever palette it had
             B.compare(B.loaded(out).rgb(), want, "our reader on type %d" % type_code)
     return check
 
