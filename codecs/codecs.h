@@ -48,8 +48,9 @@ BRIVANTA_READER(targa_read_file);
 BRIVANTA_WRITER(targa_write_file);
 BRIVANTA_WRITER(targa_write_file_15bit);
 
-// X bitmap
+// X bitmap, X pixmap
 BRIVANTA_READER(xbm_decompress);
 BRIVANTA_WRITER(xbm_write_file);
+BRIVANTA_WRITER(xpm_write_file);
 
 }  // namespace brv

@@ -1,6 +1,6 @@
 // Fuzz target: bytes read as an X bitmap (the "#define" the probe wants is
-// forced), loaded into a handle, then saved as X bitmap: our own X bitmap
-// must read back with the same pixels.
+// forced), loaded into a handle, then saved as X bitmap and X pixmap; our
+// own X bitmap must read back with the same pixels.
 #include "fuzz/fuzz_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -17,6 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (block > 0 && int64_t{w} * ht <= (1 << 20)) {
         int out = IMG_mem_alloc(static_cast<int>((int64_t{w} + 16) * ht * 2 + 4096));
         void *o = IMG_mem_lock(out);
+        if (o && IMG_save_bitmap_mem(h, o, IMG_TYPE_XPM) < 0) std::abort();
         int n = o ? IMG_save_bitmap_mem(h, o, IMG_TYPE_XBM) : -1;
         if (n > 0) {
             int back = reload_exact(o, n);

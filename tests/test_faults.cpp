@@ -180,7 +180,7 @@ struct writer_row {
     int type;
     std::vector<int> depths;
     back view;
-    int how;  // for the fault sweep: TRICKLES, or -1: raw data, not loaded
+    int how;  // for the fault sweep: TRICKLES, or -1: not loaded (raw data, or no reader)
 };
 const writer_row writers[] = {
     {IMG_TYPE_BMP, {1, 4, 8, 24}, back::same, 0},
@@ -201,6 +201,7 @@ const writer_row writers[] = {
     {IMG_TYPE_RAW_G3, {1}, back::same, -1},
     {IMG_TYPE_RAW_G4, {1}, back::same, -1},
     {IMG_TYPE_XBM, {1}, back::same, TRICKLES},
+    {IMG_TYPE_XPM, {1, 4, 8}, back::same, -1},
 };
 }  // namespace
 
