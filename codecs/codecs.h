@@ -48,7 +48,9 @@ BRIVANTA_READER(targa_read_file);
 BRIVANTA_WRITER(targa_write_file);
 BRIVANTA_WRITER(targa_write_file_15bit);
 
-// X bitmap, X pixmap
+// CALS, X bitmap, X pixmap
+BRIVANTA_READER(cals_read_file);
+BRIVANTA_WRITER(cals_write_file);
 BRIVANTA_READER(xbm_decompress);
 BRIVANTA_WRITER(xbm_write_file);
 BRIVANTA_WRITER(xpm_write_file);

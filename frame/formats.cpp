@@ -87,7 +87,8 @@ constexpr format_info formats[FORMAT_COUNT] = {
     family(15, "pct", "PICT", SAVED_BY_NAME | QUERIES, is_pict),
     variant(16, "tif-packbits", "TIFF, PackBits", "tif", 0, APPENDS, tiff_write_packbits),
     variant(17, "tif-45", "TIFF, compression 45", "tif", 0, 0, nullptr),
-    family(18, "cal", "CALS", SAVED_BY_NAME | QUERIES, [](const uint8_t *b, int) { return std::memcmp(b, "src", 3) == 0; }),
+    family(18, "cal", "CALS", SAVED_BY_NAME | QUERIES, [](const uint8_t *b, int) { return std::memcmp(b, "src", 3) == 0; },
+           cals_read_file, cals_write_file),
     family(19, "lsd", "LSD", QUERIES, [](const uint8_t *b, int) { return b[0] == 0xDC && b[1] == 0xDC; }),
     // The X formats and Sun raster are left out of the _fd and _mem queries.
     family(20, "xbm", "X bitmap", SAVED_BY_NAME | NAMED_BY_QUERY,

@@ -201,6 +201,7 @@ const writer_row writers[] = {
     {IMG_TYPE_RAW_G3, {1}, back::same, -1},
     {IMG_TYPE_RAW_G4, {1}, back::same, -1},
     {IMG_TYPE_XBM, {1}, back::same, TRICKLES},
+    {IMG_TYPE_CALS, {1}, back::same, TRICKLES},
     {IMG_TYPE_XPM, {1, 4, 8}, back::same, -1},
 };
 }  // namespace
@@ -256,6 +257,7 @@ TEST(Faults, FilesFromOtherTools) {
         {"tiff/rgb_lzw2_mm.tif", 0},   {"tiff/rgb_planar_lzw.tif", 0}, {"tiff/rgb_packbits.tif", 0},
         {"bmp/im_rle8.bmp", 0},        {"bmp/cr_rle4.bmp", 0},         {"bmp/im_v5_16.bmp", 0},
         {"jpeg/c420.jpg", TRICKLES},   {"jpeg/crestart.jpg", TRICKLES}, {"jpeg/cmyk.jpg", TRICKLES},
+        {"cals/im.cal", TRICKLES},     {"xbm/netpbm_short.xbm", TRICKLES}, {"xbm/pillow.xbm", TRICKLES},
     };
     for (auto &f : files) {
         SCOPED_TRACE(f.name);
