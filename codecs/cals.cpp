@@ -56,21 +56,13 @@ BRIVANTA_READER(cals_read_file) {
 
     scratch_set mem;
     auto *dib = static_cast<dib_header *>(mem.take(sizeof(dib_header)));
-    if (!dib) return IMG_ERR_MEMORY;
-    dib_info &i = dib->info;
-    i.biSize = 40;
-    i.biWidth = width;
-    i.biHeight = height;
-    i.biPlanes = 1;
-    i.biBitCount = 1;
-    if (!size_mul_add(row_bytes(width, 1), static_cast<uint32_t>(height), 0, &i.biSizeImage)) i.biSizeImage = 0;
-    std::memset(dib->palette + 4, 255, 3);  // entry 0 black, entry 1 white
+    if (!dib || !fill_bilevel_header(*dib, width, height)) return IMG_ERR_MEMORY;
     if (int rc = begin_image(dib, context); rc < 0) return rc;
 
     const int32_t work_size = READ_BUFFER_SIZE + 100;
     auto *work = static_cast<uint8_t *>(mem.take(static_cast<uint32_t>(work_size)));
     if (!work) return IMG_ERR_MEMORY;
-    if (file_seek(fd, start + DATA_START, 0) < 0) return IMG_ERR_DATA;
+    if (start > INT32_MAX - DATA_START || file_seek(fd, start + DATA_START, 0) < 0) return IMG_ERR_DATA;
     ccitt_params p{};
     p.width = width;
     p.rows = height;

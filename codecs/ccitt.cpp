@@ -608,15 +608,7 @@ int fax_read(const void *params, IMG_put_row_fn put_row, void *context, IMG_begi
     auto *work = static_cast<uint8_t *>(scratch_alloc(work_size));
     if (!header || !work) return IMG_ERR_MEMORY;
     const int rows = f.height ? f.height : 2048;
-    dib_info &i = header->info;
-    i.biSize = 40;
-    i.biWidth = f.width;
-    i.biHeight = rows;
-    i.biPlanes = 1;
-    i.biBitCount = 1;
-    uint32_t stride = row_bytes(f.width, 1);
-    if (!stride || !size_mul_add(stride, static_cast<uint32_t>(rows), 0, &i.biSizeImage)) return IMG_ERR_MEMORY;
-    std::memset(header->palette + 4, 255, 3);  // entry 0 black, entry 1 white
+    if (!fill_bilevel_header(*header, f.width, rows)) return IMG_ERR_MEMORY;
     int rc = begin_image(header, context);
     if (rc < 0) return rc;
     ccitt_params p{};

@@ -100,9 +100,10 @@ bool next_value(byte_source &src, uint8_t *digits, int count) {
 }  // namespace
 
 BRIVANTA_READER(xbm_decompress) {
+    const int32_t start = where_is_page(where) ? file_seek(fd, 0, 1) : where;
     scratch_set mem;
     byte_source src;
-    if (!source_open(src, fd, where, READ_BUFFER_SIZE + 4096)) return IMG_ERR_MEMORY;
+    if (!source_open(src, fd, start, READ_BUFFER_SIZE + 4096)) return IMG_ERR_MEMORY;
     mem.adopt(src.buf);
     char line[TOKEN_SCAN + 1];
     if (!read_line(src, line)) return IMG_ERR_HEADER;
@@ -118,15 +119,7 @@ BRIVANTA_READER(xbm_decompress) {
 
     auto *dib = static_cast<dib_header *>(mem.take(sizeof(dib_header)));
     const uint32_t stride = row_bytes(width, 1);
-    if (!dib) return IMG_ERR_MEMORY;
-    dib_info &i = dib->info;
-    i.biSize = 40;
-    i.biWidth = width;
-    i.biHeight = height;
-    i.biPlanes = 1;
-    i.biBitCount = 1;
-    if (!size_mul_add(stride, static_cast<uint32_t>(height), 0, &i.biSizeImage)) i.biSizeImage = 0;
-    std::memset(dib->palette + 4, 255, 3);  // entry 0 black, entry 1 white
+    if (!dib || !fill_bilevel_header(*dib, width, height)) return IMG_ERR_MEMORY;
     if (int rc = begin_image(dib, context); rc < 0) return rc;
 
     uint32_t scanline = (static_cast<uint32_t>(width) + 7) / 8;
