@@ -21,7 +21,8 @@ char *xpm_format_row_1bit(char *out, const uint8_t *row, int32_t width) {
 
 char *xpm_format_row_4bit(char *out, const uint8_t *row, int32_t width) {
     *out++ = '"';
-    for (int32_t x = 0; x < width; x++) *out++ = static_cast<char>(FIRST_KEY + (x & 1 ? row[x >> 1] & 15 : row[x >> 1] >> 4));
+    for (int32_t x = 0; x < width; x++)
+        *out++ = static_cast<char>(FIRST_KEY + (x & 1 ? row[x >> 1] & 15 : row[x >> 1] >> 4));
     *out++ = '"';
     return out;
 }
