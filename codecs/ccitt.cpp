@@ -2,6 +2,7 @@
 // tables, and the raw fax load into a new handle (IMG_decompress_fax).
 #include "codecs/ccitt.h"
 
+#include "codecs/codec_support.h"
 #include "codecs/tiff.h"
 #include "frame/byte_source.h"
 #include "frame/load.h"
@@ -607,15 +608,7 @@ int fax_read(const void *params, IMG_put_row_fn put_row, void *context, IMG_begi
     auto *work = static_cast<uint8_t *>(scratch_alloc(work_size));
     if (!header || !work) return IMG_ERR_MEMORY;
     const int rows = f.height ? f.height : 2048;
-    dib_info &i = header->info;
-    i.biSize = 40;
-    i.biWidth = f.width;
-    i.biHeight = rows;
-    i.biPlanes = 1;
-    i.biBitCount = 1;
-    uint32_t stride = row_bytes(f.width, 1);
-    if (!stride || !size_mul_add(stride, static_cast<uint32_t>(rows), 0, &i.biSizeImage)) return IMG_ERR_MEMORY;
-    std::memset(header->palette + 4, 255, 3);  // entry 0 black, entry 1 white
+    if (!fill_bilevel_header(*header, f.width, rows)) return IMG_ERR_MEMORY;
     int rc = begin_image(header, context);
     if (rc < 0) return rc;
     ccitt_params p{};
@@ -784,9 +777,6 @@ void encode_2d(ccitt_encoder &e) {
     }
 }
 
-// Luma of a colour entry (blue, green, red), in thousandths.
-int luma(const uint8_t *q) { return 114 * q[0] + 587 * q[1] + 299 * q[2]; }
-
 }  // namespace
 
 int ccitt_encode_begin(ccitt_encoder &e, int fd, int32_t width, ccitt_kind kind, bool reverse,
@@ -802,8 +792,7 @@ int ccitt_encode_begin(ccitt_encoder &e, int fd, int32_t width, ccitt_kind kind,
     e.width = width;
     e.kind = kind;
     e.reverse = reverse;
-    // On a tie entry 0 stays black, as in the library's own bilevel palette.
-    e.white = luma(palette + 4) >= luma(palette) ? 1 : 0;
+    e.white = bilevel_white_index(palette);
     e.out = static_cast<uint8_t *>(e.block);
     e.ref = reinterpret_cast<int32_t *>(e.out + out);
     e.cur = e.ref + lists / 4;

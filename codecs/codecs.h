@@ -60,4 +60,11 @@ int eps_put_hex(int fd, const uint8_t *bytes, int32_t count, uint8_t *scratch);
 BRIVANTA_READER(psd_read_file);
 BRIVANTA_WRITER(psd_write_file);
 
+// CALS, X bitmap, X pixmap
+BRIVANTA_READER(cals_read_file);
+BRIVANTA_WRITER(cals_write_file);
+BRIVANTA_READER(xbm_decompress);
+BRIVANTA_WRITER(xbm_write_file);
+BRIVANTA_WRITER(xpm_write_file);
+
 }  // namespace brv
