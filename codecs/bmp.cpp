@@ -3,6 +3,7 @@
 // of plain (type 1) and run-length (type 12) files.
 #include "codecs/codec_support.h"
 #include "codecs/codecs.h"
+#include "codecs/dib_rows.h"
 #include "frame/byte_source.h"
 #include "frame/load.h"
 
@@ -12,21 +13,10 @@ namespace {
 
 constexpr double METRE_INCH = 0.0254;
 
-enum class row_mode { plain, invert, top_down, from16, from32 };
-
-struct bmp_reader {
-    int32_t where;
-    IMG_put_row_fn put_row;
-    void *context;
-    int fd;
-    dib_info *info;
-    int width, height, file_bits;
-    row_mode mode;
-    bool top_down;  // honoured by the 32-bit conversion only
-};
+}  // namespace
 
 // Plain rows, read up to 10000 bytes at a time and delivered bottom row first.
-int read_plain(bmp_reader &b) {
+int bmp_read_plain(bmp_reader &b) {
     const int w = b.width;
     uint32_t L, tmp;
     if (b.file_bits == 16 || b.file_bits == 32) {
@@ -56,7 +46,7 @@ int read_plain(bmp_reader &b) {
         // Data that ends inside a chunk with rows after it can only end in
         // -12: stop before decoding rows that would be thrown away.
         if (available < int64_t{tmp} && static_cast<uint32_t>(b.height - delivered) > rows) return IMG_ERR_DATA;
-        int32_t got = read_once(b.fd, buf, static_cast<int32_t>(tmp));
+        int32_t got = read_fully(b.fd, buf, static_cast<int32_t>(tmp));
         if (got <= 0) return IMG_ERR_DATA;
         // A short read leaves zeros; rows are converted only as far as the
         // data reaches, the rest takes what zeros convert to.
@@ -95,6 +85,8 @@ int read_plain(bmp_reader &b) {
     }
     return 0;
 }
+
+namespace {
 
 // Run-length decoding shared by RLE8 and RLE4; Nibbles selects RLE4.
 template <bool Nibbles>
@@ -171,6 +163,13 @@ int read_rle(bmp_reader &b) {
     }
     return 0;
 }
+
+}  // namespace
+
+int bmp_read_rle4(bmp_reader &b) { return read_rle<true>(b); }
+int bmp_read_rle8(bmp_reader &b) { return read_rle<false>(b); }
+
+namespace {
 
 // Compression 99: top-down records, each led by its own signed 16-bit length.
 int read_records(bmp_reader &b) {
@@ -305,34 +304,76 @@ BRIVANTA_READER(bmp_read) {
     if (top_down) b.mode = row_mode::top_down;
     if (invert) b.mode = row_mode::invert;
     if (file_bits == 32) b.mode = row_mode::from32;
-    if (compression == 2 && file_bits == 4) return read_rle<true>(b);
-    if (compression == 1 && file_bits == 8) return read_rle<false>(b);
+    if (compression == 2 && file_bits == 4) return bmp_read_rle4(b);
+    if (compression == 1 && file_bits == 8) return bmp_read_rle8(b);
     if (compression == 99) return read_records(b);
-    return read_plain(b);
+    return bmp_read_plain(b);
+}
+
+bool bmp_info_bytes(uint8_t *h, const dib_info *header, uint32_t compression) {
+    int bits = header->biBitCount;
+    uint32_t stride = row_bytes(header->biWidth, bits);
+    uint32_t image;
+    if (!stride || header->biHeight < 1 || !size_mul_add(stride, header->biHeight, 0, &image)) return false;
+    std::memset(h, 0, 40);
+    put32(h, 40);
+    put32(h + 4, static_cast<uint32_t>(header->biWidth));
+    put32(h + 8, static_cast<uint32_t>(header->biHeight));
+    put16(h + 12, 1);
+    put16(h + 14, static_cast<uint32_t>(bits));
+    put32(h + 16, compression);
+    put32(h + 20, image);  // the uncompressed size, for RLE files too
+    if (header->biXPelsPerMeter && header->biYPelsPerMeter) {
+        put32(h + 24, static_cast<uint32_t>(static_cast<int32_t>(header->biXPelsPerMeter / METRE_INCH + 0.5)));
+        put32(h + 28, static_cast<uint32_t>(static_cast<int32_t>(header->biYPelsPerMeter / METRE_INCH + 0.5)));
+    }
+    return true;
+}
+
+int dib_read_rows(bmp_reader &b, uint32_t compression) {
+    if (compression == 0) return bmp_read_plain(b);
+    if (compression == 2 && b.file_bits == 4) return bmp_read_rle4(b);
+    if (compression == 1 && b.file_bits == 8) return bmp_read_rle8(b);
+    return IMG_ERR_HEADER;
+}
+
+int dib_normalise_embedded(dib_info &h, int *file_bits, uint32_t *compression, uint32_t *colours_used) {
+    const int bits = h.biBitCount;
+    if (bits != 1 && bits != 4 && bits != 8 && bits != 16 && bits != 24 && bits != 32) return IMG_ERR_HEADER;
+    if (h.biWidth < 1 || h.biHeight < 1) return IMG_ERR_HEADER;
+    *file_bits = bits;
+    if (bits > 8) h.biBitCount = 24;
+    h.biSize = 40;
+    h.biPlanes = 1;
+    *colours_used = h.biClrUsed;
+    h.biClrUsed = h.biClrImportant = 0;
+    const uint32_t stride = row_bytes(h.biWidth, h.biBitCount);
+    if (!stride || !size_mul_add(stride, static_cast<uint32_t>(h.biHeight), 0, &h.biSizeImage)) return IMG_ERR_HEADER;
+    if (h.biXPelsPerMeter && h.biYPelsPerMeter) {
+        h.biXPelsPerMeter = static_cast<int32_t>(h.biXPelsPerMeter * METRE_INCH);
+        h.biYPelsPerMeter = static_cast<int32_t>(h.biYPelsPerMeter * METRE_INCH);
+    }
+    *compression = h.biCompression;
+    h.biCompression = 0;
+    return 0;
+}
+
+bool dib_bilevel_to_black_first(uint8_t *palette) {
+    if (!palette[0] || !palette[1] || !palette[2]) return false;
+    std::memset(palette, 0, 4);
+    std::memset(palette + 4, 255, 3);
+    palette[7] = 0;
+    return true;
 }
 
 namespace {
 
 int write_headers(int fd, const dib_info *header, uint32_t compression) {
-    int bits = header->biBitCount;
-    uint32_t stride = row_bytes(header->biWidth, bits), pb = palette_bytes(bits);
-    uint32_t image;
-    if (!stride || header->biHeight < 1 || !size_mul_add(stride, header->biHeight, 0, &image))
-        return IMG_ERR_HEADER;
     uint8_t h[54] = {'B', 'M'};
-    put32(h + 2, image + pb + 54);
+    if (!bmp_info_bytes(h + 14, header, compression)) return IMG_ERR_HEADER;
+    const uint32_t pb = palette_bytes(header->biBitCount);
+    put32(h + 2, get32(h + 34) + pb + 54);
     put32(h + 10, pb + 54);
-    put32(h + 14, 40);
-    put32(h + 18, static_cast<uint32_t>(header->biWidth));
-    put32(h + 22, static_cast<uint32_t>(header->biHeight));
-    put16(h + 26, 1);
-    put16(h + 28, static_cast<uint32_t>(bits));
-    put32(h + 30, compression);
-    put32(h + 34, image);  // the uncompressed size, for RLE files too
-    if (header->biXPelsPerMeter && header->biYPelsPerMeter) {
-        put32(h + 38, static_cast<uint32_t>(static_cast<int32_t>(header->biXPelsPerMeter / METRE_INCH + 0.5)));
-        put32(h + 42, static_cast<uint32_t>(static_cast<int32_t>(header->biYPelsPerMeter / METRE_INCH + 0.5)));
-    }
     if (file_write(fd, h, 14) != 14) return IMG_ERR_WRITE;
     if (file_write(fd, h + 14, 40) != 40) return IMG_ERR_WRITE;
     if (pb && file_write(fd, reinterpret_cast<const uint8_t *>(header) + 40, static_cast<int32_t>(pb)) !=

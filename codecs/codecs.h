@@ -48,4 +48,11 @@ BRIVANTA_READER(targa_read_file);
 BRIVANTA_WRITER(targa_write_file);
 BRIVANTA_WRITER(targa_write_file_15bit);
 
+// Icons, clipboard files, WordPerfect graphics, metafiles
+BRIVANTA_READER(ico_decompress);
+BRIVANTA_READER(clp_read_file);
+BRIVANTA_WRITER(clp_write_file);
+BRIVANTA_READER(wpg_read_file);
+BRIVANTA_WRITER(wmf_write_file);
+
 }  // namespace brv

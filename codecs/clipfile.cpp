@@ -1,0 +1,108 @@
+// Windows clipboard files: the reader takes the CF_DIB entry and hands its
+// rows to the BMP row decoders; the writer puts out a file of that one entry.
+#include "codecs/codec_support.h"
+#include "codecs/codecs.h"
+#include "codecs/dib_rows.h"
+
+#include "frame/byte_source.h"
+
+namespace brv {
+
+namespace {
+
+constexpr uint16_t CLIPBOARD_FILE_ID = 50000;
+constexpr uint16_t CF_DIB = 8;
+constexpr int ENTRY_RECORD = 10;  // identifier, length, offset: what the reader takes of an entry
+constexpr int ENTRY_NAME = 79;
+constexpr int FILE_HEAD = 4 + ENTRY_RECORD + ENTRY_NAME;
+constexpr double METRE_INCH = 0.0254;
+
+}  // namespace
+
+BRIVANTA_READER(clp_read_file) {
+    uint8_t head[4];
+    file_seek(fd, where, 0);
+    if (read_fully(fd, head, 4) != 4) return IMG_ERR_OPEN;
+    // Entries are taken as back-to-back 10-byte records, their names not
+    // skipped: only the first stands where it is read, and the files that
+    // callers have are judged this way.
+    int64_t data_at = -1;
+    for (int i = 0, n = get16(head + 2); i < n; i++) {
+        uint8_t e[ENTRY_RECORD];
+        if (read_fully(fd, e, ENTRY_RECORD) != ENTRY_RECORD) return IMG_ERR_HEADER;
+        if (get16(e) == CF_DIB) {
+            data_at = int64_t{where} + get32(e + 6);
+            break;
+        }
+    }
+    if (data_at < 0) return IMG_ERR_TYPE;
+    if (data_at > INT32_MAX - 4096) return IMG_ERR_HEADER;
+
+    scratch_set mem;
+    auto *hdr = static_cast<dib_header *>(mem.take(sizeof(dib_header)));
+    if (!hdr) return IMG_ERR_MEMORY;
+    file_seek(fd, static_cast<int32_t>(data_at), 0);
+    if (read_fully(fd, &hdr->info, 40) != 40) return IMG_ERR_DATA;
+    // Later header versions keep their colour table after the whole header.
+    if (hdr->info.biSize < 40 || hdr->info.biSize > 124) return IMG_ERR_HEADER;
+    const int32_t table_at = static_cast<int32_t>(data_at) + static_cast<int32_t>(hdr->info.biSize);
+    int file_bits;
+    uint32_t compression, colours_used;
+    if (int rc = dib_normalise_embedded(hdr->info, &file_bits, &compression, &colours_used); rc < 0) return rc;
+    int32_t table = 0;
+    bool invert = false;
+    if (file_bits <= 8) {
+        if (colours_used > 256) return IMG_ERR_HEADER;
+        table = colours_used ? static_cast<int32_t>(4 * colours_used) : static_cast<int32_t>(palette_bytes(file_bits));
+        if (read_fully(fd, hdr->palette, table) != table) return IMG_ERR_DATA;
+        if (file_bits == 1) invert = dib_bilevel_to_black_first(hdr->palette);
+    }
+    if (int rc = begin_image(hdr, context); rc < 0) return rc;
+    file_seek(fd, table_at + table, 0);
+    bmp_reader b{where, put_row, context, fd, &hdr->info, hdr->info.biWidth, hdr->info.biHeight, file_bits,
+                 row_mode::plain, false};
+    if (file_bits == 16) b.mode = row_mode::from16;
+    if (file_bits == 32) b.mode = row_mode::from32;
+    if (invert) b.mode = row_mode::invert;
+    int rc = dib_read_rows(b, compression);
+    return rc < 0 ? rc : 1;
+}
+
+BRIVANTA_WRITER(clp_write_file) {
+    const int bits = header->biBitCount;
+    if (bits != 1 && bits != 4 && bits != 8 && bits != 24) return IMG_ERR_DEPTH;
+    const uint32_t stride = row_bytes(header->biWidth, bits), pb = palette_bytes(bits);
+    if (!stride || header->biHeight < 1) return IMG_ERR_HEADER;
+
+    uint8_t head[FILE_HEAD] = {};
+    put16(head, CLIPBOARD_FILE_ID);
+    put16(head + 2, 1);
+    put16(head + 4, CF_DIB);
+    // The length as the given header states it, whatever its image size says.
+    put32(head + 6, header->biSizeImage + pb + header->biSize);
+    put32(head + 10, FILE_HEAD);
+    if (int rc = write_all(fd, head, FILE_HEAD); rc < 0) return rc;
+
+    dib_info info = *header;
+    info.biCompression = 0;
+    info.biXPelsPerMeter = info.biYPelsPerMeter = 0;
+    info.biClrUsed = info.biClrImportant = 0;
+    if (header->biXPelsPerMeter && header->biYPelsPerMeter) {
+        info.biXPelsPerMeter = static_cast<int32_t>(header->biXPelsPerMeter / METRE_INCH);
+        info.biYPelsPerMeter = static_cast<int32_t>(header->biYPelsPerMeter / METRE_INCH);
+    }
+    if (int rc = write_all(fd, &info, 40); rc < 0) return rc;
+    if (pb)
+        if (int rc = write_all(fd, reinterpret_cast<const uint8_t *>(header) + 40, static_cast<int32_t>(pb)); rc < 0)
+            return rc;
+
+    auto *row = static_cast<uint8_t *>(scratch_alloc(stride + 10));
+    if (!row) return IMG_ERR_MEMORY;
+    for (int i = 0; i < header->biHeight; i++) {
+        if (int rc = get_row(context, row, header->biHeight - i - 1, static_cast<int>(stride)); rc < 0) return rc;
+        if (int rc = write_all(fd, row, static_cast<int32_t>(stride)); rc < 0) return rc;
+    }
+    return 0;
+}
+
+}  // namespace brv
