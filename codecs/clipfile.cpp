@@ -21,15 +21,16 @@ constexpr double METRE_INCH = 0.0254;
 
 BRIVANTA_READER(clp_read_file) {
     uint8_t head[4];
-    file_seek(fd, where, 0);
-    if (read_fully(fd, head, 4) != 4) return IMG_ERR_OPEN;
+    const int32_t end = file_size_hint(fd);
+    if (read_fully_at(fd, end, where, head, 4) != 4) return IMG_ERR_OPEN;
     // Entries are taken as back-to-back 10-byte records, their names not
     // skipped: only the first stands where it is read, and the files that
     // callers have are judged this way.
     int64_t data_at = -1;
     for (int i = 0, n = get16(head + 2); i < n; i++) {
         uint8_t e[ENTRY_RECORD];
-        if (read_fully(fd, e, ENTRY_RECORD) != ENTRY_RECORD) return IMG_ERR_HEADER;
+        if (read_fully_at(fd, end, int64_t{where} + 4 + ENTRY_RECORD * i, e, ENTRY_RECORD) != ENTRY_RECORD)
+            return IMG_ERR_HEADER;
         if (get16(e) == CF_DIB) {
             data_at = int64_t{where} + get32(e + 6);
             break;
@@ -41,8 +42,7 @@ BRIVANTA_READER(clp_read_file) {
     scratch_set mem;
     auto *hdr = static_cast<dib_header *>(mem.take(sizeof(dib_header)));
     if (!hdr) return IMG_ERR_MEMORY;
-    file_seek(fd, static_cast<int32_t>(data_at), 0);
-    if (read_fully(fd, &hdr->info, 40) != 40) return IMG_ERR_DATA;
+    if (read_fully_at(fd, end, data_at, &hdr->info, 40) != 40) return IMG_ERR_DATA;
     // Later header versions keep their colour table after the whole header.
     if (hdr->info.biSize < 40 || hdr->info.biSize > 124) return IMG_ERR_HEADER;
     const int32_t table_at = static_cast<int32_t>(data_at) + static_cast<int32_t>(hdr->info.biSize);
@@ -54,7 +54,7 @@ BRIVANTA_READER(clp_read_file) {
     if (file_bits <= 8) {
         if (colours_used > 256) return IMG_ERR_HEADER;
         table = colours_used ? static_cast<int32_t>(4 * colours_used) : static_cast<int32_t>(palette_bytes(file_bits));
-        if (read_fully(fd, hdr->palette, table) != table) return IMG_ERR_DATA;
+        if (read_fully_at(fd, end, table_at, hdr->palette, table) != table) return IMG_ERR_DATA;
         if (file_bits == 1) invert = dib_bilevel_to_black_first(hdr->palette);
     }
     if (int rc = begin_image(hdr, context); rc < 0) return rc;

@@ -12,15 +12,14 @@ BRIVANTA_READER(ico_decompress) {
     // Directory (6 bytes) and its first entry (16 bytes); only the image
     // offset of the entry matters, the image's own header says the rest.
     uint8_t dir[22];
-    file_seek(fd, where, 0);
-    if (read_fully(fd, dir, 22) != 22) return IMG_ERR_OPEN;
+    const int32_t end = file_size_hint(fd);
+    if (read_fully_at(fd, end, where, dir, 22) != 22) return IMG_ERR_OPEN;
     const int64_t image_at = int64_t{where} + get32(dir + 18);
     if (image_at > INT32_MAX - 4096) return IMG_ERR_HEADER;
     scratch_set mem;
     auto *hdr = static_cast<dib_header *>(mem.take(sizeof(dib_header)));
     if (!hdr) return IMG_ERR_MEMORY;
-    file_seek(fd, static_cast<int32_t>(image_at), 0);
-    if (read_fully(fd, &hdr->info, 40) != 40) return IMG_ERR_DATA;
+    if (read_fully_at(fd, end, image_at, &hdr->info, 40) != 40) return IMG_ERR_DATA;
     // Images stored as compressed streams of another format have no such header.
     if (hdr->info.biSize < 40 || hdr->info.biSize > 124) return IMG_ERR_TYPE;
     const int32_t table_at = static_cast<int32_t>(image_at) + static_cast<int32_t>(hdr->info.biSize);
@@ -32,8 +31,7 @@ BRIVANTA_READER(ico_decompress) {
     bool invert = false;
     if (file_bits <= 8) {
         const int32_t n = static_cast<int32_t>(palette_bytes(file_bits));
-        file_seek(fd, table_at, 0);
-        if (read_fully(fd, hdr->palette, n) != n) return IMG_ERR_DATA;
+        if (read_fully_at(fd, end, table_at, hdr->palette, n) != n) return IMG_ERR_DATA;
         if (file_bits == 1) invert = dib_bilevel_to_black_first(hdr->palette);
     }
     if (int rc = begin_image(hdr, context); rc < 0) return rc;

@@ -77,16 +77,15 @@ BRIVANTA_READER(wpg_read_file) {
     auto *hdr = static_cast<dib_header *>(mem.take(sizeof(dib_header)));
     if (!map || !hdr) return IMG_ERR_MEMORY;
     uint8_t file_head[16];
-    file_seek(fd, where, 0);
-    if (read_fully(fd, file_head, 16) != 16) return IMG_ERR_OPEN;
-    // The scan starts right after the file header, whatever its data offset says.
     const int32_t end = file_size_hint(fd);
+    if (read_fully_at(fd, end, where, file_head, 16) != 16) return IMG_ERR_OPEN;
+    // The scan starts right after the file header, whatever its data offset says.
     int64_t at = int64_t{where} + 16;
     wpg_bitmap bm;
     bool have_map = false;
     for (;;) {
         uint8_t h[6] = {};
-        const int32_t got = at < end ? read_once_at(fd, end, at, h, 6) : 0;
+        const int32_t got = at < end ? read_fully_at(fd, end, at, h, 6) : 0;
         if (got < 2) return IMG_ERR_HEADER;
         int64_t length = h[1];
         int head = 2;
@@ -101,11 +100,11 @@ BRIVANTA_READER(wpg_read_file) {
         if (h[0] == WPG_BITMAP || h[0] == WPG_BITMAP2) {
             uint8_t b[20];
             const int size = h[0] == WPG_BITMAP ? 10 : 20, base = h[0] == WPG_BITMAP ? 0 : 10;
-            if (read_once_at(fd, end, data, b, size) != size) return IMG_ERR_HEADER;
+            if (read_fully_at(fd, end, data, b, size) != size) return IMG_ERR_HEADER;
             bm = {data, h[0] == WPG_BITMAP ? 1 : 2, get16(b + base), get16(b + base + 2), get16(b + base + 4)};
         } else if (h[0] == WPG_COLOUR_MAP) {
             const int32_t n = length < MAP_BUFFER ? static_cast<int32_t>(length) : MAP_BUFFER;
-            if (read_once_at(fd, end, data, map, n) != n) return IMG_ERR_HEADER;
+            if (read_fully_at(fd, end, data, map, n) != n) return IMG_ERR_HEADER;
             have_map = true;
         }
         at = data + length;

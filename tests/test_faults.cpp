@@ -200,6 +200,8 @@ const writer_row writers[] = {
     {IMG_TYPE_TIFF_JPEG, {24}, back::same, 0},
     {IMG_TYPE_RAW_G3, {1}, back::same, -1},
     {IMG_TYPE_RAW_G4, {1}, back::same, -1},
+    {IMG_TYPE_CLIPBOARD, {1, 4, 8, 24}, back::same, TRICKLES},
+    {IMG_TYPE_WMF, {1, 4, 8, 24}, back::same, -1},
 };
 }  // namespace
 

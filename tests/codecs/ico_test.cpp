@@ -104,11 +104,13 @@ TEST(Ico, HostileFilesEndWithCleanCodes) {
         load_pic(f, &code);
         EXPECT_EQ(code, c.want) << c.what;
     }
-    bytes far = good;
-    put32(&far[18], 0x7FFFFFF0u);
     int code = 0;
-    load_pic(far, &code);
-    EXPECT_LT(code, 0) << "an image offset past the end";
+    for (uint32_t offset : {1u << 24, 0x7FFFFFF0u}) {
+        bytes far = good;
+        put32(&far[18], offset);
+        load_pic(far, &code);
+        EXPECT_EQ(code, offset == 1u << 24 ? IMG_ERR_DATA : IMG_ERR_HEADER) << "an image offset past the end";
+    }
     for (size_t cut : {size_t{3}, size_t{21}, size_t{30}, size_t{22 + 40 + 20}}) {
         load_pic(bytes(good.begin(), good.begin() + cut), &code);
         EXPECT_LT(code, 0) << "cut at " << cut;

@@ -95,6 +95,29 @@ def bmp_true_size(path):
     return B.REFERENCES["ImageMagick"](path + ".bmp")
 
 
+def clipboard_dib_in_pillow(path):
+    """The CF_DIB entry of a clipboard file, found by the file's published
+    layout (89-byte entries), given a BMP file header for Pillow."""
+    data = open(path, "rb").read()
+    file_id, count = struct.unpack_from("<HH", data, 0)
+    assert file_id == 50000
+    for i in range(count):
+        fmt, length, offset = struct.unpack_from("<HII", data, 4 + 89 * i)
+        if fmt == 8:
+            dib = data[offset: offset + length]
+            bits = struct.unpack_from("<H", dib, 14)[0]
+            table = 0 if bits == 24 else 4 << bits
+            with open(path + ".bmp", "wb") as f:
+                f.write(b"BM" + struct.pack("<IHHI", 14 + len(dib), 0, 0, 14 + 40 + table) + dib)
+            return B.pillow_rgb(path + ".bmp")
+    raise AssertionError("no CF_DIB entry")
+
+
+def metafile_in_magick(path):
+    """ImageMagick's metafile delegate playing our file at its 96 units per inch."""
+    return B.image_rgb(B.run(["convert", "-density", "96", path, "-depth", "8", "ppm:-"]))
+
+
 PILLOW, MAGICK = B.REFERENCES["Pillow"], B.REFERENCES["ImageMagick"]
 TOOL = lambda name: B.REFERENCES[name]
 ALL = "1 4 8 24"
@@ -106,6 +129,7 @@ WRITERS = {
     2: (ALL, "pcx", [PILLOW, TOOL("pcxtoppm")], EXACT),
     3: ("8 24", "tga", [PILLOW, TOOL("tgatoppm")], EXACT),
     4: ("4 8", "gif", [PILLOW, TOOL("giftopnm")], EXACT),
+    6: (ALL, "wmf", [metafile_in_magick], EXACT),
     7: ("1", "tif", [PILLOW, libtiff, MAGICK], EXACT),
     8: ("1", "tif", [PILLOW, libtiff, MAGICK], EXACT),
     9: (ALL, "tif", [PILLOW, libtiff], EXACT),
@@ -115,6 +139,7 @@ WRITERS = {
     # A loose floor: a swapped channel or a shifted row falls far below it.
     13: ("8 24", "jpg", [TOOL("djpeg"), PILLOW], ("floor", 20.0)),
     16: (ALL, "tif", [PILLOW, libtiff], EXACT),
+    27: (ALL, "clp", [clipboard_dib_in_pillow], EXACT),
     # netpbm fills the low three bits of each five-bit channel.
     32: ("24", "tga", [TOOL("tgatoppm")], 7),
     33: ("1", "g3", [TOOL("g3topbm")], EXACT),
@@ -176,7 +201,7 @@ def demo_round_trip():
     # The round-trip table ends at its summary line; the colour operations follow.
     table = lines[1:next(i for i, line in enumerate(lines) if "files written" in line)]
     bad = [line for line in table
-           if int(line.split()[0]) not in lossy and "identical" not in line and "refused" not in line]
+           if int(line.split()[0]) not in lossy and not any(v in line for v in ("identical", "refused", "write only"))]
     assert not bad, "\n".join(bad)
 
 
