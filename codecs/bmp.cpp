@@ -11,12 +11,21 @@ namespace brv {
 
 namespace {
 
-constexpr double METRE_INCH = 0.0254;
+enum class row_mode { plain, invert, top_down, from16, from32 };
 
-}  // namespace
+struct bmp_reader {
+    int32_t where;
+    IMG_put_row_fn put_row;
+    void *context;
+    int fd;
+    dib_info *info;
+    int width, height, file_bits;
+    row_mode mode;
+    bool top_down;  // honoured by the 32-bit conversion only
+};
 
 // Plain rows, read up to 10000 bytes at a time and delivered bottom row first.
-int bmp_read_plain(bmp_reader &b) {
+int read_plain(bmp_reader &b) {
     const int w = b.width;
     uint32_t L, tmp;
     if (b.file_bits == 16 || b.file_bits == 32) {
@@ -85,8 +94,6 @@ int bmp_read_plain(bmp_reader &b) {
     }
     return 0;
 }
-
-namespace {
 
 // Run-length decoding shared by RLE8 and RLE4; Nibbles selects RLE4.
 template <bool Nibbles>
@@ -163,13 +170,6 @@ int read_rle(bmp_reader &b) {
     }
     return 0;
 }
-
-}  // namespace
-
-int bmp_read_rle4(bmp_reader &b) { return read_rle<true>(b); }
-int bmp_read_rle8(bmp_reader &b) { return read_rle<false>(b); }
-
-namespace {
 
 // Compression 99: top-down records, each led by its own signed 16-bit length.
 int read_records(bmp_reader &b) {
@@ -304,10 +304,10 @@ BRIVANTA_READER(bmp_read) {
     if (top_down) b.mode = row_mode::top_down;
     if (invert) b.mode = row_mode::invert;
     if (file_bits == 32) b.mode = row_mode::from32;
-    if (compression == 2 && file_bits == 4) return bmp_read_rle4(b);
-    if (compression == 1 && file_bits == 8) return bmp_read_rle8(b);
+    if (compression == 2 && file_bits == 4) return read_rle<true>(b);
+    if (compression == 1 && file_bits == 8) return read_rle<false>(b);
     if (compression == 99) return read_records(b);
-    return bmp_read_plain(b);
+    return read_plain(b);
 }
 
 bool bmp_info_bytes(uint8_t *h, const dib_info *header, uint32_t compression) {
@@ -330,22 +330,18 @@ bool bmp_info_bytes(uint8_t *h, const dib_info *header, uint32_t compression) {
     return true;
 }
 
-int dib_read_rows(bmp_reader &b, uint32_t compression) {
-    if (compression == 0) return bmp_read_plain(b);
-    if (compression == 2 && b.file_bits == 4) return bmp_read_rle4(b);
-    if (compression == 1 && b.file_bits == 8) return bmp_read_rle8(b);
-    return IMG_ERR_HEADER;
-}
+namespace {
 
-int dib_normalise_embedded(dib_info &h, int *file_bits, uint32_t *compression, uint32_t *colours_used) {
+// An embedded DIB header as it is announced: 16 and 32 bits as 24, size
+// 40, one plane, no colour counts, the image size of its rows, resolutions
+// in dots per inch, compression 0.
+int normalise_embedded(dib_info &h) {
     const int bits = h.biBitCount;
     if (bits != 1 && bits != 4 && bits != 8 && bits != 16 && bits != 24 && bits != 32) return IMG_ERR_HEADER;
     if (h.biWidth < 1 || h.biHeight < 1) return IMG_ERR_HEADER;
-    *file_bits = bits;
     if (bits > 8) h.biBitCount = 24;
     h.biSize = 40;
     h.biPlanes = 1;
-    *colours_used = h.biClrUsed;
     h.biClrUsed = h.biClrImportant = 0;
     const uint32_t stride = row_bytes(h.biWidth, h.biBitCount);
     if (!stride || !size_mul_add(stride, static_cast<uint32_t>(h.biHeight), 0, &h.biSizeImage)) return IMG_ERR_HEADER;
@@ -353,17 +349,59 @@ int dib_normalise_embedded(dib_info &h, int *file_bits, uint32_t *compression, u
         h.biXPelsPerMeter = static_cast<int32_t>(h.biXPelsPerMeter * METRE_INCH);
         h.biYPelsPerMeter = static_cast<int32_t>(h.biYPelsPerMeter * METRE_INCH);
     }
-    *compression = h.biCompression;
     h.biCompression = 0;
     return 0;
 }
 
-bool dib_bilevel_to_black_first(uint8_t *palette) {
-    if (!palette[0] || !palette[1] || !palette[2]) return false;
-    std::memset(palette, 0, 4);
-    std::memset(palette + 4, 255, 3);
-    palette[7] = 0;
-    return true;
+}  // namespace
+
+int dib_read_embedded(int32_t at, const dib_embedding &how, IMG_put_row_fn put_row, void *context,
+                      IMG_begin_image_fn begin_image, int fd) {
+    const int32_t end = file_size_hint(fd);
+    if (at < 0 || at > INT32_MAX - 4096) return IMG_ERR_HEADER;
+    scratch_set mem;
+    auto *hdr = static_cast<dib_header *>(mem.take(sizeof(dib_header)));
+    if (!hdr) return IMG_ERR_MEMORY;
+    dib_info &h = hdr->info;
+    if (read_fully_at(fd, end, at, &h, 40) != 40) return IMG_ERR_DATA;
+    // Images kept as streams of another format (PNG in icons) have no such header.
+    if (get32be(&h) == 0x89504E47u) return IMG_ERR_TYPE;
+    // Later header versions keep their colour table after the whole header.
+    if (h.biSize < 40 || h.biSize > 124) return IMG_ERR_HEADER;
+    const int32_t table_at = at + static_cast<int32_t>(h.biSize);
+    // An icon's header counts the AND mask in its height; icons are taken as square.
+    if (how.square) h.biHeight = h.biWidth;
+    const int file_bits = h.biBitCount;
+    const uint32_t compression = h.biCompression, colours_used = h.biClrUsed;
+    if (int rc = normalise_embedded(h); rc < 0) return rc;
+    int32_t table = 0;
+    bool invert = false;
+    if (file_bits <= 8) {
+        if (how.table_of_colours_used && colours_used > 256) return IMG_ERR_HEADER;
+        table = how.table_of_colours_used && colours_used ? static_cast<int32_t>(4 * colours_used)
+                                                           : static_cast<int32_t>(palette_bytes(file_bits));
+        if (read_fully_at(fd, end, table_at, hdr->palette, table) != table) return IMG_ERR_DATA;
+        // A bilevel table whose first entry is not dark anywhere is made black,
+        // white, and the rows inverted to keep the picture.
+        const uint8_t *p = hdr->palette;
+        if (file_bits == 1 && p[0] && p[1] && p[2]) {
+            invert = true;
+            std::memset(hdr->palette, 0, 4);
+            std::memset(hdr->palette + 4, 255, 3);
+            hdr->palette[7] = 0;
+        }
+    }
+    if (int rc = begin_image(hdr, context); rc < 0) return rc;
+    file_seek(fd, table_at + table, 0);
+    bmp_reader b{at, put_row, context, fd, &h, h.biWidth, h.biHeight, file_bits, row_mode::plain, false};
+    if (file_bits == 16) b.mode = row_mode::from16;
+    if (file_bits == 32) b.mode = row_mode::from32;
+    if (invert) b.mode = row_mode::invert;
+    int rc = compression == 0                     ? read_plain(b)
+             : compression == 2 && file_bits == 4 ? read_rle<true>(b)
+             : compression == 1 && file_bits == 8 ? read_rle<false>(b)
+                                                  : IMG_ERR_HEADER;
+    return rc < 0 ? rc : 1;
 }
 
 namespace {

@@ -1,6 +1,5 @@
 // Windows clipboard files: the reader takes the CF_DIB entry and hands its
 // rows to the BMP row decoders; the writer puts out a file of that one entry.
-#include "codecs/codec_support.h"
 #include "codecs/codecs.h"
 #include "codecs/dib_rows.h"
 
@@ -15,7 +14,6 @@ constexpr uint16_t CF_DIB = 8;
 constexpr int ENTRY_RECORD = 10;  // identifier, length, offset: what the reader takes of an entry
 constexpr int ENTRY_NAME = 79;
 constexpr int FILE_HEAD = 4 + ENTRY_RECORD + ENTRY_NAME;
-constexpr double METRE_INCH = 0.0254;
 
 }  // namespace
 
@@ -37,35 +35,8 @@ BRIVANTA_READER(clp_read_file) {
         }
     }
     if (data_at < 0) return IMG_ERR_TYPE;
-    if (data_at > INT32_MAX - 4096) return IMG_ERR_HEADER;
-
-    scratch_set mem;
-    auto *hdr = static_cast<dib_header *>(mem.take(sizeof(dib_header)));
-    if (!hdr) return IMG_ERR_MEMORY;
-    if (read_fully_at(fd, end, data_at, &hdr->info, 40) != 40) return IMG_ERR_DATA;
-    // Later header versions keep their colour table after the whole header.
-    if (hdr->info.biSize < 40 || hdr->info.biSize > 124) return IMG_ERR_HEADER;
-    const int32_t table_at = static_cast<int32_t>(data_at) + static_cast<int32_t>(hdr->info.biSize);
-    int file_bits;
-    uint32_t compression, colours_used;
-    if (int rc = dib_normalise_embedded(hdr->info, &file_bits, &compression, &colours_used); rc < 0) return rc;
-    int32_t table = 0;
-    bool invert = false;
-    if (file_bits <= 8) {
-        if (colours_used > 256) return IMG_ERR_HEADER;
-        table = colours_used ? static_cast<int32_t>(4 * colours_used) : static_cast<int32_t>(palette_bytes(file_bits));
-        if (read_fully_at(fd, end, table_at, hdr->palette, table) != table) return IMG_ERR_DATA;
-        if (file_bits == 1) invert = dib_bilevel_to_black_first(hdr->palette);
-    }
-    if (int rc = begin_image(hdr, context); rc < 0) return rc;
-    file_seek(fd, table_at + table, 0);
-    bmp_reader b{where, put_row, context, fd, &hdr->info, hdr->info.biWidth, hdr->info.biHeight, file_bits,
-                 row_mode::plain, false};
-    if (file_bits == 16) b.mode = row_mode::from16;
-    if (file_bits == 32) b.mode = row_mode::from32;
-    if (invert) b.mode = row_mode::invert;
-    int rc = dib_read_rows(b, compression);
-    return rc < 0 ? rc : 1;
+    if (data_at > INT32_MAX) return IMG_ERR_HEADER;
+    return dib_read_embedded(static_cast<int32_t>(data_at), {false, true}, put_row, context, begin_image, fd);
 }
 
 BRIVANTA_WRITER(clp_write_file) {

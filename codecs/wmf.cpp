@@ -1,6 +1,5 @@
 // Windows metafile output: a placeable metafile of one StretchDIBits record
 // carrying the whole DIB, laid out at 96 units per inch.
-#include "codecs/codec_support.h"
 #include "codecs/codecs.h"
 #include "codecs/dib_rows.h"
 
