@@ -256,6 +256,7 @@ TEST(Faults, FilesFromOtherTools) {
         {"tiff/rgb_lzw2_mm.tif", 0},   {"tiff/rgb_planar_lzw.tif", 0}, {"tiff/rgb_packbits.tif", 0},
         {"bmp/im_rle8.bmp", 0},        {"bmp/cr_rle4.bmp", 0},         {"bmp/im_v5_16.bmp", 0},
         {"jpeg/c420.jpg", TRICKLES},   {"jpeg/crestart.jpg", TRICKLES}, {"jpeg/cmyk.jpg", TRICKLES},
+        {"ico/im_4.ico", TRICKLES},    {"ico/im_32.ico", TRICKLES},    {"wpg/recipe_8.wpg", TRICKLES},
     };
     for (auto &f : files) {
         SCOPED_TRACE(f.name);

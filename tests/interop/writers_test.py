@@ -96,25 +96,19 @@ def bmp_true_size(path):
 
 
 def clipboard_dib_in_pillow(path):
-    """The CF_DIB entry of a clipboard file, found by the file's published
-    layout (89-byte entries), given a BMP file header for Pillow."""
+    """The CF_DIB entry, found by the file's published layout (89-byte
+    entries), behind a BMP file header for Pillow."""
     data = open(path, "rb").read()
-    file_id, count = struct.unpack_from("<HH", data, 0)
-    assert file_id == 50000
-    for i in range(count):
-        fmt, length, offset = struct.unpack_from("<HII", data, 4 + 89 * i)
-        if fmt == 8:
-            dib = data[offset: offset + length]
-            bits = struct.unpack_from("<H", dib, 14)[0]
-            table = 0 if bits == 24 else 4 << bits
-            with open(path + ".bmp", "wb") as f:
-                f.write(b"BM" + struct.pack("<IHHI", 14 + len(dib), 0, 0, 14 + 40 + table) + dib)
-            return B.pillow_rgb(path + ".bmp")
-    raise AssertionError("no CF_DIB entry")
+    entries = [struct.unpack_from("<HII", data, 4 + 89 * i) for i in range(struct.unpack_from("<H", data, 2)[0])]
+    dib = next(data[at: at + n] for kind, n, at in entries if kind == 8)
+    bits = dib[14]
+    with open(path + ".bmp", "wb") as f:
+        f.write(b"BM" + struct.pack("<IHHI", 14 + len(dib), 0, 0, 54 + (0 if bits == 24 else 4 << bits)) + dib)
+    return B.pillow_rgb(path + ".bmp")
 
 
 def metafile_in_magick(path):
-    """ImageMagick's metafile delegate playing our file at its 96 units per inch."""
+    """ImageMagick's metafile delegate, playing our file at its 96 units per inch."""
     return B.image_rgb(B.run(["convert", "-density", "96", path, "-depth", "8", "ppm:-"]))
 
 
