@@ -23,8 +23,8 @@ def record(kind, data):
 
 
 def pack(rows):
-    """Runs as (0x80 | n, value), single bytes as (1, value), a row equal to
-    the one before as a repeat (0, 1)."""
+    """Runs as (0x80 | n, value), runs of 255 as (0x80, n), single bytes as
+    (1, value), a row equal to the one before as a repeat (0, 1)."""
     out = b""
     for y, row in enumerate(rows):
         if y and row == rows[y - 1]:
@@ -35,7 +35,7 @@ def pack(rows):
             n = 1
             while i + n < len(row) and n < 127 and row[i + n] == row[i]:
                 n += 1
-            out += bytes([0x80 | n if n > 1 else 1, row[i]])
+            out += bytes([0x80, n]) if n > 1 and row[i] == 255 else bytes([0x80 | n if n > 1 else 1, row[i]])
             i += n
     return out
 
