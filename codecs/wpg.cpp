@@ -30,17 +30,18 @@ int wpg_unpack_bitmap(int fd, uint8_t *row, uint32_t dib_row, IMG_put_row_fn put
     const int head_size = bm.kind == 1 ? 10 : 20;
     if (source_read(src, head, head_size) != head_size || source_at_end(src)) return IMG_ERR_DATA;
     const uint32_t packed = bm.depth == 24 ? 3u * bm.width : (static_cast<uint32_t>(bm.width) * bm.depth + 7) / 8;
-    int r = 0;
+    int r = 0, stop = 0;
     uint32_t x = 0;
     // A row is delivered as soon as it is full; runs carry on into the next.
+    // A sink's negative answer (a stopped status hook, say) ends the read.
     auto put = [&](uint8_t v) {
         row[x++] = v;
         if (x == packed) {
-            put_row(row, context, r++, static_cast<int>(dib_row));  // the result is not looked at
             x = 0;
+            if (int rc = put_row(row, context, r++, static_cast<int>(dib_row)); rc < 0) stop = rc;
         }
     };
-    while (r < bm.height) {
+    while (r < bm.height && !stop) {
         int c = source_byte(src);
         if (c < 0) return IMG_ERR_DATA;
         int n = c & 0x7F;
@@ -51,9 +52,9 @@ int wpg_unpack_bitmap(int fd, uint8_t *row, uint32_t dib_row, IMG_put_row_fn put
             else
                 v = source_byte(src);
             if (n < 0 || v < 0) return IMG_ERR_DATA;
-            for (int i = 0; i < n && r < bm.height; i++) put(static_cast<uint8_t>(v));
+            for (int i = 0; i < n && r < bm.height && !stop; i++) put(static_cast<uint8_t>(v));
         } else if (n) {
-            for (int i = 0; i < n && r < bm.height; i++) {
+            for (int i = 0; i < n && r < bm.height && !stop; i++) {
                 int v = source_byte(src);
                 if (v < 0) return IMG_ERR_DATA;
                 put(static_cast<uint8_t>(v));
@@ -66,7 +67,7 @@ int wpg_unpack_bitmap(int fd, uint8_t *row, uint32_t dib_row, IMG_put_row_fn put
                 if (int rc = put_row(row, context, r++, static_cast<int>(dib_row)); rc < 0) return rc;
         }
     }
-    return 0;
+    return stop;
 }
 
 }  // namespace
