@@ -493,17 +493,21 @@ uint32_t encode_rle4(const uint8_t *row, int width, uint8_t *out) {
 
 }  // namespace
 
-BRIVANTA_WRITER(bmp_write) {
-    if (!depth_ok(header->biBitCount)) return IMG_ERR_DEPTH;
-    if (int rc = write_headers(fd, header, 0); rc < 0) return rc;
-    uint32_t stride = row_bytes(header->biWidth, header->biBitCount);
+int dib_write_rows(int fd, const dib_info *header, IMG_get_row_fn get_row, void *context) {
+    const uint32_t stride = row_bytes(header->biWidth, header->biBitCount);
     auto *row = static_cast<uint8_t *>(scratch_alloc(stride + 10));
     if (!row) return IMG_ERR_MEMORY;
     for (int i = 0; i < header->biHeight; i++) {
         if (int rc = get_row(context, row, header->biHeight - i - 1, static_cast<int>(stride)); rc < 0) return rc;
-        if (file_write(fd, row, static_cast<int32_t>(stride)) != static_cast<int32_t>(stride)) return IMG_ERR_WRITE;
+        if (int rc = write_all(fd, row, static_cast<int32_t>(stride)); rc < 0) return rc;
     }
     return 0;
+}
+
+BRIVANTA_WRITER(bmp_write) {
+    if (!depth_ok(header->biBitCount)) return IMG_ERR_DEPTH;
+    if (int rc = write_headers(fd, header, 0); rc < 0) return rc;
+    return dib_write_rows(fd, header, get_row, context);
 }
 
 BRIVANTA_WRITER(bmp_write_rle) {

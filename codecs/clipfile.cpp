@@ -67,13 +67,7 @@ BRIVANTA_WRITER(clp_write_file) {
         if (int rc = write_all(fd, reinterpret_cast<const uint8_t *>(header) + 40, static_cast<int32_t>(pb)); rc < 0)
             return rc;
 
-    auto *row = static_cast<uint8_t *>(scratch_alloc(stride + 10));
-    if (!row) return IMG_ERR_MEMORY;
-    for (int i = 0; i < header->biHeight; i++) {
-        if (int rc = get_row(context, row, header->biHeight - i - 1, static_cast<int>(stride)); rc < 0) return rc;
-        if (int rc = write_all(fd, row, static_cast<int32_t>(stride)); rc < 0) return rc;
-    }
-    return 0;
+    return dib_write_rows(fd, header, get_row, context);
 }
 
 }  // namespace brv

@@ -1,6 +1,6 @@
 // What formats embedding a DIB share with the BMP codec: its reading of an
-// embedded DIB (header, colour table, rows by the BMP row decoders) and the
-// 40-byte info header its writers put out.
+// embedded DIB (header, colour table, rows by the BMP row decoders), the
+// 40-byte info header its writers put out and their writing of the rows.
 #pragma once
 #include "frame/frame.h"
 
@@ -29,5 +29,9 @@ int dib_read_embedded(int32_t at, const dib_embedding &how, IMG_put_row_fn put_r
 // pixels per metre (rounded), no colour counts.  False for a size that
 // cannot be stored.
 bool bmp_info_bytes(uint8_t *out, const dib_info *header, uint32_t compression);
+
+// The bitmap's rows, bottom row first as a DIB stores them, through a row
+// buffer of its own: 0, IMG_ERR_MEMORY, IMG_ERR_WRITE or get_row's code.
+int dib_write_rows(int fd, const dib_info *header, IMG_get_row_fn get_row, void *context);
 
 }  // namespace brv

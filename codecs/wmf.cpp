@@ -46,7 +46,7 @@ BRIVANTA_WRITER(wmf_write_file) {
     if (header->biWidth > 32767 || header->biHeight > 32767) return IMG_ERR_HEADER;
     uint8_t info[40];
     if (!bmp_info_bytes(info, header, 0)) return IMG_ERR_HEADER;
-    const uint32_t stride = row_bytes(header->biWidth, bits), pixels = get32(info + 20), pb = palette_bytes(bits);
+    const uint32_t pixels = get32(info + 20), pb = palette_bytes(bits);
     const uint32_t record_words = (pixels + PICTURE_FIXED + pb) / 2;
 
     uint8_t placeable[22] = {};
@@ -82,12 +82,7 @@ BRIVANTA_WRITER(wmf_write_file) {
         if (int rc = write_all(fd, reinterpret_cast<const uint8_t *>(header) + 40, static_cast<int32_t>(pb)); rc < 0)
             return rc;
 
-    auto *row = static_cast<uint8_t *>(scratch_alloc(stride + 10));
-    if (!row) return IMG_ERR_MEMORY;
-    for (int i = 0; i < header->biHeight; i++) {
-        if (int rc = get_row(context, row, header->biHeight - 1 - i, static_cast<int>(stride)); rc < 0) return rc;
-        if (int rc = write_all(fd, row, static_cast<int32_t>(stride)); rc < 0) return rc;
-    }
+    if (int rc = dib_write_rows(fd, header, get_row, context); rc < 0) return rc;
     static const uint8_t end_record[6] = {3, 0, 0, 0, 0, 0};
     return write_all(fd, end_record, 6);
 }
