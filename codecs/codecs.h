@@ -67,4 +67,11 @@ BRIVANTA_READER(xbm_decompress);
 BRIVANTA_WRITER(xbm_write_file);
 BRIVANTA_WRITER(xpm_write_file);
 
+// Icons, clipboard files, WordPerfect graphics, metafiles
+BRIVANTA_READER(ico_decompress);
+BRIVANTA_READER(clp_read_file);
+BRIVANTA_WRITER(clp_write_file);
+BRIVANTA_READER(wpg_read_file);
+BRIVANTA_WRITER(wmf_write_file);
+
 }  // namespace brv

@@ -46,6 +46,14 @@ inline int32_t read_fully(int fd, void *buf, int32_t n) {
     return done;
 }
 
+// read_fully of up to n bytes at absolute position at, cut at end.
+inline int32_t read_fully_at(int fd, int32_t end, int64_t at, void *buf, int32_t n) {
+    if (at < 0 || at >= end) return 0;
+    if (n > end - at) n = static_cast<int32_t>(end - at);
+    if (file_seek(fd, static_cast<int32_t>(at), 0) < 0) return 0;
+    return read_fully(fd, buf, n);
+}
+
 // ---- The buffered source ------------------------------------------------------------
 
 struct byte_source {

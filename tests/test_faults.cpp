@@ -205,6 +205,8 @@ const writer_row writers[] = {
     {IMG_TYPE_XBM, {1}, back::same, TRICKLES},
     {IMG_TYPE_CALS, {1}, back::same, TRICKLES},
     {IMG_TYPE_XPM, {1, 4, 8}, back::same, -1},
+    {IMG_TYPE_CLIPBOARD, {1, 4, 8, 24}, back::same, TRICKLES},
+    {IMG_TYPE_WMF, {1, 4, 8, 24}, back::same, -1},
 };
 }  // namespace
 
@@ -261,6 +263,7 @@ TEST(Faults, FilesFromOtherTools) {
         {"jpeg/c420.jpg", TRICKLES},   {"jpeg/crestart.jpg", TRICKLES}, {"jpeg/cmyk.jpg", TRICKLES},
         {"psd/im_cmyk_rle.psd", TRICKLES}, {"psd/im_indexed_rle.psd", TRICKLES}, {"eps/gm_ept.eps", 0},
         {"cals/im.cal", TRICKLES},     {"xbm/netpbm_short.xbm", TRICKLES}, {"xbm/pillow.xbm", TRICKLES},
+        {"ico/im_4.ico", TRICKLES},    {"ico/im_32.ico", TRICKLES},    {"wpg/recipe_8.wpg", TRICKLES},
     };
     for (auto &f : files) {
         SCOPED_TRACE(f.name);
