@@ -48,4 +48,7 @@ BRIVANTA_READER(targa_read_file);
 BRIVANTA_WRITER(targa_write_file);
 BRIVANTA_WRITER(targa_write_file_15bit);
 
+// Readers only
+BRIVANTA_READER(sunras_read_file);
+
 }  // namespace brv
