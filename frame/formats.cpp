@@ -116,7 +116,7 @@ constexpr format_info formats[FORMAT_COUNT] = {
     family(35, "xpm", "X pixmap", SAVED_BY_NAME | NAMED_BY_QUERY,
            [](const uint8_t *b, int) { return std::memcmp(b, "/* XPM */", 9) == 0; }),
     family(36, "xwd", "X window dump", SAVED_BY_NAME | NAMED_BY_QUERY,
-           [](const uint8_t *b, int) { return b[4] == 0 && b[5] == 0 && b[6] == 0 && b[7] == 7; }),
+           [](const uint8_t *b, int) { return b[4] == 0 && b[5] == 0 && b[6] == 0 && b[7] == 7; }, xwd_read_file),
     family(37, "ras", "Sun raster", SAVED_BY_NAME | NAMED_BY_QUERY,
            [](const uint8_t *b, int) { return get32be(b) == 0x59A66A95u; }, sunras_read_file),
     family(38, "txt", "text", NAMED_BY_QUERY, [](const uint8_t *b, int) { return std::memchr(b, 0, 10) == nullptr; }),
