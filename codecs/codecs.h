@@ -51,5 +51,6 @@ BRIVANTA_WRITER(targa_write_file_15bit);
 // Readers only
 BRIVANTA_READER(sunras_read_file);
 BRIVANTA_READER(xwd_read_file);
+BRIVANTA_READER(macpaint_read_file);
 
 }  // namespace brv

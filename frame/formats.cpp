@@ -92,7 +92,7 @@ constexpr format_info formats[FORMAT_COUNT] = {
     // The X formats and Sun raster are left out of the _fd and _mem queries.
     family(20, "xbm", "X bitmap", SAVED_BY_NAME | NAMED_BY_QUERY,
            [](const uint8_t *b, int) { return std::memcmp(b, "#define", 7) == 0; }),
-    family(21, "mac", "MacPaint", QUERIES, is_macpaint),
+    family(21, "mac", "MacPaint", QUERIES, is_macpaint, macpaint_read_file),
     family(22, "gx2", "GX2", QUERIES, [](const uint8_t *b, int) { return std::memcmp(b, "GX2", 3) == 0; }),
     family(23, "kfx", "Kofax", QUERIES, [](const uint8_t *b, int) { return std::memcmp(b, ".KF", 3) == 0; }),
     family(24, "ica", "IOCA", QUERIES,
