@@ -35,9 +35,12 @@ bool is_pict(const uint8_t *, int fd) {
 
 // MacPaint steps 467 bytes back from where the PICT probe stopped, to the
 // file-type field of a MacBinary header; with PICT off it reads elsewhere.
+// A memory source answers reads past its end without data: those count as
+// nothing read, or every short unknown file would be taken for MacPaint.
 bool is_macpaint(const uint8_t *, int fd) {
     uint8_t m[10] = {};
-    file_seek(fd, -467, 1);
+    const int32_t at = file_seek(fd, -467, 1);
+    if (at < 0 || at >= file_size_hint(fd)) return false;
     return file_read(fd, m, 10) > 0 && (std::memcmp(m, "PNT", 3) == 0 || get32(m) == 0);
 }
 
