@@ -52,5 +52,6 @@ BRIVANTA_WRITER(targa_write_file_15bit);
 BRIVANTA_READER(sunras_read_file);
 BRIVANTA_READER(xwd_read_file);
 BRIVANTA_READER(macpaint_read_file);
+BRIVANTA_READER(msp_decompress);
 
 }  // namespace brv

@@ -111,7 +111,10 @@ constexpr format_info formats[FORMAT_COUNT] = {
     family(28, "img", "GEM image", QUERIES,
            [](const uint8_t *b, int) { return b[0] == 0 && b[1] == 1 && b[2] == 0 && (b[3] == 9 || b[3] == 8); }),
     family(29, "btr", "BTR", SAVED_BY_NAME | QUERIES, [](const uint8_t *b, int) { return b[0] == 0xBB && b[3] == 1; }),
-    family(30, "msp", "Microsoft Paint", QUERIES, [](const uint8_t *b, int) { return std::memcmp(b, "Lin", 3) == 0; }),
+    // Version 2 files start "LinS", version 1 files "DanM".
+    family(30, "msp", "Microsoft Paint", QUERIES,
+           [](const uint8_t *b, int) { return std::memcmp(b, "Lin", 3) == 0 || std::memcmp(b, "DanM", 4) == 0; },
+           msp_decompress),
     family(31, "cut", "CUT", QUERIES, is_cut),
     variant(32, "tga-15", "Targa, 15-bit", "tga", 3, 0, targa_write_file_15bit, 32),
     variant(33, "fax-g3", "CCITT Group 3, raw", "g3", 33, 0, fax_write_g3),
