@@ -53,5 +53,6 @@ BRIVANTA_READER(sunras_read_file);
 BRIVANTA_READER(xwd_read_file);
 BRIVANTA_READER(macpaint_read_file);
 BRIVANTA_READER(msp_decompress);
+BRIVANTA_READER(cut_decompress);
 
 }  // namespace brv

@@ -115,7 +115,7 @@ constexpr format_info formats[FORMAT_COUNT] = {
     family(30, "msp", "Microsoft Paint", QUERIES,
            [](const uint8_t *b, int) { return std::memcmp(b, "Lin", 3) == 0 || std::memcmp(b, "DanM", 4) == 0; },
            msp_decompress),
-    family(31, "cut", "CUT", QUERIES, is_cut),
+    family(31, "cut", "CUT", QUERIES, is_cut, cut_decompress),
     variant(32, "tga-15", "Targa, 15-bit", "tga", 3, 0, targa_write_file_15bit, 32),
     variant(33, "fax-g3", "CCITT Group 3, raw", "g3", 33, 0, fax_write_g3),
     variant(34, "fax-g4", "CCITT Group 4, raw", "g4", 34, 0, fax_write_g4),
