@@ -81,7 +81,7 @@ BRIVANTA_READER(msp_decompress) {
     auto *row = static_cast<uint8_t *>(mem.take(capacity));
     if (!row) return IMG_ERR_MEMORY;
     if (coded) {
-        source_seek(src, source_tell(src) + 2 * height);  // the row map
+        if (!source_skip(src, 2u * static_cast<uint32_t>(height))) return IMG_ERR_DATA;  // the row map
         return msp_decode_rows(src, row, capacity, row_len, out_len, height, put_row, context);
     }
     for (int r = 0; r < height; r++) {

@@ -23,14 +23,6 @@ struct rle_state {
     uint8_t value = 0;
 };
 
-// Skips n bytes; false when they run past the end of the data.
-bool skip(byte_source &src, uint32_t n) {
-    const int64_t to = int64_t{source_tell(src)} + n;
-    if (to > src.end) return false;
-    source_seek(src, static_cast<int32_t>(to));
-    return true;
-}
-
 int sunras_next_byte(byte_source &src) { return source_byte(src); }
 
 int sunras_unpack_row(byte_source &src, rle_state &st, uint8_t *row, uint32_t n) {
@@ -90,9 +82,9 @@ int sunras_read_map(byte_source &src, const sunras_header &h, uint8_t *palette, 
             const uint32_t take = n < 256 ? n : 256;
             if (source_read(src, map, static_cast<int32_t>(take)) != static_cast<int32_t>(take)) return IMG_ERR_DATA;
             for (uint32_t i = 0; i < take; i++) palette[4 * i + 2 - plane] = map[i];
-            if (!skip(src, n - take)) return IMG_ERR_DATA;
+            if (!source_skip(src, n - take)) return IMG_ERR_DATA;
         }
-        if (!skip(src, h.map_length - 3 * n)) return IMG_ERR_DATA;
+        if (!source_skip(src, h.map_length - 3 * n)) return IMG_ERR_DATA;
     } else {
         if (source_read(src, map, static_cast<int32_t>(keep)) != static_cast<int32_t>(keep)) return IMG_ERR_DATA;
         // Raw maps land scattered through the table: each triple goes to
@@ -102,7 +94,7 @@ int sunras_read_map(byte_source &src, const sunras_header &h, uint8_t *palette, 
                 const uint32_t at = 4 * i + 2 + 3 * k;
                 if (at < 1024) palette[at] = map[i + k];
             }
-        if (!skip(src, h.map_length - keep)) return IMG_ERR_DATA;
+        if (!source_skip(src, h.map_length - keep)) return IMG_ERR_DATA;
     }
     return 0;
 }

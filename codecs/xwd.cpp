@@ -50,12 +50,7 @@ void normalise_bits(uint8_t *row, uint32_t n, const xwd_layout &l) {
         for (uint32_t i = 0; i + l.swap_unit <= n; i += l.swap_unit)
             for (int a = 0, b = l.swap_unit - 1; a < b; a++, b--) std::swap(row[i + a], row[i + b]);
     if (l.reverse_bits)
-        for (uint32_t i = 0; i < n; i++) {
-            uint8_t v = row[i];
-            v = static_cast<uint8_t>((v & 0xF0) >> 4 | (v & 0x0F) << 4);
-            v = static_cast<uint8_t>((v & 0xCC) >> 2 | (v & 0x33) << 2);
-            row[i] = static_cast<uint8_t>((v & 0xAA) >> 1 | (v & 0x55) << 1);
-        }
+        for (uint32_t i = 0; i < n; i++) row[i] = bit_reversed.b[row[i]];
 }
 
 void true_colour_row(const uint8_t *in, uint8_t *out, int width, const xwd_layout &l) {
@@ -67,13 +62,6 @@ void true_colour_row(const uint8_t *in, uint8_t *out, int width, const xwd_layou
         out[3 * x + 1] = channel(px, l.mask[1]);
         out[3 * x + 2] = channel(px, l.mask[0]);
     }
-}
-
-bool skip(byte_source &src, uint64_t n) {
-    const uint64_t to = uint64_t(source_tell(src)) + n;
-    if (to > uint64_t(src.end)) return false;
-    source_seek(src, static_cast<int32_t>(to));
-    return true;
 }
 
 // The planes lie one after another; a chunk of rows of every plane is read
@@ -121,7 +109,7 @@ BRIVANTA_READER(xwd_read_file) {
     uint32_t h[FIELDS];
     for (int i = 0; i < FIELDS; i++) h[i] = get32be(raw + 4 * i);
     if (h[FILE_VERSION] != XWD_VERSION || h[HEADER_SIZE] < XWD_HEADER) return IMG_ERR_HEADER;
-    if (!skip(src, h[HEADER_SIZE] - XWD_HEADER)) return IMG_ERR_DATA;
+    if (!source_skip(src, h[HEADER_SIZE] - XWD_HEADER)) return IMG_ERR_DATA;
 
     auto *dib = static_cast<dib_header *>(mem.take(sizeof(dib_header)));
     if (!dib) return IMG_ERR_MEMORY;
