@@ -25,6 +25,24 @@ enum field {
 constexpr uint32_t Z_PIXMAP = 2;
 constexpr uint32_t MSB_FIRST = 1;
 
+// Where a channel sits in a pixel word, and how to scale it to eight bits.
+struct xwd_channel {
+    uint32_t mask;
+    int shift, drop;  // drop: low bits beyond eight, or -1 to stretch a narrow field
+    uint32_t top;
+};
+
+xwd_channel channel_of(uint32_t mask) {
+    if (!mask) return {0, 0, 0, 1};
+    const int width = std::popcount(mask);
+    return {mask, std::countr_zero(mask), width >= 8 ? width - 8 : -1, (1u << (width < 32 ? width : 31)) - 1};
+}
+
+uint8_t channel(uint32_t px, const xwd_channel &c) {
+    const uint32_t v = (px & c.mask) >> c.shift;
+    return static_cast<uint8_t>(c.drop >= 0 ? v >> c.drop : v * 255 / c.top);
+}
+
 // How bitmap data is laid out in the file, and how a 24-bit pixel's
 // channels sit in its word.
 struct xwd_layout {
@@ -32,17 +50,8 @@ struct xwd_layout {
     int swap_unit;      // bytes per unit to reverse, 0 for none
     bool msb_pixels;    // pixel words stored most significant byte first
     int pixel_bytes;
-    uint32_t mask[3];   // red, green, blue
+    xwd_channel rgb[3];
 };
-
-// One channel of a pixel word, scaled to eight bits.
-uint8_t channel(uint32_t px, uint32_t mask) {
-    if (!mask) return 0;
-    const int shift = std::countr_zero(mask), width = std::popcount(mask);
-    const uint32_t v = (px & mask) >> shift;
-    if (width >= 8) return static_cast<uint8_t>(v >> (width - 8));
-    return static_cast<uint8_t>(v * 255 / ((1u << width) - 1));
-}
 
 // Bitmap data to most significant bit first, byte by byte.
 void normalise_bits(uint8_t *row, uint32_t n, const xwd_layout &l) {
@@ -54,13 +63,29 @@ void normalise_bits(uint8_t *row, uint32_t n, const xwd_layout &l) {
 }
 
 void true_colour_row(const uint8_t *in, uint8_t *out, int width, const xwd_layout &l) {
+    // Whole-byte channels: take the bytes where they stand.
+    int at[3];
+    bool bytewise = true;
+    for (int c = 0; c < 3; c++) {
+        const int byte = l.rgb[c].shift / 8;
+        at[c] = l.msb_pixels ? l.pixel_bytes - 1 - byte : byte;
+        bytewise = bytewise && l.rgb[c].drop == 0 && l.rgb[c].shift % 8 == 0 && at[c] >= 0 && at[c] < l.pixel_bytes;
+    }
+    if (bytewise) {
+        for (int x = 0; x < width; x++, in += l.pixel_bytes, out += 3) {
+            out[0] = in[at[2]];
+            out[1] = in[at[1]];
+            out[2] = in[at[0]];
+        }
+        return;
+    }
     for (int x = 0; x < width; x++, in += l.pixel_bytes) {
         uint32_t px = 0;
         for (int k = 0; k < l.pixel_bytes; k++)
             px |= static_cast<uint32_t>(in[k]) << 8 * (l.msb_pixels ? l.pixel_bytes - 1 - k : k);
-        out[3 * x] = channel(px, l.mask[2]);
-        out[3 * x + 1] = channel(px, l.mask[1]);
-        out[3 * x + 2] = channel(px, l.mask[0]);
+        out[3 * x] = channel(px, l.rgb[2]);
+        out[3 * x + 1] = channel(px, l.rgb[1]);
+        out[3 * x + 2] = channel(px, l.rgb[0]);
     }
 }
 
@@ -153,9 +178,9 @@ BRIVANTA_READER(xwd_read_file) {
     l.msb_pixels = h[BYTE_ORDER] == MSB_FIRST;
     l.pixel_bytes = static_cast<int>(bpp / 8);
     const bool masked = h[RED_MASK] && h[GREEN_MASK] && h[BLUE_MASK];
-    l.mask[0] = masked ? h[RED_MASK] : 0xFF0000;
-    l.mask[1] = masked ? h[GREEN_MASK] : 0xFF00;
-    l.mask[2] = masked ? h[BLUE_MASK] : 0xFF;
+    l.rgb[0] = channel_of(masked ? h[RED_MASK] : 0xFF0000);
+    l.rgb[1] = channel_of(masked ? h[GREEN_MASK] : 0xFF00);
+    l.rgb[2] = channel_of(masked ? h[BLUE_MASK] : 0xFF);
 
     auto *out = static_cast<uint8_t *>(mem.take(out_len + 255));
     if (!out) return IMG_ERR_MEMORY;

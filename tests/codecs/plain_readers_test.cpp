@@ -25,8 +25,8 @@ bytes sun(uint32_t w, uint32_t h, uint32_t depth, uint32_t type, uint32_t map_ty
 }
 // Z pixmap of depth in bpp-bit pixels, most significant first, no name.
 bytes xwd(uint32_t version, uint32_t format, uint32_t depth, uint32_t w, uint32_t bpp, uint32_t bpl, const bytes &data,
-          uint32_t order = 1) {
-    return be32s({100, version, format, depth, w, 2, 0, order, 32, order, 32, bpp, bpl, 4, 0xFF0000, 0xFF00, 0xFF, 8,
+          uint32_t order = 1, std::array<uint32_t, 3> rgb = {0xFF0000, 0xFF00, 0xFF}) {
+    return be32s({100, version, format, depth, w, 2, 0, order, 32, order, 32, bpp, bpl, 4, rgb[0], rgb[1], rgb[2], 8,
                   0, 0, w, 2, 0, 0, 0}, data);
 }
 bytes with_head(bytes head, const bytes &data) {
@@ -63,6 +63,8 @@ TEST(PlainReaders, KeptBehavioursAndHostileFiles) {
         {"sun: a map past the end", sunras_read_file, be32s({0x59A66A95u, 1, 1, 8, 0, 1, 1, 0x7FFFFFF0}), IMG_ERR_DATA},
         {"xwd: 1 bit, least significant bit first", xwd_read_file, xwd(7, 2, 1, 9, 1, 4, {0x01, 0x01, 0, 0, 0x48, 0, 0, 0}, 0),
          0, {0x80, 0x80}, {0x12, 0}},
+        {"xwd: 5-6-5 masks stretch to eight bits", xwd_read_file,
+         xwd(7, 2, 24, 1, 32, 4, {0, 0, 0xF8, 0x1F, 0, 0, 0x07, 0xE0}, 1, {0xF800, 0x7E0, 0x1F}), 0, {255, 0, 255}, {0, 255, 0}},
         {"xwd: version 6", xwd_read_file, xwd(6, 2, 8, 1, 8, 4, bytes(8)), IMG_ERR_HEADER},
         {"xwd: line longer than any padding", xwd_read_file, xwd(7, 2, 8, 1, 8, 100000, bytes(8)), IMG_ERR_HEADER},
         {"mac: overlong runs are dropped; 0xB9 0 is white", macpaint_read_file,
