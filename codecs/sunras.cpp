@@ -59,7 +59,8 @@ int sunras_read_raw_row(byte_source &src, uint8_t *row, uint32_t n) {
     return source_read(src, row, static_cast<int32_t>(n)) == static_cast<int32_t>(n) ? 0 : IMG_ERR_DATA;
 }
 
-// The colour map into the DIB table; the whole map is consumed either way.
+// A plane or raw map into the DIB table, read whole; without one, the
+// default table of the depth.
 int sunras_read_map(byte_source &src, const sunras_header &h, uint8_t *palette, scratch_set &mem) {
     if (h.map_type == 0) {
         if (h.depth == 1) {
@@ -109,9 +110,9 @@ BRIVANTA_READER(sunras_read_file) {
     mem.adopt(src.buf);
     uint8_t raw[SUNRAS_HEADER];
     if (source_read(src, raw, SUNRAS_HEADER) != SUNRAS_HEADER) return IMG_ERR_DATA;
-    sunras_header h;
-    uint32_t *w = &h.magic;
-    for (int i = 0; i < 8; i++) w[i] = get32be(raw + 4 * i);
+    uint32_t f[8];
+    for (int i = 0; i < 8; i++) f[i] = get32be(raw + 4 * i);
+    const sunras_header h{f[0], f[1], f[2], f[3], f[4], f[5], f[6], f[7]};
     if (h.magic != SUNRAS_MAGIC) return IMG_ERR_HEADER;
     if (h.depth != 1 && h.depth != 8 && h.depth != 24 && h.depth != 32) return IMG_ERR_TYPE;
     if (h.width == 0 || h.height == 0 || h.width > 0x7FFFFFFF || h.height > 0x7FFFFFFF ||

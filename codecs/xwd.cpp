@@ -95,6 +95,8 @@ int xwd_read_xy(int fd, int32_t data, const uint32_t *h, const xwd_layout &l, ui
                 uint8_t *out, uint32_t out_len, IMG_put_row_fn put_row, void *context) {
     const uint32_t width = h[PIXMAP_WIDTH], height = h[PIXMAP_HEIGHT], bpl = h[BYTES_PER_LINE];
     const int32_t end = file_size_hint(fd);
+    // One plane must fit in the source; then no plane offset can overflow.
+    if (uint64_t{bpl} * height > uint64_t(end)) return IMG_ERR_DATA;
     const uint32_t chunk = rows_per_chunk * bpl;
     for (uint32_t y = 0; y < height; y++) {
         const uint32_t in_chunk = y % rows_per_chunk;
@@ -160,7 +162,7 @@ BRIVANTA_READER(xwd_read_file) {
     const uint32_t out_len = row_bytes(width, bits);
     // A line must hold its pixels; a far longer one is not a padded line.
     const uint64_t needed = (uint64_t{width} * (z ? bpp : 1) + 7) / 8;
-    if (!out_len || bpl < needed || bpl > 2 * needed + 64) return IMG_ERR_HEADER;
+    if (!out_len || bpl < needed || bpl > 2 * needed + 64 || bpl > 0x7FFFFF00) return IMG_ERR_HEADER;
 
     dib_info &i = dib->info;
     i.biSize = 40;
@@ -186,7 +188,9 @@ BRIVANTA_READER(xwd_read_file) {
     if (!out) return IMG_ERR_MEMORY;
     if (!z) {
         const uint32_t rows_per_chunk = bpl >= READ_BUFFER_SIZE / XY_PLANES ? 1 : READ_BUFFER_SIZE / XY_PLANES / bpl;
-        auto *planes = static_cast<uint8_t *>(mem.take(XY_PLANES * rows_per_chunk * bpl));
+        uint32_t planes_len;
+        if (!size_mul_add(uint64_t{XY_PLANES} * rows_per_chunk, bpl, 0, &planes_len)) return IMG_ERR_MEMORY;
+        auto *planes = static_cast<uint8_t *>(mem.take(planes_len));
         if (!planes) return IMG_ERR_MEMORY;
         return xwd_read_xy(fd, source_tell(src), h, l, planes, rows_per_chunk, out, out_len, put_row, context);
     }
