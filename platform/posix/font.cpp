@@ -40,6 +40,13 @@ struct os_font {
     bool out_of_memory;  // an allocation failed: FreeType may report it as another error
     int32_t ascent, line_height;
     int32_t advances[256];  // -2: not measured yet
+    // Rendered glyphs of the first 256 code points, kept while the font is
+    // open: a page draws the same few letters thousands of times.
+    struct glyph {
+        int32_t left, top, width, rows, pitch;
+        uint8_t *bits;  // null with ready: nothing to draw
+        bool ready;
+    } glyphs[256];
 };
 
 namespace {
@@ -225,6 +232,7 @@ int os_font_open(const font_request &request, os_font **out) {
 
 void os_font_close(os_font *f) {
     if (!f) return;
+    for (os_font::glyph &g : f->glyphs) ft_free(&f->memory, g.bits);
     FT_Done_Library(f->library);  // and its faces
     FT_MemoryRec_ memory = f->memory;
     ft_free(&memory, f);
@@ -243,24 +251,49 @@ int32_t os_font_advance(os_font *f, uint32_t code_point) {
     return pixels;
 }
 
+namespace {
+
+// The glyph's 1-bit image: rendered now, or kept from before.  0, or
+// negative when memory fails; an empty glyph for one the face cannot draw.
+int glyph_of(os_font *f, uint32_t cp, os_font::glyph &out) {
+    if (cp < 256 && f->glyphs[cp].ready) {
+        out = f->glyphs[cp];
+        return 0;
+    }
+    out = {};
+    if (FT_Error e = render_glyph(f, cp)) return font_error(f, e) == IMG_ERR_MEMORY ? IMG_ERR_MEMORY : 0;
+    const FT_GlyphSlot slot = f->face->glyph;
+    const FT_Bitmap &bm = slot->bitmap;
+    if (bm.pixel_mode != FT_PIXEL_MODE_MONO || !bm.buffer || bm.pitch <= 0) return 0;
+    out = {slot->bitmap_left, slot->bitmap_top, static_cast<int32_t>(bm.width), static_cast<int32_t>(bm.rows),
+           bm.pitch, bm.buffer, true};
+    FONT_UNPOISON(bm.buffer, static_cast<size_t>(bm.rows) * bm.pitch);
+    if (cp >= 256) return 0;
+    // Kept in a block of its own: the slot's image is gone at the next glyph.
+    const long size = static_cast<long>(bm.rows) * bm.pitch;
+    auto *kept = size ? static_cast<uint8_t *>(ft_alloc(&f->memory, size)) : nullptr;
+    if (size && !kept) return IMG_ERR_MEMORY;
+    if (kept) std::memcpy(kept, bm.buffer, static_cast<size_t>(size));
+    out.bits = kept;
+    f->glyphs[cp] = out;
+    return 0;
+}
+
+}  // namespace
+
 int os_font_draw(os_font *f, const uint32_t *code_points, const int32_t *xs, int32_t count, uint8_t *band,
                  int32_t stride, int32_t width, int32_t rows) {
     for (int32_t i = 0; i < count; i++) {
-        if (FT_Error e = render_glyph(f, code_points[i])) {
-            if (font_error(f, e) == IMG_ERR_MEMORY) return IMG_ERR_MEMORY;
-            continue;  // a glyph the face cannot draw is left blank
-        }
-        const FT_GlyphSlot slot = f->face->glyph;
-        const FT_Bitmap &bm = slot->bitmap;
-        if (bm.pixel_mode != FT_PIXEL_MODE_MONO || !bm.buffer) continue;
-        const int64_t x0 = int64_t{xs[i]} + slot->bitmap_left, y0 = int64_t{f->ascent} - slot->bitmap_top;
-        for (unsigned r = 0; r < bm.rows; r++) {
+        os_font::glyph g;
+        if (int r = glyph_of(f, code_points[i], g); r < 0) return r;
+        if (!g.bits) continue;
+        const int64_t x0 = int64_t{xs[i]} + g.left, y0 = int64_t{f->ascent} - g.top;
+        for (int32_t r = 0; r < g.rows; r++) {
             const int64_t y = y0 + r;
             if (y < 0 || y >= rows) continue;
-            const uint8_t *src = bm.buffer + static_cast<int64_t>(r) * bm.pitch;
-            FONT_UNPOISON(src, (bm.width + 7) / 8);
+            const uint8_t *src = g.bits + static_cast<int64_t>(r) * g.pitch;
             uint8_t *dst = band + y * stride;
-            for (unsigned c = 0; c < bm.width; c++) {
+            for (int32_t c = 0; c < g.width; c++) {
                 if (!(src[c >> 3] & (0x80 >> (c & 7)))) continue;
                 const int64_t x = x0 + c;
                 if (x >= 0 && x < width) dst[x >> 3] |= static_cast<uint8_t>(0x80 >> (x & 7));
