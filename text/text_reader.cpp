@@ -234,7 +234,6 @@ int IMG_API IMGLOW_get_ascii_page_width(const char *name) {
         const int64_t thousandths = ((widest + l.left + l.right) * 1000 + text_settings.x_dpi - 1) / text_settings.x_dpi;
         return static_cast<int>(std::min<int64_t>(thousandths, INT32_MAX));
     }();
-    scratch_free_all();
     os_close(fd);
     return result;
 }
