@@ -7,6 +7,12 @@
 
 #include <string>
 
+// Fontconfig keeps part of its parsed configuration unreachable for the
+// life of the process: not the library's leak.
+#ifndef _WIN32
+extern "C" __attribute__((visibility("default"))) const char *__lsan_default_suppressions() { return "leak:libfontconfig.so\n"; }
+#endif
+
 namespace {
 
 struct Text : ::testing::Test {
@@ -91,17 +97,17 @@ TEST_F(Text, AttributeRecordAndLayout) {
     got.mask = 0x0FFF;
     IMGLOW_get_ascii_attributes(&got);
     EXPECT_EQ(std::string(got.face), std::string(31, 'x'));
-    EXPECT_EQ(got.x_dpi, 200);
-    EXPECT_EQ(got.font_height, -1);
-    EXPECT_EQ(got.margins[3], 750);
+    EXPECT_EQ(+got.x_dpi, 200);
+    EXPECT_EQ(+got.font_height, -1);
+    EXPECT_EQ(+got.margins[3], 750);
     // Getting fills the selected fields only.
     IMG_ascii_attributes some{};
     some.mask = IMG_ASCII_PAGE_LINES | IMG_ASCII_TAB;
     IMGLOW_get_ascii_attributes(&some);
-    EXPECT_EQ(some.page_lines, 60);
-    EXPECT_EQ(some.tab, 4);
-    EXPECT_EQ(some.page_width, 0);
-    EXPECT_EQ(some.line_chars, 0);
+    EXPECT_EQ(+some.page_lines, 60);
+    EXPECT_EQ(+some.tab, 4);
+    EXPECT_EQ(+some.page_width, 0);
+    EXPECT_EQ(+some.line_chars, 0);
     // A set font height gives width 0; zero counts give a zero size.
     a.mask = IMG_ASCII_FONT_HEIGHT | IMG_ASCII_LINE_CHARS;
     a.font_height = 24, a.line_chars = 0;
@@ -189,7 +195,7 @@ TEST_F(Text, RenderedPage) {
         {"Text a\x01" "b\x1B" "c..", "Text abc..", true},     // control characters skipped
         {"line one\r\ntwo", "line one\ntwo", true},
         {"xxxxxxx\r_______", "_______\rxxxxxxx", true},      // overprinted either way round
-        {"tabbed\there", "tabbed here", false},
+        {"tabbed\t\there", "tabbed here", false},
         {"first page\fnext", "first page\nnext", false},
     };
     for (auto &p : pairs) {
