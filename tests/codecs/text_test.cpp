@@ -180,6 +180,8 @@ TEST_F(Text, RenderedPage) {
     EXPECT_EQ(three.width, 300);
     EXPECT_EQ(three.height, 200);
     EXPECT_EQ(three.bits, 1);
+    EXPECT_EQ(bytes(three.palette.begin(), three.palette.begin() + 8), (bytes{0, 0, 0, 0, 255, 255, 255, 0}))
+        << "black ink on white paper";
     EXPECT_EQ(inked_lines(three), (std::vector<int>{0, 1, 3}));
     EXPECT_GE(ink_of(three).left, 20);
     // A paragraph longer than the line wraps inside the margins.
