@@ -5,6 +5,7 @@
 #include "frame/formats.h"
 
 #include "codecs/codecs.h"
+#include "text/text.h"
 
 #include <cstring>
 
@@ -131,7 +132,8 @@ constexpr format_info formats[FORMAT_COUNT] = {
            [](const uint8_t *b, int) { return b[4] == 0 && b[5] == 0 && b[6] == 0 && b[7] == 7; }, xwd_read_file),
     family(37, "ras", "Sun raster", SAVED_BY_NAME | NAMED_BY_QUERY,
            [](const uint8_t *b, int) { return get32be(b) == 0x59A66A95u; }, sunras_read_file),
-    family(38, "txt", "text", NAMED_BY_QUERY, [](const uint8_t *b, int) { return std::memchr(b, 0, 10) == nullptr; }),
+    family(38, "txt", "text", NAMED_BY_QUERY, [](const uint8_t *b, int) { return std::memchr(b, 0, 10) == nullptr; },
+           text_read, nullptr, text_page_count),
     family(39, "pcd", "PhotoCD", QUERIES, [](const uint8_t *b, int) { return get32(b) == 0xFFFFFFFFu; }),
     variant(40, "tif-jpeg", "TIFF, JPEG", "tif", 0, APPENDS, tiff_write_jpeg),
     family(41, "psd", "Photoshop", SAVED_BY_NAME | QUERIES,
