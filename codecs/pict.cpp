@@ -95,6 +95,7 @@ struct row_layout {
     uint32_t length = 0;
     int unit = 1;  // 2: runs count 16-bit words
     bool packed = false;
+    bool planes = false;  // 32 bits as a plane per component
 };
 
 row_layout layout_of(const pict_pixmap &pm, bool packed_opcode) {
@@ -104,9 +105,12 @@ row_layout layout_of(const pict_pixmap &pm, bool packed_opcode) {
     if (p != 1 && p != 2 && p != 4 && p != 8 && p != 16 && p != 32) return l;
     // Rows under 8 bytes are never packed; nor are those of BitsRect.
     l.packed = packed_opcode && rb >= 8 && pm.pack_type != 1 && !(p == 32 && pm.pack_type == 2);
+    // Planes come packed, or raw in short rows of pack type 4 (as
+    // ImageMagick writes them).
+    l.planes = p == 32 && (l.packed || pm.pack_type == 4);
     if (p == 32 && pm.pack_type == 2)
         l.length = 3 * w;
-    else if (p == 32 && l.packed) {
+    else if (l.planes) {
         if (pm.cmp_count != 3 && pm.cmp_count != 4) return {};
         l.length = static_cast<uint32_t>(pm.cmp_count) * w;
     } else
@@ -177,7 +181,7 @@ void row_to_dib(const pict_pixmap &pm, const row_layout &l, const uint8_t *in, u
     default:  // 32: planes of red, green, blue (after alpha), or chunky pixels
         for (int x = 0; x < w; x++) {
             uint8_t *q = out + 3 * x;
-            if (l.packed) {
+            if (l.planes) {
                 const uint8_t *p = in + (pm.cmp_count == 4 ? w : 0) + x;
                 q[0] = p[2 * w], q[1] = p[w], q[2] = p[0];
             } else {
@@ -201,8 +205,8 @@ int read_colour_table(byte_source &s, uint8_t *palette, int colours) {
         if (source_read(s, b, 8) != 8) return IMG_ERR_DATA;
         const int at = in_order ? i : get16be(b);
         if (at >= colours) continue;
-        uint8_t *q = palette + 4 * at;
-        q[0] = b[6], q[1] = b[4], q[2] = b[2];
+        // 16-bit components to 8 bits, cut as ImageMagick cuts them.
+        for (int k = 0; k < 3; k++) palette[4 * at + k] = static_cast<uint8_t>(get16be(b + 6 - 2 * k) / 257);
     }
     return 0;
 }

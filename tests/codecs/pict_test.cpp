@@ -53,7 +53,7 @@ TEST(Pict, BitmapOpcodes) {
     pic two = pic::v2(true);
     two.u16({0x0004}).u8({1, 0}).u16({0x00A1, 100, 3}).u8({1, 2, 3, 0});
     two.u16({0x0098, 0x8000 | 10}).rect(2, 40).pixmap(0, 0, 2, 1, 2).u16({0, 0, 0x8000, 3});
-    for (int i = 0; i < 4; i++) two.u16({i, i * 0x4000, 0x1100, 0xFF00 - i * 0x100});
+    for (int i = 0; i < 4; i++) two.u16({i, i * 0x4040, 0x1111, (0xFF - i) * 0x101});
     two.rects_and_mode(2, 40).u8({2, 0xF7, 0x1B, 11, 9}).u8({0x00, 0x55, 0xAA, 0xFF, 0, 0, 0, 0, 0, 0xE4}).u8({0});
     two.u16({0x00FF});
 
