@@ -272,6 +272,7 @@ TEST(Faults, FilesFromOtherTools) {
         {"psd/im_cmyk_rle.psd", TRICKLES}, {"psd/im_indexed_rle.psd", TRICKLES}, {"eps/gm_ept.eps", 0},
         {"cals/im.cal", TRICKLES},     {"xbm/netpbm_short.xbm", TRICKLES}, {"xbm/pillow.xbm", TRICKLES},
         {"ico/im_4.ico", TRICKLES},    {"ico/im_32.ico", TRICKLES},    {"wpg/recipe_8.wpg", TRICKLES},
+        {"pict/im_8.pct", 0},          {"pict/im_24.pct", 0},          {"pict/im_32a.pct", 0},
     };
     for (auto &f : files) {
         SCOPED_TRACE(f.name);
