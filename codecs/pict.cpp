@@ -116,7 +116,9 @@ row_layout layout_of(const pict_pixmap &pm, bool packed_opcode) {
     } else
         l.length = rb;
     if (p == 16 && l.packed) l.unit = 2;
-    if (l.length < (w * static_cast<uint32_t>(p) + 7) / 8 && !(p == 32 && l.length >= 3 * w)) return {};
+    // Chunky rows must hold their pixels; planes and 24-bit rows were sized by them.
+    const bool sized = l.planes || (p == 32 && pm.pack_type == 2);
+    if (!sized && l.length < (w * static_cast<uint32_t>(p) + 7) / 8) return {};
     return l;
 }
 
