@@ -83,4 +83,11 @@ BRIVANTA_WRITER(wmf_write_file);
 BRIVANTA_READER(pict_read_file);
 BRIVANTA_WRITER(pict_write_file);
 
+// Readers only
+BRIVANTA_READER(sunras_read_file);
+BRIVANTA_READER(xwd_read_file);
+BRIVANTA_READER(macpaint_read_file);
+BRIVANTA_READER(msp_decompress);
+BRIVANTA_READER(cut_decompress);
+
 }  // namespace brv

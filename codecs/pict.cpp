@@ -21,27 +21,20 @@ int read16(byte_source &s) {
     return source_read(s, b, 2) == 2 ? get16be(b) : -1;
 }
 
-bool skip(byte_source &s, int64_t n) {
-    const int64_t to = int64_t{source_tell(s)} + n;
-    if (n < 0 || to > s.end) return false;
-    source_seek(s, static_cast<int32_t>(to));
-    return true;
-}
-
 // A region or polygon: its 16-bit size counts itself.
 bool skip_sized(byte_source &s) {
     const int n = read16(s);
-    return n >= 2 && skip(s, n - 2);
+    return n >= 2 && source_skip(s, n - 2);
 }
 
 bool skip_counted16(byte_source &s) {
     const int n = read16(s);
-    return n >= 0 && skip(s, n);
+    return n >= 0 && source_skip(s, n);
 }
 
 bool skip_counted32(byte_source &s) {
     uint8_t b[4];
-    return source_read(s, b, 4) == 4 && skip(s, get32be(b));
+    return source_read(s, b, 4) == 4 && source_skip(s, get32be(b));
 }
 
 // Data lengths of the opcodes below 0xB0 that have a fixed one; -1 marks
@@ -139,7 +132,7 @@ int read_row(byte_source &s, const pict_pixmap &pm, const row_layout &l, uint8_t
         if (c < 128) {
             if (n > static_cast<uint32_t>(count)) return IMG_ERR_DATA;
             const uint32_t keep = n < l.length - done ? n : l.length - done;
-            if (source_read(s, buf + done, static_cast<int32_t>(keep)) != static_cast<int32_t>(keep) || !skip(s, n - keep))
+            if (source_read(s, buf + done, static_cast<int32_t>(keep)) != static_cast<int32_t>(keep) || !source_skip(s, n - keep))
                 return IMG_ERR_DATA;
             count -= static_cast<int>(n);
             done += keep;
@@ -217,7 +210,7 @@ int read_colour_table(byte_source &s, uint8_t *palette, int colours) {
 // rectangles and mode, a mask region for the region forms, the rows.
 int read_bitmap(byte_source &s, int op, IMG_put_row_fn put_row, void *context, IMG_begin_image_fn begin_image) {
     const bool direct = op == 0x9A || op == 0x9B;
-    if (direct && !skip(s, 4)) return IMG_ERR_DATA;  // the base address
+    if (direct && !source_skip(s, 4)) return IMG_ERR_DATA;  // the base address
     pict_pixmap pm;
     if (int rc = read_pixmap(s, pm); rc < 0) return rc;
     if (direct != (pm.is_pixmap && pm.pixel_size > 8)) return IMG_ERR_HEADER;
@@ -233,7 +226,7 @@ int read_bitmap(byte_source &s, int op, IMG_put_row_fn put_row, void *context, I
     } else if (!pm.is_pixmap) {
         std::memset(hdr->palette, 255, 3);  // a bit map's 0 is white, 1 black
     }
-    if (!skip(s, 18)) return IMG_ERR_DATA;  // source and destination rectangles, mode
+    if (!source_skip(s, 18)) return IMG_ERR_DATA;  // source and destination rectangles, mode
     if ((op & 1) && !skip_sized(s)) return IMG_ERR_DATA;
     // A bilevel map lighter in its first entry is shown with the two swapped.
     bool invert = false;
@@ -269,13 +262,13 @@ int read_bitmap(byte_source &s, int op, IMG_put_row_fn put_row, void *context, I
 // pattern its map, colour table and rows; for a colour one its colour.
 bool skip_pixpat(byte_source &s) {
     const int kind = read16(s);
-    if (kind < 0 || !skip(s, 8)) return false;
-    if (kind == 2) return skip(s, 6);
+    if (kind < 0 || !source_skip(s, 8)) return false;
+    if (kind == 2) return source_skip(s, 6);
     if (kind != 1) return true;
     pict_pixmap pm;
     if (read_pixmap(s, pm) < 0 || !pm.is_pixmap) return false;
     uint8_t b[8];
-    if (source_read(s, b, 8) != 8 || !skip(s, 8 * (int64_t{get16be(b + 6)} + 1))) return false;
+    if (source_read(s, b, 8) != 8 || !source_skip(s, 8 * (int64_t{get16be(b + 6)} + 1))) return false;
     const row_layout l = layout_of(pm, true);
     scratch_set mem;
     auto *row = l.length ? static_cast<uint8_t *>(mem.take(l.length + 16)) : nullptr;
@@ -287,20 +280,20 @@ bool skip_pixpat(byte_source &s) {
 
 // Steps over one opcode's data; false when the picture ends inside it.
 bool skip_opcode(byte_source &s, int op, int version) {
-    if (op < 0xB0 && FIXED[op] >= 0) return skip(s, op == 0x11 && version == 2 ? 2 : FIXED[op]);
+    if (op < 0xB0 && FIXED[op] >= 0) return source_skip(s, op == 0x11 && version == 2 ? 2 : FIXED[op]);
     if (op == 0x01 || (op >= 0x70 && op <= 0x87)) return skip_sized(s);
     if (op >= 0x12 && op <= 0x14) return skip_pixpat(s);
     if (op >= 0x28 && op <= 0x2B) {  // text after a position of 4, 1, 1 or 2 bytes
         static constexpr int at[4] = {4, 1, 1, 2};
-        if (!skip(s, at[op - 0x28])) return false;
+        if (!source_skip(s, at[op - 0x28])) return false;
         const int n = source_byte(s);
-        return n >= 0 && skip(s, n);
+        return n >= 0 && source_skip(s, n);
     }
-    if (op == 0xA1) return skip(s, 2) && skip_counted16(s);
+    if (op == 0xA1) return source_skip(s, 2) && skip_counted16(s);
     if (op < 0xB0) return skip_counted16(s);  // the reserved ones with a length word
     if (op < 0xD0) return true;
     if (op < 0x100) return skip_counted32(s);
-    if (op < 0x8000) return skip(s, (op >> 8) * 2);
+    if (op < 0x8000) return source_skip(s, (op >> 8) * 2);
     if (op < 0x8100) return true;
     return skip_counted32(s);
 }
