@@ -118,7 +118,8 @@ row_layout layout_of(const pict_pixmap &pm, bool packed_opcode) {
 // One row into buf: raw, or its byte count then PackBits runs, which may
 // stop short (the rest is zero) but never run past the count or the row.
 int read_row(byte_source &s, const pict_pixmap &pm, const row_layout &l, uint8_t *buf) {
-    if (!l.packed) return source_read(s, buf, static_cast<int32_t>(l.length)) == static_cast<int32_t>(l.length) ? 0 : IMG_ERR_DATA;
+    const auto length = static_cast<int32_t>(l.length);
+    if (!l.packed) return source_read(s, buf, length) == length ? 0 : IMG_ERR_DATA;
     int count = pm.row_bytes > 250 ? read16(s) : source_byte(s);
     if (count < 0) return IMG_ERR_DATA;
     std::memset(buf, 0, l.length);
@@ -132,8 +133,8 @@ int read_row(byte_source &s, const pict_pixmap &pm, const row_layout &l, uint8_t
         if (c < 128) {
             if (n > static_cast<uint32_t>(count)) return IMG_ERR_DATA;
             const uint32_t keep = n < l.length - done ? n : l.length - done;
-            if (source_read(s, buf + done, static_cast<int32_t>(keep)) != static_cast<int32_t>(keep) || !source_skip(s, n - keep))
-                return IMG_ERR_DATA;
+            const auto k = static_cast<int32_t>(keep);
+            if (source_read(s, buf + done, k) != k || !source_skip(s, n - keep)) return IMG_ERR_DATA;
             count -= static_cast<int>(n);
             done += keep;
         } else {
@@ -433,7 +434,8 @@ BRIVANTA_WRITER(pict_write_file) {
                 if (packed)
                     file_row[x] = q[2], file_row[w + x] = q[1], file_row[2 * w + x] = q[0];
                 else
-                    file_row[4 * x] = 0, file_row[4 * x + 1] = q[2], file_row[4 * x + 2] = q[1], file_row[4 * x + 3] = q[0];
+                    file_row[4 * x] = 0, file_row[4 * x + 1] = q[2], file_row[4 * x + 2] = q[1],
+                                   file_row[4 * x + 3] = q[0];
             }
         }
         if (!packed) {
