@@ -19,10 +19,6 @@ BRIVANTA_READER(ico_decompress) {
     return dib_read_embedded(static_cast<int32_t>(image_at), {true, false}, put_row, context, begin_image, fd);
 }
 
-}  // namespace brv
-
-namespace brv {
-
 namespace {
 
 // The index of pixel x in a row of 1, 4 or 8 bits, or its colour as
@@ -78,7 +74,6 @@ BRIVANTA_WRITER(ico_write_file) {
     auto *row = static_cast<uint8_t *>(mem.take(stride + 16));
     auto *mask = static_cast<uint8_t *>(mem.take(mask_size));
     if (!row || !mask) return IMG_ERR_MEMORY;
-    std::memset(mask, 0, mask_size);
     const uint32_t transparent = header->biClrUsed;
     for (int i = 0; i < h; i++) {
         if (int rc = get_row(context, row, h - 1 - i, static_cast<int>(stride)); rc < 0) return rc;

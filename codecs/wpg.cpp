@@ -134,10 +134,6 @@ BRIVANTA_READER(wpg_read_file) {
     return wpg_unpack_bitmap(fd, row, dib_row, put_row, context, bm);
 }
 
-}  // namespace brv
-
-namespace brv {
-
 namespace {
 
 // A record's head in its six-byte form, whatever the length, so a length
