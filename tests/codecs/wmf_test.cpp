@@ -7,6 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <tuple>
+
 TEST(Metafile, LayoutOfAHundredByFiftyPicture) {
     for (int bits : {8, 24}) {
         const bytes f = save_pic(make_picture(100, 50, bits, 1), IMG_TYPE_WMF);
@@ -20,47 +23,35 @@ TEST(Metafile, LayoutOfAHundredByFiftyPicture) {
     }
 }
 
-// The reader takes the first record carrying a DIB, placeable header or
-// not; a blit without one is passed over, and no bitmap at all is -7.
-// (Detection takes a bare header of nine words for Targa: the reader is
-// called itself.)
+// The reader takes the first record carrying a DIB, with or without the
+// placeable header (called itself: detection takes a bare header for Targa);
+// a blit without one is passed over, and no bitmap at all is -7.
 TEST(Metafile, ReaderFindsTheFirstBitmapRecord) {
     const picture p = make_picture(13, 7, 8, 3);
     const bytes ours = save_pic(p, IMG_TYPE_WMF);
-    // Our StretchDIBits record's DIB, and the parameter words each blit puts before it.
-    const bytes dib(ours.begin() + 22 + 18 + 4 * 10 + 8 + 28, ours.end() - 6);
-    auto record = [](uint16_t function, int params, const bytes &data) {
-        bytes r(6 + 2 * params, 0);
-        put32(&r[0], static_cast<uint32_t>(3 + params + data.size() / 2));
-        put16(&r[4], function);
-        r.insert(r.end(), data.begin(), data.end());
-        return r;
-    };
-    auto metafile = [](std::initializer_list<bytes> records) {
+    const bytes dib(ours.begin() + 22 + 18 + 4 * 10 + 8 + 28, ours.end() - 6);  // our StretchDIBits record's
+    // A bare header, then records of a function, its parameter words and data, then the end record.
+    auto metafile = [](std::initializer_list<std::tuple<uint16_t, int, bytes>> records) {
         bytes f(18, 0);
-        put16(&f[0], 1), put16(&f[2], 9), put16(&f[4], 0x0300);
-        for (const bytes &r : records) f.insert(f.end(), r.begin(), r.end());
+        put16(&f[0], 1), put16(&f[2], 9);
+        for (auto &[function, params, data] : records) {
+            bytes r(6 + 2 * params, 0);
+            put32(&r[0], static_cast<uint32_t>(3 + params + data.size() / 2)), put16(&r[4], function);
+            r.insert(r.end(), data.begin(), data.end());
+            f.insert(f.end(), r.begin(), r.end());
+        }
         f.insert(f.end(), {3, 0, 0, 0, 0, 0});
         return f;
     };
-    const bytes line = record(0x0213, 2, {}), bare_blit = record(0x0940, 9, {});
-    const struct {
-        const char *name;
-        bytes file;
-        int code;
-    } cases[] = {
-        {"ours, placeable", ours, 0},
-        {"DIBBitBlt after a bare one", metafile({line, bare_blit, record(0x0940, 8, dib)}), 0},
-        {"DIBStretchBlt", metafile({record(0x0B41, 10, dib), line}), 0},
-        {"no bitmap", metafile({line, bare_blit}), IMG_ERR_TYPE},
-        {"a record of no length", metafile({bytes{0, 0, 0, 0, 0x13, 0x02}}), IMG_ERR_HEADER},
-    };
-    for (auto &c : cases) {
-        SCOPED_TRACE(c.name);
+    const std::tuple<uint16_t, int, bytes> line{0x0213, 2, {}}, bare_blit{0x0940, 9, {}};
+    bytes broken = metafile({line});
+    put32(&broken[18], 0);
+    for (auto [file, code] : {std::pair{ours, 0}, {metafile({line, bare_blit, {0x0940, 8, dib}}), 0},
+                              {metafile({{0x0B41, 10, dib}, line}), 0}, {metafile({line, bare_blit}), IMG_ERR_TYPE},
+                              {broken, IMG_ERR_HEADER}}) {
         jpeg_testing::sink s;
-        const int code = jpeg_testing::run_reader_on(c.file, s, brv::wmf_read_file);
-        EXPECT_EQ(code >= 0 ? 0 : code, c.code);
-        if (code >= 0) {
+        EXPECT_EQ(std::min(0, jpeg_testing::run_reader_on(file, s, brv::wmf_read_file)), code);
+        if (code == 0) {
             EXPECT_EQ(jpeg_testing::picture_of_sink(s), p);
         }
     }
