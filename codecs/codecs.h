@@ -60,4 +60,8 @@ int eps_put_hex(int fd, const uint8_t *bytes, int32_t count, uint8_t *scratch);
 BRIVANTA_READER(psd_read_file);
 BRIVANTA_WRITER(psd_write_file);
 
+// PNG, through the system's codec (platform/png_codec.h)
+BRIVANTA_READER(png_read_file);
+BRIVANTA_WRITER(png_write_file);
+
 }  // namespace brv
