@@ -130,9 +130,10 @@ constexpr format_info formats[FORMAT_COUNT] = {
     family(42, "imt", "IMT", SAVED_BY_NAME,
            [](const uint8_t *b, int) { return std::memcmp(b, "'C1", 4) == 0; }),  // includes the zero byte
     // Extensions of the table from here on.
+    // Four bytes of the signature: a hook that trickles may bring no more at
+    // first; the reader checks all eight.
     family(43, "png", "PNG", SAVED_BY_NAME | QUERIES,
-           [](const uint8_t *b, int) { return std::memcmp(b, "\x89PNG\r\n\x1a\n", 8) == 0; }, png_read_file,
-           png_write_file),
+           [](const uint8_t *b, int) { return std::memcmp(b, "\x89PNG", 4) == 0; }, png_read_file, png_write_file),
 };
 
 // The first thirty-one look at the first ten bytes only; PICT and MacPaint,

@@ -199,6 +199,7 @@ const writer_row writers[] = {
     {IMG_TYPE_JPEG, {8, 24}, back::same, TRICKLES},
     {IMG_TYPE_TIFF_JPEG, {24}, back::same, 0},
     {IMG_TYPE_PSD, {1, 8, 24}, back::same, TRICKLES},
+    {IMG_TYPE_PNG, {1, 4, 8, 24}, back::same, TRICKLES},
     {IMG_TYPE_EPS, {1, 8}, back::same, -1},  // text: Ghostscript reads it (interop)
     {IMG_TYPE_RAW_G3, {1}, back::same, -1},
     {IMG_TYPE_RAW_G4, {1}, back::same, -1},
@@ -257,6 +258,8 @@ TEST(Faults, FilesFromOtherTools) {
         {"bmp/im_rle8.bmp", 0},        {"bmp/cr_rle4.bmp", 0},         {"bmp/im_v5_16.bmp", 0},
         {"jpeg/c420.jpg", TRICKLES},   {"jpeg/crestart.jpg", TRICKLES}, {"jpeg/cmyk.jpg", TRICKLES},
         {"psd/im_cmyk_rle.psd", TRICKLES}, {"psd/im_indexed_rle.psd", TRICKLES}, {"eps/gm_ept.eps", 0},
+        {"png/im_palette_alpha_interlaced.png", TRICKLES}, {"png/im_rgba16.png", TRICKLES},
+        {"png/im_grey2.png", TRICKLES},
     };
     for (auto &f : files) {
         SCOPED_TRACE(f.name);

@@ -10,22 +10,43 @@
 
 #include <cstring>
 
+// libspng and zlib are not built with the memory sanitizer: what they hand
+// back (values, filled structures, bytes to write) is marked initialised.
+#if defined(__has_feature)
+#if __has_feature(memory_sanitizer)
+#include <sanitizer/msan_interface.h>
+#define BRV_UNPOISON(p, n) __msan_unpoison(p, n)
+#endif
+#endif
+#ifndef BRV_UNPOISON
+#define BRV_UNPOISON(p, n) ((void)(p), (void)(n))
+#endif
+
 namespace brv {
 
 namespace {
+
+template <class T> T clean(T v) {
+    BRV_UNPOISON(&v, sizeof v);
+    return v;
+}
+template <class T> void clean_out(T &v) { BRV_UNPOISON(&v, sizeof v); }
 
 // Chunks the reader keeps or skips: no ancillary chunk is worth more than
 // this, and the text and unknown chunks together may not exceed the cache.
 constexpr size_t CHUNK_LIMIT = 16u << 20;
 constexpr size_t CHUNK_CACHE_LIMIT = 32u << 20;
 
+// Set when an allocation fails: libspng and zlib report that in several
+// ways (a zlib error among them), all of which then mean out of memory.
+bool allocation_failed = false;
+
 void *block_alloc(size_t size, bool zero) {
     if (size == 0) size = 1;
-    if (size > 0x7FFFFFF0u) return nullptr;
-    mem_block b = mem_alloc(static_cast<uint32_t>(size), MEM_MOVEABLE | (zero ? MEM_ZEROINIT : 0));
-    if (!b) return nullptr;
-    void *p = mem_lock(b);
-    if (!p) mem_free(b);
+    mem_block b = size > 0x7FFFFFF0u ? 0 : mem_alloc(static_cast<uint32_t>(size), MEM_MOVEABLE | (zero ? MEM_ZEROINIT : 0));
+    void *p = b ? mem_lock(b) : nullptr;
+    if (b && !p) mem_free(b);
+    if (!p) allocation_failed = true;
     return p;
 }
 
@@ -36,13 +57,15 @@ void block_free(void *p) {
     mem_free(b);
 }
 
-void *SPNG_CDECL spng_malloc(size_t size) { return block_alloc(size, false); }
+void *SPNG_CDECL spng_malloc(size_t size) { return block_alloc(clean(size), false); }
 void *SPNG_CDECL spng_calloc(size_t count, size_t size) {
+    count = clean(count), size = clean(size);
     if (size && count > SIZE_MAX / size) return nullptr;
     return block_alloc(count * size, true);
 }
-void SPNG_CDECL spng_free(void *p) { block_free(p); }
+void SPNG_CDECL spng_free(void *p) { block_free(clean(p)); }
 void *SPNG_CDECL spng_realloc(void *p, size_t size) {
+    p = clean(p), size = clean(size);
     if (!p) return block_alloc(size, false);
     void *q = block_alloc(size, false);
     if (!q) return nullptr;
@@ -55,8 +78,10 @@ void *SPNG_CDECL spng_realloc(void *p, size_t size) {
 spng_alloc block_allocator = {spng_malloc, spng_realloc, spng_calloc, spng_free};
 
 int code_of(int err, int otherwise) {
+    if (allocation_failed) return IMG_ERR_MEMORY;
     switch (err) {
     case SPNG_EMEM:
+    case SPNG_EZLIB_INIT:
     case SPNG_EUSER_WIDTH:
     case SPNG_EUSER_HEIGHT:
     case SPNG_ECHUNK_LIMITS:
@@ -75,8 +100,9 @@ struct stream {
 };
 
 int read_stream(spng_ctx *, void *user, void *dst, size_t length) {
-    auto *s = static_cast<stream *>(user);
-    auto *d = static_cast<uint8_t *>(dst);
+    auto *s = static_cast<stream *>(clean(user));
+    auto *d = static_cast<uint8_t *>(clean(dst));
+    length = clean(length);
     while (length) {
         int32_t want = length > 0x10000000 ? 0x10000000 : static_cast<int32_t>(length);
         int32_t got = s->read(s->user, d, want);
@@ -88,8 +114,10 @@ int read_stream(spng_ctx *, void *user, void *dst, size_t length) {
 }
 
 int write_stream(spng_ctx *, void *user, void *src, size_t length) {
-    auto *s = static_cast<stream *>(user);
-    auto *p = static_cast<const uint8_t *>(src);
+    auto *s = static_cast<stream *>(clean(user));
+    auto *p = static_cast<const uint8_t *>(clean(src));
+    length = clean(length);
+    BRV_UNPOISON(p, length);
     while (length) {
         int32_t n = length > 0x10000000 ? 0x10000000 : static_cast<int32_t>(length);
         if (!s->write(s->user, p, n)) return SPNG_IO_ERROR;
@@ -125,10 +153,11 @@ struct png_decoder {
 png_decoder *png_decode_open(png_read_fn read, void *user, uint32_t max_width, uint32_t max_height,
                              png_info *info, int *error) {
     *error = IMG_ERR_MEMORY;
+    allocation_failed = false;
     auto *d = static_cast<png_decoder *>(block_alloc(sizeof(png_decoder), true));
     if (!d) return nullptr;
     d->io = {read, nullptr, user};
-    d->ctx = spng_ctx_new2(&block_allocator, 0);
+    d->ctx = clean(spng_ctx_new2(&block_allocator, 0));
     if (!d->ctx) {
         png_decode_close(d);
         return nullptr;
@@ -139,10 +168,12 @@ png_decoder *png_decode_open(png_read_fn read, void *user, uint32_t max_width, u
 
     std::memset(info, 0, sizeof *info);
     spng_ihdr h;
-    int err = spng_get_ihdr(d->ctx, &h);
+    int err = clean(spng_get_ihdr(d->ctx, &h));
+    clean_out(h);
     // Ancillary chunks before the image data: reading one decodes them all.
     spng_plte plte;
-    int plte_err = err ? err : spng_get_plte(d->ctx, &plte);
+    int plte_err = err ? err : clean(spng_get_plte(d->ctx, &plte));
+    clean_out(plte);
     if (err || (plte_err && plte_err != SPNG_ECHUNKAVAIL)) {
         *error = code_of(err ? err : plte_err, IMG_ERR_HEADER);
         png_decode_close(d);
@@ -164,14 +195,16 @@ png_decoder *png_decode_open(png_read_fn read, void *user, uint32_t max_width, u
         }
     }
     spng_trns trns;
-    if (spng_get_trns(d->ctx, &trns) == 0) {
+    if (clean(spng_get_trns(d->ctx, &trns)) == 0) {
+        clean_out(trns);
         if (h.color_type == SPNG_COLOR_TYPE_INDEXED)
             for (uint32_t i = 0; i < trns.n_type3_entries && i < 256; i++) info->palette[i][3] = trns.type3_alpha[i];
         else if (h.color_type == SPNG_COLOR_TYPE_GRAYSCALE && info->packed)
             info->grey_key = trns.gray;
     }
     spng_bkgd bkgd;
-    if (spng_get_bkgd(d->ctx, &bkgd) == 0) {
+    if (clean(spng_get_bkgd(d->ctx, &bkgd)) == 0) {
+        clean_out(bkgd);
         info->has_background = true;
         if (h.color_type == SPNG_COLOR_TYPE_INDEXED) {
             info->has_background = bkgd.plte_index < info->palette_count;
@@ -185,7 +218,7 @@ png_decoder *png_decode_open(png_read_fn read, void *user, uint32_t max_width, u
         }
     }
     spng_phys phys;
-    if (spng_get_phys(d->ctx, &phys) == 0 && phys.unit_specifier == 1) {
+    if (clean(spng_get_phys(d->ctx, &phys)) == 0 && (clean_out(phys), phys.unit_specifier == 1)) {
         info->dpi_x = dpi_of(phys.ppu_x);
         info->dpi_y = dpi_of(phys.ppu_y);
     }
@@ -193,14 +226,14 @@ png_decoder *png_decode_open(png_read_fn read, void *user, uint32_t max_width, u
     d->fmt = info->packed ? SPNG_FMT_PNG : SPNG_FMT_RGBA8;
     d->interlaced = info->interlaced;
     size_t total = 0;
-    if ((err = spng_decoded_image_size(d->ctx, d->fmt, &total)) != 0) {
+    if ((err = clean(spng_decoded_image_size(d->ctx, d->fmt, &total))) != 0) {
         *error = code_of(err, IMG_ERR_HEADER);
         png_decode_close(d);
         return nullptr;
     }
-    d->row_size = total / h.height;
-    if (!d->interlaced && (err = spng_decode_image(d->ctx, nullptr, 0, d->fmt,
-                                                   SPNG_DECODE_TRNS | SPNG_DECODE_PROGRESSIVE)) != 0) {
+    d->row_size = clean(total) / h.height;
+    if (!d->interlaced && (err = clean(spng_decode_image(d->ctx, nullptr, 0, d->fmt,
+                                                         SPNG_DECODE_TRNS | SPNG_DECODE_PROGRESSIVE))) != 0) {
         *error = code_of(err, IMG_ERR_DATA);
         png_decode_close(d);
         return nullptr;
@@ -215,16 +248,17 @@ int png_decode_row(png_decoder *d, uint8_t *row) {
         // first time a row is asked for.
         if (!d->image) {
             size_t total = 0;
-            if (spng_decoded_image_size(d->ctx, d->fmt, &total) != 0) return IMG_ERR_DATA;
-            d->image = static_cast<uint8_t *>(block_alloc(total, false));
+            if (clean(spng_decoded_image_size(d->ctx, d->fmt, &total)) != 0) return IMG_ERR_DATA;
+            total = clean(total);
+            d->image = static_cast<uint8_t *>(block_alloc(total, true));
             if (!d->image) return IMG_ERR_MEMORY;
-            if (int err = spng_decode_image(d->ctx, d->image, total, d->fmt, SPNG_DECODE_TRNS); err)
+            if (int err = clean(spng_decode_image(d->ctx, d->image, total, d->fmt, SPNG_DECODE_TRNS)); err)
                 return code_of(err, IMG_ERR_DATA);
         }
         std::memcpy(row, d->image + d->row_size * d->next_row++, d->row_size);
         return 0;
     }
-    int err = spng_decode_row(d->ctx, row, d->row_size);
+    int err = clean(spng_decode_row(d->ctx, row, d->row_size));
     d->next_row++;
     return err == 0 || err == SPNG_EOI ? 0 : code_of(err, IMG_ERR_DATA);
 }
@@ -245,10 +279,11 @@ struct png_encoder {
 
 png_encoder *png_encode_open(const png_encode_params &p, png_write_fn write, void *user, int *error) {
     *error = IMG_ERR_MEMORY;
+    allocation_failed = false;
     auto *e = static_cast<png_encoder *>(block_alloc(sizeof(png_encoder), true));
     if (!e) return nullptr;
     e->io = {nullptr, write, user};
-    e->ctx = spng_ctx_new2(&block_allocator, SPNG_CTX_ENCODER);
+    e->ctx = clean(spng_ctx_new2(&block_allocator, SPNG_CTX_ENCODER));
     if (!e->ctx) {
         png_encode_close(e);
         return nullptr;
@@ -256,22 +291,23 @@ png_encoder *png_encode_open(const png_encode_params &p, png_write_fn write, voi
     spng_set_png_stream(e->ctx, write_stream, &e->io);
     spng_set_option(e->ctx, SPNG_IMG_COMPRESSION_LEVEL, p.level);
     spng_ihdr h = {p.width, p.height, static_cast<uint8_t>(p.bit_depth), static_cast<uint8_t>(p.colour_type), 0, 0, 0};
-    int err = spng_set_ihdr(e->ctx, &h);
+    int err = clean(spng_set_ihdr(e->ctx, &h));
     if (!err && p.colour_type == SPNG_COLOR_TYPE_INDEXED) {
         spng_plte plte{};
         plte.n_entries = static_cast<uint32_t>(p.palette_count);
         for (int i = 0; i < p.palette_count; i++)
             plte.entries[i] = {p.palette[i][0], p.palette[i][1], p.palette[i][2], 255};
-        err = spng_set_plte(e->ctx, &plte);
+        err = clean(spng_set_plte(e->ctx, &plte));
     }
     if (!err && p.dpi_x > 0 && p.dpi_y > 0) {
         spng_phys phys{};
         phys.ppu_x = static_cast<uint32_t>((static_cast<uint64_t>(p.dpi_x) * 10000 + 127) / 254);
         phys.ppu_y = static_cast<uint32_t>((static_cast<uint64_t>(p.dpi_y) * 10000 + 127) / 254);
         phys.unit_specifier = 1;
-        err = spng_set_phys(e->ctx, &phys);
+        err = clean(spng_set_phys(e->ctx, &phys));
     }
-    if (!err) err = spng_encode_image(e->ctx, nullptr, 0, SPNG_FMT_PNG, SPNG_ENCODE_PROGRESSIVE | SPNG_ENCODE_FINALIZE);
+    if (!err)
+        err = clean(spng_encode_image(e->ctx, nullptr, 0, SPNG_FMT_PNG, SPNG_ENCODE_PROGRESSIVE | SPNG_ENCODE_FINALIZE));
     if (err) {
         *error = err == SPNG_IO_ERROR ? IMG_ERR_WRITE : code_of(err, IMG_ERR_HEADER);
         png_encode_close(e);
@@ -284,7 +320,7 @@ png_encoder *png_encode_open(const png_encode_params &p, png_write_fn write, voi
 }
 
 int png_encode_row(png_encoder *e, const uint8_t *row) {
-    int err = spng_encode_row(e->ctx, row, e->row_size);
+    int err = clean(spng_encode_row(e->ctx, row, e->row_size));
     e->last = err;
     if (err == 0 || err == SPNG_EOI) return 0;
     return err == SPNG_IO_ERROR ? IMG_ERR_WRITE : code_of(err, IMG_ERR_WRITE);
