@@ -3,14 +3,13 @@
 // of plain (type 1) and run-length (type 12) files.
 #include "codecs/codec_support.h"
 #include "codecs/codecs.h"
+#include "codecs/dib_rows.h"
 #include "frame/byte_source.h"
 #include "frame/load.h"
 
 namespace brv {
 
 namespace {
-
-constexpr double METRE_INCH = 0.0254;
 
 enum class row_mode { plain, invert, top_down, from16, from32 };
 
@@ -56,7 +55,7 @@ int read_plain(bmp_reader &b) {
         // Data that ends inside a chunk with rows after it can only end in
         // -12: stop before decoding rows that would be thrown away.
         if (available < int64_t{tmp} && static_cast<uint32_t>(b.height - delivered) > rows) return IMG_ERR_DATA;
-        int32_t got = read_once(b.fd, buf, static_cast<int32_t>(tmp));
+        int32_t got = read_fully(b.fd, buf, static_cast<int32_t>(tmp));
         if (got <= 0) return IMG_ERR_DATA;
         // A short read leaves zeros; rows are converted only as far as the
         // data reaches, the rest takes what zeros convert to.
@@ -311,28 +310,108 @@ BRIVANTA_READER(bmp_read) {
     return read_plain(b);
 }
 
+bool bmp_info_bytes(uint8_t *h, const dib_info *header, uint32_t compression) {
+    int bits = header->biBitCount;
+    uint32_t stride = row_bytes(header->biWidth, bits);
+    uint32_t image;
+    if (!stride || header->biHeight < 1 || !size_mul_add(stride, header->biHeight, 0, &image)) return false;
+    std::memset(h, 0, 40);
+    put32(h, 40);
+    put32(h + 4, static_cast<uint32_t>(header->biWidth));
+    put32(h + 8, static_cast<uint32_t>(header->biHeight));
+    put16(h + 12, 1);
+    put16(h + 14, static_cast<uint32_t>(bits));
+    put32(h + 16, compression);
+    put32(h + 20, image);  // the uncompressed size, for RLE files too
+    if (header->biXPelsPerMeter && header->biYPelsPerMeter) {
+        put32(h + 24, static_cast<uint32_t>(static_cast<int32_t>(header->biXPelsPerMeter / METRE_INCH + 0.5)));
+        put32(h + 28, static_cast<uint32_t>(static_cast<int32_t>(header->biYPelsPerMeter / METRE_INCH + 0.5)));
+    }
+    return true;
+}
+
+namespace {
+
+// An embedded DIB header as it is announced: 16 and 32 bits as 24, size
+// 40, one plane, no colour counts, the image size of its rows, resolutions
+// in dots per inch, compression 0.
+int normalise_embedded(dib_info &h) {
+    const int bits = h.biBitCount;
+    if (bits != 1 && bits != 4 && bits != 8 && bits != 16 && bits != 24 && bits != 32) return IMG_ERR_HEADER;
+    if (h.biWidth < 1 || h.biHeight < 1) return IMG_ERR_HEADER;
+    if (bits > 8) h.biBitCount = 24;
+    h.biSize = 40;
+    h.biPlanes = 1;
+    h.biClrUsed = h.biClrImportant = 0;
+    const uint32_t stride = row_bytes(h.biWidth, h.biBitCount);
+    if (!stride || !size_mul_add(stride, static_cast<uint32_t>(h.biHeight), 0, &h.biSizeImage)) return IMG_ERR_HEADER;
+    if (h.biXPelsPerMeter && h.biYPelsPerMeter) {
+        h.biXPelsPerMeter = static_cast<int32_t>(h.biXPelsPerMeter * METRE_INCH);
+        h.biYPelsPerMeter = static_cast<int32_t>(h.biYPelsPerMeter * METRE_INCH);
+    }
+    h.biCompression = 0;
+    return 0;
+}
+
+}  // namespace
+
+int dib_read_embedded(int32_t at, const dib_embedding &how, IMG_put_row_fn put_row, void *context,
+                      IMG_begin_image_fn begin_image, int fd) {
+    const int32_t end = file_size_hint(fd);
+    if (at < 0 || at > INT32_MAX - 4096) return IMG_ERR_HEADER;
+    scratch_set mem;
+    auto *hdr = static_cast<dib_header *>(mem.take(sizeof(dib_header)));
+    if (!hdr) return IMG_ERR_MEMORY;
+    dib_info &h = hdr->info;
+    if (read_fully_at(fd, end, at, &h, 40) != 40) return IMG_ERR_DATA;
+    // Images kept as streams of another format (PNG in icons) have no such header.
+    if (get32be(&h) == 0x89504E47u) return IMG_ERR_TYPE;
+    // Later header versions keep their colour table after the whole header.
+    if (h.biSize < 40 || h.biSize > 124) return IMG_ERR_HEADER;
+    const int32_t table_at = at + static_cast<int32_t>(h.biSize);
+    // An icon's header counts the AND mask in its height; icons are taken as square.
+    if (how.square) h.biHeight = h.biWidth;
+    const int file_bits = h.biBitCount;
+    const uint32_t compression = h.biCompression, colours_used = h.biClrUsed;
+    if (int rc = normalise_embedded(h); rc < 0) return rc;
+    int32_t table = 0;
+    bool invert = false;
+    if (file_bits <= 8) {
+        if (how.table_of_colours_used && colours_used > 256) return IMG_ERR_HEADER;
+        table = how.table_of_colours_used && colours_used ? static_cast<int32_t>(4 * colours_used)
+                                                           : static_cast<int32_t>(palette_bytes(file_bits));
+        if (read_fully_at(fd, end, table_at, hdr->palette, table) != table) return IMG_ERR_DATA;
+        // A bilevel table whose first entry is not dark anywhere is made black,
+        // white, and the rows inverted to keep the picture.
+        const uint8_t *p = hdr->palette;
+        if (file_bits == 1 && p[0] && p[1] && p[2]) {
+            invert = true;
+            std::memset(hdr->palette, 0, 4);
+            std::memset(hdr->palette + 4, 255, 3);
+            hdr->palette[7] = 0;
+        }
+    }
+    if (int rc = begin_image(hdr, context); rc < 0) return rc;
+    file_seek(fd, table_at + table, 0);
+    bmp_reader b{at, put_row, context, fd, &h, h.biWidth, h.biHeight, file_bits, row_mode::plain, false};
+    if (file_bits == 16) b.mode = row_mode::from16;
+    if (file_bits == 32) b.mode = row_mode::from32;
+    if (invert) b.mode = row_mode::invert;
+    int rc = compression == 0                     ? read_plain(b)
+             : compression == 2 && file_bits == 4 ? read_rle<true>(b)
+             : compression == 1 && file_bits == 8 ? read_rle<false>(b)
+                                                  : IMG_ERR_HEADER;
+    return rc < 0 ? rc : 1;
+}
+
 namespace {
 
 int write_headers(int fd, const dib_info *header, uint32_t compression) {
-    int bits = header->biBitCount;
-    uint32_t stride = row_bytes(header->biWidth, bits), pb = palette_bytes(bits);
-    uint32_t image;
-    if (!stride || header->biHeight < 1 || !size_mul_add(stride, header->biHeight, 0, &image))
-        return IMG_ERR_HEADER;
     uint8_t h[54] = {'B', 'M'};
-    put32(h + 2, image + pb + 54);
+    if (!bmp_info_bytes(h + 14, header, compression)) return IMG_ERR_HEADER;
+    const uint32_t pb = palette_bytes(header->biBitCount);
+    put32(h + 2, get32(h + 34) + pb + 54);
     put32(h + 10, pb + 54);
-    put32(h + 14, 40);
-    put32(h + 18, static_cast<uint32_t>(header->biWidth));
-    put32(h + 22, static_cast<uint32_t>(header->biHeight));
-    put16(h + 26, 1);
-    put16(h + 28, static_cast<uint32_t>(bits));
-    put32(h + 30, compression);
-    put32(h + 34, image);  // the uncompressed size, for RLE files too
-    if (header->biXPelsPerMeter && header->biYPelsPerMeter) {
-        put32(h + 38, static_cast<uint32_t>(static_cast<int32_t>(header->biXPelsPerMeter / METRE_INCH + 0.5)));
-        put32(h + 42, static_cast<uint32_t>(static_cast<int32_t>(header->biYPelsPerMeter / METRE_INCH + 0.5)));
-    }
     if (file_write(fd, h, 14) != 14) return IMG_ERR_WRITE;
     if (file_write(fd, h + 14, 40) != 40) return IMG_ERR_WRITE;
     if (pb && file_write(fd, reinterpret_cast<const uint8_t *>(header) + 40, static_cast<int32_t>(pb)) !=
@@ -414,17 +493,21 @@ uint32_t encode_rle4(const uint8_t *row, int width, uint8_t *out) {
 
 }  // namespace
 
-BRIVANTA_WRITER(bmp_write) {
-    if (!depth_ok(header->biBitCount)) return IMG_ERR_DEPTH;
-    if (int rc = write_headers(fd, header, 0); rc < 0) return rc;
-    uint32_t stride = row_bytes(header->biWidth, header->biBitCount);
+int dib_write_rows(int fd, const dib_info *header, IMG_get_row_fn get_row, void *context) {
+    const uint32_t stride = row_bytes(header->biWidth, header->biBitCount);
     auto *row = static_cast<uint8_t *>(scratch_alloc(stride + 10));
     if (!row) return IMG_ERR_MEMORY;
     for (int i = 0; i < header->biHeight; i++) {
         if (int rc = get_row(context, row, header->biHeight - i - 1, static_cast<int>(stride)); rc < 0) return rc;
-        if (file_write(fd, row, static_cast<int32_t>(stride)) != static_cast<int32_t>(stride)) return IMG_ERR_WRITE;
+        if (int rc = write_all(fd, row, static_cast<int32_t>(stride)); rc < 0) return rc;
     }
     return 0;
+}
+
+BRIVANTA_WRITER(bmp_write) {
+    if (!depth_ok(header->biBitCount)) return IMG_ERR_DEPTH;
+    if (int rc = write_headers(fd, header, 0); rc < 0) return rc;
+    return dib_write_rows(fd, header, get_row, context);
 }
 
 BRIVANTA_WRITER(bmp_write_rle) {

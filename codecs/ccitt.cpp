@@ -2,6 +2,7 @@
 // tables, and the raw fax load into a new handle (IMG_decompress_fax).
 #include "codecs/ccitt.h"
 
+#include "codecs/codec_support.h"
 #include "codecs/tiff.h"
 #include "frame/byte_source.h"
 #include "frame/load.h"
@@ -114,19 +115,6 @@ constexpr auto mode_table = [] {
     return t;
 }();
 
-constexpr auto reversed_bytes = [] {
-    struct table {
-        uint8_t b[256];
-    } t{};
-    for (int i = 0; i < 256; i++) {
-        int r = 0;
-        for (int k = 0; k < 8; k++)
-            if (i & (1 << k)) r |= 0x80 >> k;
-        t.b[i] = static_cast<uint8_t>(r);
-    }
-    return t;
-}();
-
 // ---- Bit reader --------------------------------------------------------------------
 // Bits come most significant first from a 64-bit window.  Past the end of
 // the source the window fills with zero bits, which match no run code, and
@@ -161,7 +149,7 @@ struct bit_reader {
         }
         left -= n;
         if (reverse)
-            for (int32_t i = 0; i < n; i++) buf[i] = reversed_bytes.b[buf[i]];
+            for (int32_t i = 0; i < n; i++) buf[i] = bit_reversed.b[buf[i]];
         pos = 0;
         len = n;
         return true;
@@ -607,15 +595,7 @@ int fax_read(const void *params, IMG_put_row_fn put_row, void *context, IMG_begi
     auto *work = static_cast<uint8_t *>(scratch_alloc(work_size));
     if (!header || !work) return IMG_ERR_MEMORY;
     const int rows = f.height ? f.height : 2048;
-    dib_info &i = header->info;
-    i.biSize = 40;
-    i.biWidth = f.width;
-    i.biHeight = rows;
-    i.biPlanes = 1;
-    i.biBitCount = 1;
-    uint32_t stride = row_bytes(f.width, 1);
-    if (!stride || !size_mul_add(stride, static_cast<uint32_t>(rows), 0, &i.biSizeImage)) return IMG_ERR_MEMORY;
-    std::memset(header->palette + 4, 255, 3);  // entry 0 black, entry 1 white
+    if (!fill_bilevel_header(*header, f.width, rows)) return IMG_ERR_MEMORY;
     int rc = begin_image(header, context);
     if (rc < 0) return rc;
     ccitt_params p{};
@@ -664,23 +644,13 @@ namespace {
 
 constexpr uint32_t ENCODE_FLUSH_AT = 8192;
 
-constexpr auto reverse_table = [] {
-    struct t { uint8_t v[256]; } r{};
-    for (int i = 0; i < 256; i++) {
-        int b = 0;
-        for (int k = 0; k < 8; k++) b |= ((i >> k) & 1) << (7 - k);
-        r.v[i] = static_cast<uint8_t>(b);
-    }
-    return r;
-}();
-
 inline void put_bits(ccitt_encoder &e, uint32_t bits, int length) {
     e.acc = e.acc << length | bits;
     e.nbits += length;
     while (e.nbits >= 8) {
         e.nbits -= 8;
         uint8_t b = static_cast<uint8_t>(e.acc >> e.nbits);
-        e.out[e.used++] = e.reverse ? reverse_table.v[b] : b;
+        e.out[e.used++] = e.reverse ? bit_reversed.b[b] : b;
     }
 }
 
@@ -784,9 +754,6 @@ void encode_2d(ccitt_encoder &e) {
     }
 }
 
-// Luma of a colour entry (blue, green, red), in thousandths.
-int luma(const uint8_t *q) { return 114 * q[0] + 587 * q[1] + 299 * q[2]; }
-
 }  // namespace
 
 int ccitt_encode_begin(ccitt_encoder &e, int fd, int32_t width, ccitt_kind kind, bool reverse,
@@ -802,8 +769,7 @@ int ccitt_encode_begin(ccitt_encoder &e, int fd, int32_t width, ccitt_kind kind,
     e.width = width;
     e.kind = kind;
     e.reverse = reverse;
-    // On a tie entry 0 stays black, as in the library's own bilevel palette.
-    e.white = luma(palette + 4) >= luma(palette) ? 1 : 0;
+    e.white = bilevel_white_index(palette);
     e.out = static_cast<uint8_t *>(e.block);
     e.ref = reinterpret_cast<int32_t *>(e.out + out);
     e.cur = e.ref + lists / 4;

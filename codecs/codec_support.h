@@ -1,6 +1,6 @@
 // Small pieces the codecs share: the scratch guard, the grey-palette test and
-// ramp, file colour tables to DIB entries, and 15- and 32-bit pixels to DIB
-// 24-bit pixels.
+// ramp, file colour tables to DIB entries, 15- and 32-bit pixels to DIB
+// 24-bit pixels, and bytes with their bit order reversed.
 #pragma once
 #include "frame/frame.h"
 
@@ -37,6 +37,27 @@ inline bool palette_is_grey(const uint8_t *palette, int count) {
     return true;
 }
 
+// Which of a bilevel table's two entries looks white: the lighter one by
+// luma, entry 1 on a tie (so entry 0 stays black, as in the library's own table).
+inline int bilevel_white_index(const uint8_t *palette) {
+    auto luma = [](const uint8_t *q) { return 114 * q[0] + 587 * q[1] + 299 * q[2]; };
+    return luma(palette + 4) >= luma(palette) ? 1 : 0;
+}
+
+// A 1-bit DIB header with entry 0 black and entry 1 white, as the bilevel
+// readers announce; false when the picture's size does not fit.
+inline bool fill_bilevel_header(dib_header &d, int32_t width, int32_t height) {
+    dib_info &i = d.info;
+    i.biSize = 40;
+    i.biWidth = width;
+    i.biHeight = height;
+    i.biPlanes = 1;
+    i.biBitCount = 1;
+    std::memset(d.palette + 4, 255, 3);
+    const uint32_t stride = row_bytes(width, 1);
+    return stride && height > 0 && size_mul_add(stride, static_cast<uint32_t>(height), 0, &i.biSizeImage);
+}
+
 // The 8-bit grey ramp: entry i is (i, i, i).
 inline void fill_grey_ramp(uint8_t *palette) {
     for (int i = 0; i < 256; i++) std::memset(palette + 4 * i, i, 3);
@@ -68,5 +89,16 @@ inline void row_from15(const uint8_t *in, uint8_t *bgr, int width) {
 inline void row_from32(const uint8_t *in, uint8_t *bgr, int width) {
     for (int x = 0; x < width; x++) std::memcpy(bgr + 3 * x, in + 4 * x, 3);
 }
+
+// Each byte with its bits in the opposite order, for data that numbers bits
+// from the least significant end.
+constexpr auto bit_reversed = [] {
+    struct table {
+        uint8_t b[256];
+    } t{};
+    for (int i = 0; i < 256; i++)
+        for (int k = 0; k < 8; k++) t.b[i] = static_cast<uint8_t>(t.b[i] | ((i >> k) & 1) << (7 - k));
+    return t;
+}();
 
 }  // namespace brv

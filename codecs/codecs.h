@@ -60,6 +60,27 @@ int eps_put_hex(int fd, const uint8_t *bytes, int32_t count, uint8_t *scratch);
 BRIVANTA_READER(psd_read_file);
 BRIVANTA_WRITER(psd_write_file);
 
+// CALS, X bitmap, X pixmap
+BRIVANTA_READER(cals_read_file);
+BRIVANTA_WRITER(cals_write_file);
+BRIVANTA_READER(xbm_decompress);
+BRIVANTA_WRITER(xbm_write_file);
+BRIVANTA_WRITER(xpm_write_file);
+
+// Icons, clipboard files, WordPerfect graphics, metafiles
+BRIVANTA_READER(ico_decompress);
+BRIVANTA_READER(clp_read_file);
+BRIVANTA_WRITER(clp_write_file);
+BRIVANTA_READER(wpg_read_file);
+BRIVANTA_WRITER(wmf_write_file);
+
+// Readers only
+BRIVANTA_READER(sunras_read_file);
+BRIVANTA_READER(xwd_read_file);
+BRIVANTA_READER(macpaint_read_file);
+BRIVANTA_READER(msp_decompress);
+BRIVANTA_READER(cut_decompress);
+
 // PNG, through the system's codec (platform/png_codec.h)
 BRIVANTA_READER(png_read_file);
 BRIVANTA_WRITER(png_write_file);

@@ -46,6 +46,14 @@ inline int32_t read_fully(int fd, void *buf, int32_t n) {
     return done;
 }
 
+// read_fully of up to n bytes at absolute position at, cut at end.
+inline int32_t read_fully_at(int fd, int32_t end, int64_t at, void *buf, int32_t n) {
+    if (at < 0 || at >= end) return 0;
+    if (n > end - at) n = static_cast<int32_t>(end - at);
+    if (file_seek(fd, static_cast<int32_t>(at), 0) < 0) return 0;
+    return read_fully(fd, buf, n);
+}
+
 // ---- The buffered source ------------------------------------------------------------
 
 struct byte_source {
@@ -131,6 +139,14 @@ inline void source_seek(byte_source &s, int32_t offset) {
         return;
     }
     source_restart(s, offset);
+}
+
+// Moves n bytes on; false when that passes the end of the data.
+inline bool source_skip(byte_source &s, uint64_t n) {
+    const int64_t to = int64_t{source_tell(s)} + static_cast<int64_t>(n > 0x7FFFFFFF ? 0x80000000u : n);
+    if (to > s.end) return false;
+    source_seek(s, static_cast<int32_t>(to));
+    return true;
 }
 
 inline bool source_at_end(byte_source &s) { return s.pos >= s.len && !source_fill(s); }

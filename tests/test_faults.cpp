@@ -180,7 +180,7 @@ struct writer_row {
     int type;
     std::vector<int> depths;
     back view;
-    int how;  // for the fault sweep: TRICKLES, or -1: raw data, not loaded
+    int how;  // for the fault sweep: TRICKLES, or -1: not loaded (raw data, or no reader)
 };
 const writer_row writers[] = {
     {IMG_TYPE_BMP, {1, 4, 8, 24}, back::same, 0},
@@ -203,6 +203,11 @@ const writer_row writers[] = {
     {IMG_TYPE_EPS, {1, 8}, back::same, -1},  // text: Ghostscript reads it (interop)
     {IMG_TYPE_RAW_G3, {1}, back::same, -1},
     {IMG_TYPE_RAW_G4, {1}, back::same, -1},
+    {IMG_TYPE_XBM, {1}, back::same, TRICKLES},
+    {IMG_TYPE_CALS, {1}, back::same, TRICKLES},
+    {IMG_TYPE_XPM, {1, 4, 8}, back::same, -1},
+    {IMG_TYPE_CLIPBOARD, {1, 4, 8, 24}, back::same, TRICKLES},
+    {IMG_TYPE_WMF, {1, 4, 8, 24}, back::same, -1},
 };
 }  // namespace
 
@@ -258,6 +263,8 @@ TEST(Faults, FilesFromOtherTools) {
         {"bmp/im_rle8.bmp", 0},        {"bmp/cr_rle4.bmp", 0},         {"bmp/im_v5_16.bmp", 0},
         {"jpeg/c420.jpg", TRICKLES},   {"jpeg/crestart.jpg", TRICKLES}, {"jpeg/cmyk.jpg", TRICKLES},
         {"psd/im_cmyk_rle.psd", TRICKLES}, {"psd/im_indexed_rle.psd", TRICKLES}, {"eps/gm_ept.eps", 0},
+        {"cals/im.cal", TRICKLES},     {"xbm/netpbm_short.xbm", TRICKLES}, {"xbm/pillow.xbm", TRICKLES},
+        {"ico/im_4.ico", TRICKLES},    {"ico/im_32.ico", TRICKLES},    {"wpg/recipe_8.wpg", TRICKLES},
         {"png/im_palette_alpha_interlaced.png", TRICKLES}, {"png/im_rgba16.png", TRICKLES},
         {"png/im_grey2.png", TRICKLES},
     };

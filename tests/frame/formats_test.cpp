@@ -31,7 +31,10 @@ TEST(Formats, WriterOutputsAreDetectedAsTheirCodeAndLoadWhenReadable) {
             continue;
         }
         if (caps & IMG_TYPE_DETECTED) {
-            EXPECT_EQ(IMGLOW_get_filetype_mem(b.data), code) << key;
+            // The memory query leaves the X formats and Sun raster unnamed, by design.
+            const bool by_mem = code != IMG_TYPE_XBM && code != IMG_TYPE_XPM && code != IMG_TYPE_XWD &&
+                                code != IMG_TYPE_SUNRAS;
+            EXPECT_EQ(IMGLOW_get_filetype_mem(b.data), by_mem ? code : IMG_ERR_TYPE) << key;
         }
         int h = load_bytes(file);
         EXPECT_EQ(h >= 0, (caps & IMG_TYPE_CAN_READ) != 0) << key << " loads with " << h;
