@@ -76,6 +76,26 @@ const pixel_format pixel_formats[] = {
     {&GUID_WICPixelFormat64bppRGBA, 16, 6, false},
 };
 
+uint32_t be32(const uint8_t *p) { return uint32_t{p[0]} << 24 | p[1] << 16 | p[2] << 8 | p[3]; }
+
+// The component reports 96 dots per inch for a file without pHYs (and not
+// every version reads the chunk): the resolution comes from the chunk itself,
+// found among those before the image data.
+void read_resolution(const uint8_t *data, uint32_t size, png_info *info) {
+    for (uint32_t at = 8; size >= 12 && at <= size - 12;) {
+        const uint32_t n = be32(data + at);
+        if (n > size - 12 - at || !std::memcmp(data + at + 4, "IDAT", 4)) return;
+        if (!std::memcmp(data + at + 4, "pHYs", 4) && n == 9 && data[at + 16] == 1) {
+            for (int k = 0; k < 2; k++) {
+                const uint64_t dpi = (uint64_t{be32(data + at + 8 + 4 * k)} * 254 + 5000) / 10000;
+                (k ? info->dpi_y : info->dpi_x) = dpi > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int32_t>(dpi);
+            }
+            return;
+        }
+        at += 12 + n;
+    }
+}
+
 }  // namespace
 
 struct png_decoder {
@@ -145,11 +165,7 @@ png_decoder *png_decode_open(png_read_fn read, void *user, uint32_t max_width, u
             info->colour_type = f.colour_type;
             info->packed = f.packed;
         }
-    double dx = 0, dy = 0;
-    if (SUCCEEDED(d->frame->GetResolution(&dx, &dy)) && dx > 0 && dy > 0 && dx < 1e6 && dy < 1e6) {
-        info->dpi_x = static_cast<int32_t>(dx + 0.5);
-        info->dpi_y = static_cast<int32_t>(dy + 0.5);
-    }
+    read_resolution(d->data, size, info);
     if (info->colour_type == 3) {
         IWICPalette *palette = nullptr;
         WICColor colours[256];

@@ -44,6 +44,20 @@ bytes with_header(bytes f, size_t at, std::initializer_list<uint8_t> values) {
     return f;
 }
 
+// A load that must fail with a code: the system's codec on Windows tells
+// fewer faults apart, so there any negative code will do.
+void expect_load_fails(const bytes &file, int code, const char *what) {
+    const int live = mem_live_blocks();
+#ifdef _WIN32
+    (void)code;
+    EXPECT_LT(load_bytes(file), 0) << what;
+#else
+    EXPECT_EQ(load_bytes(file), code) << what;
+#endif
+    EXPECT_EQ(scratch_count(), 0) << what;
+    EXPECT_EQ(mem_live_blocks(), live) << what;
+}
+
 }  // namespace
 
 TEST(PngRead, MalformedFilesGiveCodesAndLeaveNothing) {
@@ -76,24 +90,12 @@ TEST(PngRead, MalformedFilesGiveCodesAndLeaveNothing) {
         {"bad deflate block", bad_data, IMG_ERR_DATA},
         {"palette missing", no_palette, IMG_ERR_HEADER},
     };
-    for (auto &c : cases) {
-        const int live = mem_live_blocks();
-#ifdef _WIN32
-        // The system's codec tells fewer faults apart.
-        EXPECT_LT(load_bytes(c.file), 0) << c.what;
-#else
-        EXPECT_EQ(load_bytes(c.file), c.code) << c.what;
-#endif
-        EXPECT_EQ(scratch_count(), 0) << c.what;
-        EXPECT_EQ(mem_live_blocks(), live) << c.what;
-    }
+    for (auto &c : cases) expect_load_fails(c.file, c.code, c.what);
 }
 
 TEST(PngRead, HugePictureRefusedBeforeItsData) {
     // 30000 x 30000 at 24 bits is 2.7 GB: over any limit, whatever the data.
-    const bytes f = with_header(sample(24), 16, {0, 0, 0x75, 0x30, 0, 0, 0x75, 0x30});
-    EXPECT_EQ(load_bytes(f), IMG_ERR_MEMORY);
-    EXPECT_EQ(scratch_count(), 0);
+    expect_load_fails(with_header(sample(24), 16, {0, 0, 0x75, 0x30, 0, 0, 0x75, 0x30}), IMG_ERR_MEMORY, "30000 x 30000");
 }
 
 TEST(PngDetect, SignatureAndItsOwnFlag) {
