@@ -11,7 +11,7 @@
 #include <cstring>
 
 // libspng and zlib are not built with the memory sanitizer: what they hand
-// back (values, filled structures, bytes to write) is marked initialised.
+// back (values, filled structures, rows, bytes to write) is marked initialised.
 #if defined(__has_feature)
 #if __has_feature(memory_sanitizer)
 #include <sanitizer/msan_interface.h>
@@ -254,11 +254,15 @@ int png_decode_row(png_decoder *d, uint8_t *row) {
             if (!d->image) return IMG_ERR_MEMORY;
             if (int err = clean(spng_decode_image(d->ctx, d->image, total, d->fmt, SPNG_DECODE_TRNS)); err)
                 return code_of(err, IMG_ERR_DATA);
+            BRV_UNPOISON(d->image, total);
         }
         std::memcpy(row, d->image + d->row_size * d->next_row++, d->row_size);
         return 0;
     }
     int err = clean(spng_decode_row(d->ctx, row, d->row_size));
+    // Its copies go through the sanitizer's memcpy, which carries the marks
+    // of libspng's own buffers along.
+    BRV_UNPOISON(row, d->row_size);
     d->next_row++;
     return err == 0 || err == SPNG_EOI ? 0 : code_of(err, IMG_ERR_DATA);
 }
