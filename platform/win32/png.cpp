@@ -78,19 +78,41 @@ const pixel_format pixel_formats[] = {
 
 uint32_t be32(const uint8_t *p) { return uint32_t{p[0]} << 24 | p[1] << 16 | p[2] << 8 | p[3]; }
 
-// The component reports 96 dots per inch for a file without pHYs (and not
-// every version reads the chunk): the resolution comes from the chunk itself,
-// found among those before the image data.
-void read_resolution(const uint8_t *data, uint32_t size, png_info *info) {
-    for (uint32_t at = 8; size >= 12 && at <= size - 12;) {
+uint8_t to8(uint32_t v, int depth) {
+    if (depth == 16) return static_cast<uint8_t>(v >> 8);
+    const uint32_t top = (1u << depth) - 1;
+    return static_cast<uint8_t>((v & top) * 255 / top);
+}
+
+// What the component does not tell, from the chunks before the image data:
+// the header's colour type (grey with alpha comes as RGBA), the resolution
+// (the component says 96 dots per inch for a file without pHYs) and the
+// background colour.
+void read_chunks(const uint8_t *data, uint32_t size, png_info *info) {
+    if (size < 26 || std::memcmp(data + 12, "IHDR", 4)) return;
+    const int depth = data[24], type = data[25];
+    if (!info->packed) info->colour_type = type;
+    if (depth != 1 && depth != 2 && depth != 4 && depth != 8 && depth != 16) return;
+    for (uint32_t at = 8; at <= size - 12;) {
         const uint32_t n = be32(data + at);
-        if (n > size - 12 - at || !std::memcmp(data + at + 4, "IDAT", 4)) return;
-        if (!std::memcmp(data + at + 4, "pHYs", 4) && n == 9 && data[at + 16] == 1) {
+        const uint8_t *c = data + at + 8;
+        if (n > size - 12 - at || !std::memcmp(c - 4, "IDAT", 4)) return;
+        if (!std::memcmp(c - 4, "pHYs", 4) && n == 9 && c[8] == 1) {
             for (int k = 0; k < 2; k++) {
-                const uint64_t dpi = (uint64_t{be32(data + at + 8 + 4 * k)} * 254 + 5000) / 10000;
+                const uint64_t dpi = (uint64_t{be32(c + 4 * k)} * 254 + 5000) / 10000;
                 (k ? info->dpi_y : info->dpi_x) = dpi > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int32_t>(dpi);
             }
-            return;
+        } else if (!std::memcmp(c - 4, "bKGD", 4)) {
+            if (type == 3 && n == 1 && c[0] < info->palette_count) {
+                std::memcpy(info->background, info->palette[c[0]], 3);
+                info->has_background = true;
+            } else if ((type == 0 || type == 4) && n == 2) {
+                std::memset(info->background, to8(uint32_t{c[0]} << 8 | c[1], depth), 3);
+                info->has_background = true;
+            } else if ((type == 2 || type == 6) && n == 6) {
+                for (int k = 0; k < 3; k++) info->background[k] = to8(uint32_t{c[2 * k]} << 8 | c[2 * k + 1], depth);
+                info->has_background = true;
+            }
         }
         at += 12 + n;
     }
@@ -165,7 +187,6 @@ png_decoder *png_decode_open(png_read_fn read, void *user, uint32_t max_width, u
             info->colour_type = f.colour_type;
             info->packed = f.packed;
         }
-    read_resolution(d->data, size, info);
     if (info->colour_type == 3) {
         IWICPalette *palette = nullptr;
         WICColor colours[256];
@@ -185,6 +206,7 @@ png_decoder *png_decode_open(png_read_fn read, void *user, uint32_t max_width, u
             info->palette[i][3] = static_cast<uint8_t>(colours[i] >> 24);
         }
     }
+    read_chunks(d->data, size, info);
     if (info->packed) {
         d->source = d->frame;
         d->row_size = (w * static_cast<uint32_t>(info->bit_depth) + 7) / 8;
