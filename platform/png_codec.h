@@ -28,6 +28,17 @@ struct png_info {
     int32_t dpi_x, dpi_y;     // 0 when the file gives none in metres
 };
 
+// A sample of the given depth at 8 bits, and pixels per metre as dots per inch.
+inline uint8_t png_sample8(uint32_t v, int depth) {
+    if (depth == 16) return static_cast<uint8_t>(v >> 8);
+    const uint32_t top = (1u << depth) - 1;
+    return static_cast<uint8_t>((v & top) * 255 / top);
+}
+inline int32_t png_dpi(uint32_t per_metre) {
+    const uint64_t d = (static_cast<uint64_t>(per_metre) * 254 + 5000) / 10000;
+    return d > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int32_t>(d);
+}
+
 struct png_decoder;
 // Reads the header and the chunks before the image data; the decoder, or
 // null with *error set to the library's code.  Dimensions above max_width

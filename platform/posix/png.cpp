@@ -127,17 +127,6 @@ int write_stream(spng_ctx *, void *user, void *src, size_t length) {
     return 0;
 }
 
-uint8_t to8(uint32_t v, int depth) {
-    if (depth == 16) return static_cast<uint8_t>(v >> 8);
-    uint32_t top = (1u << depth) - 1;
-    return static_cast<uint8_t>((v & top) * 255 / top);
-}
-
-int32_t dpi_of(uint32_t per_metre) {
-    uint64_t d = (static_cast<uint64_t>(per_metre) * 254 + 5000) / 10000;
-    return d > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int32_t>(d);
-}
-
 }  // namespace
 
 struct png_decoder {
@@ -210,17 +199,17 @@ png_decoder *png_decode_open(png_read_fn read, void *user, uint32_t max_width, u
             info->has_background = bkgd.plte_index < info->palette_count;
             if (info->has_background) std::memcpy(info->background, info->palette[bkgd.plte_index], 3);
         } else if (h.color_type == SPNG_COLOR_TYPE_GRAYSCALE || h.color_type == SPNG_COLOR_TYPE_GRAYSCALE_ALPHA) {
-            std::memset(info->background, to8(bkgd.gray, h.bit_depth), 3);
+            std::memset(info->background, png_sample8(bkgd.gray, h.bit_depth), 3);
         } else {
-            info->background[0] = to8(bkgd.red, h.bit_depth);
-            info->background[1] = to8(bkgd.green, h.bit_depth);
-            info->background[2] = to8(bkgd.blue, h.bit_depth);
+            info->background[0] = png_sample8(bkgd.red, h.bit_depth);
+            info->background[1] = png_sample8(bkgd.green, h.bit_depth);
+            info->background[2] = png_sample8(bkgd.blue, h.bit_depth);
         }
     }
     spng_phys phys;
     if (clean(spng_get_phys(d->ctx, &phys)) == 0 && (clean_out(phys), phys.unit_specifier == 1)) {
-        info->dpi_x = dpi_of(phys.ppu_x);
-        info->dpi_y = dpi_of(phys.ppu_y);
+        info->dpi_x = png_dpi(phys.ppu_x);
+        info->dpi_y = png_dpi(phys.ppu_y);
     }
 
     d->fmt = info->packed ? SPNG_FMT_PNG : SPNG_FMT_RGBA8;

@@ -78,12 +78,6 @@ const pixel_format pixel_formats[] = {
 
 uint32_t be32(const uint8_t *p) { return uint32_t{p[0]} << 24 | p[1] << 16 | p[2] << 8 | p[3]; }
 
-uint8_t to8(uint32_t v, int depth) {
-    if (depth == 16) return static_cast<uint8_t>(v >> 8);
-    const uint32_t top = (1u << depth) - 1;
-    return static_cast<uint8_t>((v & top) * 255 / top);
-}
-
 // What the component does not tell, from the chunks before the image data:
 // the header's colour type (grey with alpha comes as RGBA), the resolution
 // (the component says 96 dots per inch for a file without pHYs) and the
@@ -98,19 +92,17 @@ void read_chunks(const uint8_t *data, uint32_t size, png_info *info) {
         const uint8_t *c = data + at + 8;
         if (n > size - 12 - at || !std::memcmp(c - 4, "IDAT", 4)) return;
         if (!std::memcmp(c - 4, "pHYs", 4) && n == 9 && c[8] == 1) {
-            for (int k = 0; k < 2; k++) {
-                const uint64_t dpi = (uint64_t{be32(c + 4 * k)} * 254 + 5000) / 10000;
-                (k ? info->dpi_y : info->dpi_x) = dpi > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int32_t>(dpi);
-            }
+            info->dpi_x = png_dpi(be32(c));
+            info->dpi_y = png_dpi(be32(c + 4));
         } else if (!std::memcmp(c - 4, "bKGD", 4)) {
             if (type == 3 && n == 1 && c[0] < info->palette_count) {
                 std::memcpy(info->background, info->palette[c[0]], 3);
                 info->has_background = true;
             } else if ((type == 0 || type == 4) && n == 2) {
-                std::memset(info->background, to8(uint32_t{c[0]} << 8 | c[1], depth), 3);
+                std::memset(info->background, png_sample8(uint32_t{c[0]} << 8 | c[1], depth), 3);
                 info->has_background = true;
             } else if ((type == 2 || type == 6) && n == 6) {
-                for (int k = 0; k < 3; k++) info->background[k] = to8(uint32_t{c[2 * k]} << 8 | c[2 * k + 1], depth);
+                for (int k = 0; k < 3; k++) info->background[k] = png_sample8(uint32_t{c[2 * k]} << 8 | c[2 * k + 1], depth);
                 info->has_background = true;
             }
         }
