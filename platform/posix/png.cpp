@@ -41,9 +41,12 @@ constexpr size_t CHUNK_CACHE_LIMIT = 32u << 20;
 // ways (a zlib error among them), all of which then mean out of memory.
 bool allocation_failed = false;
 
-void *block_alloc(size_t size, bool zero) {
+// Every block comes zeroed: libspng then never sees old heap contents, and
+// the memory sanitizer, which cannot follow libspng's own writes, finds
+// nothing of its buffers unset.
+void *block_alloc(size_t size) {
     if (size == 0) size = 1;
-    mem_block b = size > 0x7FFFFFF0u ? 0 : mem_alloc(static_cast<uint32_t>(size), MEM_MOVEABLE | (zero ? MEM_ZEROINIT : 0));
+    mem_block b = size > 0x7FFFFFF0u ? 0 : mem_alloc(static_cast<uint32_t>(size), MEM_MOVEABLE | MEM_ZEROINIT);
     void *p = b ? mem_lock(b) : nullptr;
     if (b && !p) mem_free(b);
     if (!p) allocation_failed = true;
@@ -57,17 +60,17 @@ void block_free(void *p) {
     mem_free(b);
 }
 
-void *SPNG_CDECL spng_malloc(size_t size) { return block_alloc(clean(size), false); }
+void *SPNG_CDECL spng_malloc(size_t size) { return block_alloc(clean(size)); }
 void *SPNG_CDECL spng_calloc(size_t count, size_t size) {
     count = clean(count), size = clean(size);
     if (size && count > SIZE_MAX / size) return nullptr;
-    return block_alloc(count * size, true);
+    return block_alloc(count * size);
 }
 void SPNG_CDECL spng_free(void *p) { block_free(clean(p)); }
 void *SPNG_CDECL spng_realloc(void *p, size_t size) {
     p = clean(p), size = clean(size);
-    if (!p) return block_alloc(size, false);
-    void *q = block_alloc(size, false);
+    if (!p) return block_alloc(size);
+    void *q = block_alloc(size);
     if (!q) return nullptr;
     uint32_t old = mem_size(mem_handle(p));
     std::memcpy(q, p, old < size ? old : size);
@@ -143,7 +146,7 @@ png_decoder *png_decode_open(png_read_fn read, void *user, uint32_t max_width, u
                              png_info *info, int *error) {
     *error = IMG_ERR_MEMORY;
     allocation_failed = false;
-    auto *d = static_cast<png_decoder *>(block_alloc(sizeof(png_decoder), true));
+    auto *d = static_cast<png_decoder *>(block_alloc(sizeof(png_decoder)));
     if (!d) return nullptr;
     d->io = {read, nullptr, user};
     d->ctx = clean(spng_ctx_new2(&block_allocator, 0));
@@ -239,7 +242,7 @@ int png_decode_row(png_decoder *d, uint8_t *row) {
             size_t total = 0;
             if (clean(spng_decoded_image_size(d->ctx, d->fmt, &total)) != 0) return IMG_ERR_DATA;
             total = clean(total);
-            d->image = static_cast<uint8_t *>(block_alloc(total, true));
+            d->image = static_cast<uint8_t *>(block_alloc(total));
             if (!d->image) return IMG_ERR_MEMORY;
             if (int err = clean(spng_decode_image(d->ctx, d->image, total, d->fmt, SPNG_DECODE_TRNS)); err)
                 return code_of(err, IMG_ERR_DATA);
@@ -273,7 +276,7 @@ struct png_encoder {
 png_encoder *png_encode_open(const png_encode_params &p, png_write_fn write, void *user, int *error) {
     *error = IMG_ERR_MEMORY;
     allocation_failed = false;
-    auto *e = static_cast<png_encoder *>(block_alloc(sizeof(png_encoder), true));
+    auto *e = static_cast<png_encoder *>(block_alloc(sizeof(png_encoder)));
     if (!e) return nullptr;
     e->io = {nullptr, write, user};
     e->ctx = clean(spng_ctx_new2(&block_allocator, SPNG_CTX_ENCODER));
