@@ -55,11 +55,11 @@ void convert_row(const png_info &in, const uint8_t *src, uint8_t *out, int bits,
     const uint32_t w = in.width;
     if (in.packed) {
         if (in.bit_depth != 2) {
-            const size_t bits = static_cast<size_t>(w) * in.bit_depth;
-            std::memcpy(out, src, (bits + 7) / 8);
+            const size_t used = static_cast<size_t>(w) * in.bit_depth;
+            std::memcpy(out, src, (used + 7) / 8);
             // The bits past the last pixel are the encoder's (or the system
             // decoder's) choice: cleared, so both systems store the same row.
-            if (bits % 8) out[bits / 8] &= static_cast<uint8_t>(0xFF00 >> (bits % 8));
+            if (used % 8) out[used / 8] &= static_cast<uint8_t>(0xFF00 >> (used % 8));
             return;
         }
         for (uint32_t x = 0; x < w; x += 2) {
