@@ -264,6 +264,8 @@ TEST(Faults, FilesFromOtherTools) {
         {"psd/im_cmyk_rle.psd", TRICKLES}, {"psd/im_indexed_rle.psd", TRICKLES}, {"eps/gm_ept.eps", 0},
         {"cals/im.cal", TRICKLES},     {"xbm/netpbm_short.xbm", TRICKLES}, {"xbm/pillow.xbm", TRICKLES},
         {"ico/im_4.ico", TRICKLES},    {"ico/im_32.ico", TRICKLES},    {"wpg/recipe_8.wpg", TRICKLES},
+        // Detection needs the nine bytes of "/* XPM */" in one read.
+        {"xpm/netpbm_8.xpm", 0},       {"xpm/netpbm_24.xpm", 0},       {"xpm/im_transp.xpm", 0},
     };
     for (auto &f : files) {
         SCOPED_TRACE(f.name);

@@ -190,3 +190,11 @@ TEST(PcdRead, Refusals) {
         EXPECT_EQ(code, c.code) << c.file.size();
     }
 }
+
+TEST(GemPcdRead, FaultSweeps) {
+    check_load_faults(gem({1, 8, 4, 1, 85, 85, 10, 3}, {0x81, 0x81, 0x80, 2, 1, 2, 0, 2, 0x55, 0x82, 0, 0, 0xFF, 2, 0x02,
+                                                          0x80, 2, 0xF0, 0x0F, 0x81, 0x01, 0x01, 0x81}),
+                      TRICKLES);
+    check_load_faults(pcd_file(0, 90, 140, 150), TRICKLES);
+}
+
