@@ -350,8 +350,10 @@ BRIVANTA_READER(xpm_read_file) {
         sorted = static_cast<int32_t *>(mem.take(static_cast<uint32_t>(colours) * 4));
         if (!sorted) return IMG_ERR_MEMORY;
         for (int32_t i = 0; i < colours; i++) sorted[i] = i;
-        std::stable_sort(sorted, sorted + colours, [&](int32_t a, int32_t b) {
-            return std::memcmp(keys + static_cast<size_t>(a) * cpp, keys + static_cast<size_t>(b) * cpp, cpp) < 0;
+        // In place, no allocation; among equal keys the first line comes first.
+        std::sort(sorted, sorted + colours, [&](int32_t a, int32_t b) {
+            int d = std::memcmp(keys + static_cast<size_t>(a) * cpp, keys + static_cast<size_t>(b) * cpp, cpp);
+            return d < 0 || (d == 0 && a < b);
         });
     }
 
