@@ -115,19 +115,6 @@ constexpr auto mode_table = [] {
     return t;
 }();
 
-constexpr auto reversed_bytes = [] {
-    struct table {
-        uint8_t b[256];
-    } t{};
-    for (int i = 0; i < 256; i++) {
-        int r = 0;
-        for (int k = 0; k < 8; k++)
-            if (i & (1 << k)) r |= 0x80 >> k;
-        t.b[i] = static_cast<uint8_t>(r);
-    }
-    return t;
-}();
-
 // ---- Bit reader --------------------------------------------------------------------
 // Bits come most significant first from a 64-bit window.  Past the end of
 // the source the window fills with zero bits, which match no run code, and
@@ -162,7 +149,7 @@ struct bit_reader {
         }
         left -= n;
         if (reverse)
-            for (int32_t i = 0; i < n; i++) buf[i] = reversed_bytes.b[buf[i]];
+            for (int32_t i = 0; i < n; i++) buf[i] = bit_reversed.b[buf[i]];
         pos = 0;
         len = n;
         return true;
@@ -657,23 +644,13 @@ namespace {
 
 constexpr uint32_t ENCODE_FLUSH_AT = 8192;
 
-constexpr auto reverse_table = [] {
-    struct t { uint8_t v[256]; } r{};
-    for (int i = 0; i < 256; i++) {
-        int b = 0;
-        for (int k = 0; k < 8; k++) b |= ((i >> k) & 1) << (7 - k);
-        r.v[i] = static_cast<uint8_t>(b);
-    }
-    return r;
-}();
-
 inline void put_bits(ccitt_encoder &e, uint32_t bits, int length) {
     e.acc = e.acc << length | bits;
     e.nbits += length;
     while (e.nbits >= 8) {
         e.nbits -= 8;
         uint8_t b = static_cast<uint8_t>(e.acc >> e.nbits);
-        e.out[e.used++] = e.reverse ? reverse_table.v[b] : b;
+        e.out[e.used++] = e.reverse ? bit_reversed.b[b] : b;
     }
 }
 

@@ -1,6 +1,6 @@
 // Small pieces the codecs share: the scratch guard, the grey-palette test and
-// ramp, file colour tables to DIB entries, and 15- and 32-bit pixels to DIB
-// 24-bit pixels.
+// ramp, file colour tables to DIB entries, 15- and 32-bit pixels to DIB
+// 24-bit pixels, and bytes with their bit order reversed.
 #pragma once
 #include "frame/frame.h"
 
@@ -89,5 +89,16 @@ inline void row_from15(const uint8_t *in, uint8_t *bgr, int width) {
 inline void row_from32(const uint8_t *in, uint8_t *bgr, int width) {
     for (int x = 0; x < width; x++) std::memcpy(bgr + 3 * x, in + 4 * x, 3);
 }
+
+// Each byte with its bits in the opposite order, for data that numbers bits
+// from the least significant end.
+constexpr auto bit_reversed = [] {
+    struct table {
+        uint8_t b[256];
+    } t{};
+    for (int i = 0; i < 256; i++)
+        for (int k = 0; k < 8; k++) t.b[i] = static_cast<uint8_t>(t.b[i] | ((i >> k) & 1) << (7 - k));
+    return t;
+}();
 
 }  // namespace brv

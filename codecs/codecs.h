@@ -79,4 +79,11 @@ BRIVANTA_WRITER(clp_write_file);
 BRIVANTA_READER(wpg_read_file);
 BRIVANTA_WRITER(wmf_write_file);
 
+// Readers only
+BRIVANTA_READER(sunras_read_file);
+BRIVANTA_READER(xwd_read_file);
+BRIVANTA_READER(macpaint_read_file);
+BRIVANTA_READER(msp_decompress);
+BRIVANTA_READER(cut_decompress);
+
 }  // namespace brv

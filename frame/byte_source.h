@@ -141,6 +141,14 @@ inline void source_seek(byte_source &s, int32_t offset) {
     source_restart(s, offset);
 }
 
+// Moves n bytes on; false when that passes the end of the data.
+inline bool source_skip(byte_source &s, uint64_t n) {
+    const int64_t to = int64_t{source_tell(s)} + static_cast<int64_t>(n > 0x7FFFFFFF ? 0x80000000u : n);
+    if (to > s.end) return false;
+    source_seek(s, static_cast<int32_t>(to));
+    return true;
+}
+
 inline bool source_at_end(byte_source &s) { return s.pos >= s.len && !source_fill(s); }
 
 }  // namespace brv

@@ -5,6 +5,7 @@
 #include "frame/formats.h"
 
 #include "codecs/codecs.h"
+#include "text/text.h"
 
 #include <cstring>
 
@@ -35,9 +36,12 @@ bool is_pict(const uint8_t *, int fd) {
 
 // MacPaint steps 467 bytes back from where the PICT probe stopped, to the
 // file-type field of a MacBinary header; with PICT off it reads elsewhere.
+// A memory source answers reads past its end without data: those count as
+// nothing read, or every short unknown file would be taken for MacPaint.
 bool is_macpaint(const uint8_t *, int fd) {
     uint8_t m[10] = {};
-    file_seek(fd, -467, 1);
+    const int32_t at = file_seek(fd, -467, 1);
+    if (at < 0 || at >= file_size_hint(fd)) return false;
     return file_read(fd, m, 10) > 0 && (std::memcmp(m, "PNT", 3) == 0 || get32(m) == 0);
 }
 
@@ -96,7 +100,7 @@ constexpr format_info formats[FORMAT_COUNT] = {
     family(20, "xbm", "X bitmap", SAVED_BY_NAME | NAMED_BY_QUERY,
            [](const uint8_t *b, int) { return std::memcmp(b, "#define", 7) == 0; }, xbm_decompress,
            xbm_write_file),
-    family(21, "mac", "MacPaint", QUERIES, is_macpaint),
+    family(21, "mac", "MacPaint", QUERIES, is_macpaint, macpaint_read_file),
     family(22, "gx2", "GX2", QUERIES, [](const uint8_t *b, int) { return std::memcmp(b, "GX2", 3) == 0; }),
     family(23, "kfx", "Kofax", QUERIES, [](const uint8_t *b, int) { return std::memcmp(b, ".KF", 3) == 0; }),
     family(24, "ica", "IOCA", QUERIES,
@@ -114,8 +118,11 @@ constexpr format_info formats[FORMAT_COUNT] = {
            [](const uint8_t *b, int) { return b[0] == 0 && b[1] == 1 && b[2] == 0 && (b[3] == 9 || b[3] == 8); },
            gem_read_file),
     family(29, "btr", "BTR", SAVED_BY_NAME | QUERIES, [](const uint8_t *b, int) { return b[0] == 0xBB && b[3] == 1; }),
-    family(30, "msp", "Microsoft Paint", QUERIES, [](const uint8_t *b, int) { return std::memcmp(b, "Lin", 3) == 0; }),
-    family(31, "cut", "CUT", QUERIES, is_cut),
+    // Version 2 files start "LinS", version 1 files "DanM".
+    family(30, "msp", "Microsoft Paint", QUERIES,
+           [](const uint8_t *b, int) { return std::memcmp(b, "Lin", 3) == 0 || std::memcmp(b, "DanM", 4) == 0; },
+           msp_decompress),
+    family(31, "cut", "CUT", QUERIES, is_cut, cut_decompress),
     variant(32, "tga-15", "Targa, 15-bit", "tga", 3, 0, targa_write_file_15bit, 32),
     variant(33, "fax-g3", "CCITT Group 3, raw", "g3", 33, 0, fax_write_g3),
     variant(34, "fax-g4", "CCITT Group 4, raw", "g4", 34, 0, fax_write_g4),
@@ -123,10 +130,11 @@ constexpr format_info formats[FORMAT_COUNT] = {
            [](const uint8_t *b, int) { return std::memcmp(b, "/* XPM */", 9) == 0; }, xpm_read_file,
            xpm_write_file),
     family(36, "xwd", "X window dump", SAVED_BY_NAME | NAMED_BY_QUERY,
-           [](const uint8_t *b, int) { return b[4] == 0 && b[5] == 0 && b[6] == 0 && b[7] == 7; }),
+           [](const uint8_t *b, int) { return b[4] == 0 && b[5] == 0 && b[6] == 0 && b[7] == 7; }, xwd_read_file),
     family(37, "ras", "Sun raster", SAVED_BY_NAME | NAMED_BY_QUERY,
-           [](const uint8_t *b, int) { return get32be(b) == 0x59A66A95u; }),
-    family(38, "txt", "text", NAMED_BY_QUERY, [](const uint8_t *b, int) { return std::memchr(b, 0, 10) == nullptr; }),
+           [](const uint8_t *b, int) { return get32be(b) == 0x59A66A95u; }, sunras_read_file),
+    family(38, "txt", "text", NAMED_BY_QUERY, [](const uint8_t *b, int) { return std::memchr(b, 0, 10) == nullptr; },
+           text_read, nullptr, text_page_count),
     family(39, "pcd", "PhotoCD", QUERIES, [](const uint8_t *b, int) { return get32(b) == 0xFFFFFFFFu; }, pcd_read_file),
     variant(40, "tif-jpeg", "TIFF, JPEG", "tif", 0, APPENDS, tiff_write_jpeg),
     family(41, "psd", "Photoshop", SAVED_BY_NAME | QUERIES,

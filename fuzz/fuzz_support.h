@@ -115,3 +115,23 @@ inline int IMG_CALLBACK kept_row(void *context, unsigned char *buffer, int r, in
     std::memcpy(buffer, d->pixels + static_cast<size_t>(r) * n, n);
     return 0;
 }
+
+// The shape of the targets for the read-only formats: the input, with
+// magic forced in at offset at so detection names the format, through the
+// reader low-level (which must free what it takes) and, when its announced
+// size is sane, into a handle.
+inline int fuzz_reader(const uint8_t *data, size_t size, reader_fn reader, const void *magic = nullptr,
+                       size_t magic_size = 0, size_t at = 0) {
+    if (size == 0 || size > (1u << 20)) return 0;
+    fuzz_input in(data, size);
+    if (!in.bytes) return 0;
+    if (magic && at + magic_size <= size) std::memcpy(in.bytes + at, magic, magic_size);
+    memory_source_set(in.bytes);
+    announced_pixels = 0;
+    reader(0, accept_row, nullptr, accept_header, MEMORY_FD);
+    if (scratch_count() != 0) std::abort();  // the reader frees what it takes
+    memory_source_end();
+    if (announced_pixels > 0 && announced_pixels <= (1 << 22))
+        IMG_delete_bitmap(check_loaded(IMG_decompress_bitmap_mem(in.bytes, 0)));
+    return 0;
+}

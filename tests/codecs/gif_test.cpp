@@ -266,7 +266,8 @@ TEST(Gif, BrokenFilesEndWithCleanCodes) {
     for (size_t cut = 1; cut < file.size(); cut++) {
         int code = 0;
         load_pic(bytes(file.begin(), file.begin() + static_cast<long>(cut)), &code);
-        if (cut < 3) EXPECT_EQ(code, IMG_ERR_TYPE) << cut;
+        // "G" and nine unread zeros pass the CUT probe, whose reader finds no header.
+        if (cut < 3) EXPECT_EQ(code, cut == 1 ? IMG_ERR_DATA : IMG_ERR_TYPE) << cut;
         else if (cut == separator) EXPECT_EQ(code, IMG_ERR_HEADER) << cut << ": no separator before the end";
         else if (cut < data_end - 1) EXPECT_EQ(code, IMG_ERR_DATA) << cut;
         else if (cut >= data_end) {
