@@ -194,7 +194,8 @@ int32_t parse_colour(const char *text) {
         int digits = 0;
         uint64_t v = 0;
         for (const char *p = text + 1; *p; p++, digits++) {
-            int c = *p, d = c >= '0' && c <= '9' ? c - '0' : (c | 32) >= 'a' && (c | 32) <= 'f' ? (c | 32) - 'a' + 10 : -1;
+            const int c = *p, l = c | 32;
+            const int d = c >= '0' && c <= '9' ? c - '0' : l >= 'a' && l <= 'f' ? l - 'a' + 10 : -1;
             if (d < 0 || digits >= 12) return -1;
             v = v << 4 | static_cast<uint64_t>(d);
         }
@@ -266,7 +267,8 @@ int32_t line_colour(char *text) {
     static const char *const keys[] = {"c", "g", "g4", "m", "s"};
     char *words[COLOUR_TEXT / 2];
     int count = 0;
-    for (char *p = std::strtok(text, " \t"); p && count < COLOUR_TEXT / 2; p = std::strtok(nullptr, " \t")) words[count++] = p;
+    for (char *p = std::strtok(text, " \t"); p && count < COLOUR_TEXT / 2; p = std::strtok(nullptr, " \t"))
+        words[count++] = p;
     auto key_of = [&](const char *w) {
         for (int k = 0; k < 5; k++)
             if (std::strcmp(w, keys[k]) == 0) return k;
@@ -406,7 +408,8 @@ BRIVANTA_READER(xpm_read_file) {
                 auto *at = std::lower_bound(sorted, sorted + colours, key, [&](int32_t a, const char *k) {
                     return std::memcmp(keys + static_cast<size_t>(a) * cpp, k, cpp) < 0;
                 });
-                if (at != sorted + colours && std::memcmp(keys + static_cast<size_t>(*at) * cpp, key, cpp) == 0) e = *at;
+                if (at != sorted + colours && std::memcmp(keys + static_cast<size_t>(*at) * cpp, key, cpp) == 0)
+                    e = *at;
             }
             if (e < 0) return IMG_ERR_HEADER;  // a key no colour line gave
             if (bits == 24) {

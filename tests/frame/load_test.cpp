@@ -196,21 +196,6 @@ TEST(Load, UnknownTypeLeavesNoHandle) {
     IMG_delete_bitmap(0);
 }
 
-// Types detection names but no reader takes are refused the same way.
-TEST(Load, DetectedOnlyTypesAreRefused) {
-    for (const char *head : {"\xDC\xDC", ".KF", "'C1", "GX2", "\xBB\0\0\x01"}) {
-        bytes f(64, 0);
-        std::memcpy(f.data(), head, std::strlen(head));
-        if (head[0] == '\xBB') f[3] = 1;
-        EXPECT_EQ(load_bytes(f), IMG_ERR_TYPE) << head;
-    }
-    bytes ioca(64, 0);  // a structured field introducer at byte 2
-    ioca[2] = 0xD3, ioca[3] = 0xA8, ioca[4] = 0xA8;
-    EXPECT_EQ(load_bytes(ioca), IMG_ERR_TYPE);
-    EXPECT_EQ(handle_of(make_picture(1, 1, 8, 1)), 0) << "no slot was left taken";
-    IMG_delete_bitmap(0);
-}
-
 TEST(Load, LowLevelCallbacksSeeHeaderAndRows) {
     bytes file = bmp_of(make_picture(7, 5, 24, 2));
     block_ref b(file);
