@@ -266,6 +266,7 @@ TEST(Faults, FilesFromOtherTools) {
         {"ico/im_4.ico", TRICKLES},    {"ico/im_32.ico", TRICKLES},    {"wpg/recipe_8.wpg", TRICKLES},
         // Detection needs the nine bytes of "/* XPM */" in one read.
         {"xpm/netpbm_8.xpm", 0},       {"xpm/netpbm_24.xpm", 0},       {"xpm/im_transp.xpm", 0},
+        {"gem/netpbm.img", TRICKLES},
     };
     for (auto &f : files) {
         SCOPED_TRACE(f.name);
