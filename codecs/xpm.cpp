@@ -261,8 +261,8 @@ int32_t read_string(byte_source &src, char *out, int32_t cap) {
 }
 
 // The colour a line gives, by the best visual it names: colour, then grey,
-// four-level grey, mono; -1 when it names none or a malformed one.  Names are words
-// that may hold spaces, so a value runs to the next visual key.
+// four-level grey, mono; -1 when it names none or a malformed one.  Names
+// are words that may hold spaces, so a value runs to the next visual key.
 int32_t line_colour(char *text) {
     static const char *const keys[] = {"c", "g", "g4", "m", "s"};
     char *words[COLOUR_TEXT / 2];
@@ -336,6 +336,10 @@ BRIVANTA_READER(xpm_read_file) {
         if (c == static_cast<int32_t>(XPM_NONE) && transparent < 0) transparent = i;
         values[i] = static_cast<uint32_t>(c);
     }
+
+    // Every row takes its keys and two quotes: a picture the rest of the
+    // source cannot hold is refused before its bitmap is allocated.
+    if (int64_t{height} * (int64_t{width} * cpp + 2) > src.end - source_tell(src)) return IMG_ERR_DATA;
 
     // Keys to colour numbers: a direct table for one or two characters, a
     // sorted list searched per pixel for longer keys.
