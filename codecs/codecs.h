@@ -68,6 +68,11 @@ BRIVANTA_WRITER(cals_write_file);
 BRIVANTA_READER(xbm_decompress);
 BRIVANTA_WRITER(xbm_write_file);
 BRIVANTA_WRITER(xpm_write_file);
+BRIVANTA_READER(xpm_read_file);
+
+// GEM raster images (with the XIMG colour table), PhotoCD base images
+BRIVANTA_READER(gem_read_file);
+BRIVANTA_READER(pcd_read_file);
 
 // Icons, clipboard files, WordPerfect graphics, metafiles
 BRIVANTA_READER(ico_decompress);

@@ -276,6 +276,9 @@ TEST(Faults, FilesFromOtherTools) {
         {"pict/im_8.pct", 0},          {"pict/im_24.pct", 0},          {"pict/im_32a.pct", 0},
         {"png/im_palette_alpha_interlaced.png", TRICKLES}, {"png/im_rgba16.png", TRICKLES},
         {"png/im_grey2.png", TRICKLES},
+        // Detection needs the nine bytes of "/* XPM */" in one read.
+        {"xpm/netpbm_8.xpm", 0},       {"xpm/netpbm_24.xpm", 0},       {"xpm/im_transp.xpm", 0},
+        {"gem/netpbm.img", TRICKLES},
     };
     for (auto &f : files) {
         SCOPED_TRACE(f.name);

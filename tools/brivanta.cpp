@@ -772,7 +772,7 @@ int cmd_demo(int argc, char **argv) {
             }
             // Raw fax data has no header: it is read back as the fax it is.
             int fax = t.code == IMG_TYPE_RAW_G3 ? 3 : t.code == IMG_TYPE_RAW_G4 ? 4 : -1;
-            // A type the library writes but does not read (X pixmap) is not read back.
+            // A type the library writes but does not read (the metafile) is not read back.
             const bool readable = (t.caps & IMG_TYPE_CAN_READ) || fax > 0;
             int h = readable ? load_file(file, 0, fax, CARD_W, CARD_H) : -1;
             double ms = ms_since(t0);
