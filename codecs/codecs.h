@@ -29,6 +29,8 @@ BRIVANTA_WRITER(tiff_write_lzw);           // type 9
 BRIVANTA_WRITER(tiff_write_g4);            // type 10
 BRIVANTA_WRITER(tiff_write_packbits);      // type 16
 BRIVANTA_WRITER(tiff_write_jpeg);          // type 40
+// n bytes as PackBits packets into out (room for n + n / 128 + 1); the count.
+uint32_t packbits_row(const uint8_t *s, uint32_t n, uint8_t *out);
 BRIVANTA_WRITER(fax_write_g3);             // type 33
 BRIVANTA_WRITER(fax_write_g4);             // type 34
 
@@ -74,9 +76,13 @@ BRIVANTA_WRITER(clp_write_file);
 BRIVANTA_READER(wpg_read_file);
 BRIVANTA_WRITER(wmf_write_file);
 
-// Readers only
+// Sun raster, X window dumps, IFF
 BRIVANTA_READER(sunras_read_file);
+BRIVANTA_WRITER(sunras_write_file);
 BRIVANTA_READER(xwd_read_file);
+BRIVANTA_WRITER(xwd_write_file);
+
+// Readers only
 BRIVANTA_READER(macpaint_read_file);
 BRIVANTA_READER(msp_decompress);
 BRIVANTA_READER(cut_decompress);

@@ -204,6 +204,8 @@ int tiff_append_link(int fd, const layout &L) {
     return write_all(fd, b, 4);
 }
 
+}  // namespace
+
 uint32_t packbits_row(const uint8_t *s, uint32_t n, uint8_t *out) {
     uint8_t *o = out;
     uint32_t i = 0;
@@ -228,6 +230,8 @@ uint32_t packbits_row(const uint8_t *s, uint32_t n, uint8_t *out) {
     }
     return static_cast<uint32_t>(o - out);
 }
+
+namespace {
 
 // encoded: the strip comes whole from encode, under the given compression.
 int write_image(out_kind kind, int fd, const dib_info *h, IMG_get_row_fn get_row, void *context,

@@ -197,6 +197,9 @@ IMG_EXPORT int IMG_API IMGLOW_save_bitmap(int fd, const void *header, int type, 
 IMG_EXPORT int IMG_API IMGLOW_save_bitmap_mem(void *block, const void *header, int type,
                                               IMG_get_row_fn get_row, void *context);
 IMG_EXPORT int IMG_API IMGLOW_set_comp_quality(int quality);
+/* Sun raster output (type 37): nonzero writes byte-encoded run-length data,
+ * 0 (the default) plain rows.  Returns the previous value. */
+IMG_EXPORT int IMG_API IMGLOW_set_sunras_rle(int on);
 IMG_EXPORT int IMG_API IMGLOW_get_bitmap_name(char *text_out, char *date_out);
 IMG_EXPORT int IMG_API IMGLOW_set_bitmap_name(const char *text, const char *date);
 
