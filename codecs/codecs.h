@@ -81,6 +81,8 @@ BRIVANTA_READER(sunras_read_file);
 BRIVANTA_WRITER(sunras_write_file);
 BRIVANTA_READER(xwd_read_file);
 BRIVANTA_WRITER(xwd_write_file);
+BRIVANTA_READER(iff_read_file);
+BRIVANTA_WRITER(iff_write_file);
 
 // Readers only
 BRIVANTA_READER(macpaint_read_file);

@@ -208,6 +208,7 @@ const writer_row writers[] = {
     {IMG_TYPE_CLIPBOARD, {1, 4, 8, 24}, back::same, TRICKLES},
     {IMG_TYPE_WMF, {1, 4, 8, 24}, back::same, -1},
     {IMG_TYPE_XWD, {1, 4, 8, 24}, back::same, 0},
+    {IMG_TYPE_IFF, {1, 4, 8, 24}, back::same, TRICKLES},
     {IMG_TYPE_SUNRAS, {8, 24}, back::same, TRICKLES},
     {IMG_TYPE_SUNRAS, {1, 4}, back::same, -1},  // read back as the standard bilevel table, and 8 bits
 };
@@ -270,6 +271,7 @@ TEST(Faults, FilesFromOtherTools) {
         {"psd/im_cmyk_rle.psd", TRICKLES}, {"psd/im_indexed_rle.psd", TRICKLES}, {"eps/gm_ept.eps", 0},
         {"cals/im.cal", TRICKLES},     {"xbm/netpbm_short.xbm", TRICKLES}, {"xbm/pillow.xbm", TRICKLES},
         {"ico/im_4.ico", TRICKLES},    {"ico/im_32.ico", TRICKLES},    {"wpg/recipe_8.wpg", TRICKLES},
+        {"iff/ham6.iff", TRICKLES},    {"iff/masked.iff", TRICKLES},   {"iff/plain.iff", TRICKLES},
     };
     for (auto &f : files) {
         SCOPED_TRACE(f.name);

@@ -152,6 +152,7 @@ WRITERS = {
     16: (ALL, "tif", [PILLOW, libtiff], EXACT),
     18: ("1", "cal", [cals_standard_density], EXACT),
     20: ("1", "xbm", [TOOL("xbmtopbm"), MAGICK], EXACT),
+    26: (ALL, "iff", [TOOL("ilbmtoppm")], EXACT),
     27: (ALL, "clp", [clipboard_dib_in_pillow], EXACT),
     # netpbm fills the low three bits of each five-bit channel.
     32: ("24", "tga", [TOOL("tgatoppm")], 7),
