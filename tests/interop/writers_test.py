@@ -217,15 +217,16 @@ def writer_case(type_code, source, decoders=None):
 
 
 def demo_round_trip():
-    """The demo's table: every lossless writer's file reads back identical
-    (or is marked as a type the library writes but does not read)."""
+    """The demo's table: every lossless writer's file reads back identical,
+    or with the same colours at another depth or table (or is marked as a
+    type the library writes but does not read)."""
     lossy = {13, 32, 40}
     text_only = {14}  # EPS we write is PostScript text, which Ghostscript reads (eps_test.py)
     lines = B.run([B.TOOL, "demo", B.tmp("demo")]).decode().splitlines()
     # The round-trip table ends at its summary line; the colour operations follow.
     table = lines[1:next(i for i, line in enumerate(lines) if "files written" in line)]
     bad = [line for line in table
-           if int(line.split()[0]) not in lossy | text_only and not any(v in line for v in ("identical", "refused", "write only"))]
+           if int(line.split()[0]) not in lossy | text_only and not any(v in line for v in ("identical", "same colours", "refused", "write only"))]
     assert not bad, "\n".join(bad)
 
 
