@@ -208,7 +208,7 @@ BRIVANTA_WRITER(sunras_write_file) {
         for (int b = 0; b < 4; b++) head[4 * k + b] = static_cast<uint8_t>(fields[k] >> (24 - 8 * b));
     // The map in planes: all reds, all greens, all blues.
     for (int i = 0; i < colours; i++)
-        for (int c = 0; c < 3; c++) head[SUNRAS_HEADER + c * colours + i] = pal[4 * (invert ? 1 - i : i) + 2 - c];
+        for (int c = 0; c < 3; c++) head[SUNRAS_HEADER + c * colours + i] = pal[4 * i + 2 - c];
     const int32_t base = file_seek(fd, 0, 1);
     if (int rc = write_all(fd, head, SUNRAS_HEADER + 3 * colours); rc < 0) return rc;
 
