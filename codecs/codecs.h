@@ -29,10 +29,10 @@ BRIVANTA_WRITER(tiff_write_lzw);           // type 9
 BRIVANTA_WRITER(tiff_write_g4);            // type 10
 BRIVANTA_WRITER(tiff_write_packbits);      // type 16
 BRIVANTA_WRITER(tiff_write_jpeg);          // type 40
-// n bytes as PackBits packets into out (room for n + n / 128 + 1); the count.
-uint32_t packbits_row(const uint8_t *s, uint32_t n, uint8_t *out);
 BRIVANTA_WRITER(fax_write_g3);             // type 33
 BRIVANTA_WRITER(fax_write_g4);             // type 34
+// n bytes as PackBits runs into out (room for n + n / 128 + 1); the count.
+uint32_t packbits_row(const uint8_t *s, uint32_t n, uint8_t *out);
 
 // GIF, PCX, DCX
 BRIVANTA_READER(gif_decompress);
@@ -71,10 +71,17 @@ BRIVANTA_WRITER(xpm_write_file);
 
 // Icons, clipboard files, WordPerfect graphics, metafiles
 BRIVANTA_READER(ico_decompress);
+BRIVANTA_WRITER(ico_write_file);
 BRIVANTA_READER(clp_read_file);
 BRIVANTA_WRITER(clp_write_file);
 BRIVANTA_READER(wpg_read_file);
+BRIVANTA_WRITER(wpg_write_file);
+BRIVANTA_READER(wmf_read_file);  // the first bitmap record's DIB; IMG_ERR_TYPE when there is none
 BRIVANTA_WRITER(wmf_write_file);
+
+// PICT
+BRIVANTA_READER(pict_read_file);
+BRIVANTA_WRITER(pict_write_file);
 
 // Sun raster, X window dumps, IFF
 BRIVANTA_READER(sunras_read_file);

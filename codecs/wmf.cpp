@@ -1,7 +1,11 @@
-// Windows metafile output: a placeable metafile of one StretchDIBits record
-// carrying the whole DIB, laid out at 96 units per inch.
+// Windows metafiles: the reader takes the DIB of the first bitmap record
+// (StretchDIBits, DIBStretchBlt, DIBBitBlt), placeable or not; the writer
+// puts a placeable metafile of one StretchDIBits record carrying the whole
+// DIB, laid out at 96 units per inch.
 #include "codecs/codecs.h"
 #include "codecs/dib_rows.h"
+
+#include "frame/byte_source.h"
 
 #include <initializer_list>
 
@@ -11,6 +15,8 @@ namespace {
 
 constexpr uint32_t PLACEABLE_KEY = 0x9AC6CDD7u;
 constexpr uint16_t META_STRETCHDIB = 0x0F43;
+constexpr uint16_t META_DIBSTRETCHBLT = 0x0B41;
+constexpr uint16_t META_DIBBITBLT = 0x0940;
 // Record head (6), parameters (22) and the info header (40) before the palette.
 constexpr uint32_t PICTURE_FIXED = 68;
 
@@ -28,6 +34,34 @@ int write_record(int fd, uint16_t function, std::initializer_list<uint16_t> para
 }
 
 }  // namespace
+
+BRIVANTA_READER(wmf_read_file) {
+    const int32_t end = file_size_hint(fd);
+    uint8_t b[18];
+    if (read_fully_at(fd, end, where, b, 4) != 4) return IMG_ERR_OPEN;
+    const int64_t at = int64_t{where} + (get32(b) == PLACEABLE_KEY ? 22 : 0);
+    if (read_fully_at(fd, end, at, b, 18) != 18) return IMG_ERR_HEADER;
+    const int header_words = get16(b + 2);
+    if (header_words < 9) return IMG_ERR_HEADER;
+    for (int64_t rec = at + 2 * header_words;;) {
+        if (read_fully_at(fd, end, rec, b, 6) != 6) return IMG_ERR_DATA;
+        const uint32_t words = get32(b), function = get16(b + 4);
+        if (function == 0) return IMG_ERR_TYPE;  // the end record: no bitmap
+        if (words < 3) return IMG_ERR_HEADER;
+        // The blits come without a DIB too, one word longer in parameters
+        // than the record's own size says then.
+        const bool bare = words == (function >> 8) + 3;
+        int dib = 0;
+        if (function == META_STRETCHDIB) dib = 28;
+        if (function == META_DIBSTRETCHBLT && !bare) dib = 26;
+        if (function == META_DIBBITBLT && !bare) dib = 22;
+        if (dib) {
+            if (rec + dib > INT32_MAX) return IMG_ERR_HEADER;
+            return dib_read_embedded(static_cast<int32_t>(rec + dib), {false, true}, put_row, context, begin_image, fd);
+        }
+        rec += 2 * int64_t{words};
+    }
+}
 
 int wmf_write_setup_records(int fd, const dib_info *header) {
     const auto w = static_cast<uint16_t>(header->biWidth), h = static_cast<uint16_t>(header->biHeight);

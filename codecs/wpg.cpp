@@ -1,6 +1,7 @@
 // WordPerfect graphics (level 1): the record scan finds the colour map and
 // the bitmap records; the last bitmap before the end record is unpacked,
-// its vector records skipped by their lengths.
+// its vector records skipped by their lengths.  The writer puts one bitmap
+// record of 1, 4 or 8 bits with its colour map.
 #include "codecs/codec_support.h"
 #include "codecs/codecs.h"
 
@@ -131,6 +132,102 @@ BRIVANTA_READER(wpg_read_file) {
     auto *row = static_cast<uint8_t *>(mem.take(dib_row * 3 + 100));
     if (!row) return IMG_ERR_MEMORY;
     return wpg_unpack_bitmap(fd, row, dib_row, put_row, context, bm);
+}
+
+namespace {
+
+// A record's head in its six-byte form, whatever the length, so a length
+// learnt after the data can be put in place.
+void wpg_long_head(uint8_t *h, uint8_t kind, uint32_t length) {
+    h[0] = kind;
+    h[1] = 0xFF;
+    put16(h + 2, 0x8000 | length >> 16);
+    put16(h + 4, length & 0xFFFF);
+}
+
+// One row in the format's runs: repeats of three or more as (0x80 | n, v),
+// the rest as literal groups (n, bytes); runs never cross rows.
+uint32_t wpg_pack_row(const uint8_t *s, uint32_t n, uint8_t *out) {
+    uint8_t *o = out;
+    uint32_t i = 0;
+    while (i < n) {
+        uint32_t run = 1;
+        while (i + run < n && run < 127 && s[i + run] == s[i]) run++;
+        if (run >= 3) {
+            *o++ = static_cast<uint8_t>(0x80 | run);
+            *o++ = s[i];
+            i += run;
+            continue;
+        }
+        const uint32_t start = i;
+        while (i < n && i - start < 127 && !(i + 2 < n && s[i] == s[i + 1] && s[i] == s[i + 2])) i++;
+        *o++ = static_cast<uint8_t>(i - start);
+        std::memcpy(o, s + start, i - start);
+        o += i - start;
+    }
+    return static_cast<uint32_t>(o - out);
+}
+
+}  // namespace
+
+// Level 1: file header, start record, colour map, one bitmap record of
+// rows top first, end record.  The bitmap's length is put in after its rows.
+BRIVANTA_WRITER(wpg_write_file) {
+    const int bits = header->biBitCount;
+    if (bits != 1 && bits != 4 && bits != 8) return IMG_ERR_DEPTH;
+    if (header->biWidth < 1 || header->biHeight < 1 || header->biWidth > 65535 || header->biHeight > 65535)
+        return IMG_ERR_HEADER;
+    const int w = header->biWidth, h = header->biHeight;
+    const uint32_t packed = (static_cast<uint32_t>(w) * bits + 7) / 8, colours = 1u << bits;
+    uint8_t head[16 + 8 + 6 + 4] = {0xFF, 'W', 'P', 'C', 16, 0, 0, 0, 1, 0x16, 1, 0};
+    uint8_t *r = head + 16;  // start record: version 1, flags, size
+    r[0] = WPG_START;
+    r[1] = 6;
+    r[2] = 1;
+    put16(r + 4, static_cast<uint32_t>(w));
+    put16(r + 6, static_cast<uint32_t>(h));
+    wpg_long_head(head + 24, WPG_COLOUR_MAP, 4 + 3 * colours);
+    put16(head + 30, 0);
+    put16(head + 32, colours);
+    if (int rc = write_all(fd, head, sizeof head); rc < 0) return rc;
+    uint8_t map[768];
+    const uint8_t *palette = reinterpret_cast<const uint8_t *>(header) + 40;
+    for (uint32_t i = 0; i < colours; i++) {
+        map[3 * i] = palette[4 * i + 2];
+        map[3 * i + 1] = palette[4 * i + 1];
+        map[3 * i + 2] = palette[4 * i];
+    }
+    if (int rc = write_all(fd, map, static_cast<int32_t>(3 * colours)); rc < 0) return rc;
+
+    const int32_t bitmap_at = file_seek(fd, 0, 1);
+    uint8_t b[16];
+    wpg_long_head(b, WPG_BITMAP, 0);
+    const int dpi = header->biXPelsPerMeter > 0 && header->biXPelsPerMeter < 65536 ? header->biXPelsPerMeter : 75;
+    const uint32_t place[5] = {static_cast<uint32_t>(w), static_cast<uint32_t>(h), static_cast<uint32_t>(bits),
+                               static_cast<uint32_t>(dpi), static_cast<uint32_t>(dpi)};
+    for (int i = 0; i < 5; i++) put16(b + 6 + 2 * i, place[i]);
+    if (int rc = write_all(fd, b, 16); rc < 0) return rc;
+
+    scratch_set mem;
+    const uint32_t stride = row_bytes(w, bits);
+    auto *row = static_cast<uint8_t *>(mem.take(stride + 16));
+    auto *out = static_cast<uint8_t *>(mem.take(packed + packed / 127 + 16));
+    if (!row || !out) return IMG_ERR_MEMORY;
+    uint64_t length = 10;
+    for (int y = 0; y < h; y++) {
+        if (int rc = get_row(context, row, y, static_cast<int>(stride)); rc < 0) return rc;
+        const uint32_t n = wpg_pack_row(row, packed, out);
+        if (int rc = write_all(fd, out, static_cast<int32_t>(n)); rc < 0) return rc;
+        length += n;
+        if (length > 0x7FFFFFFF) return IMG_ERR_HEADER;
+    }
+    static const uint8_t end_record[2] = {WPG_END, 0};
+    if (int rc = write_all(fd, end_record, 2); rc < 0) return rc;
+    wpg_long_head(b, WPG_BITMAP, static_cast<uint32_t>(length));
+    const int32_t finish = file_seek(fd, 0, 1);  // a memory block ends past the file
+    if (finish < 0 || file_seek(fd, bitmap_at, 0) != bitmap_at) return IMG_ERR_WRITE;
+    if (int rc = write_all(fd, b, 6); rc < 0) return rc;
+    return file_seek(fd, finish, 0) == finish ? 0 : IMG_ERR_WRITE;
 }
 
 }  // namespace brv

@@ -5,6 +5,7 @@
 #include "frame/formats.h"
 
 #include "codecs/codecs.h"
+#include "text/text.h"
 
 #include <cstring>
 
@@ -74,9 +75,9 @@ constexpr format_info formats[FORMAT_COUNT] = {
     family(4, "gif", "GIF", SAVED_BY_NAME | QUERIES,
            [](const uint8_t *b, int) { return std::memcmp(b, "GIF", 3) == 0; }, gif_decompress, gif_write),
     family(5, "wpg", "WordPerfect graphics", SAVED_BY_NAME | QUERIES,
-           [](const uint8_t *b, int) { return std::memcmp(b + 1, "WPC", 3) == 0; }, wpg_read_file),
+           [](const uint8_t *b, int) { return std::memcmp(b + 1, "WPC", 3) == 0; }, wpg_read_file, wpg_write_file),
     family(6, "wmf", "Windows metafile", SAVED_BY_NAME | QUERIES,
-           [](const uint8_t *b, int) { return get32(b) == 0x9AC6CDD7u || b[0] == 1 || b[1] == 2; }, nullptr,
+           [](const uint8_t *b, int) { return get32(b) == 0x9AC6CDD7u || b[0] == 1 || b[1] == 2; }, wmf_read_file,
            wmf_write_file),
     variant(7, "tif-huffman", "TIFF, CCITT modified Huffman", "tif", 0, APPENDS, tiff_write_huffman),
     variant(8, "tif-g3", "TIFF, CCITT Group 3", "tif", 0, APPENDS, tiff_write_g3),
@@ -89,7 +90,7 @@ constexpr format_info formats[FORMAT_COUNT] = {
            jpeg_read_file, jpeg_write_file),
     family(14, "eps", "EPS", SAVED_BY_NAME | QUERIES, [](const uint8_t *b, int) { return get32(b) == 0xC6D3D0C5u; },
            eps_read_file, eps_write_file),
-    family(15, "pct", "PICT", SAVED_BY_NAME | QUERIES, is_pict),
+    family(15, "pct", "PICT", SAVED_BY_NAME | QUERIES, is_pict, pict_read_file, pict_write_file),
     variant(16, "tif-packbits", "TIFF, PackBits", "tif", 0, APPENDS, tiff_write_packbits),
     variant(17, "tif-45", "TIFF, compression 45", "tif", 0, 0, nullptr),
     family(18, "cal", "CALS", SAVED_BY_NAME | QUERIES, [](const uint8_t *b, int) { return std::memcmp(b, "src", 3) == 0; },
@@ -109,7 +110,7 @@ constexpr format_info formats[FORMAT_COUNT] = {
            }),
     family(25, "ico", "Windows icon", SAVED_BY_NAME | QUERIES,
            [](const uint8_t *b, int) { return get32(b) == 0x00010000u && (b[6] == 16 || b[6] == 32 || b[6] == 64); },
-           ico_decompress),
+           ico_decompress, ico_write_file),
     family(26, "iff", "IFF", SAVED_BY_NAME | QUERIES, [](const uint8_t *b, int) { return std::memcmp(b, "FORM", 4) == 0; },
            iff_read_file, iff_write_file),
     family(27, "clp", "Windows clipboard file", SAVED_BY_NAME | QUERIES,
@@ -133,7 +134,8 @@ constexpr format_info formats[FORMAT_COUNT] = {
            xwd_write_file),
     family(37, "ras", "Sun raster", SAVED_BY_NAME | NAMED_BY_QUERY,
            [](const uint8_t *b, int) { return get32be(b) == 0x59A66A95u; }, sunras_read_file, sunras_write_file),
-    family(38, "txt", "text", NAMED_BY_QUERY, [](const uint8_t *b, int) { return std::memchr(b, 0, 10) == nullptr; }),
+    family(38, "txt", "text", NAMED_BY_QUERY, [](const uint8_t *b, int) { return std::memchr(b, 0, 10) == nullptr; },
+           text_read, nullptr, text_page_count),
     family(39, "pcd", "PhotoCD", QUERIES, [](const uint8_t *b, int) { return get32(b) == 0xFFFFFFFFu; }),
     variant(40, "tif-jpeg", "TIFF, JPEG", "tif", 0, APPENDS, tiff_write_jpeg),
     family(41, "psd", "Photoshop", SAVED_BY_NAME | QUERIES,

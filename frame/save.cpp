@@ -79,6 +79,8 @@ int save_handle(int h, int fd, int type, bool to_memory, void *block) {
     std::memcpy(copy, dib, 40 + pb);
     dib_of(copy)->biWidth = rec->crop_width;
     dib_of(copy)->biHeight = rec->crop_height;
+    // Writers that keep transparency (icons) find the handle's colour here.
+    dib_of(copy)->biClrUsed = rec->transparent_colour;
 
     uint8_t levels[256];
     if (rec->brightness || rec->contrast) {

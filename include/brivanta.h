@@ -305,6 +305,50 @@ IMG_EXPORT int IMG_API IMG_color_gray(int handle);
  * text's full length, or IMG_ERR_TYPE for a code the library never returns. */
 IMG_EXPORT int IMG_API IMG_get_error_text(int code, char *text_out, int size);
 
+/* Text import: plain text files read as pictures.  Detection of text (type
+ * IMG_TYPE_TEXT) is off until IMGLOW_set_auto_detect(IMG_TYPE_TEXT) is
+ * called.  A page renders as a 1-bit bitmap (black text on white) at the set
+ * resolution.  The layout record below: lengths in thousandths of an inch;
+ * mask selects the fields that setting copies in and getting fills. */
+#define IMG_ASCII_XRES        0x0001
+#define IMG_ASCII_YRES        0x0002
+#define IMG_ASCII_MARGINS     0x0004
+#define IMG_ASCII_TAB         0x0008
+#define IMG_ASCII_PAGE_WIDTH  0x0010
+#define IMG_ASCII_PAGE_HEIGHT 0x0020
+#define IMG_ASCII_FONT_HEIGHT 0x0040
+#define IMG_ASCII_LINE_CHARS  0x0080
+#define IMG_ASCII_PAGE_LINES  0x0100
+#define IMG_ASCII_BOLD        0x0200
+#define IMG_ASCII_ITALIC      0x0400
+#define IMG_ASCII_FACE        0x0800
+#pragma pack(push, 1)
+typedef struct IMG_ascii_attributes {
+    unsigned short mask;
+    unsigned short reserved;
+    short x_dpi, y_dpi;              /* default 200, 200 */
+    int margins[4];                  /* left, top, right, bottom: 1000, 750, 1000, 750 */
+    short tab;                       /* tab stops every this many characters: 4 */
+    int page_width, page_height;     /* 8500, 11000 */
+    int font_height;                 /* pixels; negative: from the lines and characters: -1 */
+    short line_chars, page_lines;    /* 80, 60 */
+    int bold;                        /* non-zero: bold */
+    int italic;                      /* low byte non-zero: italic */
+    char face[32];                   /* "Courier New" */
+} IMG_ascii_attributes;
+#pragma pack(pop)
+IMG_EXPORT int IMG_API IMGLOW_set_ascii_attributes(const IMG_ascii_attributes *attributes);
+IMG_EXPORT int IMG_API IMGLOW_get_ascii_attributes(IMG_ascii_attributes *attributes);
+/* The page width, in thousandths of an inch, that the file's widest line
+ * needs between the margins under the current settings (so that nothing
+ * wraps), or a negative code. */
+IMG_EXPORT int IMG_API IMGLOW_get_ascii_page_width(const char *name);
+/* Loads page (0 = the first) of a text file into a new handle through the
+ * ordinary load, with text detection on for that load (a file whose first
+ * bytes another type claims loads as that type): the handle, IMG_ERR_OPEN,
+ * or the load's code. */
+IMG_EXPORT int IMG_API IMG_import_ascii(const char *name, int page);
+
 /* The library's exit procedure: does nothing, returns 1. */
 IMG_EXPORT int IMG_API WEP(int reserved);
 

@@ -62,4 +62,30 @@ void os_palette_delete(int32_t palette);
 // returns the palette that was selected before (0 where there are none).
 int32_t os_palette_select(void *dc, int32_t palette);
 
+// ---- Fonts ---------------------------------------------------------------------
+// A face chosen by name, for drawing text into 1-bit rows.  Where the named
+// face is absent the system's substitute for it serves (on Linux a
+// metric-compatible face through fontconfig).
+struct os_font;
+struct font_request {
+    const char *face;
+    int32_t height;  // cell height (ascent + descent) in pixels; 0: the system's default
+    int32_t width;   // average character width in pixels; 0: in proportion to the height
+    bool bold, italic;
+};
+// 0 with *font set; -1 when memory fails, -7 when no face can be had.
+int os_font_open(const font_request &request, os_font **font);
+void os_font_close(os_font *font);
+// The height of the text extent of "a" (with tab_stop as the measure's tab
+// position): the distance from one line to the next.
+int32_t os_font_line_height(os_font *font, int32_t tab_stop);
+// How far the pen moves past the character, in pixels; negative when the
+// font fails (-1 for memory).
+int32_t os_font_advance(os_font *font, uint32_t code_point);
+// Draws count characters with their cells' tops on the band's first row and
+// their pens at xs, setting ink bits (most significant bit first) in rows of
+// stride bytes, clipped to width x rows.  0, or negative when the font fails.
+int os_font_draw(os_font *font, const uint32_t *code_points, const int32_t *xs, int32_t count, uint8_t *band,
+                 int32_t stride, int32_t width, int32_t rows);
+
 }  // namespace brv

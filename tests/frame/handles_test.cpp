@@ -11,6 +11,8 @@ TEST(Handles, LowestFreeSlotIsReusedAndEmptyTableStartsOver) {
     ASSERT_EQ(std::vector<int>({h0, h1, h2}), std::vector<int>({0, 1, 2}));
     EXPECT_EQ(IMG_delete_bitmap(h1), 0);
     EXPECT_EQ(handle_of(p), 1);
+    EXPECT_EQ(IMG_delete_bitmap(0), 0);
+    EXPECT_EQ(handle_of(p), 0) << "the first slot is reused too";
     for (int h : {2, 1, 0}) EXPECT_EQ(IMG_delete_bitmap(h), 0);
     EXPECT_EQ(handle_of(p), 0) << "an emptied table starts again at slot 0";
     EXPECT_EQ(IMG_delete_bitmap(0), 0);

@@ -1,10 +1,14 @@
 """Icon interop: icons from ImageMagick, Pillow and netpbm at every depth
 they write load here as Pillow shows their first image (colours only: the
-AND mask is not ours to read)."""
+AND mask is not ours to read); ours carry a GIF's transparent index into
+the AND mask as Pillow and ImageMagick read it (writers_test.py has the
+colours at every depth)."""
 import numpy as np
 from PIL import Image
 
 import brivanta as B
+
+LIB = B.LIB
 
 B.require("convert", "pamtowinicon")
 PLASMA = "convert -size {0}x{0} plasma:fractal"
@@ -39,12 +43,29 @@ def loads_like_pillow(name, make, depth):
     return check
 
 
+def transparent_index_makes_the_mask():
+    """A GIF's transparent index 5: our icon hides exactly those pixels in
+    Pillow and ImageMagick, and Pillow shows the others in their colours."""
+    idx = (np.arange(32)[:, None] * 3 + np.arange(32)[None, :]) % 9
+    gif = Image.fromarray(idx.astype(np.uint8), "P")
+    gif.putpalette([v for i in range(256) for v in ((i * 40) % 256, (i * 90) % 256, 255 - i)])
+    gif.save(B.tmp("t.gif"), transparency=5)
+    h = LIB.IMG_decompress_bitmap(B.tmp("t.gif").encode())
+    want, hidden = B.picture_of(h).rgb(), idx == 5
+    assert LIB.IMG_save_bitmap(h, B.tmp("t.ico").encode(), 25) == 0 and LIB.IMG_delete_bitmap(h) == 0
+    rgba = np.asarray(Image.open(B.tmp("t.ico")).convert("RGBA"))
+    magick = B.run(["convert", B.tmp("t.ico"), "-alpha", "extract", "-depth", "8", "gray:-"])
+    assert ((rgba[:, :, 3] == 0) == hidden).all() and ((np.frombuffer(magick, np.uint8) == 0) == hidden.ravel()).all()
+    B.compare(rgba[:, :, :3][~hidden], want[~hidden], "Pillow on the opaque pixels")
+
+
 def png_icon_is_refused():
     Image.new("RGB", (32, 32)).save(B.tmp("png.ico"), sizes=[(32, 32)])
     assert B.load(B.tmp("png.ico")) == -7
 
 
-CASES = [(s[0], loads_like_pillow(*s)) for s in SOURCES] + [("PNG icon refused", png_icon_is_refused)]
+CASES = [(s[0], loads_like_pillow(*s)) for s in SOURCES] + [("PNG icon refused", png_icon_is_refused),
+                                                             ("transparent index makes the mask", transparent_index_makes_the_mask)]
 
 if __name__ == "__main__":
     B.main(CASES)

@@ -15,7 +15,6 @@ path = B.tmp
 # colour tables keep our decode at 41-49 dB of djpeg's integer decode.
 DECODE_FLOOR_COLOUR, DECODE_FLOOR_GREY = 38.0, 44.0
 # Our encoder through djpeg and Pillow, against the source picture.
-# (The default quality, 75, is checked in writers_test.py.)
 ENCODE_FLOOR = {(25, False): 29.0, (95, False): 36.5, (25, True): 34.0, (95, True): 42.0}
 
 B.run("convert -size 317x213 -seed 11 plasma:fractal -blur 0x1 -depth 8 %s" % path("src.ppm"))
@@ -84,12 +83,38 @@ def our_output(quality, grey):
     return run
 
 
+def dqt_tables(data):
+    """Quantisation tables by number, as the file stores them (zigzag order)."""
+    tables, i = {}, 2
+    while i + 4 <= len(data) and data[i] == 0xFF and data[i + 1] != 0xDA:
+        n = struct.unpack_from(">H", data, i + 2)[0]
+        if data[i + 1] == 0xDB:
+            for j in range(i + 4, i + 2 + n, 65):
+                tables[data[j] & 15] = data[j + 1:j + 65]
+        i += 2 + n
+    return tables
+
+
+def default_quality_is_the_base_tables():
+    # A fresh process saves with the base tables, which cjpeg writes unscaled
+    # at quality 50, but for our chrominance table's two own entries (46, 66 in
+    # the first row: zigzag places 6 and 14).
+    src, dst = path("default.bmp"), path("default.jpg")
+    B.make("convert %s BMP3:-" % SRC, src)
+    B.run([B.TOOL, "convert", src, dst])
+    ours, theirs = dqt_tables(open(dst, "rb").read()), dqt_tables(B.run("cjpeg -quality 50 " + SRC))
+    theirs[1] = bytearray(theirs[1])
+    theirs[1][6], theirs[1][14] = 46, 66
+    assert ours == {0: theirs[0], 1: bytes(theirs[1])}, ours
+
+
 cases = [(n, check_tool_file(n, c, d)) for n, c, d in TOOL_FILES]
 cases += [
     ("progressive refused", check_refused("progressive", "cjpeg -progressive " + SRC)),
     ("arithmetic refused", check_refused("arithmetic", "cjpeg -arithmetic " + SRC)),
     ("ImageMagick progressive refused", check_refused("improgressive", "convert %s -interlace JPEG jpg:-" % SRC)),
     ("garbage before the SOI", garbage_before_soi),
+    ("default quality is the base tables", default_quality_is_the_base_tables),
 ]
 cases += [("our q%d %s" % (q, "grey" if g else "colour"), our_output(q, g)) for q in (25, 95) for g in (False, True)]
 B.main(cases)

@@ -50,6 +50,20 @@ def two_saves_give_two_pages():
     B.compare(B.pillow_rgb(out), np.asarray(SOURCES["8"].convert("RGB")), "overwritten file")
 
 
+def lzw_strip_ends_with_its_end_code():
+    # 45 bytes of noise take fewer than 254 codes, so every code is 9 bits:
+    # Clear first, End last, and not a byte more than the codes need.
+    B.Image.fromarray(np.random.default_rng(5).integers(0, 256, (3, 5, 3), np.uint8)).save(B.tmp("tiny.bmp"))
+    out = B.tmp("tiny_lzw.tif")
+    assert not isinstance(B.save(B.tmp("tiny.bmp"), out, 9), int)
+    with B.Image.open(out) as im:
+        at, n = im.tag_v2[273][0], im.tag_v2[279][0]
+    strip = int.from_bytes(open(out, "rb").read()[at:at + n], "big")
+    codes = [(strip >> (8 * n - 9 * (i + 1))) & 511 for i in range(8 * n // 9)]
+    assert codes[0] == 256 and 257 in codes and n == (9 * (codes.index(257) + 1) + 7) // 8, (n, codes)
+
+
 CASES = [("type %d from %s: tags" % (t, k), tags_case(t, k)) for t, keys in TYPES.items() for k in keys.split()]
-CASES += [("two saves give two pages", two_saves_give_two_pages)]
+CASES += [("two saves give two pages", two_saves_give_two_pages),
+          ("an LZW strip ends with its end code", lzw_strip_ends_with_its_end_code)]
 B.main(CASES)

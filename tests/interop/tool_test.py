@@ -23,7 +23,7 @@ def formats_list_every_code_once():
     keys = [r[1] for r in rows]
     assert len(set(keys)) == len(keys) and "tif-g4" in keys and "fax-g3" in keys
     writable = {r[1] for r in rows if r[4] == "yes"}
-    assert writable >= {"tif", "bmp", "gif", "jpg", "tif-lzw", "tga-15"} and "wpg" not in writable
+    assert writable >= {"tif", "bmp", "gif", "jpg", "tif-lzw", "tga-15", "wpg", "pct", "ico"} and "img" not in writable
 
 
 def pipes_through_standard_input_and_output():

@@ -66,6 +66,8 @@ SOURCES = {
           None),
     "8 grey": (RGB[:, :, 1], 8, GREYS, None),
     "24": (RGB, 24, [], None),
+    # Icons hold at most 256 × 256.
+    "1 icon": (PAGE[:64, :80], 1, BW, None),
 }
 
 
@@ -140,6 +142,7 @@ WRITERS = {
     2: (ALL, "pcx", [PILLOW, TOOL("pcxtoppm")], EXACT),
     3: ("8 24", "tga", [PILLOW, TOOL("tgatoppm")], EXACT),
     4: ("4 8", "gif", [PILLOW, TOOL("giftopnm")], EXACT),
+    5: ("1 4 8", "wpg", [MAGICK], EXACT),
     6: (ALL, "wmf", [metafile_in_magick], EXACT),
     7: ("1", "tif", [PILLOW, libtiff, MAGICK], EXACT),
     8: ("1", "tif", [PILLOW, libtiff, MAGICK], EXACT),
@@ -149,9 +152,11 @@ WRITERS = {
     12: ("4 8", "bmp", [bmp_true_size], EXACT),
     # A loose floor: a swapped channel or a shifted row falls far below it.
     13: ("8 24", "jpg", [TOOL("djpeg"), PILLOW], ("floor", 20.0)),
+    15: (ALL, "pct", [MAGICK], EXACT),
     16: (ALL, "tif", [PILLOW, libtiff], EXACT),
     18: ("1", "cal", [cals_standard_density], EXACT),
     20: ("1", "xbm", [TOOL("xbmtopbm"), MAGICK], EXACT),
+    25: (ALL, "ico", [PILLOW, MAGICK], EXACT),
     26: (ALL, "iff", [TOOL("ilbmtoppm")], EXACT),
     27: (ALL, "clp", [clipboard_dib_in_pillow], EXACT),
     # netpbm fills the low three bits of each five-bit channel.
@@ -182,7 +187,7 @@ def as_fax(pic):
 
 
 # JPEG codes palette pictures by index: only an identity grey ramp is a picture it can keep.
-SOURCE_FOR = {13: {"8": "8 grey"}, 40: {"8": "8 grey"}}
+SOURCE_FOR = {13: {"8": "8 grey"}, 40: {"8": "8 grey"}, 25: {"1": "1 icon"}}
 
 
 def writer_case(type_code, source, decoders=None):
@@ -253,7 +258,7 @@ def sunras_rle(source):
 CASES = [("type 37 run-length from %s" % s, sunras_rle(s)) for s in ("1", "8", "24")]
 for t in WRITERS:
     for s in SOURCES:
-        if s.startswith("1 ") and WRITERS[t][0] != "1":
+        if s == "1 icon" or s.startswith("1 ") and WRITERS[t][0] != "1":
             continue  # the coloured bilevel tables matter to the fax coders
         s = SOURCE_FOR.get(t, {}).get(s, s)
         if ("type %d from %s" % (t, s), t) not in [(n, t) for n, _ in CASES]:

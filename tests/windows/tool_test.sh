@@ -13,7 +13,8 @@ if [ "$files" -lt 5 ]; then
   echo "only $files demo files written on Linux"
   exit 1
 fi
-if ! diff -r "$work/linux" "$work/windows"; then
+# Text pages are drawn by each system's own rasteriser, so they are left out.
+if ! diff -r -x 'text_*' "$work/linux" "$work/windows"; then
   echo "the Windows tool writes different files"
   exit 1
 fi
