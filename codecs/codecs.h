@@ -96,4 +96,8 @@ BRIVANTA_READER(macpaint_read_file);
 BRIVANTA_READER(msp_decompress);
 BRIVANTA_READER(cut_decompress);
 
+// PNG, through the system's codec (platform/png_codec.h)
+BRIVANTA_READER(png_read_file);
+BRIVANTA_WRITER(png_write_file);
+
 }  // namespace brv

@@ -144,12 +144,17 @@ constexpr format_info formats[FORMAT_COUNT] = {
     // Loads, but the type queries report it unknown.
     family(42, "imt", "IMT", SAVED_BY_NAME,
            [](const uint8_t *b, int) { return std::memcmp(b, "'C1", 4) == 0; }),  // includes the zero byte
+    // Extensions of the table from here on.
+    // Four bytes of the signature: a hook that trickles may bring no more at
+    // first; the reader checks all eight.
+    family(43, "png", "PNG", SAVED_BY_NAME | QUERIES,
+           [](const uint8_t *b, int) { return std::memcmp(b, "\x89PNG", 4) == 0; }, png_read_file, png_write_file),
 };
 
-// The first thirty look at the first ten bytes only; PICT and MacPaint,
+// The first thirty-one look at the first ten bytes only; PICT and MacPaint,
 // which read further on, come last and in this order.
 const uint8_t probe_order[] = {0,  4,  1,  14, 11, 13, 5,  18, 23, 42, 26, 22, 19, 2,  25, 3,
-                               6,  24, 39, 27, 28, 29, 30, 20, 35, 36, 37, 31, 38, 41, 15, 21};
+                               6,  24, 39, 27, 28, 29, 30, 20, 35, 36, 37, 31, 38, 41, 43, 15, 21};
 const int probe_order_size = sizeof probe_order;
 
 static_assert([] {

@@ -38,7 +38,7 @@ struct format_info {
     refine_fn refine;    // null: the family's code stands
 };
 
-constexpr int FORMAT_COUNT = 43;
+constexpr int FORMAT_COUNT = 44;
 extern const format_info formats[FORMAT_COUNT];
 // The row of a type code; null outside the table.
 inline const format_info *format_of(int code) {

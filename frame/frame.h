@@ -177,6 +177,7 @@ struct library_settings {
     int autocolor;
     int dithermode;
     int comp_quality;
+    int png_level;       // deflate level of the PNG writer
     int sunras_rle;      // type 37 writes run-length data
     int wipedelay;
     bool status_enabled;

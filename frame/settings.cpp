@@ -10,6 +10,7 @@ namespace brv {
 library_settings settings = [] {
     library_settings s{};
     s.comp_quality = 50;  // the JPEG encoder's base tables
+    s.png_level = 6;
     s.load_limit_mb = IMG_DEFAULT_LOAD_LIMIT_MB;
     std::strcpy(s.bitmap_name, "Brivanta image file library");
     std::strcpy(s.bitmap_date, "11-21-2026");
@@ -118,6 +119,13 @@ int IMG_API IMGLOW_set_wipedelay(int delay) {
 int IMG_API IMGLOW_set_comp_quality(int quality) {
     settings.comp_quality = quality;
     return 0;
+}
+
+int IMG_API IMGLOW_set_png_level(int level) {
+    if (level < 0 || level > 9) return IMG_ERR_TYPE;
+    int previous = settings.png_level;
+    settings.png_level = level;
+    return previous;
 }
 
 int IMG_API IMGLOW_set_sunras_rle(int on) {

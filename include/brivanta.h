@@ -93,6 +93,9 @@ extern "C" {
 #define IMG_TYPE_TIFF_JPEG   40
 #define IMG_TYPE_PSD         41
 #define IMG_TYPE_IMT         42
+/* Extensions of the table: codes past the original ones, each with its own
+ * auto-detect flag and signature probe. */
+#define IMG_TYPE_PNG         43  /* PNG, every colour type; writes 1, 4, 8 and 24 bits */
 
 /* What IMGLOW_get_type_info reports of a type code. */
 #define IMG_TYPE_CAN_READ    1  /* files of this type load */
@@ -184,7 +187,7 @@ IMG_EXPORT int IMG_API IMGLOW_get_auto_detect(int code);
  * name such as "tif-g4", which the command-line tool's --type takes), its
  * descriptive name and its file extension, each copied NUL-terminated and cut
  * to its buffer's size (a null buffer or a size of 0 is skipped).  Returns
- * IMG_TYPE_CAN_* bits, or IMG_ERR_TYPE for a code outside 0..IMG_TYPE_IMT. */
+ * IMG_TYPE_CAN_* bits, or IMG_ERR_TYPE for a code outside 0..IMG_TYPE_PNG. */
 IMG_EXPORT int IMG_API IMGLOW_get_type_info(int code, char *key, int key_size, char *name, int name_size,
                                             char *extension, int extension_size);
 
@@ -197,6 +200,9 @@ IMG_EXPORT int IMG_API IMGLOW_save_bitmap(int fd, const void *header, int type, 
 IMG_EXPORT int IMG_API IMGLOW_save_bitmap_mem(void *block, const void *header, int type,
                                               IMG_get_row_fn get_row, void *context);
 IMG_EXPORT int IMG_API IMGLOW_set_comp_quality(int quality);
+/* The PNG writer's deflate level, 0 (stored) to 9 (smallest); 6 at start.
+ * Returns the previous level, or IMG_ERR_TYPE for a level outside 0..9. */
+IMG_EXPORT int IMG_API IMGLOW_set_png_level(int level);
 /* Sun raster output (type 37): nonzero writes byte-encoded run-length data,
  * 0 (the default) plain rows.  Returns the previous value. */
 IMG_EXPORT int IMG_API IMGLOW_set_sunras_rle(int on);

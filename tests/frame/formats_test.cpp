@@ -43,7 +43,7 @@ TEST(Formats, WriterOutputsAreDetectedAsTheirCodeAndLoadWhenReadable) {
         tested++;
     }
     EXPECT_GE(tested, 10) << "the loop saw the writers";
-    EXPECT_EQ(IMGLOW_get_type_info(43, nullptr, 0, nullptr, 0, nullptr, 0), IMG_ERR_TYPE);
+    EXPECT_EQ(IMGLOW_get_type_info(44, nullptr, 0, nullptr, 0, nullptr, 0), IMG_ERR_TYPE);
 }
 
 TEST(Formats, ErrorTextsAreCutToTheBuffer) {

@@ -89,7 +89,7 @@ TEST(Save, CodesWithoutWriterGiveMinusSevenAndLeaveNoScratch) {
     uint8_t header[1064] = {};
     put32(header, 40), put32(header + 4, 4), put32(header + 8, 4), put16(header + 12, 1), put16(header + 14, 8);
     block_ref b(uint32_t{4096});
-    for (int type : {17, 19, 21, 38, 39, 43, 99, -5}) {
+    for (int type : {17, 19, 21, 38, 39, 44, 99, -5}) {
         EXPECT_EQ(IMGLOW_save_bitmap_mem(b.data, header, type, zero_row, nullptr), IMG_ERR_TYPE) << type;
         EXPECT_EQ(scratch_count(), 0);
     }

@@ -19,7 +19,7 @@ def tool(*args, stdin=None):
 def formats_list_every_code_once():
     assert tool("--version").stdout.decode().startswith("brivanta 5.10")
     rows = [line.split(None, 5) for line in tool("formats").stdout.decode().splitlines()[1:]]
-    assert [int(r[0]) for r in rows] == list(range(43))
+    assert [int(r[0]) for r in rows] == list(range(44))
     keys = [r[1] for r in rows]
     assert len(set(keys)) == len(keys) and "tif-g4" in keys and "fax-g3" in keys
     writable = {r[1] for r in rows if r[4] == "yes"}

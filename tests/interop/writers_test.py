@@ -169,6 +169,7 @@ WRITERS = {
     40: ("8 24", "tif", [libtiff], ("floor", 20.0)),
     # Pillow's composite (ImageMagick reads no layerless indexed document; psd_test.py has its 24-bit case).
     41: ("1 8 24", "psd", [lambda p: B.image_rgb(open(p, "rb").read())], EXACT),
+    43: (ALL, "png", [PILLOW, MAGICK], EXACT),
 }
 # Bilevel formats without a colour table (and Sun raster, whose readers
 # disagree on bilevel maps): the darker colour is black.

@@ -1,0 +1,154 @@
+"""PNG interop: files that Pillow and ImageMagick write in every colour type
+and depth, interlaced or not, load with the pixels Pillow reads (transparency
+matted against the file's background, white without one) at the nearest DIB
+depth; our output at every depth decodes in Pillow and ImageMagick to the
+picture that was saved, grey as grey, with its resolution."""
+import struct
+
+import numpy as np
+from PIL import Image
+
+import brivanta as B
+
+B.require("convert")
+SRC = B.make("convert -size 45x29 -seed 7 plasma:fractal -depth 8 {out}", "src.png")
+# Alpha across, so every level of it is met.
+ALPHA = "-alpha set -channel A -fx 'i/w' +channel"
+
+
+def background(path, im):
+    """The background chunk's colour (which Pillow does not report for every
+    colour type), or white."""
+    data = open(path, "rb").read()
+    at = data.find(b"bKGD")
+    if at < 0:
+        return (255, 255, 255)
+    size, depth = struct.unpack(">I", data[at - 4: at])[0], data[24]
+    if size == 1:
+        return tuple(im.getpalette()[3 * data[at + 4]: 3 * data[at + 4] + 3])
+    values = [v >> 8 if depth == 16 else v for v in struct.unpack(">%dH" % (size // 2), data[at + 4: at + 4 + size])]
+    return tuple(values * 3 if size == 2 else values)
+
+
+def matted(path, page=0):
+    """Pillow's pixels matted as the library mattes them."""
+    im = Image.open(path)
+    bg = background(path, im)
+    if im.mode in ("I", "I;16"):  # Pillow keeps 16-bit grey whole: its high byte
+        return np.repeat((np.asarray(im).astype(np.uint32) >> 8).astype(np.uint8)[:, :, None], 3, axis=2)
+    a = np.asarray(im.convert("RGBA")).astype(int)
+    out = (a[:, :, :3] * a[:, :, 3:] + np.array(bg[:3]) * (255 - a[:, :, 3:]) + 127) // 255
+    return out.astype(np.uint8)
+
+
+B.REFERENCES["Pillow matted"] = matted
+
+# (name, ImageMagick options and output prefix, our DIB's bits)
+MAGICK = [
+    ("grey 1", "-colorspace gray -depth 1 PNG:", 1),
+    ("grey 2", "-colorspace gray -depth 2 PNG:", 4),
+    ("grey 4", "-colorspace gray -depth 4 PNG:", 4),
+    ("grey 8", "-colorspace gray -depth 8 PNG:", 8),
+    ("grey 16", "-colorspace gray -depth 16 PNG:", 8),
+    ("grey and alpha 8", "-colorspace gray %s -define png:color-type=4 -depth 8 PNG:" % ALPHA, 8),
+    ("grey and alpha 16", "-colorspace gray %s -define png:color-type=4 -depth 16 PNG:" % ALPHA, 8),
+    ("grey and alpha on a background", "-colorspace gray %s -background '#808080' -define png:color-type=4 "
+     "-define png:include-chunk=bKGD PNG:" % ALPHA, 8),
+    ("palette 1", "-colors 2 -define png:bit-depth=1 -define png:color-type=3 PNG8:", 1),
+    ("palette 2", "-colors 4 -define png:bit-depth=2 -define png:color-type=3 PNG8:", 4),
+    ("palette 4", "-colors 16 -define png:bit-depth=4 -define png:color-type=3 PNG8:", 4),
+    ("palette 8", "-colors 200 -type Palette PNG8:", 8),
+    ("palette with alpha", "%s -colors 60 PNG8:" % ALPHA, 8),
+    ("RGB 8", "PNG24:", 24),
+    ("RGB 16", "-depth 16 PNG48:", 24),
+    ("RGBA 8", "%s PNG32:" % ALPHA, 24),
+    ("RGBA 16", "%s -depth 16 PNG64:" % ALPHA, 24),
+    ("RGBA 8 on a background", "%s -background '#3060a0' -define png:include-chunk=bKGD PNG32:" % ALPHA, 24),
+    ("RGB 8 interlaced", "-interlace PNG PNG24:", 24),
+    ("grey 2 interlaced", "-colorspace gray -depth 2 -interlace PNG PNG:", 4),
+    ("RGBA 16 interlaced", "%s -depth 16 -interlace PNG PNG64:" % ALPHA, 24),
+]
+
+
+def magick_file(name, options, bits):
+    out = B.tmp("im_%s.png" % name.replace(" ", "_"))
+    B.run("convert %s %s%s" % (SRC, options, out), )
+    assert B.decodes_like(out, "Pillow matted").bits == bits
+
+
+def pillow_file(mode, bits, save_args, our_bits):
+    im = Image.open(SRC).convert("RGB")
+    if mode == "P":
+        im = im.quantize(1 << bits)
+    elif mode == "I;16":
+        im = Image.fromarray(np.asarray(im.convert("L")).astype(np.uint16) * 257)
+    elif mode == "RGBA" or mode == "LA":
+        im = im.convert(mode[:-1])
+        im.putalpha(Image.fromarray(np.tile(np.arange(45, dtype=np.uint8) * 5, (29, 1))))
+    else:
+        im = im.convert(mode)
+    out = B.tmp("pil_%s_%d_%d.png" % (mode.replace(";", ""), bits, len(save_args)))
+    im.save(out, **save_args)
+    assert B.decodes_like(out, "Pillow matted").bits == our_bits
+
+
+PILLOW = [
+    ("1", 1, {}, 1), ("L", 8, {}, 8), ("L", 8, {"transparency": 200}, 8), ("LA", 8, {}, 8), ("I;16", 16, {}, 8),
+    ("P", 1, {"bits": 1}, 1), ("P", 2, {"bits": 2, "transparency": 1}, 4), ("P", 4, {"bits": 4}, 4),
+    ("P", 8, {"transparency": bytes(range(0, 256, 3))}, 8), ("RGB", 8, {"transparency": (0, 0, 0)}, 24),
+    ("RGBA", 8, {}, 24), ("RGB", 8, {"interlace": 1, "optimize": True}, 24),
+]
+
+
+def our_output(bmp_options, bits, grey):
+    """The sources are 72 dots per inch; grey ones come from Pillow, whose
+    grey BMP has the whole ramp."""
+    src = B.tmp("o%d%s.bmp" % (bits, "g" if grey else ""))
+    if bmp_options:
+        B.run("convert %s -density 72 -units PixelsPerInch %s%s" % (SRC, bmp_options, src))
+    else:
+        Image.open(SRC).convert("L" if bits == 8 else "1").save(src, dpi=(72, 72))
+    dst = B.tmp("ours_%d%s.png" % (bits, "g" if grey else ""))
+    saved = B.writes_like(src, dst, 43, ["Pillow", "ImageMagick"])
+    assert saved.bits == bits
+    with Image.open(dst) as im:
+        assert (im.mode in ("1", "L")) == grey, "mode %s" % im.mode
+        # The resolution as the library read the source (a BMP's metres round down).
+        dpi = int(B.run([B.TOOL, "info", src]).decode().split("xdpi=")[1].split()[0])
+        assert dpi >= 71 and tuple(round(d) for d in im.info["dpi"]) == (dpi, dpi), (dpi, im.info.get("dpi"))
+
+
+OURS = [
+    ("", 1, True),
+    ("-colors 11 -type Palette BMP3:", 4, False),
+    ("-colors 150 -type Palette BMP3:", 8, False),
+    ("", 8, True),
+    ("-type TrueColor BMP3:", 24, False),
+]
+
+
+def converts_by_extension():
+    """The tool picks PNG by the output's name."""
+    tif = B.make("convert %s -type TrueColor -compress None {out}" % SRC, "scan.tif")
+    B.run([B.TOOL, "convert", tif, B.tmp("page.png")])
+    B.compare(B.pillow_rgb(B.tmp("page.png")), B.pillow_rgb(tif), "convert by extension")
+
+
+def crop_on_save():
+    """A handle's crop rectangle is what the PNG writer stores."""
+    h = B.LIB.IMG_decompress_bitmap(SRC.encode())
+    assert h >= 0
+    try:
+        assert B.LIB.IMG_set_croprect(h, 7, 5, 20, 11) == 0
+        assert B.LIB.IMG_save_bitmap(h, B.tmp("crop.png").encode(), 43) == 0
+    finally:
+        B.LIB.IMG_delete_bitmap(h)
+    B.compare(B.pillow_rgb(B.tmp("crop.png")), B.pillow_rgb(SRC)[5:16, 7:27], "cropped save")
+
+
+cases = [("ImageMagick " + n, lambda a=(n, o, b): magick_file(*a)) for n, o, b in MAGICK]
+cases += [("Pillow %s %d bits %s" % (m, b, sorted(s)), lambda a=(m, b, s, o): pillow_file(*a)) for m, b, s, o in PILLOW]
+cases += [("our %d bits%s in Pillow and ImageMagick" % (b, " grey" if g else ""), lambda a=(o, b, g): our_output(*a))
+          for o, b, g in OURS]
+cases += [("brivanta convert by extension", converts_by_extension), ("crop on save", crop_on_save)]
+B.main(cases)
