@@ -156,7 +156,7 @@ BRIVANTA_READER(iff_read_file) {
     i.biHeight = static_cast<int32_t>(h.height);
     i.biPlanes = 1;
     i.biBitCount = static_cast<uint16_t>(bits);
-    i.biSizeImage = out_len * h.height;  // at most 196608 x 65535: fits
+    if (!size_mul_add(out_len, h.height, 0, &i.biSizeImage)) i.biSizeImage = 0;
     uint8_t palette[1024];  // HAM takes its base colours from here
     std::memcpy(palette, dib->palette, sizeof palette);
     if (int rc = begin_image(dib, context); rc < 0) return rc;

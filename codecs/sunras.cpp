@@ -190,7 +190,10 @@ BRIVANTA_WRITER(sunras_write_file) {
     const int depth = bits == 4 ? 8 : bits;
     const uint32_t file_row = static_cast<uint32_t>((uint64_t{static_cast<uint32_t>(width)} * depth + 15) / 16 * 2);
     uint32_t raw_length;
-    if (!size_mul_add(file_row, static_cast<uint32_t>(height), 0, &raw_length)) return IMG_ERR_HEADER;
+    // The buffers below add up two rows: each must stay well inside 32 bits.
+    if (file_row > 0x3FFFFFF0u || stride > 0x3FFFFFF0u ||
+        !size_mul_add(file_row, static_cast<uint32_t>(height), 0, &raw_length))
+        return IMG_ERR_HEADER;
     const bool rle = settings.sunras_rle != 0;
     const auto *pal = reinterpret_cast<const uint8_t *>(header) + 40;
     const int colours = bits == 24 || bits == 1 ? 0 : 1 << bits;
