@@ -88,9 +88,15 @@ BRIVANTA_WRITER(wmf_write_file);
 BRIVANTA_READER(pict_read_file);
 BRIVANTA_WRITER(pict_write_file);
 
-// Readers only
+// Sun raster, X window dumps, IFF
 BRIVANTA_READER(sunras_read_file);
+BRIVANTA_WRITER(sunras_write_file);
 BRIVANTA_READER(xwd_read_file);
+BRIVANTA_WRITER(xwd_write_file);
+BRIVANTA_READER(iff_read_file);
+BRIVANTA_WRITER(iff_write_file);
+
+// Readers only
 BRIVANTA_READER(macpaint_read_file);
 BRIVANTA_READER(msp_decompress);
 BRIVANTA_READER(cut_decompress);

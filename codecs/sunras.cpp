@@ -1,5 +1,5 @@
 // Sun raster: 1-, 8-, 24- and 32-bit files, raw or byte-encoded run-length,
-// with no colour map, an RGB-plane map or a raw map.
+// with no colour map, an RGB-plane map or a raw map; and the writer of type 37.
 #include "codecs/codec_support.h"
 #include "codecs/codecs.h"
 #include "frame/byte_source.h"
@@ -150,6 +150,97 @@ BRIVANTA_READER(sunras_read_file) {
         if (rc = put_row(row, context, static_cast<int>(r), static_cast<int>(out_len)); rc < 0) return rc;
     }
     return 0;
+}
+
+namespace {
+
+// One row as escape-coded runs: three or more equal bytes (and any escape
+// byte) become escape, count - 1, value; other bytes stand for themselves.
+// Runs stop at the row's end, so any reader's notion of rows is met.
+uint32_t sunras_pack_row(const uint8_t *s, uint32_t n, uint8_t *out) {
+    uint8_t *o = out;
+    for (uint32_t i = 0; i < n;) {
+        uint32_t run = 1;
+        while (i + run < n && run < 256 && s[i + run] == s[i]) run++;
+        if (run >= 3 || s[i] == RLE_ESCAPE) {
+            *o++ = RLE_ESCAPE;
+            *o++ = static_cast<uint8_t>(run - 1);
+            if (run > 1) *o++ = s[i];
+        } else {
+            std::memset(o, s[i], run);
+            o += run;
+        }
+        i += run;
+    }
+    return static_cast<uint32_t>(o - out);
+}
+
+}  // namespace
+
+// 1-bit pictures go out without a map, the darker colour as set bits: the one
+// form every reader shows alike (with a map, they differ on which entry a set
+// bit takes).  4-bit pictures are widened to 8-bit with a 16-entry map.
+// 24-bit rows go out blue, green, red: the standard type's order.
+BRIVANTA_WRITER(sunras_write_file) {
+    const int bits = header->biBitCount;
+    if (bits != 1 && bits != 4 && bits != 8 && bits != 24) return IMG_ERR_DEPTH;
+    const int32_t width = header->biWidth, height = header->biHeight;
+    const uint32_t stride = row_bytes(width, bits);
+    if (height <= 0 || !stride) return IMG_ERR_HEADER;
+    const int depth = bits == 4 ? 8 : bits;
+    const uint32_t file_row = static_cast<uint32_t>((uint64_t{static_cast<uint32_t>(width)} * depth + 15) / 16 * 2);
+    uint32_t raw_length;
+    // The buffers below add up two rows: each must stay well inside 32 bits.
+    if (file_row > 0x3FFFFFF0u || stride > 0x3FFFFFF0u ||
+        !size_mul_add(file_row, static_cast<uint32_t>(height), 0, &raw_length))
+        return IMG_ERR_HEADER;
+    const bool rle = settings.sunras_rle != 0;
+    const auto *pal = reinterpret_cast<const uint8_t *>(header) + 40;
+    const int colours = bits == 24 || bits == 1 ? 0 : 1 << bits;
+    const bool invert = bits == 1 && bilevel_white_index(pal) == 1;
+
+    scratch_set mem;
+    auto *row = static_cast<uint8_t *>(mem.take(stride + file_row + 16));
+    auto *packed = static_cast<uint8_t *>(rle ? mem.take(2 * file_row + 16) : row);
+    auto *head = static_cast<uint8_t *>(mem.take(SUNRAS_HEADER + 768));
+    if (!row || !packed || !head) return IMG_ERR_MEMORY;
+    const uint32_t fields[8] = {SUNRAS_MAGIC, static_cast<uint32_t>(width), static_cast<uint32_t>(height),
+                                static_cast<uint32_t>(depth), raw_length, rle ? TYPE_RLE : 1u,
+                                colours ? 1u : 0u, 3u * colours};
+    for (int k = 0; k < 8; k++)
+        for (int b = 0; b < 4; b++) head[4 * k + b] = static_cast<uint8_t>(fields[k] >> (24 - 8 * b));
+    // The map in planes: all reds, all greens, all blues.
+    for (int i = 0; i < colours; i++)
+        for (int c = 0; c < 3; c++) head[SUNRAS_HEADER + c * colours + i] = pal[4 * i + 2 - c];
+    const int32_t base = file_seek(fd, 0, 1);
+    if (int rc = write_all(fd, head, SUNRAS_HEADER + 3 * colours); rc < 0) return rc;
+
+    uint8_t *line = row + stride;  // the file row, built beside the DIB row
+    uint32_t written = 0;
+    for (int32_t r = 0; r < height; r++) {
+        if (int rc = get_row(context, row, r, static_cast<int>(stride)); rc < 0) return rc;
+        std::memset(line, 0, file_row);
+        if (bits == 4) {
+            for (int32_t x = 0; x < width; x++) line[x] = static_cast<uint8_t>(x & 1 ? row[x / 2] & 15 : row[x / 2] >> 4);
+        } else {
+            const uint32_t used = (static_cast<uint32_t>(width) * depth + 7) / 8;
+            std::memcpy(line, row, used);
+            if (invert)
+                for (uint32_t k = 0; k < used; k++) line[k] = static_cast<uint8_t>(~line[k]);
+            if (bits == 1 && width % 8)  // bits past the last pixel stay clear
+                line[used - 1] = static_cast<uint8_t>(line[used - 1] & (0xFF00 >> (width % 8)));
+        }
+        const uint32_t n = rle ? sunras_pack_row(line, file_row, packed) : file_row;
+        if (int rc = write_all(fd, rle ? packed : line, static_cast<int32_t>(n)); rc < 0) return rc;
+        written += n;
+    }
+    if (!rle) return 0;
+    // The length field holds the coded bytes, known only now.
+    const int32_t end = file_seek(fd, 0, 1);
+    for (int b = 0; b < 4; b++) head[b] = static_cast<uint8_t>(written >> (24 - 8 * b));
+    if (base < 0 || end < 0 || file_seek(fd, base + 16, 0) < 0) return IMG_ERR_WRITE;
+    if (int rc = write_all(fd, head, 4); rc < 0) return rc;
+    return file_seek(fd, end, 0) < 0 ? IMG_ERR_WRITE : 0;
 }
 
 }  // namespace brv

@@ -1,6 +1,6 @@
 // X window dumps, file version 7: Z pixmaps of 1, 4, 8 and 24 bits (24 in
 // 24- or 32-bit pixels), XY bitmaps, and 8-plane XY pixmaps, with their
-// colour records.
+// colour records; and the writer of type 36 (Z pixmaps).
 #include "codecs/codec_support.h"
 #include "codecs/codecs.h"
 #include "frame/byte_source.h"
@@ -205,6 +205,56 @@ BRIVANTA_READER(xwd_read_file) {
             std::memcpy(out, line, needed);
         }
         if (int rc = put_row(out, context, static_cast<int>(y), static_cast<int>(out_len)); rc < 0) return rc;
+    }
+    return 0;
+}
+
+// Z pixmaps, most significant byte and bit first, lines padded to 32 bits:
+// the DIB's own rows for 1, 4 and 8 bits, 24 bits as 32-bit pixels 0, R, G, B.
+// The bitmap name is the window name.
+BRIVANTA_WRITER(xwd_write_file) {
+    const int bits = header->biBitCount;
+    if (bits != 1 && bits != 4 && bits != 8 && bits != 24) return IMG_ERR_DEPTH;
+    const int32_t width = header->biWidth, height = header->biHeight;
+    const uint32_t stride = row_bytes(width, bits);
+    if (height <= 0 || !stride || width > 0x1FFFFFFF) return IMG_ERR_HEADER;
+    const uint32_t line_len = bits == 24 ? 4u * static_cast<uint32_t>(width) : stride;
+    const auto *pal = reinterpret_cast<const uint8_t *>(header) + 40;
+    const uint32_t colours = bits == 24 ? 0 : 1u << bits;
+    const uint32_t name_len = static_cast<uint32_t>(std::strlen(settings.bitmap_name)) + 1;
+
+    scratch_set mem;
+    auto *row = static_cast<uint8_t *>(mem.take(stride + 16));
+    auto *line = static_cast<uint8_t *>(mem.take(line_len + 16));
+    auto *head = static_cast<uint8_t *>(mem.take(XWD_HEADER + sizeof settings.bitmap_name + COLOUR_RECORD * 256));
+    if (!row || !line || !head) return IMG_ERR_MEMORY;
+    const uint32_t w = static_cast<uint32_t>(width), h = static_cast<uint32_t>(height);
+    const uint32_t fields[FIELDS] = {XWD_HEADER + name_len, XWD_VERSION, Z_PIXMAP, static_cast<uint32_t>(bits), w, h,
+                                     0, MSB_FIRST, 32, MSB_FIRST, 32, bits == 24 ? 32u : static_cast<uint32_t>(bits),
+                                     line_len, bits == 24 ? 4u : 3u,  // TrueColor, PseudoColor
+                                     bits == 24 ? 0xFF0000u : 0, bits == 24 ? 0xFF00u : 0, bits == 24 ? 0xFFu : 0, 8,
+                                     bits == 24 ? 256u : colours, colours, w, h, 0, 0, 0};
+    for (int k = 0; k < FIELDS; k++)
+        for (int b = 0; b < 4; b++) head[4 * k + b] = static_cast<uint8_t>(fields[k] >> (24 - 8 * b));
+    std::memcpy(head + XWD_HEADER, settings.bitmap_name, name_len);
+    uint8_t *rec = head + XWD_HEADER + name_len;
+    for (uint32_t i = 0; i < colours; i++, rec += COLOUR_RECORD) {
+        const uint8_t c[COLOUR_RECORD] = {0, 0, 0, static_cast<uint8_t>(i), pal[4 * i + 2], pal[4 * i + 2],
+                                          pal[4 * i + 1], pal[4 * i + 1], pal[4 * i], pal[4 * i], 7, 0};
+        std::memcpy(rec, c, COLOUR_RECORD);
+    }
+    if (int rc = write_all(fd, head, static_cast<int32_t>(rec - head)); rc < 0) return rc;
+    for (uint32_t y = 0; y < h; y++) {
+        if (int rc = get_row(context, row, static_cast<int>(y), static_cast<int>(stride)); rc < 0) return rc;
+        const uint8_t *out = row;
+        if (bits == 24) {
+            for (uint32_t x = 0; x < w; x++) {
+                const uint8_t px[4] = {0, row[3 * x + 2], row[3 * x + 1], row[3 * x]};
+                std::memcpy(line + 4 * x, px, 4);
+            }
+            out = line;
+        }
+        if (int rc = write_all(fd, out, static_cast<int32_t>(line_len)); rc < 0) return rc;
     }
     return 0;
 }

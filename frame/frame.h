@@ -178,6 +178,7 @@ struct library_settings {
     int dithermode;
     int comp_quality;
     int png_level;       // deflate level of the PNG writer
+    int sunras_rle;      // type 37 writes run-length data
     int wipedelay;
     bool status_enabled;
     IMG_status_fn status_fn;

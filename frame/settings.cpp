@@ -128,6 +128,12 @@ int IMG_API IMGLOW_set_png_level(int level) {
     return previous;
 }
 
+int IMG_API IMGLOW_set_sunras_rle(int on) {
+    const int previous = settings.sunras_rle;
+    settings.sunras_rle = on != 0;
+    return previous;
+}
+
 int IMG_API IMGLOW_get_bitmap_name(char *text_out, char *date_out) {
     if (text_out) std::strcpy(text_out, settings.bitmap_name);
     if (date_out) std::strcpy(date_out, settings.bitmap_date);

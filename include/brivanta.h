@@ -203,6 +203,9 @@ IMG_EXPORT int IMG_API IMGLOW_set_comp_quality(int quality);
 /* The PNG writer's deflate level, 0 (stored) to 9 (smallest); 6 at start.
  * Returns the previous level, or IMG_ERR_TYPE for a level outside 0..9. */
 IMG_EXPORT int IMG_API IMGLOW_set_png_level(int level);
+/* Sun raster output (type 37): nonzero writes byte-encoded run-length data,
+ * 0 (the default) plain rows.  Returns the previous value. */
+IMG_EXPORT int IMG_API IMGLOW_set_sunras_rle(int on);
 IMG_EXPORT int IMG_API IMGLOW_get_bitmap_name(char *text_out, char *date_out);
 IMG_EXPORT int IMG_API IMGLOW_set_bitmap_name(const char *text, const char *date);
 

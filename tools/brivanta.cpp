@@ -620,6 +620,28 @@ std::vector<unsigned char> bitmap_bytes(int h, unsigned char keep = 0xFF, int co
     return out;
 }
 
+// The picture as the user sees it: width, height, then each pixel's blue,
+// green, red, whatever the depth and table that carry it.
+std::vector<unsigned char> bitmap_colours(int h) {
+    int w = 0, ht = 0, bits = 0;
+    int block = IMG_bitmap_info(h, &w, &ht, &bits);
+    if (block <= 0) return {};
+    auto *dib = static_cast<unsigned char *>(IMG_mem_lock(block));
+    const int padded = ((w * bits + 31) / 32) * 4, pal = bits == 24 ? 0 : 4 << bits;
+    std::vector<unsigned char> out(8);
+    std::memcpy(out.data(), dib + 4, 8);
+    for (int y = 0; y < ht; y++) {
+        const unsigned char *row = dib + 40 + pal + y * padded;
+        for (int x = 0; x < w; x++) {
+            const unsigned char *c = bits == 24 ? row + 3 * x
+                                     : dib + 40 + 4 * ((row[x * bits / 8] >> (8 - bits - x * bits % 8)) & ((1 << bits) - 1));
+            out.insert(out.end(), c, c + 3);
+        }
+    }
+    IMG_mem_unlock(block);
+    return out;
+}
+
 double ms_since(std::chrono::steady_clock::time_point t0) {
     return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
 }
@@ -786,6 +808,8 @@ int cmd_demo(int argc, char **argv) {
                 // 15-bit Targa keeps the top five bits of each sample, and no more.
                 if (!same && t.code == IMG_TYPE_TARGA16 && bitmap_bytes(h, 0xF8) == bitmap_bytes(cards[i], 0xF8))
                     verdict = "in 15 bits";
+                // A writer may store the picture at another depth or table (Sun raster widens 4 bits).
+                if (!same && bitmap_colours(h) == bitmap_colours(cards[i])) verdict = "same colours";
                 IMG_delete_bitmap(h);
             }
             rows++;

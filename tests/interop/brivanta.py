@@ -229,7 +229,7 @@ def dcx_page_rgb(path, page=0):
 
 
 REFERENCES["DCX page in Pillow"] = dcx_page_rgb
-for _tool in ("pcxtoppm", "tgatoppm", "giftopnm", "g3topbm", "xbmtopbm", "xpmtoppm"):
+for _tool in ("pcxtoppm", "tgatoppm", "giftopnm", "g3topbm", "xbmtopbm", "xpmtoppm", "rasttopnm", "ilbmtoppm"):
     REFERENCES[_tool] = lambda p, page=0, t=_tool: image_rgb(run([t, p]))
 
 
