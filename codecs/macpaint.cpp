@@ -24,20 +24,7 @@ int macpaint_unpack_rows(byte_source &src, IMG_put_row_fn put_row, void *context
     for (int r = 0; r < MAC_HEIGHT; r++) {
         // A run may overshoot the row; the surplus is dropped and the next
         // row starts at the next control byte.
-        int done = 0;
-        while (done < MAC_ROW) {
-            int n = source_byte(src);
-            if (n < 0) return IMG_ERR_DATA;
-            if (n < 128) {
-                if (source_read(src, row + done, n + 1) != n + 1) return IMG_ERR_DATA;
-                done += n + 1;
-            } else {
-                int v = source_byte(src);
-                if (v < 0) return IMG_ERR_DATA;
-                std::memset(row + done, v, static_cast<size_t>(257 - n));
-                done += 257 - n;
-            }
-        }
+        if (!source_unpack_runs(src, row, MAC_ROW)) return IMG_ERR_DATA;
         // The file's 1 is black, palette entry 0.
         for (int i = 0; i < MAC_ROW; i++) row[i] = static_cast<uint8_t>(~row[i]);
         if (int rc = put_row(row, context, r, static_cast<int>(out_len)); rc < 0) return rc;

@@ -79,20 +79,7 @@ int psd_read_rle_planes(byte_source &src, const plane_sink &s, int planes, int c
         if (next > 0x7FFFFFFF) return IMG_ERR_DATA;
         source_seek(src, static_cast<int32_t>(next));
         next += get16be(counts + 2 * k);
-        int32_t done = 0;
-        while (done < l) {
-            int n = source_byte(src);
-            if (n < 0) return IMG_ERR_DATA;
-            if (n < 128) {
-                if (source_read(src, row + done, n + 1) != n + 1) return IMG_ERR_DATA;
-                done += n + 1;
-            } else {
-                int v = source_byte(src);
-                if (v < 0) return IMG_ERR_DATA;
-                std::memset(row + done, v, 257 - n);
-                done += 257 - n;
-            }
-        }
+        if (!source_unpack_runs(src, row, l)) return IMG_ERR_DATA;
         if (int rc = plane_row_out(s, row, k); rc < 0) return rc;
     }
     return 1;

@@ -151,4 +151,25 @@ inline bool source_skip(byte_source &s, uint64_t n) {
 
 inline bool source_at_end(byte_source &s) { return s.pos >= s.len && !source_fill(s); }
 
+// Run-length packets until at least n bytes are in row: a control byte c
+// below 128 copies the next c + 1 bytes, any other repeats the next byte
+// 257 - c times (128 included).  The last packet may run up to 128 bytes past
+// n, which row must have room for.  False when the data ends first.
+inline bool source_unpack_runs(byte_source &s, uint8_t *row, int32_t n) {
+    for (int32_t done = 0; done < n;) {
+        const int c = source_byte(s);
+        if (c < 0) return false;
+        if (c < 128) {
+            if (source_read(s, row + done, c + 1) != c + 1) return false;
+            done += c + 1;
+        } else {
+            const int v = source_byte(s);
+            if (v < 0) return false;
+            std::memset(row + done, v, static_cast<size_t>(257 - c));
+            done += 257 - c;
+        }
+    }
+    return true;
+}
+
 }  // namespace brv
