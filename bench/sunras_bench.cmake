@@ -8,3 +8,6 @@ if(MAGICKWAND_FOUND)
   target_link_libraries(${name} PRIVATE PkgConfig::MAGICKWAND)
   target_compile_definitions(${name} PRIVATE HAVE_MAGICKWAND)
 endif()
+# Our tool, for the whole-process comparison with netpbm's converters.
+add_dependencies(${name} brivanta_tool)
+target_compile_definitions(${name} PRIVATE BRIVANTA_TOOL="$<TARGET_FILE:brivanta_tool>")

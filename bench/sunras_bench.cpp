@@ -1,13 +1,22 @@
 // Decode of 4000 x 3000 Sun raster run-length files (8 and 24 bits) and X
 // window dumps (24 bits in 32-bit pixels, 8 bits) from memory, beside
-// ImageMagick (MagickWand, one thread) reading the same bytes.
+// ImageMagick (MagickWand, one thread) reading the same bytes; then whole
+// processes from a file: netpbm's converter to PNM on a pipe to /dev/null
+// beside our tool converting to an uncompressed BMP, start-up included.
 #include "brivanta.h"
 
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <string>
 #include <vector>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #ifdef HAVE_MAGICKWAND
 #include <wand/MagickWand.h>
@@ -140,6 +149,50 @@ void BM_ImageMagick(benchmark::State &state) {
 }
 #endif
 
+// The file of a kind written once to a temporary path, for whole processes.
+std::string paths[4];
+const std::string &path_of(kind k) {
+    if (paths[k].empty()) {
+        static const char *const ext[4] = {"ras", "ras", "xwd", "xwd"};
+        paths[k] = "/tmp/sunras_bench_" + std::to_string(getpid()) + "_" + std::to_string(k) + "." + ext[k];
+        const auto &f = file_of(k);
+        FILE *out = std::fopen(paths[k].c_str(), "wb");
+        if (!out || std::fwrite(f.data(), 1, f.size(), out) != f.size() || std::fclose(out) != 0) paths[k].clear();
+    }
+    return paths[k];
+}
+
+// Runs argv with stdout on /dev/null; true when it exits 0.
+bool run(const std::vector<std::string> &args) {
+    std::vector<char *> argv;
+    for (const auto &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", O_WRONLY, 0);
+    pid_t pid;
+    const int rc = posix_spawnp(&pid, argv[0], &fa, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&fa);
+    int status = 0;
+    return rc == 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+void whole_process(benchmark::State &state, bool ours) {
+    const kind k = static_cast<kind>(state.range(0));
+    const std::string &in = path_of(k);
+    const std::string out = in + ".bmp";
+    const std::vector<std::string> args =
+        ours ? std::vector<std::string>{BRIVANTA_TOOL, "convert", in, out}
+             : std::vector<std::string>{k == XWD24 || k == XWD8 ? "xwdtopnm" : "rasttopnm", in};
+    for (auto _ : state)
+        if (in.empty() || !run(args)) state.SkipWithError("process failed");
+    std::remove(out.c_str());
+    state.counters["Mpix/s"] = benchmark::Counter(double(W) * H / 1e6, benchmark::Counter::kIsIterationInvariantRate);
+}
+void BM_OurToolProcess(benchmark::State &state) { whole_process(state, true); }
+void BM_NetpbmProcess(benchmark::State &state) { whole_process(state, false); }
+
 void kinds(benchmark::internal::Benchmark *b) {
     b->ArgName("kind")->Unit(benchmark::kMillisecond);
     for (int k : {SUN_RLE8, SUN_RLE24, XWD24, XWD8}) b->Arg(k);
@@ -151,4 +204,14 @@ BENCHMARK(BM_Ours)->Apply(kinds);
 #ifdef HAVE_MAGICKWAND
 BENCHMARK(BM_ImageMagick)->Apply(kinds);
 #endif
-BENCHMARK_MAIN();
+// Whole processes take wall-clock time: the child's work is not this thread's.
+BENCHMARK(BM_OurToolProcess)->Apply(kinds)->UseRealTime();
+BENCHMARK(BM_NetpbmProcess)->Apply(kinds)->UseRealTime();
+
+int main(int argc, char **argv) {
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    for (const auto &p : paths)
+        if (!p.empty()) std::remove(p.c_str());
+}
