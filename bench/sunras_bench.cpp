@@ -13,10 +13,7 @@
 #include <string>
 #include <vector>
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "bench/bench_process.h"
 
 #ifdef HAVE_MAGICKWAND
 #include <wand/MagickWand.h>
@@ -162,22 +159,6 @@ const std::string &path_of(kind k) {
     return paths[k];
 }
 
-// Runs argv with stdout on /dev/null; true when it exits 0.
-bool run(const std::vector<std::string> &args) {
-    std::vector<char *> argv;
-    for (const auto &a : args) argv.push_back(const_cast<char *>(a.c_str()));
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", O_WRONLY, 0);
-    pid_t pid;
-    const int rc = posix_spawnp(&pid, argv[0], &fa, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&fa);
-    int status = 0;
-    return rc == 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 void whole_process(benchmark::State &state, bool ours) {
     const kind k = static_cast<kind>(state.range(0));
     const std::string &in = path_of(k);
@@ -186,7 +167,7 @@ void whole_process(benchmark::State &state, bool ours) {
         ours ? std::vector<std::string>{BRIVANTA_TOOL, "convert", in, out}
              : std::vector<std::string>{k == XWD24 || k == XWD8 ? "xwdtopnm" : "rasttopnm", in};
     for (auto _ : state)
-        if (in.empty() || !run(args)) state.SkipWithError("process failed");
+        if (in.empty() || !run_quietly(args)) state.SkipWithError("process failed");
     std::remove(out.c_str());
     state.counters["Mpix/s"] = benchmark::Counter(double(W) * H / 1e6, benchmark::Counter::kIsIterationInvariantRate);
 }
