@@ -57,6 +57,14 @@ extern uint8_t jpeg_quant_luma[64];
 extern uint8_t jpeg_quant_chroma[64];
 int jpeg_scale_quant_tables(int quality);
 
+// Truncating division by a quantiser (1..255) as a multiply by recip = 1/q:
+// (|v| + 1/2) / q lies at least 1/(2q) from any whole number, and for
+// |v| < 2^22 the float product strays less than that.
+inline int jpeg_quantise_one(int v, float recip) {
+    int a = static_cast<int>((static_cast<float>(v < 0 ? -v : v) + 0.5f) * recip);
+    return v < 0 ? -a : a;
+}
+
 // The fixed-point transforms.  Forward: 8x8 level-shifted samples at a
 // stride to 64 coefficients in natural order, DC = one eighth of the sum.
 // Inverse: natural-order coefficients (rows: bit i set when row i may be

@@ -260,6 +260,33 @@ TEST(JpegEncode, GoldenOutputBytes) {
     IMGLOW_set_comp_quality(50);
 }
 
+// Output pinned across the depths a save takes (8-bit grey and mapped,
+// 24-bit; 4- and 32-bit handles are converted or refused on the way), sizes
+// padding the right and bottom edges, and qualities 1 to 100: each row's
+// hash runs on through the bytes of every quality.
+TEST(JpegEncode, GoldenOutputAcrossDepthsSizesAndQualities) {
+    struct {
+        int width, height, bits;  // bits 0: smooth 24-bit, -1: smooth grey, -2: smooth mapped
+        uint64_t hash;
+    } cases[] = {{1, 1, 24, 0x98d525db37d22066}, {17, 9, 24, 0x8dcecdc0c262af3b}, {33, 31, 24, 0xfa105d13f5a96a8},
+                 {16, 8, 8, 0x11d69d5e2ae90890}, {23, 15, 8, 0x6711475ec2e60a0f}, {9, 40, 4, 0x14650fb08c62fc68},
+                 {19, 7, 32, 0xdfee688995236e1b}, {71, 29, 0, 0x5dee4ecdbbbefcf1}, {64, 48, -1, 0x597444a103030b27},
+                 {41, 25, -2, 0x924bdec5d76b139a}, {7, 3, -1, 0x32c4817f95ec60bc}, {130, 17, 0, 0xf9ef7ef3f6ced3ae}};
+    for (auto &c : cases) {
+        picture p = c.bits > 0    ? make_picture(c.width, c.height, c.bits, static_cast<uint32_t>(c.width))
+                    : c.bits == 0 ? smooth_picture(c.width, c.height, kind::rgb24, 2)
+                                  : smooth_picture(c.width, c.height, c.bits == -1 ? kind::grey8 : kind::palette8, 3);
+        uint64_t h = 1469598103934665603ull;
+        for (int q : {1, 4, 12, 25, 38, 50, 63, 75, 85, 90, 95, 99, 100}) {
+            IMGLOW_set_comp_quality(q);
+            int code = 0;
+            h = byte_hash(save_pic(p, IMG_TYPE_JPEG, &code), h) ^ static_cast<uint32_t>(code);
+        }
+        EXPECT_EQ(h, c.hash) << c.width << "x" << c.height << " bits " << c.bits << std::hex << " got 0x" << h;
+    }
+    IMGLOW_set_comp_quality(50);
+}
+
 namespace {
 int IMG_CALLBACK refuse(void *, unsigned char *, int r, int) { return r == 11 ? -42 : 0; }
 }  // namespace
@@ -304,5 +331,15 @@ TEST(JpegTransform, ForwardLaneKernelEqualsTheScalarOne) {
         jpeg_fdct_8x8(s + 3, 13, fa);
         jpeg_fdct_8x8_lanes(s + 3, 13, fb);
         ASSERT_EQ(std::memcmp(fa, fb, sizeof fa), 0) << "block " << it;
+    }
+}
+
+// The encoder's multiply-by-reciprocal quantiser against division, over the
+// whole 16-bit coefficient range and every quantiser.
+TEST(JpegTransform, QuantiserMultiplyEqualsTruncatingDivision) {
+    for (int q = 1; q <= 255; q++) {
+        const float recip = 1.0f / static_cast<float>(q);
+        for (int v = -32768; v <= 32767; v++)
+            if (jpeg_quantise_one(v, recip) != v / q) FAIL() << v << " / " << q;
     }
 }
