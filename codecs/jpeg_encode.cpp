@@ -83,8 +83,8 @@ void jpeg_build_code_tables() {
 
 // ---- Output ------------------------------------------------------------------------
 
-// Up to 16 bits wait in the accumulator; a word leaves, high byte first and
-// each 0xFF byte stuffed with 0x00, only when the next bits would overflow it.
+// Bits gather in a 64-bit accumulator and leave four bytes at a time, high
+// byte first; a word without an 0xFF byte (nearly all) skips the stuffing.
 struct bit_writer {
     uint8_t *out;
     int32_t len;
@@ -95,14 +95,31 @@ struct bit_writer {
         out[len++] = static_cast<uint8_t>(byte);
         if (byte == 0xFF) out[len++] = 0;
     }
+    // bits holds no more than its n (at most 32) low bits.
     void put(int n, uint32_t bits) {
-        acc = acc << n | (bits & ((uint64_t{1} << n) - 1));
+        acc = acc << n | bits;
         pending += n;
-        while (pending > 16) {
-            uint32_t word = static_cast<uint32_t>(acc >> (pending - 16)) & 0xFFFF;
-            emit(word >> 8);
-            emit(word & 0xFF);
-            pending -= 16;
+        if (pending < 32) return;
+        pending -= 32;
+        uint32_t word = static_cast<uint32_t>(acc >> pending);
+        // A byte of ~word is zero exactly where word has an 0xFF byte.
+        uint32_t inv = ~word;
+        if (((inv - 0x01010101u) & ~inv & 0x80808080u) == 0) {
+            out[len] = static_cast<uint8_t>(word >> 24), out[len + 1] = static_cast<uint8_t>(word >> 16);
+            out[len + 2] = static_cast<uint8_t>(word >> 8), out[len + 3] = static_cast<uint8_t>(word);
+            len += 4;
+        } else {
+            emit(word >> 24), emit((word >> 16) & 0xFF), emit((word >> 8) & 0xFF), emit(word & 0xFF);
+        }
+    }
+    // The data ends on a whole 16-bit word, padded with zero bits.
+    void finish() {
+        int pad = (16 - pending % 16) % 16;
+        acc <<= pad;
+        pending += pad;
+        while (pending >= 8) {
+            pending -= 8;
+            emit(static_cast<uint32_t>(acc >> pending) & 0xFF);
         }
     }
 };
@@ -215,15 +232,10 @@ void jpeg_fdct_8x8_lanes(const int16_t *src, int stride, int16_t *coef) { fdct_b
 
 namespace {
 
-// Truncating division: no rounding to nearest.
-inline void jpeg_quantise(int16_t *coef, const uint8_t *q) {
-    for (int i = 0; i < 64; i++) coef[i] = static_cast<int16_t>(coef[i] / q[i]);
-}
-
 struct component {
     int16_t predictor;
     int16_t *plane;
-    const uint8_t *quant;
+    const float *recip;  // 1/q per natural-order position
     int h;
     const code_table *dc, *ac;
 };
@@ -231,31 +243,31 @@ struct component {
 void encode_block(bit_writer &bw, component &c, const int16_t *samples, int stride) {
     alignas(16) int16_t coef[64];
     fdct_best(samples, stride, coef);
-    jpeg_quantise(coef, c.quant);
     // The typical tables code DC differences up to 11 bits and AC values up
     // to 10; the extremes of saturated colour at quality 100 could exceed them.
-    int dc = coef[0], diff = dc - c.predictor;
+    int dc = jpeg_quantise_one(coef[0], c.recip[0]), diff = dc - c.predictor;
     if (diff > 2047) diff = 2047;
     if (diff < -2047) diff = -2047;
     c.predictor = static_cast<int16_t>(c.predictor + diff);
     jpeg_encode_value(bw, 0, diff, *c.dc);
     int zz[64];
-    int last = 0;
+    uint64_t nonzero = 0;
     for (int k = 1; k < 64; k++) {
-        int v = coef[jpeg_zigzag[k]];
+        int v = jpeg_quantise_one(coef[jpeg_zigzag[k]], c.recip[jpeg_zigzag[k]]);
         zz[k] = v > 1023 ? 1023 : v < -1023 ? -1023 : v;
-        if (v) last = k;
+        nonzero |= uint64_t{v != 0} << k;
     }
-    int run = 0;
-    for (int k = 1; k <= last; k++) {
-        if (zz[k] == 0 && run < 15) {
-            run++;
-        } else {
-            jpeg_encode_value(bw, run, zz[k], *c.ac);
-            run = 0;
-        }
+    // Sixteen zeros in a row take the (15, 0) code.
+    int prev = 0;
+    while (nonzero) {
+        int k = std::countr_zero(nonzero);
+        nonzero &= nonzero - 1;
+        int run = k - prev - 1;
+        for (; run >= 16; run -= 16) jpeg_encode_value(bw, 15, 0, *c.ac);
+        jpeg_encode_value(bw, run, zz[k], *c.ac);
+        prev = k;
     }
-    if (last < 63) jpeg_encode_value(bw, 0, 0, *c.ac);
+    if (prev < 63) jpeg_encode_value(bw, 0, 0, *c.ac);
 }
 
 // ---- Rows ----------------------------------------------------------------------------------
@@ -269,19 +281,20 @@ void jpeg_expand_palette_row(uint8_t *buf, int width, const uint8_t *palette) {
     }
 }
 
+// Luma for every sample; chroma from the even samples only, positions 0-7
+// of every 16-sample span holding the span's eight (the rest go unread).
 void jpeg_bgr_to_ycc(const uint8_t *buf, int W, int16_t *y, int16_t *cb, int16_t *cr) {
     for (int x = 0; x < W; x++) {
         int B = buf[3 * x], G = buf[3 * x + 1], R = buf[3 * x + 2];
         y[x] = static_cast<int16_t>(((308 * R + 603 * G + 120 * B) >> 10) - 128);
-        cb[x] = static_cast<int16_t>((512 * B - 339 * G - 178 * R) >> 10);
-        cr[x] = static_cast<int16_t>((512 * R - 429 * G - 83 * B) >> 10);
     }
-}
-
-// Positions 0-7 of every 16-sample span take the span's even samples.
-void jpeg_decimate_chroma(int16_t *row, int W) {
     for (int s = 0; s < W; s += 16)
-        for (int j = 0; j < 8; j++) row[s + j] = row[s + 2 * j];
+        for (int j = 0; j < 8; j++) {
+            const uint8_t *p = buf + 3 * (s + 2 * j);
+            int B = p[0], G = p[1], R = p[2];
+            cb[s + j] = static_cast<int16_t>((512 * B - 339 * G - 178 * R) >> 10);
+            cr[s + j] = static_cast<int16_t>((512 * R - 429 * G - 83 * B) >> 10);
+        }
 }
 
 int write_segment(int fd, const uint8_t *p, int32_t n) { return write_all(fd, p, n); }
@@ -397,11 +410,13 @@ BRIVANTA_WRITER(jpeg_write_file) {
     auto *out = static_cast<uint8_t *>(mem.take(OUTPUT_SIZE));
     if (!row || !planes || !out) return IMG_ERR_MEMORY;
     jpeg_build_code_tables();
+    float recip_luma[64], recip_chroma[64];
+    for (int i = 0; i < 64; i++) recip_luma[i] = 1.0f / jpeg_quant_luma[i], recip_chroma[i] = 1.0f / jpeg_quant_chroma[i];
 
     component comp[3] = {
-        {0, planes, jpeg_quant_luma, colour ? 2 : 1, &dc_luma_codes, &ac_luma_codes},
-        {0, planes + 8 * W, jpeg_quant_chroma, 1, &dc_chroma_codes, &ac_chroma_codes},
-        {0, planes + 16 * W, jpeg_quant_chroma, 1, &dc_chroma_codes, &ac_chroma_codes},
+        {0, planes, recip_luma, colour ? 2 : 1, &dc_luma_codes, &ac_luma_codes},
+        {0, planes + 8 * W, recip_chroma, 1, &dc_chroma_codes, &ac_chroma_codes},
+        {0, planes + 16 * W, recip_chroma, 1, &dc_chroma_codes, &ac_chroma_codes},
     };
     bit_writer bw{out, 0, 0, 0};
     const int fetch_bytes = static_cast<int>(row_bytes(width, bits));
@@ -420,8 +435,6 @@ BRIVANTA_WRITER(jpeg_write_file) {
             if (colour) {
                 int16_t *cb = comp[1].plane + i * W, *cr = comp[2].plane + i * W;
                 jpeg_bgr_to_ycc(row, W, y, cb, cr);
-                jpeg_decimate_chroma(cb, W);
-                jpeg_decimate_chroma(cr, W);
             } else {
                 for (int x = 0; x < W; x++) y[x] = static_cast<int16_t>(row[x] - 128);
             }
@@ -433,7 +446,7 @@ BRIVANTA_WRITER(jpeg_write_file) {
             }
         }
     }
-    bw.put(17 - bw.pending, 0);
+    bw.finish();
     if (bw.len && file_write(fd, out, bw.len) != bw.len) return IMG_ERR_WRITE;
     static constexpr uint8_t eoi[2] = {0xFF, 0xD9};
     return write_all(fd, eoi, 2);
