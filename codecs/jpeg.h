@@ -73,6 +73,12 @@ void jpeg_fdct_8x8(const int16_t *src, int stride, int16_t *coef);
 // The forward transform the encoder runs, eight lanes at a time; bit for
 // bit the result of jpeg_fdct_8x8.
 void jpeg_fdct_8x8_lanes(const int16_t *src, int stride, int16_t *coef);
+// The same, each coefficient then quantised by jpeg_quantise_one with
+// recip (64 reciprocals, natural order): what the encoder runs.
+void jpeg_fdct_quantise_lanes(const int16_t *src, int stride, const float *recip, int16_t *coef);
+// The widest vectors the encoder's transform may use: 256, or 0 for plain
+// code; the processor's own limit until called.  Output is the same.
+void jpeg_encoder_limit_vectors(int bits);
 void jpeg_idct_8x8(const int16_t *coef, unsigned rows, int8_t *dst, int stride);
 // The inverse transform the decoder runs, eight lanes at a time, on a
 // transposed block (coefficient row i, column k at k * 8 + i); bit for bit

@@ -196,39 +196,70 @@ namespace {
 
 // The forward transform eight lanes at a time, through the same kernel, so
 // the coefficients are the same bit for bit.  Pass 1 runs the eight sample
-// rows side by side (lane i: row i), giving work row k in F[k]; pass 2 runs
-// the work rows side by side after a transpose, giving coefficient row m in
-// lanes k.
-__attribute__((always_inline)) inline void fdct_lanes(const int16_t *src, int stride, int16_t *coef) {
+// rows side by side (lane i: row i, by a transpose of the rows as loaded),
+// giving work row k in F[k]; pass 2 runs the work rows side by side after a
+// transpose, giving coefficient row m in lanes k.  With recip, the
+// coefficients leave quantised (jpeg_quantise_one on each lane).
+using flanes8 = float __attribute__((vector_size(32)));
+using short8 = int16_t __attribute__((vector_size(16)));
+__attribute__((always_inline)) inline void fdct_lanes(const int16_t *src, int stride, const float *recip, int16_t *coef) {
     lanes8 x[8], F[8];
-    for (int k = 0; k < 8; k++)
-        for (int i = 0; i < 8; i++) x[k][i] = src[i * stride + k];
+    for (int i = 0; i < 8; i++) {
+        short8 r;
+        std::memcpy(&r, src + i * stride, 16);
+        F[i] = __builtin_convertvector(r, lanes8);
+    }
+    transpose_lanes8(F, x);
     fdct_kernel<1>(x, F);
     for (auto &v : F) v = (v << 16) >> 16;  // the work block is 16-bit
     transpose_lanes8(F, x);
     fdct_kernel<2>(x, F);
-    for (int m = 0; m < 8; m++)
-        for (int k = 0; k < 8; k++) coef[m * 8 + k] = static_cast<int16_t>(F[m][k]);
+    for (int m = 0; m < 8; m++) {
+        lanes8 v = (F[m] << 16) >> 16;
+        if (recip) {
+            lanes8 sign = v >> 31;
+            flanes8 f = __builtin_convertvector((v ^ sign) - sign, flanes8), q;
+            std::memcpy(&q, recip + 8 * m, 32);
+            v = __builtin_convertvector((f + 0.5f) * q, lanes8);
+            v = (v ^ sign) - sign;
+        }
+        short8 out = __builtin_convertvector(v, short8);
+        std::memcpy(coef + 8 * m, &out, 16);
+    }
 }
 
 #if defined(__x86_64__) || defined(__i386__)
-__attribute__((target("avx2"))) void fdct_lanes_avx2(const int16_t *src, int stride, int16_t *coef) {
-    fdct_lanes(src, stride, coef);
+__attribute__((target("avx2"))) void fdct_lanes_avx2(const int16_t *src, int stride, const float *recip, int16_t *coef) {
+    fdct_lanes(src, stride, recip, coef);
 }
 #endif
-void fdct_lanes_plain(const int16_t *src, int stride, int16_t *coef) { fdct_lanes(src, stride, coef); }
+void fdct_lanes_plain(const int16_t *src, int stride, const float *recip, int16_t *coef) {
+    fdct_lanes(src, stride, recip, coef);
+}
 
-using fdct_fn = void (*)(const int16_t *, int, int16_t *);
+using fdct_fn = void (*)(const int16_t *, int, const float *, int16_t *);
 #if defined(__x86_64__) || defined(__i386__)
 // Static initialisers must ask for the processor's features themselves.
-const fdct_fn fdct_best = (__builtin_cpu_init(), __builtin_cpu_supports("avx2")) ? fdct_lanes_avx2 : fdct_lanes_plain;
+const bool have_avx2 = (__builtin_cpu_init(), __builtin_cpu_supports("avx2"));
+fdct_fn fdct_best = have_avx2 ? fdct_lanes_avx2 : fdct_lanes_plain;
 #else
-const fdct_fn fdct_best = fdct_lanes_plain;
+fdct_fn fdct_best = fdct_lanes_plain;
 #endif
 
 }  // namespace
 
-void jpeg_fdct_8x8_lanes(const int16_t *src, int stride, int16_t *coef) { fdct_best(src, stride, coef); }
+void jpeg_fdct_8x8_lanes(const int16_t *src, int stride, int16_t *coef) { fdct_best(src, stride, nullptr, coef); }
+void jpeg_fdct_quantise_lanes(const int16_t *src, int stride, const float *recip, int16_t *coef) {
+    fdct_best(src, stride, recip, coef);
+}
+
+void jpeg_encoder_limit_vectors(int bits) {
+#if defined(__x86_64__) || defined(__i386__)
+    fdct_best = bits >= 256 && have_avx2 ? fdct_lanes_avx2 : fdct_lanes_plain;
+#else
+    (void)bits;
+#endif
+}
 
 namespace {
 
@@ -242,10 +273,10 @@ struct component {
 
 void encode_block(bit_writer &bw, component &c, const int16_t *samples, int stride) {
     alignas(16) int16_t coef[64];
-    fdct_best(samples, stride, coef);
+    fdct_best(samples, stride, c.recip, coef);
     // The typical tables code DC differences up to 11 bits and AC values up
     // to 10; the extremes of saturated colour at quality 100 could exceed them.
-    int dc = jpeg_quantise_one(coef[0], c.recip[0]), diff = dc - c.predictor;
+    int diff = coef[0] - c.predictor;
     if (diff > 2047) diff = 2047;
     if (diff < -2047) diff = -2047;
     c.predictor = static_cast<int16_t>(c.predictor + diff);
@@ -253,7 +284,7 @@ void encode_block(bit_writer &bw, component &c, const int16_t *samples, int stri
     int zz[64];
     uint64_t nonzero = 0;
     for (int k = 1; k < 64; k++) {
-        int v = jpeg_quantise_one(coef[jpeg_zigzag[k]], c.recip[jpeg_zigzag[k]]);
+        int v = coef[jpeg_zigzag[k]];
         zz[k] = v > 1023 ? 1023 : v < -1023 ? -1023 : v;
         nonzero |= uint64_t{v != 0} << k;
     }

@@ -315,23 +315,33 @@ TEST(JpegEncode, RowCodesAndTooWideARow) {
     EXPECT_EQ(n, IMG_ERR_MEMORY) << "too wide for the row buffer";
 }
 
-// The forward transform's lane kernel against the plain one (the inverse
-// kernels are compared in the decoder's golden tests).
+// The forward transform's lane kernel, alone and with quantisers, against
+// the plain one at every vector width (the inverse kernels are compared in
+// the decoder's golden tests).
 TEST(JpegTransform, ForwardLaneKernelEqualsTheScalarOne) {
     uint32_t seed = 12345;
     auto rnd = [&seed](int range) {
         seed = seed * 1664525u + 1013904223u;
         return static_cast<int>(seed >> 8) % (2 * range + 1) - range;
     };
-    for (int it = 0; it < 20000; it++) {
-        // Level-shifted samples (the colour weights reach 128), at a stride.
-        int16_t s[8 * 13];
-        for (auto &v : s) v = static_cast<int16_t>(it % 5 == 0 ? (rnd(1) < 0 ? 128 : -129) : rnd(128) - (rnd(1) > 0));
-        int16_t fa[64], fb[64];
-        jpeg_fdct_8x8(s + 3, 13, fa);
-        jpeg_fdct_8x8_lanes(s + 3, 13, fb);
-        ASSERT_EQ(std::memcmp(fa, fb, sizeof fa), 0) << "block " << it;
+    for (int bits : {256, 0}) {
+        jpeg_encoder_limit_vectors(bits);
+        for (int it = 0; it < 20000; it++) {
+            // Level-shifted samples (the colour weights reach 128), at a stride.
+            int16_t s[8 * 13];
+            for (auto &v : s) v = static_cast<int16_t>(it % 5 == 0 ? (rnd(1) < 0 ? 128 : -129) : rnd(128) - (rnd(1) > 0));
+            float recip[64];
+            for (auto &r : recip) r = 1.0f / static_cast<float>(it % 7 == 0 ? 1 : 128 + rnd(127));
+            int16_t fa[64], fb[64], qa[64], qb[64];
+            jpeg_fdct_8x8(s + 3, 13, fa);
+            jpeg_fdct_8x8_lanes(s + 3, 13, fb);
+            ASSERT_EQ(std::memcmp(fa, fb, sizeof fa), 0) << "block " << it << " at " << bits << " bits";
+            for (int k = 0; k < 64; k++) qa[k] = static_cast<int16_t>(jpeg_quantise_one(fa[k], recip[k]));
+            jpeg_fdct_quantise_lanes(s + 3, 13, recip, qb);
+            ASSERT_EQ(std::memcmp(qa, qb, sizeof qa), 0) << "quantised block " << it << " at " << bits << " bits";
+        }
     }
+    jpeg_encoder_limit_vectors(256);
 }
 
 // The encoder's multiply-by-reciprocal quantiser against division, over the
