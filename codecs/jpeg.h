@@ -74,8 +74,9 @@ void jpeg_fdct_8x8(const int16_t *src, int stride, int16_t *coef);
 // bit the result of jpeg_fdct_8x8.
 void jpeg_fdct_8x8_lanes(const int16_t *src, int stride, int16_t *coef);
 // The same, each coefficient then quantised by jpeg_quantise_one with
-// recip (64 reciprocals, natural order): what the encoder runs.
-void jpeg_fdct_quantise_lanes(const int16_t *src, int stride, const float *recip, int16_t *coef);
+// recip (64 reciprocals, natural order), AC clamped to -1023..1023: what the
+// encoder runs.  Returns bit 8m+k set where coefficient (m, k) is not zero.
+uint64_t jpeg_fdct_quantise_lanes(const int16_t *src, int stride, const float *recip, int16_t *coef);
 // The widest vectors the encoder's transform may use: 256, or 0 for plain
 // code; the processor's own limit until called.  Output is the same.
 void jpeg_encoder_limit_vectors(int bits);

@@ -199,11 +199,14 @@ namespace {
 // rows side by side (lane i: row i, by a transpose of the rows as loaded),
 // giving work row k in F[k]; pass 2 runs the work rows side by side after a
 // transpose, giving coefficient row m in lanes k.  With recip, the
-// coefficients leave quantised (jpeg_quantise_one on each lane).
+// coefficients leave quantised (jpeg_quantise_one on each lane), AC
+// clamped to 1023, and the result has bit 8m+k set where (m, k) is not zero.
 using flanes8 = float __attribute__((vector_size(32)));
 using short8 = int16_t __attribute__((vector_size(16)));
-__attribute__((always_inline)) inline void fdct_lanes(const int16_t *src, int stride, const float *recip, int16_t *coef) {
-    lanes8 x[8], F[8];
+__attribute__((always_inline)) inline uint64_t fdct_lanes(const int16_t *src, int stride, const float *recip,
+                                                         int16_t *coef) {
+    lanes8 x[8], F[8], lo{}, hi{};
+    int dc = 0;
     for (int i = 0; i < 8; i++) {
         short8 r;
         std::memcpy(&r, src + i * stride, 16);
@@ -220,24 +223,38 @@ __attribute__((always_inline)) inline void fdct_lanes(const int16_t *src, int st
             lanes8 sign = v >> 31;
             flanes8 f = __builtin_convertvector((v ^ sign) - sign, flanes8), q;
             std::memcpy(&q, recip + 8 * m, 32);
-            v = __builtin_convertvector((f + 0.5f) * q, lanes8);
-            v = (v ^ sign) - sign;
+            lanes8 a = __builtin_convertvector((f + 0.5f) * q, lanes8);
+            if (m == 0) dc = (a[0] ^ sign[0]) - sign[0];
+            // At most 1023 (what the AC code sizes reach), in arithmetic the
+            // plain build can vectorise too.
+            lanes8 over = a - 1023;
+            a -= over & ~(over >> 31);
+            v = (a ^ sign) - sign;
+            // Bit m*8+k of the mask: coefficient (m, k) is not zero.
+            lanes8 nz = (a != 0) & (lanes8{1, 2, 4, 8, 16, 32, 64, 128} << (m % 4 * 8));
+            (m < 4 ? lo : hi) |= nz;
         }
         short8 out = __builtin_convertvector(v, short8);
         std::memcpy(coef + 8 * m, &out, 16);
     }
+    if (!recip) return 0;
+    coef[0] = static_cast<int16_t>(dc);
+    uint32_t l = 0, h = 0;
+    for (int k = 0; k < 8; k++) l |= static_cast<uint32_t>(lo[k]), h |= static_cast<uint32_t>(hi[k]);
+    return uint64_t{h} << 32 | l;
 }
 
 #if defined(__x86_64__) || defined(__i386__)
-__attribute__((target("avx2"))) void fdct_lanes_avx2(const int16_t *src, int stride, const float *recip, int16_t *coef) {
-    fdct_lanes(src, stride, recip, coef);
+__attribute__((target("avx2"))) uint64_t fdct_lanes_avx2(const int16_t *src, int stride, const float *recip,
+                                                         int16_t *coef) {
+    return fdct_lanes(src, stride, recip, coef);
 }
 #endif
-void fdct_lanes_plain(const int16_t *src, int stride, const float *recip, int16_t *coef) {
-    fdct_lanes(src, stride, recip, coef);
+uint64_t fdct_lanes_plain(const int16_t *src, int stride, const float *recip, int16_t *coef) {
+    return fdct_lanes(src, stride, recip, coef);
 }
 
-using fdct_fn = void (*)(const int16_t *, int, const float *, int16_t *);
+using fdct_fn = uint64_t (*)(const int16_t *, int, const float *, int16_t *);
 #if defined(__x86_64__) || defined(__i386__)
 // Static initialisers must ask for the processor's features themselves.
 const bool have_avx2 = (__builtin_cpu_init(), __builtin_cpu_supports("avx2"));
@@ -249,8 +266,8 @@ fdct_fn fdct_best = fdct_lanes_plain;
 }  // namespace
 
 void jpeg_fdct_8x8_lanes(const int16_t *src, int stride, int16_t *coef) { fdct_best(src, stride, nullptr, coef); }
-void jpeg_fdct_quantise_lanes(const int16_t *src, int stride, const float *recip, int16_t *coef) {
-    fdct_best(src, stride, recip, coef);
+uint64_t jpeg_fdct_quantise_lanes(const int16_t *src, int stride, const float *recip, int16_t *coef) {
+    return fdct_best(src, stride, recip, coef);
 }
 
 void jpeg_encoder_limit_vectors(int bits) {
@@ -263,6 +280,17 @@ void jpeg_encoder_limit_vectors(int bits) {
 
 namespace {
 
+// Row m's eight not-zero bits (natural order) as bits in zigzag order.
+struct zigzag_table {
+    uint64_t t[8][256];
+    constexpr zigzag_table() : t{} {
+        for (int k = 0; k < 64; k++)
+            for (int b = 0; b < 256; b++)
+                if (b >> (jpeg_zigzag[k] % 8) & 1) t[jpeg_zigzag[k] / 8][b] |= uint64_t{1} << k;
+    }
+};
+constexpr zigzag_table zigzag_bits;
+
 struct component {
     int16_t predictor;
     int16_t *plane;
@@ -273,7 +301,7 @@ struct component {
 
 void encode_block(bit_writer &bw, component &c, const int16_t *samples, int stride) {
     alignas(16) int16_t coef[64];
-    fdct_best(samples, stride, c.recip, coef);
+    const uint64_t natural = fdct_best(samples, stride, c.recip, coef);
     // The typical tables code DC differences up to 11 bits and AC values up
     // to 10; the extremes of saturated colour at quality 100 could exceed them.
     int diff = coef[0] - c.predictor;
@@ -281,13 +309,9 @@ void encode_block(bit_writer &bw, component &c, const int16_t *samples, int stri
     if (diff < -2047) diff = -2047;
     c.predictor = static_cast<int16_t>(c.predictor + diff);
     jpeg_encode_value(bw, 0, diff, *c.dc);
-    int zz[64];
     uint64_t nonzero = 0;
-    for (int k = 1; k < 64; k++) {
-        int v = coef[jpeg_zigzag[k]];
-        zz[k] = v > 1023 ? 1023 : v < -1023 ? -1023 : v;
-        nonzero |= uint64_t{v != 0} << k;
-    }
+    for (int m = 0; m < 8; m++) nonzero |= zigzag_bits.t[m][(natural >> 8 * m) & 0xFF];
+    nonzero &= ~uint64_t{1};
     // Sixteen zeros in a row take the (15, 0) code.
     int prev = 0;
     while (nonzero) {
@@ -295,7 +319,7 @@ void encode_block(bit_writer &bw, component &c, const int16_t *samples, int stri
         nonzero &= nonzero - 1;
         int run = k - prev - 1;
         for (; run >= 16; run -= 16) jpeg_encode_value(bw, 15, 0, *c.ac);
-        jpeg_encode_value(bw, run, zz[k], *c.ac);
+        jpeg_encode_value(bw, run, coef[jpeg_zigzag[k]], *c.ac);
         prev = k;
     }
     if (prev < 63) jpeg_encode_value(bw, 0, 0, *c.ac);
