@@ -338,18 +338,42 @@ void jpeg_expand_palette_row(uint8_t *buf, int width, const uint8_t *palette) {
 
 // Luma for every sample; chroma from the even samples only, positions 0-7
 // of every 16-sample span holding the span's eight (the rest go unread).
-void jpeg_bgr_to_ycc(const uint8_t *buf, int W, int16_t *y, int16_t *cb, int16_t *cr) {
-    for (int x = 0; x < W; x++) {
-        int B = buf[3 * x], G = buf[3 * x + 1], R = buf[3 * x + 2];
-        y[x] = static_cast<int16_t>(((308 * R + 603 * G + 120 * B) >> 10) - 128);
-    }
-    for (int s = 0; s < W; s += 16)
-        for (int j = 0; j < 8; j++) {
-            const uint8_t *p = buf + 3 * (s + 2 * j);
-            int B = p[0], G = p[1], R = p[2];
-            cb[s + j] = static_cast<int16_t>((512 * B - 339 * G - 178 * R) >> 10);
-            cr[s + j] = static_cast<int16_t>((512 * R - 429 * G - 83 * B) >> 10);
+// W is a multiple of 16; eight samples go through lanes at a time.
+__attribute__((always_inline)) inline void bgr_to_ycc(const uint8_t *buf, int W, int16_t *y, int16_t *cb, int16_t *cr) {
+// (Macros, not lambdas: see the transform kernel.)
+#define CHANNEL(p, step)                                                                                        \
+    lanes8 { (p)[0], (p)[step], (p)[2 * (step)], (p)[3 * (step)], (p)[4 * (step)], (p)[5 * (step)], (p)[6 * (step)], \
+             (p)[7 * (step)] }
+#define STORE(dst, v)                                          \
+    do {                                                       \
+        short8 o = __builtin_convertvector(v, short8);         \
+        std::memcpy(dst, &o, 16);                              \
+    } while (0)
+    for (int s = 0; s < W; s += 16) {
+        for (int h = 0; h < 16; h += 8) {
+            const uint8_t *p = buf + 3 * (s + h);
+            lanes8 B = CHANNEL(p, 3), G = CHANNEL(p + 1, 3), R = CHANNEL(p + 2, 3);
+            STORE(y + s + h, ((308 * R + 603 * G + 120 * B) >> 10) - 128);
         }
+        const uint8_t *p = buf + 3 * s;
+        lanes8 B = CHANNEL(p, 6), G = CHANNEL(p + 1, 6), R = CHANNEL(p + 2, 6);
+        STORE(cb + s, (512 * B - 339 * G - 178 * R) >> 10);
+        STORE(cr + s, (512 * R - 429 * G - 83 * B) >> 10);
+    }
+}
+#undef CHANNEL
+#undef STORE
+
+#if defined(__x86_64__) || defined(__i386__)
+__attribute__((target("avx2"))) void bgr_to_ycc_avx2(const uint8_t *buf, int W, int16_t *y, int16_t *cb, int16_t *cr) {
+    bgr_to_ycc(buf, W, y, cb, cr);
+}
+#endif
+void jpeg_bgr_to_ycc(const uint8_t *buf, int W, int16_t *y, int16_t *cb, int16_t *cr) {
+#if defined(__x86_64__) || defined(__i386__)
+    if (fdct_best == fdct_lanes_avx2) return bgr_to_ycc_avx2(buf, W, y, cb, cr);
+#endif
+    bgr_to_ycc(buf, W, y, cb, cr);
 }
 
 int write_segment(int fd, const uint8_t *p, int32_t n) { return write_all(fd, p, n); }

@@ -263,7 +263,7 @@ TEST(JpegEncode, GoldenOutputBytes) {
 // Output pinned across the depths a save takes (8-bit grey and mapped,
 // 24-bit; 4- and 32-bit handles are converted or refused on the way), sizes
 // padding the right and bottom edges, and qualities 1 to 100: each row's
-// hash runs on through the bytes of every quality.
+// hash runs on through the bytes of every quality, with and without vectors.
 TEST(JpegEncode, GoldenOutputAcrossDepthsSizesAndQualities) {
     struct {
         int width, height, bits;  // bits 0: smooth 24-bit, -1: smooth grey, -2: smooth mapped
@@ -276,14 +276,19 @@ TEST(JpegEncode, GoldenOutputAcrossDepthsSizesAndQualities) {
         picture p = c.bits > 0    ? make_picture(c.width, c.height, c.bits, static_cast<uint32_t>(c.width))
                     : c.bits == 0 ? smooth_picture(c.width, c.height, kind::rgb24, 2)
                                   : smooth_picture(c.width, c.height, c.bits == -1 ? kind::grey8 : kind::palette8, 3);
-        uint64_t h = 1469598103934665603ull;
-        for (int q : {1, 4, 12, 25, 38, 50, 63, 75, 85, 90, 95, 99, 100}) {
-            IMGLOW_set_comp_quality(q);
-            int code = 0;
-            h = byte_hash(save_pic(p, IMG_TYPE_JPEG, &code), h) ^ static_cast<uint32_t>(code);
+        for (int vector_bits : {256, 0}) {
+            jpeg_encoder_limit_vectors(vector_bits);
+            uint64_t h = 1469598103934665603ull;
+            for (int q : {1, 4, 12, 25, 38, 50, 63, 75, 85, 90, 95, 99, 100}) {
+                IMGLOW_set_comp_quality(q);
+                int code = 0;
+                h = byte_hash(save_pic(p, IMG_TYPE_JPEG, &code), h) ^ static_cast<uint32_t>(code);
+            }
+            EXPECT_EQ(h, c.hash) << c.width << "x" << c.height << " bits " << c.bits << " vectors " << vector_bits
+                                 << std::hex << " got 0x" << h;
         }
-        EXPECT_EQ(h, c.hash) << c.width << "x" << c.height << " bits " << c.bits << std::hex << " got 0x" << h;
     }
+    jpeg_encoder_limit_vectors(256);
     IMGLOW_set_comp_quality(50);
 }
 
