@@ -57,6 +57,14 @@ extern uint8_t jpeg_quant_luma[64];
 extern uint8_t jpeg_quant_chroma[64];
 int jpeg_scale_quant_tables(int quality);
 
+// Truncating division by a quantiser (1..255) as a multiply by recip = 1/q:
+// (|v| + 1/2) / q lies at least 1/(2q) from any whole number, and for
+// |v| < 2^22 the float product strays less than that.
+inline int jpeg_quantise_one(int v, float recip) {
+    int a = static_cast<int>((static_cast<float>(v < 0 ? -v : v) + 0.5f) * recip);
+    return v < 0 ? -a : a;
+}
+
 // The fixed-point transforms.  Forward: 8x8 level-shifted samples at a
 // stride to 64 coefficients in natural order, DC = one eighth of the sum.
 // Inverse: natural-order coefficients (rows: bit i set when row i may be
@@ -65,6 +73,13 @@ void jpeg_fdct_8x8(const int16_t *src, int stride, int16_t *coef);
 // The forward transform the encoder runs, eight lanes at a time; bit for
 // bit the result of jpeg_fdct_8x8.
 void jpeg_fdct_8x8_lanes(const int16_t *src, int stride, int16_t *coef);
+// The same, each coefficient then quantised by jpeg_quantise_one with
+// recip (64 reciprocals, natural order), AC clamped to -1023..1023: what the
+// encoder runs.  Returns bit 8m+k set where coefficient (m, k) is not zero.
+uint64_t jpeg_fdct_quantise_lanes(const int16_t *src, int stride, const float *recip, int16_t *coef);
+// The widest vectors the encoder's transform may use: 256, or 0 for plain
+// code; the processor's own limit until called.  Output is the same.
+void jpeg_encoder_limit_vectors(int bits);
 void jpeg_idct_8x8(const int16_t *coef, unsigned rows, int8_t *dst, int stride);
 // The inverse transform the decoder runs, eight lanes at a time, on a
 // transposed block (coefficient row i, column k at k * 8 + i); bit for bit

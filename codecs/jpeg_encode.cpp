@@ -83,8 +83,8 @@ void jpeg_build_code_tables() {
 
 // ---- Output ------------------------------------------------------------------------
 
-// Up to 16 bits wait in the accumulator; a word leaves, high byte first and
-// each 0xFF byte stuffed with 0x00, only when the next bits would overflow it.
+// Bits gather in a 64-bit accumulator and leave four bytes at a time, high
+// byte first; a word without an 0xFF byte (nearly all) skips the stuffing.
 struct bit_writer {
     uint8_t *out;
     int32_t len;
@@ -95,14 +95,31 @@ struct bit_writer {
         out[len++] = static_cast<uint8_t>(byte);
         if (byte == 0xFF) out[len++] = 0;
     }
+    // bits holds no more than its n (at most 32) low bits.
     void put(int n, uint32_t bits) {
-        acc = acc << n | (bits & ((uint64_t{1} << n) - 1));
+        acc = acc << n | bits;
         pending += n;
-        while (pending > 16) {
-            uint32_t word = static_cast<uint32_t>(acc >> (pending - 16)) & 0xFFFF;
-            emit(word >> 8);
-            emit(word & 0xFF);
-            pending -= 16;
+        if (pending < 32) return;
+        pending -= 32;
+        uint32_t word = static_cast<uint32_t>(acc >> pending);
+        // A byte of ~word is zero exactly where word has an 0xFF byte.
+        uint32_t inv = ~word;
+        if (((inv - 0x01010101u) & ~inv & 0x80808080u) == 0) {
+            out[len] = static_cast<uint8_t>(word >> 24), out[len + 1] = static_cast<uint8_t>(word >> 16);
+            out[len + 2] = static_cast<uint8_t>(word >> 8), out[len + 3] = static_cast<uint8_t>(word);
+            len += 4;
+        } else {
+            emit(word >> 24), emit((word >> 16) & 0xFF), emit((word >> 8) & 0xFF), emit(word & 0xFF);
+        }
+    }
+    // The data ends on a whole 16-bit word, padded with zero bits.
+    void finish() {
+        int pad = (16 - pending % 16) % 16;
+        acc <<= pad;
+        pending += pad;
+        while (pending >= 8) {
+            pending -= 8;
+            emit(static_cast<uint32_t>(acc >> pending) & 0xFF);
         }
     }
 };
@@ -179,83 +196,133 @@ namespace {
 
 // The forward transform eight lanes at a time, through the same kernel, so
 // the coefficients are the same bit for bit.  Pass 1 runs the eight sample
-// rows side by side (lane i: row i), giving work row k in F[k]; pass 2 runs
-// the work rows side by side after a transpose, giving coefficient row m in
-// lanes k.
-__attribute__((always_inline)) inline void fdct_lanes(const int16_t *src, int stride, int16_t *coef) {
-    lanes8 x[8], F[8];
-    for (int k = 0; k < 8; k++)
-        for (int i = 0; i < 8; i++) x[k][i] = src[i * stride + k];
+// rows side by side (lane i: row i, by a transpose of the rows as loaded),
+// giving work row k in F[k]; pass 2 runs the work rows side by side after a
+// transpose, giving coefficient row m in lanes k.  With recip, the
+// coefficients leave quantised (jpeg_quantise_one on each lane), AC
+// clamped to 1023, and the result has bit 8m+k set where (m, k) is not zero.
+using flanes8 = float __attribute__((vector_size(32)));
+using short8 = int16_t __attribute__((vector_size(16)));
+__attribute__((always_inline)) inline uint64_t fdct_lanes(const int16_t *src, int stride, const float *recip,
+                                                         int16_t *coef) {
+    lanes8 x[8], F[8], lo{}, hi{};
+    int dc = 0;
+    for (int i = 0; i < 8; i++) {
+        short8 r;
+        std::memcpy(&r, src + i * stride, 16);
+        F[i] = __builtin_convertvector(r, lanes8);
+    }
+    transpose_lanes8(F, x);
     fdct_kernel<1>(x, F);
     for (auto &v : F) v = (v << 16) >> 16;  // the work block is 16-bit
     transpose_lanes8(F, x);
     fdct_kernel<2>(x, F);
-    for (int m = 0; m < 8; m++)
-        for (int k = 0; k < 8; k++) coef[m * 8 + k] = static_cast<int16_t>(F[m][k]);
+    for (int m = 0; m < 8; m++) {
+        lanes8 v = (F[m] << 16) >> 16;
+        if (recip) {
+            lanes8 sign = v >> 31;
+            flanes8 f = __builtin_convertvector((v ^ sign) - sign, flanes8), q;
+            std::memcpy(&q, recip + 8 * m, 32);
+            lanes8 a = __builtin_convertvector((f + 0.5f) * q, lanes8);
+            if (m == 0) dc = (a[0] ^ sign[0]) - sign[0];
+            // At most 1023 (what the AC code sizes reach), in arithmetic the
+            // plain build can vectorise too.
+            lanes8 over = a - 1023;
+            a -= over & ~(over >> 31);
+            v = (a ^ sign) - sign;
+            // Bit m*8+k of the mask: coefficient (m, k) is not zero.
+            lanes8 nz = (a != 0) & (lanes8{1, 2, 4, 8, 16, 32, 64, 128} << (m % 4 * 8));
+            (m < 4 ? lo : hi) |= nz;
+        }
+        short8 out = __builtin_convertvector(v, short8);
+        std::memcpy(coef + 8 * m, &out, 16);
+    }
+    if (!recip) return 0;
+    coef[0] = static_cast<int16_t>(dc);
+    uint32_t l = 0, h = 0;
+    for (int k = 0; k < 8; k++) l |= static_cast<uint32_t>(lo[k]), h |= static_cast<uint32_t>(hi[k]);
+    return uint64_t{h} << 32 | l;
 }
 
 #if defined(__x86_64__) || defined(__i386__)
-__attribute__((target("avx2"))) void fdct_lanes_avx2(const int16_t *src, int stride, int16_t *coef) {
-    fdct_lanes(src, stride, coef);
+__attribute__((target("avx2"))) uint64_t fdct_lanes_avx2(const int16_t *src, int stride, const float *recip,
+                                                         int16_t *coef) {
+    return fdct_lanes(src, stride, recip, coef);
 }
 #endif
-void fdct_lanes_plain(const int16_t *src, int stride, int16_t *coef) { fdct_lanes(src, stride, coef); }
+uint64_t fdct_lanes_plain(const int16_t *src, int stride, const float *recip, int16_t *coef) {
+    return fdct_lanes(src, stride, recip, coef);
+}
 
-using fdct_fn = void (*)(const int16_t *, int, int16_t *);
+using fdct_fn = uint64_t (*)(const int16_t *, int, const float *, int16_t *);
 #if defined(__x86_64__) || defined(__i386__)
 // Static initialisers must ask for the processor's features themselves.
-const fdct_fn fdct_best = (__builtin_cpu_init(), __builtin_cpu_supports("avx2")) ? fdct_lanes_avx2 : fdct_lanes_plain;
+const bool have_avx2 = (__builtin_cpu_init(), __builtin_cpu_supports("avx2"));
+fdct_fn fdct_best = have_avx2 ? fdct_lanes_avx2 : fdct_lanes_plain;
 #else
-const fdct_fn fdct_best = fdct_lanes_plain;
+fdct_fn fdct_best = fdct_lanes_plain;
 #endif
 
 }  // namespace
 
-void jpeg_fdct_8x8_lanes(const int16_t *src, int stride, int16_t *coef) { fdct_best(src, stride, coef); }
+void jpeg_fdct_8x8_lanes(const int16_t *src, int stride, int16_t *coef) { fdct_best(src, stride, nullptr, coef); }
+uint64_t jpeg_fdct_quantise_lanes(const int16_t *src, int stride, const float *recip, int16_t *coef) {
+    return fdct_best(src, stride, recip, coef);
+}
+
+void jpeg_encoder_limit_vectors(int bits) {
+#if defined(__x86_64__) || defined(__i386__)
+    fdct_best = bits >= 256 && have_avx2 ? fdct_lanes_avx2 : fdct_lanes_plain;
+#else
+    (void)bits;
+#endif
+}
 
 namespace {
 
-// Truncating division: no rounding to nearest.
-inline void jpeg_quantise(int16_t *coef, const uint8_t *q) {
-    for (int i = 0; i < 64; i++) coef[i] = static_cast<int16_t>(coef[i] / q[i]);
-}
+// Row m's eight not-zero bits (natural order) as bits in zigzag order.
+struct zigzag_table {
+    uint64_t t[8][256];
+    constexpr zigzag_table() : t{} {
+        for (int k = 0; k < 64; k++)
+            for (int b = 0; b < 256; b++)
+                if (b >> (jpeg_zigzag[k] % 8) & 1) t[jpeg_zigzag[k] / 8][b] |= uint64_t{1} << k;
+    }
+};
+constexpr zigzag_table zigzag_bits;
 
 struct component {
     int16_t predictor;
     int16_t *plane;
-    const uint8_t *quant;
+    const float *recip;  // 1/q per natural-order position
     int h;
     const code_table *dc, *ac;
 };
 
 void encode_block(bit_writer &bw, component &c, const int16_t *samples, int stride) {
     alignas(16) int16_t coef[64];
-    fdct_best(samples, stride, coef);
-    jpeg_quantise(coef, c.quant);
+    const uint64_t natural = fdct_best(samples, stride, c.recip, coef);
     // The typical tables code DC differences up to 11 bits and AC values up
     // to 10; the extremes of saturated colour at quality 100 could exceed them.
-    int dc = coef[0], diff = dc - c.predictor;
+    int diff = coef[0] - c.predictor;
     if (diff > 2047) diff = 2047;
     if (diff < -2047) diff = -2047;
     c.predictor = static_cast<int16_t>(c.predictor + diff);
     jpeg_encode_value(bw, 0, diff, *c.dc);
-    int zz[64];
-    int last = 0;
-    for (int k = 1; k < 64; k++) {
-        int v = coef[jpeg_zigzag[k]];
-        zz[k] = v > 1023 ? 1023 : v < -1023 ? -1023 : v;
-        if (v) last = k;
+    uint64_t nonzero = 0;
+    for (int m = 0; m < 8; m++) nonzero |= zigzag_bits.t[m][(natural >> 8 * m) & 0xFF];
+    nonzero &= ~uint64_t{1};
+    // Sixteen zeros in a row take the (15, 0) code.
+    int prev = 0;
+    while (nonzero) {
+        int k = std::countr_zero(nonzero);
+        nonzero &= nonzero - 1;
+        int run = k - prev - 1;
+        for (; run >= 16; run -= 16) jpeg_encode_value(bw, 15, 0, *c.ac);
+        jpeg_encode_value(bw, run, coef[jpeg_zigzag[k]], *c.ac);
+        prev = k;
     }
-    int run = 0;
-    for (int k = 1; k <= last; k++) {
-        if (zz[k] == 0 && run < 15) {
-            run++;
-        } else {
-            jpeg_encode_value(bw, run, zz[k], *c.ac);
-            run = 0;
-        }
-    }
-    if (last < 63) jpeg_encode_value(bw, 0, 0, *c.ac);
+    if (prev < 63) jpeg_encode_value(bw, 0, 0, *c.ac);
 }
 
 // ---- Rows ----------------------------------------------------------------------------------
@@ -269,19 +336,44 @@ void jpeg_expand_palette_row(uint8_t *buf, int width, const uint8_t *palette) {
     }
 }
 
-void jpeg_bgr_to_ycc(const uint8_t *buf, int W, int16_t *y, int16_t *cb, int16_t *cr) {
-    for (int x = 0; x < W; x++) {
-        int B = buf[3 * x], G = buf[3 * x + 1], R = buf[3 * x + 2];
-        y[x] = static_cast<int16_t>(((308 * R + 603 * G + 120 * B) >> 10) - 128);
-        cb[x] = static_cast<int16_t>((512 * B - 339 * G - 178 * R) >> 10);
-        cr[x] = static_cast<int16_t>((512 * R - 429 * G - 83 * B) >> 10);
+// Luma for every sample; chroma from the even samples only, positions 0-7
+// of every 16-sample span holding the span's eight (the rest go unread).
+// W is a multiple of 16; eight samples go through lanes at a time.
+__attribute__((always_inline)) inline void bgr_to_ycc(const uint8_t *buf, int W, int16_t *y, int16_t *cb, int16_t *cr) {
+// (Macros, not lambdas: see the transform kernel.)
+#define CHANNEL(p, step)                                                                                        \
+    lanes8 { (p)[0], (p)[step], (p)[2 * (step)], (p)[3 * (step)], (p)[4 * (step)], (p)[5 * (step)], (p)[6 * (step)], \
+             (p)[7 * (step)] }
+#define STORE(dst, v)                                          \
+    do {                                                       \
+        short8 o = __builtin_convertvector(v, short8);         \
+        std::memcpy(dst, &o, 16);                              \
+    } while (0)
+    for (int s = 0; s < W; s += 16) {
+        for (int h = 0; h < 16; h += 8) {
+            const uint8_t *p = buf + 3 * (s + h);
+            lanes8 B = CHANNEL(p, 3), G = CHANNEL(p + 1, 3), R = CHANNEL(p + 2, 3);
+            STORE(y + s + h, ((308 * R + 603 * G + 120 * B) >> 10) - 128);
+        }
+        const uint8_t *p = buf + 3 * s;
+        lanes8 B = CHANNEL(p, 6), G = CHANNEL(p + 1, 6), R = CHANNEL(p + 2, 6);
+        STORE(cb + s, (512 * B - 339 * G - 178 * R) >> 10);
+        STORE(cr + s, (512 * R - 429 * G - 83 * B) >> 10);
     }
 }
+#undef CHANNEL
+#undef STORE
 
-// Positions 0-7 of every 16-sample span take the span's even samples.
-void jpeg_decimate_chroma(int16_t *row, int W) {
-    for (int s = 0; s < W; s += 16)
-        for (int j = 0; j < 8; j++) row[s + j] = row[s + 2 * j];
+#if defined(__x86_64__) || defined(__i386__)
+__attribute__((target("avx2"))) void bgr_to_ycc_avx2(const uint8_t *buf, int W, int16_t *y, int16_t *cb, int16_t *cr) {
+    bgr_to_ycc(buf, W, y, cb, cr);
+}
+#endif
+void jpeg_bgr_to_ycc(const uint8_t *buf, int W, int16_t *y, int16_t *cb, int16_t *cr) {
+#if defined(__x86_64__) || defined(__i386__)
+    if (fdct_best == fdct_lanes_avx2) return bgr_to_ycc_avx2(buf, W, y, cb, cr);
+#endif
+    bgr_to_ycc(buf, W, y, cb, cr);
 }
 
 int write_segment(int fd, const uint8_t *p, int32_t n) { return write_all(fd, p, n); }
@@ -397,11 +489,13 @@ BRIVANTA_WRITER(jpeg_write_file) {
     auto *out = static_cast<uint8_t *>(mem.take(OUTPUT_SIZE));
     if (!row || !planes || !out) return IMG_ERR_MEMORY;
     jpeg_build_code_tables();
+    float recip_luma[64], recip_chroma[64];
+    for (int i = 0; i < 64; i++) recip_luma[i] = 1.0f / jpeg_quant_luma[i], recip_chroma[i] = 1.0f / jpeg_quant_chroma[i];
 
     component comp[3] = {
-        {0, planes, jpeg_quant_luma, colour ? 2 : 1, &dc_luma_codes, &ac_luma_codes},
-        {0, planes + 8 * W, jpeg_quant_chroma, 1, &dc_chroma_codes, &ac_chroma_codes},
-        {0, planes + 16 * W, jpeg_quant_chroma, 1, &dc_chroma_codes, &ac_chroma_codes},
+        {0, planes, recip_luma, colour ? 2 : 1, &dc_luma_codes, &ac_luma_codes},
+        {0, planes + 8 * W, recip_chroma, 1, &dc_chroma_codes, &ac_chroma_codes},
+        {0, planes + 16 * W, recip_chroma, 1, &dc_chroma_codes, &ac_chroma_codes},
     };
     bit_writer bw{out, 0, 0, 0};
     const int fetch_bytes = static_cast<int>(row_bytes(width, bits));
@@ -420,8 +514,6 @@ BRIVANTA_WRITER(jpeg_write_file) {
             if (colour) {
                 int16_t *cb = comp[1].plane + i * W, *cr = comp[2].plane + i * W;
                 jpeg_bgr_to_ycc(row, W, y, cb, cr);
-                jpeg_decimate_chroma(cb, W);
-                jpeg_decimate_chroma(cr, W);
             } else {
                 for (int x = 0; x < W; x++) y[x] = static_cast<int16_t>(row[x] - 128);
             }
@@ -433,7 +525,7 @@ BRIVANTA_WRITER(jpeg_write_file) {
             }
         }
     }
-    bw.put(17 - bw.pending, 0);
+    bw.finish();
     if (bw.len && file_write(fd, out, bw.len) != bw.len) return IMG_ERR_WRITE;
     static constexpr uint8_t eoi[2] = {0xFF, 0xD9};
     return write_all(fd, eoi, 2);

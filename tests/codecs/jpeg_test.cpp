@@ -260,6 +260,38 @@ TEST(JpegEncode, GoldenOutputBytes) {
     IMGLOW_set_comp_quality(50);
 }
 
+// Output pinned across the depths a save takes (8-bit grey and mapped,
+// 24-bit; 4- and 32-bit handles are converted or refused on the way), sizes
+// padding the right and bottom edges, and qualities 1 to 100: each row's
+// hash runs on through the bytes of every quality, with and without vectors.
+TEST(JpegEncode, GoldenOutputAcrossDepthsSizesAndQualities) {
+    struct {
+        int width, height, bits;  // bits 0: smooth 24-bit, -1: smooth grey, -2: smooth mapped
+        uint64_t hash;
+    } cases[] = {{1, 1, 24, 0x98d525db37d22066}, {17, 9, 24, 0x8dcecdc0c262af3b}, {33, 31, 24, 0xfa105d13f5a96a8},
+                 {16, 8, 8, 0x11d69d5e2ae90890}, {23, 15, 8, 0x6711475ec2e60a0f}, {9, 40, 4, 0x14650fb08c62fc68},
+                 {19, 7, 32, 0xdfee688995236e1b}, {71, 29, 0, 0x5dee4ecdbbbefcf1}, {64, 48, -1, 0x597444a103030b27},
+                 {41, 25, -2, 0x924bdec5d76b139a}, {7, 3, -1, 0x32c4817f95ec60bc}, {130, 17, 0, 0xf9ef7ef3f6ced3ae}};
+    for (auto &c : cases) {
+        picture p = c.bits > 0    ? make_picture(c.width, c.height, c.bits, static_cast<uint32_t>(c.width))
+                    : c.bits == 0 ? smooth_picture(c.width, c.height, kind::rgb24, 2)
+                                  : smooth_picture(c.width, c.height, c.bits == -1 ? kind::grey8 : kind::palette8, 3);
+        for (int vector_bits : {256, 0}) {
+            jpeg_encoder_limit_vectors(vector_bits);
+            uint64_t h = 1469598103934665603ull;
+            for (int q : {1, 4, 12, 25, 38, 50, 63, 75, 85, 90, 95, 99, 100}) {
+                IMGLOW_set_comp_quality(q);
+                int code = 0;
+                h = byte_hash(save_pic(p, IMG_TYPE_JPEG, &code), h) ^ static_cast<uint32_t>(code);
+            }
+            EXPECT_EQ(h, c.hash) << c.width << "x" << c.height << " bits " << c.bits << " vectors " << vector_bits
+                                 << std::hex << " got 0x" << h;
+        }
+    }
+    jpeg_encoder_limit_vectors(256);
+    IMGLOW_set_comp_quality(50);
+}
+
 namespace {
 int IMG_CALLBACK refuse(void *, unsigned char *, int r, int) { return r == 11 ? -42 : 0; }
 }  // namespace
@@ -288,21 +320,46 @@ TEST(JpegEncode, RowCodesAndTooWideARow) {
     EXPECT_EQ(n, IMG_ERR_MEMORY) << "too wide for the row buffer";
 }
 
-// The forward transform's lane kernel against the plain one (the inverse
-// kernels are compared in the decoder's golden tests).
+// The forward transform's lane kernel, alone and with quantisers, against
+// the plain one at every vector width (the inverse kernels are compared in
+// the decoder's golden tests).
 TEST(JpegTransform, ForwardLaneKernelEqualsTheScalarOne) {
     uint32_t seed = 12345;
     auto rnd = [&seed](int range) {
         seed = seed * 1664525u + 1013904223u;
         return static_cast<int>(seed >> 8) % (2 * range + 1) - range;
     };
-    for (int it = 0; it < 20000; it++) {
-        // Level-shifted samples (the colour weights reach 128), at a stride.
-        int16_t s[8 * 13];
-        for (auto &v : s) v = static_cast<int16_t>(it % 5 == 0 ? (rnd(1) < 0 ? 128 : -129) : rnd(128) - (rnd(1) > 0));
-        int16_t fa[64], fb[64];
-        jpeg_fdct_8x8(s + 3, 13, fa);
-        jpeg_fdct_8x8_lanes(s + 3, 13, fb);
-        ASSERT_EQ(std::memcmp(fa, fb, sizeof fa), 0) << "block " << it;
+    for (int bits : {256, 0}) {
+        jpeg_encoder_limit_vectors(bits);
+        for (int it = 0; it < 20000; it++) {
+            // Level-shifted samples (the colour weights reach 128), at a stride.
+            int16_t s[8 * 13];
+            for (auto &v : s) v = static_cast<int16_t>(it % 5 == 0 ? (rnd(1) < 0 ? 128 : -129) : rnd(128) - (rnd(1) > 0));
+            float recip[64];
+            for (auto &r : recip) r = 1.0f / static_cast<float>(it % 7 == 0 ? 1 : 128 + rnd(127));
+            int16_t fa[64], fb[64], qa[64], qb[64];
+            jpeg_fdct_8x8(s + 3, 13, fa);
+            jpeg_fdct_8x8_lanes(s + 3, 13, fb);
+            ASSERT_EQ(std::memcmp(fa, fb, sizeof fa), 0) << "block " << it << " at " << bits << " bits";
+            uint64_t nonzero = 0;
+            for (int k = 0; k < 64; k++) {
+                int q = jpeg_quantise_one(fa[k], recip[k]);
+                qa[k] = static_cast<int16_t>(k == 0 ? q : std::clamp(q, -1023, 1023));
+                nonzero |= uint64_t{q != 0} << k;
+            }
+            ASSERT_EQ(jpeg_fdct_quantise_lanes(s + 3, 13, recip, qb), nonzero) << "block " << it << " at " << bits << " bits";
+            ASSERT_EQ(std::memcmp(qa, qb, sizeof qa), 0) << "quantised block " << it << " at " << bits << " bits";
+        }
+    }
+    jpeg_encoder_limit_vectors(256);
+}
+
+// The encoder's multiply-by-reciprocal quantiser against division, over the
+// whole 16-bit coefficient range and every quantiser.
+TEST(JpegTransform, QuantiserMultiplyEqualsTruncatingDivision) {
+    for (int q = 1; q <= 255; q++) {
+        const float recip = 1.0f / static_cast<float>(q);
+        for (int v = -32768; v <= 32767; v++)
+            if (jpeg_quantise_one(v, recip) != v / q) FAIL() << v << " / " << q;
     }
 }
