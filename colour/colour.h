@@ -25,8 +25,9 @@ void row_thresholds(const uint8_t table[64], int r, uint8_t out[8]);
 // bits on the 16-colour cube.  out may be src when the output is no wider.
 using ordered_kernel = void (*)(const uint8_t *src, const uint8_t *pal, uint8_t *out, int width,
                                 const uint8_t t[8]);
-ordered_kernel ordered_mono_kernel(int bits);
-ordered_kernel ordered_colour_kernel(int bits);
+// fast picks the processor's vector path where there is one.
+ordered_kernel ordered_mono_kernel(int bits, bool fast = true);
+ordered_kernel ordered_colour_kernel(int bits, bool fast = true);
 
 // CIE L*a*b* (L 0-100, a and b about -128..127) relative to the D65 white
 // point, to sRGB bytes written as blue, green, red.

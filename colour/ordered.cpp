@@ -4,6 +4,11 @@
 #include "colour/pixels.h"
 #include "colour/reshape.h"
 
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#define BRV_X86 1
+#endif
+
 namespace brv {
 
 const uint8_t bayer_thresholds[64] = {
@@ -65,6 +70,88 @@ void colour_row(const uint8_t *src, const uint8_t *pal, uint8_t *out, int width,
     if (x < width) out[x >> 1] = static_cast<uint8_t>(index(x) << 4);
 }
 
+#ifdef BRV_X86
+// pshufb masks taking blue, green and red of eight 24-bit pixels into 16-bit
+// lanes from two loads, of bytes 0-15 and 8-23; lane L holds pixel L, or
+// pixel 7 - L when reversed.
+struct gather_masks {
+    alignas(16) int8_t lo[3][16];
+    alignas(16) int8_t hi[3][16];
+};
+constexpr gather_masks make_gather(bool reversed) {
+    gather_masks m{};
+    for (int c = 0; c < 3; c++)
+        for (int L = 0; L < 8; L++) {
+            const int k = reversed ? 7 - L : L;
+            m.lo[c][2 * L] = m.lo[c][2 * L + 1] = m.hi[c][2 * L] = m.hi[c][2 * L + 1] = -1;
+            if (k <= 4) m.lo[c][2 * L] = static_cast<int8_t>(3 * k + c);
+            else m.hi[c][2 * L] = static_cast<int8_t>(3 * k + c - 8);
+        }
+    return m;
+}
+constexpr gather_masks natural_order = make_gather(false), reversed_order = make_gather(true);
+
+__attribute__((target("ssse3"))) inline __m128i gather(const uint8_t *p, const gather_masks &m, int c) {
+    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
+    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + 8));
+    return _mm_or_si128(_mm_shuffle_epi8(a, _mm_load_si128(reinterpret_cast<const __m128i *>(m.lo[c]))),
+                        _mm_shuffle_epi8(b, _mm_load_si128(reinterpret_cast<const __m128i *>(m.hi[c]))));
+}
+
+// Eight 24-bit pixels a step, the same sums in 16-bit lanes (at most 25500);
+// pixel k sits in lane 7 - k so the sign mask comes out in bit order.
+__attribute__((target("ssse3"))) void mono_row_ssse3(const uint8_t *src, const uint8_t *pal, uint8_t *out, int width,
+                                                     const uint8_t t[8]) {
+    alignas(16) int16_t lim[8];
+    for (int k = 0; k < 8; k++) lim[7 - k] = static_cast<int16_t>(100 * (t[k] + 1) - 1);
+    const __m128i limit = _mm_load_si128(reinterpret_cast<const __m128i *>(lim));
+    const __m128i wb = _mm_set1_epi16(11), wg = _mm_set1_epi16(59), wr = _mm_set1_epi16(30);
+    int x = 0;
+    for (; x + 8 <= width; x += 8) {
+        const uint8_t *p = src + 3 * x;
+        __m128i sum = _mm_add_epi16(_mm_mullo_epi16(gather(p, reversed_order, 0), wb),
+                                    _mm_add_epi16(_mm_mullo_epi16(gather(p, reversed_order, 1), wg),
+                                                  _mm_mullo_epi16(gather(p, reversed_order, 2), wr)));
+        const __m128i on = _mm_cmpgt_epi16(sum, limit);
+        out[x >> 3] = static_cast<uint8_t>(_mm_movemask_epi8(_mm_packs_epi16(on, on)));
+    }
+    if (x < width) mono_row<24>(src + 3 * x, pal, out + (x >> 3), width - x, t);
+}
+
+// Eight 24-bit pixels a step into four output bytes.  The brightness sum
+// (at most 32385) and its limit (up to 37504) are compared unsigned, by
+// flipping the sign bits.
+__attribute__((target("ssse3"))) void colour_row_ssse3(const uint8_t *src, const uint8_t *pal, uint8_t *out,
+                                                       int width, const uint8_t t[8]) {
+    alignas(16) int16_t th[8], lim[8];
+    for (int k = 0; k < 8; k++) {
+        th[k] = t[k];
+        lim[k] = static_cast<int16_t>((((t[k] + 41) << 7) - 1) ^ 0x8000);
+    }
+    const __m128i thv = _mm_load_si128(reinterpret_cast<const __m128i *>(th));
+    const __m128i limit = _mm_load_si128(reinterpret_cast<const __m128i *>(lim));
+    const __m128i sign = _mm_set1_epi16(static_cast<short>(0x8000));
+    const __m128i wb = _mm_set1_epi16(14), wg = _mm_set1_epi16(75), wr = _mm_set1_epi16(38);
+    int x = 0;
+    for (; x + 8 <= width; x += 8) {
+        const uint8_t *p = src + 3 * x;
+        const __m128i b = gather(p, natural_order, 0), g = gather(p, natural_order, 1), r = gather(p, natural_order, 2);
+        const __m128i y = _mm_add_epi16(_mm_mullo_epi16(b, wb), _mm_add_epi16(_mm_mullo_epi16(g, wg), _mm_mullo_epi16(r, wr)));
+        __m128i idx = _mm_and_si128(_mm_cmpgt_epi16(b, thv), _mm_set1_epi16(4));
+        idx = _mm_or_si128(idx, _mm_and_si128(_mm_cmpgt_epi16(g, thv), _mm_set1_epi16(2)));
+        idx = _mm_or_si128(idx, _mm_and_si128(_mm_cmpgt_epi16(r, thv), _mm_set1_epi16(1)));
+        idx = _mm_or_si128(idx, _mm_and_si128(_mm_cmpgt_epi16(_mm_xor_si128(y, sign), limit), _mm_set1_epi16(8)));
+        // Each 32-bit lane holds an even pixel (high nibble) and the next.
+        const __m128i pairs = _mm_or_si128(_mm_slli_epi32(_mm_and_si128(idx, _mm_set1_epi32(0xFFFF)), 4),
+                                           _mm_srli_epi32(idx, 16));
+        const __m128i packed = _mm_packus_epi16(_mm_packs_epi32(pairs, pairs), pairs);
+        const uint32_t four = static_cast<uint32_t>(_mm_cvtsi128_si32(packed));
+        std::memcpy(out + (x >> 1), &four, 4);
+    }
+    if (x < width) colour_row<24>(src + 3 * x, pal, out + (x >> 1), width - x, t);
+}
+#endif
+
 int ordered(int h, int target_bits, const uint8_t table[64]) {
     reshape s(h, 1u << 4 | 1u << 8 | 1u << 24, target_bits);
     if (s.result()) return s.result();
@@ -81,11 +168,19 @@ int ordered(int h, int target_bits, const uint8_t table[64]) {
 
 }  // namespace
 
-ordered_kernel ordered_mono_kernel(int bits) {
+ordered_kernel ordered_mono_kernel(int bits, bool fast) {
+#ifdef BRV_X86
+    if (fast && bits == 24 && __builtin_cpu_supports("ssse3")) return mono_row_ssse3;
+#endif
+    (void)fast;
     return by_depth(bits, []<int B>() { return static_cast<ordered_kernel>(mono_row<B>); });
 }
 
-ordered_kernel ordered_colour_kernel(int bits) {
+ordered_kernel ordered_colour_kernel(int bits, bool fast) {
+#ifdef BRV_X86
+    if (fast && bits == 24 && __builtin_cpu_supports("ssse3")) return colour_row_ssse3;
+#endif
+    (void)fast;
     return by_depth(bits, []<int B>() { return static_cast<ordered_kernel>(colour_row<B>); });
 }
 

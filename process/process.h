@@ -96,6 +96,20 @@ inline decltype(auto) with_depth(int bits, F &&f) {
     }
 }
 
+// Mirrors a row of width pixels from in to out (in != out); fast picks the
+// processor's vector path where there is one, else the plain loop.
+using mirror_fn = void (*)(const uint8_t *in, uint8_t *out, int width);
+mirror_fn mirror_kernel(int bits, bool fast);
+// Complements n bytes, by words when fast.
+void invert_bytes(uint8_t *p, size_t n, bool fast);
+
+// One 3 x 3 filtered row from the source rows above, at and below: every
+// byte but the first and last pixel's; fast picks a vector path where the
+// processor and the weights k allow one.
+using convolve_fn = void (*)(const int *k, const uint8_t *up, const uint8_t *at, const uint8_t *down, uint8_t *out,
+                             int width);
+convolve_fn convolve_kernel(int bits, const int *k, bool fast);
+
 // Point sampling of one row: output pixel i is source pixel (i * step) >> 16
 // (step in 16.16); the loads' shrink uses it too.
 template <int Bits>
