@@ -688,7 +688,10 @@ bool demo_processing(const std::string &dir) {
     for (const auto &row : rows) {
         std::vector<step> steps;
         std::string label;
-        for (const char *a : row.args) label += (label.empty() ? "" : " ") + std::string(a);
+        for (const char *a : row.args) {
+            if (!label.empty()) label += ' ';
+            label += a;
+        }
         int h = IMG_create_handle(dib);
         if (h < 0 || !parse_steps(static_cast<int>(row.args.size()), row.args.begin(), steps)) break;
         auto t0 = std::chrono::steady_clock::now();
