@@ -1,5 +1,5 @@
-// BMP: resolution and bilevel palette rules, reader variants built from a
-// small recipe (run-length deltas and blocks, bare headers), hostile headers.
+// BMP: the resolution rule, reader variants built from a small recipe
+// (run-length deltas and blocks, bare headers), hostile headers.
 #include "frame/frame.h"
 #include "test_util.h"
 
@@ -64,26 +64,6 @@ TEST(Bmp, ResolutionConvertsBetweenMetresAndInches) {
     IMGLOW_get_bitmap_header(h, header);
     EXPECT_EQ(get32(header + 24), 300u);
     IMG_delete_bitmap(h);
-}
-
-TEST(Bmp, BilevelPalettesAreNormalisedToBlackFirst) {
-    struct {
-        bytes palette;
-        uint8_t stored_first_byte;
-    } cases[] = {
-        {{255, 255, 255, 0, 0, 0, 0, 0}, 0x3C},  // white first: pixels complemented
-        {{0, 0, 255, 0, 255, 0, 0, 0}, 0xC3},    // red, blue: taken as black, white
-        {{0, 0, 0, 0, 255, 255, 255, 0}, 0xC3},
-    };
-    for (auto &c : cases) {
-        bmp_recipe r;
-        r.width = 8, r.height = 1, r.bits = 1;
-        r.palette = c.palette;
-        r.pixels = {0xC3, 0, 0, 0};
-        picture p = load_pic(build(r));
-        EXPECT_EQ(p.palette, bytes({0, 0, 0, 0, 255, 255, 255, 0}));
-        EXPECT_EQ(p.rows[0][0], c.stored_first_byte);
-    }
 }
 
 TEST(Bmp, ReaderVariants) {

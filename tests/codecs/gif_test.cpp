@@ -1,6 +1,7 @@
 // GIF: decoder behaviour on streams built here with an independent code
-// packer: colour tables, interlacing, transparency, code streams, hostile
-// and truncated files.
+// packer: code streams, the decoder alone, hostile and truncated files.
+// Colour tables, interlacing and transparency are checked against other
+// tools' files in interop/gif_test.py.
 #include "codecs/gif.h"
 #include "frame/frame.h"
 #include "test_util.h"
@@ -88,10 +89,6 @@ bytes ramp_table(int n) {
     return t;
 }
 
-bytes graphic_control(bool transparent, uint8_t index) {
-    return {'!', 0xF9, 4, uint8_t(transparent ? 1 : 0), 0, 0, index, 0};
-}
-
 // Rows as the low-level load delivers them, by row number.
 using row_log = std::vector<std::pair<int, bytes>>;
 int IMG_CALLBACK log_row(unsigned char *row, void *context, int r, int n) {
@@ -101,89 +98,6 @@ int IMG_CALLBACK log_row(unsigned char *row, void *context, int r, int n) {
 int IMG_CALLBACK accept_header(void *, void *) { return 0; }
 
 }  // namespace
-
-TEST(Gif, ColourTables) {
-    // The global table wins over a local one; without either, indices read as grey.
-    const bytes quad = {0, 1, 2, 3, 3, 2, 1, 0};
-    struct {
-        const char *what;
-        bytes global, local;
-        int min_code;
-        bytes data;
-        int want_bits, entry;
-        bytes want_entry, want_row;
-    } cases[] = {
-        {"two colours", {10, 20, 30, 40, 50, 60}, {}, 2, plain_lzw({0, 1, 1, 0, 1, 1, 0, 0}, 2), 8, 1, {60, 50, 40, 0}, {0, 1, 1, 0}},
-        {"global 4, local 256", ramp_table(4), bytes(768, 0xEE), 8, plain_lzw(quad, 8), 8, 1, {7, 254, 1, 0}, {0, 1, 2, 3}},
-        {"global 16, local 4", ramp_table(16), bytes(12, 0xEE), 8, plain_lzw(quad, 8), 4, 1, {7, 254, 1, 0}, {0x01, 0x23, 0, 0}},
-        {"global 2, local 8", ramp_table(2), bytes(24, 0xEE), 8, plain_lzw(quad, 8), 4, 1, {7, 254, 1, 0}, {0x01, 0x23, 0, 0}},
-        {"local only", {}, ramp_table(16), 8, plain_lzw(quad, 8), 4, 3, {21, 252, 3, 0}, {0x01, 0x23, 0, 0}},
-        {"no table", {}, {}, 8, plain_lzw(quad, 8), 8, 200, {200, 200, 200, 0}, {0, 1, 2, 3}},
-    };
-    for (auto &c : cases) {
-        gif_recipe r;
-        r.global = c.global, r.local = c.local, r.min_code = c.min_code, r.data = c.data;
-        int code = 0;
-        picture p = load_pic(build(r), &code);
-        ASSERT_EQ(p.bits, c.want_bits) << c.what << " code " << code;
-        EXPECT_EQ(bytes(p.palette.begin() + 4 * c.entry, p.palette.begin() + 4 * c.entry + 4), c.want_entry) << c.what;
-        EXPECT_EQ(p.rows[0], c.want_row) << c.what;
-        if (!c.global.empty()) {
-            EXPECT_EQ(bytes(p.palette.begin() + 4 * c.global.size() / 3, p.palette.end()),
-                      bytes(p.palette.size() - 4 * c.global.size() / 3, 0))
-                << c.what << ": entries past the global table are zero";
-        }
-    }
-}
-
-TEST(Gif, InterlacedRowsArriveInPassOrderFromEightRowsUp) {
-    for (int height : {5, 7, 8, 9, 16, 21}) {
-        gif_recipe r;
-        r.width = 3, r.height = height, r.interlace = true;
-        r.global = ramp_table(256);
-        bytes px;
-        for (int s = 0; s < height; s++) px.insert(px.end(), {uint8_t(s), uint8_t(s), uint8_t(s)});
-        r.data = plain_lzw(px, 8);
-        std::vector<int> order;  // stored row s lands on row order[s]
-        if (height < 8) {
-            for (int y = 0; y < height; y++) order.push_back(y);
-        } else {
-            for (auto [start, step] : {std::pair{0, 8}, {4, 8}, {2, 4}, {1, 2}})
-                for (int y = start; y < height; y += step) order.push_back(y);
-        }
-        picture p = load_pic(build(r));
-        ASSERT_EQ(p.height, height);
-        for (int s = 0; s < height; s++) EXPECT_EQ(p.rows[order[s]][0], s) << "height " << height << " stored " << s;
-    }
-}
-
-TEST(Gif, TransparentIndexComesFromTheGraphicControlExtension) {
-    struct {
-        const char *what;
-        std::string version;
-        std::vector<bytes> extensions;
-        int want;
-    } cases[] = {
-        {"transparent", "89a", {graphic_control(true, 5)}, 5},
-        {"flag clear", "89a", {graphic_control(false, 5)}, IMG_ERR_NO_TRANSPARENT},
-        {"last one counts", "89a", {graphic_control(true, 9), graphic_control(true, 3)}, 3},
-        {"after a comment", "89a", {{'!', 0xFE, 3, 'a', ',', 'b', 2, 'c', 'd', 0}, graphic_control(true, 7)}, 7},
-        {"87a skips extensions", "87a", {graphic_control(true, 5)}, IMG_ERR_NO_TRANSPARENT},
-        {"none", "89a", {}, IMG_ERR_NO_TRANSPARENT},
-    };
-    for (auto &c : cases) {
-        gif_recipe r;
-        r.version = c.version;
-        r.extensions = c.extensions;
-        r.global = ramp_table(16);
-        r.data = plain_lzw({0, 1, 2, 3, 3, 2, 1, 0}, 8);
-        int h = load_bytes(build(r));
-        ASSERT_GE(h, 0) << c.what;
-        EXPECT_EQ(IMGLOW_get_transp_color(h), c.want) << c.what;
-        EXPECT_EQ(picture_of(h).rows[1], bytes({0x32, 0x10, 0, 0})) << c.what;
-        IMG_delete_bitmap(h);
-    }
-}
 
 TEST(Gif, CodeStreams) {
     const bytes seq = {0, 1, 2, 3, 3, 2, 1, 0};

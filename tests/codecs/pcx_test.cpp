@@ -79,15 +79,6 @@ TEST(Pcx, WriterKeepsResolutionAndOddLineLengths) {
     std::remove(name.c_str());
 }
 
-TEST(Pcx, BilevelPictureWithWhiteFirstKeepsItsLook) {
-    picture p = make_picture(21, 4, 1, 8);
-    p.palette = {255, 255, 255, 0, 0, 0, 0, 0};
-    picture back = load_pic(save_pic(p, IMG_TYPE_PCX));
-    ASSERT_EQ(back.bits, 1);
-    EXPECT_EQ(back.palette, bytes({0, 0, 0, 0, 255, 255, 255, 0}));
-    EXPECT_EQ(appearance(back), appearance(p));
-}
-
 TEST(Pcx, PaletteRules) {
     bytes tail(768);
     for (int i = 0; i < 768; i++) tail[i] = static_cast<uint8_t>(i * 5);
@@ -141,31 +132,6 @@ TEST(Pcx, BilevelHeaderPalettesAreNormalised) {
         ASSERT_EQ(p.bits, 1);
         EXPECT_EQ(p.palette, c.want_palette) << int(c.header_palette[0]);
         EXPECT_EQ(p.rows[0][0], c.want_first) << int(c.header_palette[0]);
-    }
-}
-
-TEST(Pcx, PlaneLayouts) {
-    struct {
-        const char *what;
-        int bpp, planes, width, bpl;
-        bytes scanline;  // all planes of the one row, unencoded
-        int want_bits;
-        bytes want_row;
-    } cases[] = {
-        // Plane k gives bit k of each pixel, most significant bit first.
-        {"4 planes of 1 bit", 1, 4, 8, 1, {0xF0, 0xCC, 0xAA, 0x0F}, 4, {0x73, 0x51, 0xEA, 0xC8}},
-        {"4 planes of 4 bits read as 1", 4, 4, 8, 1, {0x80, 0, 0, 0x80}, 4, {0x90, 0, 0, 0}},
-        {"odd width", 1, 4, 3, 1, {0xE0, 0x40, 0, 0xA0}, 4, {0x93, 0x90, 0, 0}},
-        {"16 bits read as 4", 16, 1, 4, 2, {0x12, 0x34}, 4, {0x12, 0x34, 0, 0}},
-    };
-    for (auto &c : cases) {
-        pcx_recipe r;
-        r.version = 5, r.bpp = c.bpp, r.planes = c.planes, r.width = c.width, r.height = 1, r.bpl = c.bpl;
-        r.data = literal(c.scanline);
-        r.tail = bytes(768, 0);
-        picture p = load_pic(build(r));
-        ASSERT_EQ(p.bits, c.want_bits) << c.what;
-        EXPECT_EQ(p.rows[0], c.want_row) << c.what;
     }
 }
 

@@ -67,10 +67,3 @@ TEST(XpmRead, Refusals) {
         EXPECT_EQ(code, c.code) << c.file;
     }
 }
-
-TEST(XpmRead, WritersOwnFiles) {
-    for (int bits : {1, 4, 8}) {
-        picture p = make_picture(23, 5, bits, 40 + bits);
-        EXPECT_EQ(load_pic(save_pic(p, IMG_TYPE_XPM)), p) << bits;
-    }
-}

@@ -35,27 +35,11 @@ READ_CASES = [
 ]
 
 
-def bmp_file(px, bits, palette, compression=0, body=None):
-    """A BMP file: bottom-up rows of the pixels (or a given body)."""
-    h, w = px.shape[:2]
-    if body is None:
-        rows = []
-        for y in range(h - 1, -1, -1):
-            p = px[y].astype(np.uint8)
-            raw = {24: lambda: p[:, ::-1].tobytes(), 8: p.tobytes, 1: lambda: np.packbits(p).tobytes(),
-                   4: lambda: (np.append(p, 0)[0:w + (w & 1):2] << 4 | np.append(p, 0)[1:w + 1:2]).tobytes()}[bits]()
-            rows.append(raw.ljust(B.stride(w, bits), b"\0"))
-        body = b"".join(rows)
-    head = struct.pack("<IiiHHIIiiII", 40, w, h, 1, bits, compression, len(body), 0, 0, 0, 0)
-    at = 14 + 40 + len(palette)
-    return b"BM" + struct.pack("<IHHI", at + len(body), 0, 0, at) + head + palette + body
-
-
 def pillow_reads_odd_rle4():
     """Some Pillow versions read an odd-length RLE4 absolute block one pixel
     short; such a Pillow cannot referee RLE4 files that have one."""
     body = bytes([0, 3, 0x12, 0x30, 0, 0, 0, 1])
-    data = bmp_file(np.zeros((1, 3)), 4, b"".join(struct.pack("<I", 0x111111 * i) for i in range(16)), 2, body)
+    data = B.bmp_file(np.zeros((1, 3)), 4, b"".join(struct.pack("<I", 0x111111 * i) for i in range(16)), 2, body)
     with B.Image.open(B.io.BytesIO(data)) as im:
         return list(np.asarray(im)[0]) == [1, 2, 3]
 

@@ -10,6 +10,7 @@ import ctypes
 import io
 import os
 import shutil
+import struct
 import subprocess
 import sys
 import tempfile
@@ -61,6 +62,29 @@ class Picture:
 
 def stride(width, bits):
     return ((width * bits + 31) // 32) * 4
+
+
+def bmp_file(px, bits, palette=(), compression=0, body=None):
+    """A BMP file of top-down pixels (H x W indexes, or H x W x 3 RGB at 24
+    bits) with (r, g, b) entries or ready BGR0 bytes, or of a given body."""
+    h, w = px.shape[:2]
+    if body is None:
+        rows = []
+        for y in range(h - 1, -1, -1):
+            p = px[y].astype(np.uint8)
+            if bits == 24:
+                raw = p[:, ::-1]
+            else:
+                per = 8 // bits
+                q = np.zeros(-(-w // per) * per, np.uint8)
+                q[:w] = p
+                raw = (q.reshape(-1, per) << (np.arange(per - 1, -1, -1) * bits)).sum(axis=1).astype(np.uint8)
+            rows.append(raw.tobytes().ljust(stride(w, bits), b"\0"))
+        body = b"".join(rows)
+    pal = palette if isinstance(palette, bytes) else b"".join(bytes((b, g, r, 0)) for r, g, b in palette)
+    at = 14 + 40 + len(pal)
+    return (b"BM" + struct.pack("<IHHI", at + len(body), 0, 0, at) +
+            struct.pack("<IiiHHIIiiII", 40, w, h, 1, bits, compression, len(body), 3780, 3780, 0, 0) + pal + body)
 
 
 def picture_of(handle):

@@ -17,34 +17,11 @@ LIB.IMG_process_bitmap.argtypes = [ctypes.c_int, ctypes.c_int, ctypes.c_char_p]
 RNG = np.random.RandomState(18)
 
 
-def bmp_bytes(px, bits, palette=None):
-    """A BMP file of an H x W index array (or H x W x 3 RGB at 24 bits)."""
-    h, w = px.shape[:2]
-    rows = []
-    for y in range(h - 1, -1, -1):
-        p = px[y].astype(np.uint8)
-        if bits == 24:
-            raw = p[:, ::-1].tobytes()
-        elif bits == 8:
-            raw = p.tobytes()
-        elif bits == 4:
-            q = np.append(p, 0)[: w + (w & 1)]
-            raw = (q[0::2] << 4 | q[1::2]).astype(np.uint8).tobytes()
-        else:
-            raw = np.packbits(p).tobytes()
-        rows.append(raw.ljust(B.stride(w, bits), b"\0"))
-    body = b"".join(rows)
-    pal = b"" if bits == 24 else b"".join(struct.pack("<BBBB", c[2], c[1], c[0], 0) for c in palette)
-    head = struct.pack("<IiiHHIIiiII", 40, w, h, 1, bits, 0, len(body), 0, 0, 0, 0)
-    at = 14 + 40 + len(pal)
-    return b"BM" + struct.pack("<IHHI", at + len(body), 0, 0, at) + head + pal + body
-
-
 def random_picture(w, h, bits, grey=False, top=256):
     """Pixels (below top) and the BMP file: a random colour table (or grey ramp) of full size."""
     if bits == 24:
         px = RNG.randint(0, top, (h, w, 3))
-        return px, bmp_bytes(px, 24)
+        return px, B.bmp_file(px, 24)
     n = 1 << bits
     if grey:
         palette = [(v, v, v) for v in range(n)]
@@ -53,7 +30,7 @@ def random_picture(w, h, bits, grey=False, top=256):
         if bits == 1:
             palette = [(0, 0, 0), (255, 255, 255)]
     px = RNG.randint(0, min(n, top), (h, w))
-    return px, bmp_bytes(px, bits, palette)
+    return px, B.bmp_file(px, bits, palette)
 
 
 def processed(data, *ops):

@@ -17,32 +17,11 @@ B.require("tiffcp", "tiff2rgba", "g3topbm", "pcxtoppm", "giftopnm", "tgatoppm", 
 LIB = B.LIB
 
 
-def dib_file(px, bits, palette):
-    """A BMP file of top-down pixel values px with a list of (r, g, b)."""
-    h, w = px.shape[:2]
-    if bits == 24:
-        rows = [px[y, :, ::-1].tobytes() for y in range(h)]
-    elif bits == 8:
-        rows = [px[y].astype(np.uint8).tobytes() for y in range(h)]
-    else:
-        per = 8 // bits
-        padded = np.zeros((h, -(-w // per) * per), np.uint8)
-        padded[:, :w] = px
-        shifts = np.arange(per - 1, -1, -1) * bits
-        rows = [(padded[y].reshape(-1, per) << shifts).sum(axis=1).astype(np.uint8).tobytes() for y in range(h)]
-    stride = (w * bits + 31) // 32 * 4
-    body = b"".join(r.ljust(stride, b"\0") for r in reversed(rows))
-    pal = b"".join(bytes((b, g, r, 0)) for r, g, b in palette)
-    off = 54 + len(pal)
-    return (b"BM" + struct.pack("<IHHI", off + len(body), 0, 0, off) +
-            struct.pack("<IiiHHIIiiII", 40, w, h, 1, bits, 0, len(body), 3780, 3780, 0, 0) + pal + body)
-
-
 def handle_of(px, bits, palette, put_palette=None):
     """A new handle holding the picture; put_palette replaces its colour
     table after the load (the BMP reader makes every bilevel table black
     and white, so other two-colour tables are set this way)."""
-    h = B.in_block(dib_file(px, bits, palette), lambda a: LIB.IMG_decompress_bitmap_mem(a, 0))
+    h = B.in_block(B.bmp_file(px, bits, palette), lambda a: LIB.IMG_decompress_bitmap_mem(a, 0))
     assert h >= 0, "source load gave %d" % h
     if put_palette:
         table = b"".join(bytes((b, g, r, 0)) for r, g, b in put_palette)

@@ -41,21 +41,6 @@ TEST(Rotate, OtherAnglesMirrorAboutTheAntiDiagonal) {
         }
 }
 
-TEST(Rotate, QuarterTurnsUndoEachOtherWithTheCropRectangle) {
-    for (int bits : {1, 4, 8, 24})
-        for (auto [first, second] : {std::pair{90, 270}, {270, 90}, {45, 45}, {180, 180}}) {
-            picture p = make_picture(13, 5, bits, 9u + bits);
-            int h = handle_of(p);
-            IMG_set_croprect(h, 2, 1, 6, 3);
-            ASSERT_EQ(IMG_rotate_bitmap(h, first), 0);
-            EXPECT_NE(picture_of(h), p);
-            ASSERT_EQ(IMG_rotate_bitmap(h, second), 0);
-            EXPECT_EQ(picture_of(h), p) << bits << " bits, " << first;
-            EXPECT_EQ(crop_of(h), (std::vector<int>{2, 1, 6, 3}));
-            IMG_delete_bitmap(h);
-        }
-}
-
 // The crop rectangle follows the content it marked.
 TEST(Rotate, CropRectangleFollowsTheContent) {
     const struct {
@@ -79,16 +64,6 @@ TEST(Rotate, HeightLimitOfAQuarterTurn) {
             EXPECT_EQ(picture_of(h).height, 8181);
             EXPECT_EQ(IMG_rotate_bitmap(h, 180), 0);
         }
-        IMG_delete_bitmap(h);
-    }
-}
-
-TEST(Rotate, OnePixelWideTurnsOnePixelHigh) {
-    for (int bits : {1, 4, 8, 24}) {
-        int h = handle_of(make_picture(1, 9, bits, 3));
-        ASSERT_EQ(IMG_rotate_bitmap(h, 90), 0);
-        picture q = picture_of(h);
-        EXPECT_EQ(std::pair(q.width, q.height), std::pair(9, 1));
         IMG_delete_bitmap(h);
     }
 }
