@@ -148,8 +148,13 @@ constexpr format_info formats[FORMAT_COUNT] = {
     // Extensions of the table from here on.
     // Four bytes of the signature: a hook that trickles may bring no more at
     // first; the reader checks all eight.
+#ifdef BRIVANTA_NO_PNG
+    family(43, "png", "PNG", SAVED_BY_NAME | QUERIES,
+           [](const uint8_t *b, int) { return std::memcmp(b, "\x89PNG", 4) == 0; }),
+#else
     family(43, "png", "PNG", SAVED_BY_NAME | QUERIES,
            [](const uint8_t *b, int) { return std::memcmp(b, "\x89PNG", 4) == 0; }, png_read_file, png_write_file),
+#endif
 };
 
 // The first thirty-one look at the first ten bytes only; PICT and MacPaint,

@@ -199,7 +199,9 @@ const writer_row writers[] = {
     {IMG_TYPE_JPEG, {8, 24}, back::same, TRICKLES},
     {IMG_TYPE_TIFF_JPEG, {24}, back::same, 0},
     {IMG_TYPE_PSD, {1, 8, 24}, back::same, TRICKLES},
+#ifndef BRIVANTA_NO_PNG
     {IMG_TYPE_PNG, {1, 4, 8, 24}, back::same, TRICKLES},
+#endif
     {IMG_TYPE_EPS, {1, 8}, back::same, -1},  // text: Ghostscript reads it (interop)
     {IMG_TYPE_RAW_G3, {1}, back::same, -1},
     {IMG_TYPE_RAW_G4, {1}, back::same, -1},
@@ -281,8 +283,10 @@ TEST(Faults, FilesFromOtherTools) {
         {"cals/im.cal", TRICKLES},     {"xbm/netpbm_short.xbm", TRICKLES}, {"xbm/pillow.xbm", TRICKLES},
         {"ico/im_4.ico", TRICKLES},    {"ico/im_32.ico", TRICKLES},    {"wpg/recipe_8.wpg", TRICKLES},
         {"pict/im_8.pct", 0},          {"pict/im_24.pct", 0},          {"pict/im_32a.pct", 0},
+#ifndef BRIVANTA_NO_PNG
         {"png/im_palette_alpha_interlaced.png", TRICKLES}, {"png/im_rgba16.png", TRICKLES},
         {"png/im_grey2.png", TRICKLES},
+#endif
         // Detection needs the nine bytes of "/* XPM */" in one read.
         {"xpm/netpbm_8.xpm", 0},       {"xpm/netpbm_24.xpm", 0},       {"xpm/im_transp.xpm", 0},
         {"gem/netpbm.img", TRICKLES},

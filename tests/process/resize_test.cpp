@@ -29,7 +29,7 @@ TEST(Resize, InterpolationCases) {
         int nw, nh;
         std::vector<uint8_t> want;
     } cases[] = {
-        // The Part's ramp: 0 and 255 over eight pixels.
+        // A ramp from 0 to 255 over eight pixels.
         {2, 1, {0, 255}, 8, 1, {0, 63, 127, 191, 255, 255, 255, 255}},
         // A white line on black spreads at a ninth of its strength per row of the window.
         {6, 3, {0, 0, 0, 0, 0, 0, 255, 255, 255, 255, 255, 255, 0, 0, 0, 0, 0, 0}, 3, 3, {85, 85, 85, 85, 85, 85, 85, 85, 85}},
