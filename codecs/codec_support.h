@@ -48,11 +48,7 @@ inline int bilevel_white_index(const uint8_t *palette) {
 // readers announce; false when the picture's size does not fit.
 inline bool fill_bilevel_header(dib_header &d, int32_t width, int32_t height) {
     dib_info &i = d.info;
-    i.biSize = 40;
-    i.biWidth = width;
-    i.biHeight = height;
-    i.biPlanes = 1;
-    i.biBitCount = 1;
+    set_dib_size(i, width, height, 1);
     std::memset(d.palette + 4, 255, 3);
     const uint32_t stride = row_bytes(width, 1);
     return stride && height > 0 && size_mul_add(stride, static_cast<uint32_t>(height), 0, &i.biSizeImage);

@@ -57,11 +57,7 @@ BRIVANTA_READER(cut_decompress) {
     auto *dib = static_cast<dib_header *>(mem.take(sizeof(dib_header)));
     if (!dib) return IMG_ERR_MEMORY;
     dib_info &i = dib->info;
-    i.biSize = 40;
-    i.biWidth = width;
-    i.biHeight = height;
-    i.biPlanes = 1;
-    i.biBitCount = 8;
+    set_dib_size(i, width, height, 8);
     i.biSizeImage = out_len * static_cast<uint32_t>(height);
     fill_grey_ramp(dib->palette);
     if (int rc = begin_image(dib, context); rc < 0) return rc;

@@ -79,11 +79,7 @@ BRIVANTA_READER(gem_read_file) {
     auto *dib = static_cast<dib_header *>(mem.take(sizeof(dib_header)));
     if (!dib) return IMG_ERR_MEMORY;
     dib_info &h = dib->info;
-    h.biSize = 40;
-    h.biWidth = width;
-    h.biHeight = height;
-    h.biPlanes = 1;
-    h.biBitCount = static_cast<uint16_t>(bits);
+    set_dib_size(h, width, height, bits);
     // Pixel sizes come in microns.
     if (int wm = get16be(head + 8), hm = get16be(head + 10); wm > 0 && hm > 0)
         h.biXPelsPerMeter = (25400 + wm / 2) / wm, h.biYPelsPerMeter = (25400 + hm / 2) / hm;

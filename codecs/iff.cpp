@@ -151,11 +151,7 @@ BRIVANTA_READER(iff_read_file) {
     const uint32_t file_row = chunky ? h.width + (h.width & 1) + (h.masking == MASK_PLANE ? plane_bytes : 0)
                                      : plane_bytes * static_cast<uint32_t>(h.planes + (h.masking == MASK_PLANE));
     dib_info &i = dib->info;
-    i.biSize = 40;
-    i.biWidth = static_cast<int32_t>(h.width);
-    i.biHeight = static_cast<int32_t>(h.height);
-    i.biPlanes = 1;
-    i.biBitCount = static_cast<uint16_t>(bits);
+    set_dib_size(i, h.width, h.height, bits);
     if (!size_mul_add(out_len, h.height, 0, &i.biSizeImage)) i.biSizeImage = 0;
     uint8_t palette[1024];  // HAM takes its base colours from here
     std::memcpy(palette, dib->palette, sizeof palette);

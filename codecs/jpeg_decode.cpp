@@ -1231,11 +1231,7 @@ int decode_from(byte_source &src, int32_t offset, IMG_put_row_fn put_row, void *
     auto *hdr = static_cast<dib_header *>(mem.take(sizeof(dib_header)));
     if (!hdr) return IMG_ERR_MEMORY;
     dib_info &h = hdr->info;
-    h.biSize = 40;
-    h.biWidth = fr.width;
-    h.biHeight = fr.height;
-    h.biPlanes = 1;
-    h.biBitCount = fr.nf == 1 ? 8 : 24;
+    set_dib_size(h, fr.width, fr.height, fr.nf == 1 ? 8 : 24);
     if (!size_mul_add(row_bytes(fr.width, h.biBitCount), fr.height, 0, &h.biSizeImage)) h.biSizeImage = 0;
     // Densities pass through as stored, whatever the units byte says.
     if (headers.have_jfif && headers.jfif.ident[0] == 'J' && headers.jfif.ident[1] == 'F') {

@@ -50,11 +50,7 @@ BRIVANTA_READER(macpaint_read_file) {
     auto *dib = static_cast<dib_header *>(mem.take(sizeof(dib_header)));
     if (!dib) return IMG_ERR_MEMORY;
     dib_info &i = dib->info;
-    i.biSize = 40;
-    i.biWidth = MAC_WIDTH;
-    i.biHeight = MAC_HEIGHT;
-    i.biPlanes = 1;
-    i.biBitCount = 1;
+    set_dib_size(i, MAC_WIDTH, MAC_HEIGHT, 1);
     i.biSizeImage = MAC_IMAGE_SIZE;
     std::memset(dib->palette + 4, 255, 3);
     if (int rc = begin_image(dib, context); rc < 0) return rc;

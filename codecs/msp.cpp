@@ -68,11 +68,7 @@ BRIVANTA_READER(msp_decompress) {
     auto *dib = static_cast<dib_header *>(mem.take(sizeof(dib_header)));
     if (!dib) return IMG_ERR_MEMORY;
     dib_info &i = dib->info;
-    i.biSize = 40;
-    i.biWidth = width;
-    i.biHeight = height;
-    i.biPlanes = 1;
-    i.biBitCount = 1;
+    set_dib_size(i, width, height, 1);
     i.biSizeImage = out_len * static_cast<uint32_t>(height);
     std::memset(dib->palette + 4, 255, 3);
     if (int rc = begin_image(dib, context); rc < 0) return rc;

@@ -49,11 +49,7 @@ BRIVANTA_READER(pcd_read_file) {
     auto *row = static_cast<uint8_t *>(mem.take(PCD_WIDTH * 3));
     if (!dib || !pair || !row) return IMG_ERR_MEMORY;
     dib_info &h = dib->info;
-    h.biSize = 40;
-    h.biWidth = PCD_WIDTH;
-    h.biHeight = PCD_HEIGHT;
-    h.biPlanes = 1;
-    h.biBitCount = 24;
+    set_dib_size(h, PCD_WIDTH, PCD_HEIGHT, 24);
     h.biSizeImage = row_bytes(PCD_WIDTH, 24) * PCD_HEIGHT;
     if (int rc = begin_image(dib, context); rc < 0) return rc;
 

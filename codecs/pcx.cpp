@@ -139,11 +139,8 @@ int pcx_read(int32_t where, int32_t palette_end, IMG_put_row_fn put_row, void *c
     const uint32_t bpl = get16(ph + 66);
 
     dib_info h{};
-    h.biSize = 40;
-    h.biWidth = static_cast<int32_t>(get16(ph + 8)) - get16(ph + 4) + 1;
-    h.biHeight = static_cast<int32_t>(get16(ph + 10)) - get16(ph + 6) + 1;
-    h.biPlanes = 1;
-    h.biBitCount = static_cast<uint16_t>(bpp * factor);
+    set_dib_size(h, static_cast<int32_t>(get16(ph + 8)) - get16(ph + 4) + 1,
+                 static_cast<int32_t>(get16(ph + 10)) - get16(ph + 6) + 1, bpp * factor);
     if (h.biWidth < 1 || h.biHeight < 1 || h.biBitCount == 0) return IMG_ERR_HEADER;
     // A scan line too short for the width cannot hold the picture, and one of
     // no bytes would make every row from no data at all.

@@ -239,11 +239,7 @@ int read_bitmap(byte_source &s, int op, IMG_put_row_fn put_row, void *context, I
         invert = true;
     }
     dib_info &i = hdr->info;
-    i.biSize = 40;
-    i.biWidth = pm.width;
-    i.biHeight = pm.height;
-    i.biPlanes = 1;
-    i.biBitCount = static_cast<uint16_t>(bits);
+    set_dib_size(i, pm.width, pm.height, bits);
     const uint32_t stride = row_bytes(pm.width, bits);
     if (!stride || !size_mul_add(stride, static_cast<uint32_t>(pm.height), 0, &i.biSizeImage)) return IMG_ERR_HEADER;
     i.biXPelsPerMeter = i.biYPelsPerMeter = pm.dpi;

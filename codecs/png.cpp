@@ -113,11 +113,7 @@ BRIVANTA_READER(png_read_file) {
     static constexpr uint8_t white[3] = {255, 255, 255};
     const uint8_t *back = in.has_background ? in.background : white;
     dib_info &h = dib->info;
-    h.biSize = 40;
-    h.biWidth = static_cast<int32_t>(in.width);
-    h.biHeight = static_cast<int32_t>(in.height);
-    h.biPlanes = 1;
-    h.biBitCount = static_cast<uint16_t>(bits);
+    set_dib_size(h, in.width, in.height, bits);
     h.biSizeImage = image_size;
     h.biXPelsPerMeter = in.dpi_x;
     h.biYPelsPerMeter = in.dpi_y;

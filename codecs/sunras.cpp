@@ -130,11 +130,7 @@ BRIVANTA_READER(sunras_read_file) {
     if (!dib) return IMG_ERR_MEMORY;
     if (int rc = sunras_read_map(src, h, dib->palette, mem); rc < 0) return rc;
     dib_info &i = dib->info;
-    i.biSize = 40;
-    i.biWidth = static_cast<int32_t>(h.width);
-    i.biHeight = static_cast<int32_t>(h.height);
-    i.biPlanes = 1;
-    i.biBitCount = static_cast<uint16_t>(bits);
+    set_dib_size(i, h.width, h.height, bits);
     if (!size_mul_add(out_len, h.height, 0, &i.biSizeImage)) i.biSizeImage = 0;
     if (int rc = begin_image(dib, context); rc < 0) return rc;
 

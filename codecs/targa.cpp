@@ -53,11 +53,7 @@ int targa_read_color_map(byte_source &src, targa_header &h, uint8_t *palette) {
 
 void targa_fill_dib_header(dib_header &d, const targa_header &h) {
     dib_info &i = d.info;
-    i.biSize = 40;
-    i.biWidth = h.width;
-    i.biHeight = h.height;
-    i.biPlanes = 1;
-    i.biBitCount = h.depth == 8 ? 8 : 24;
+    set_dib_size(i, h.width, h.height, h.depth == 8 ? 8 : 24);
     if (!size_mul_add(row_bytes(h.width, i.biBitCount), h.height, 0, &i.biSizeImage)) i.biSizeImage = 0;
 }
 

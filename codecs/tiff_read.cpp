@@ -1072,11 +1072,7 @@ int decode(tiff_reader &r, uint32_t wanted, IMG_put_row_fn put_row, void *user, 
     auto *h = static_cast<dib_header *>(scratch_alloc(sizeof(dib_header)));
     if (!h) return IMG_ERR_MEMORY;
     dib_info &i = h->info;
-    i.biSize = 40;
-    i.biWidth = static_cast<int32_t>(t.width);
-    i.biHeight = static_cast<int32_t>(t.height);
-    i.biPlanes = 1;
-    i.biBitCount = static_cast<uint16_t>(bits);
+    set_dib_size(i, t.width, t.height, bits);
     i.biSizeImage = static_cast<uint32_t>(dib_row * t.height);
     i.biXPelsPerMeter = static_cast<int32_t>(t.x_resolution);
     i.biYPelsPerMeter = static_cast<int32_t>(t.y_resolution);

@@ -116,11 +116,7 @@ BRIVANTA_READER(wpg_read_file) {
     if (bm.width < 1 || bm.height < 1) return IMG_ERR_HEADER;
 
     dib_info &i = hdr->info;
-    i.biSize = 40;
-    i.biWidth = bm.width;
-    i.biHeight = bm.height;
-    i.biPlanes = 1;
-    i.biBitCount = static_cast<uint16_t>(bm.depth);
+    set_dib_size(i, bm.width, bm.height, bm.depth);
     const uint32_t dib_row = row_bytes(bm.width, bm.depth);
     i.biSizeImage = dib_row * static_cast<uint32_t>(bm.height);
     if (have_map && bm.depth < 24)

@@ -370,11 +370,7 @@ BRIVANTA_READER(xpm_read_file) {
     auto *dib = static_cast<dib_header *>(mem.take(sizeof(dib_header)));
     if (!index_of || !dib) return IMG_ERR_MEMORY;
     dib_info &h = dib->info;
-    h.biSize = 40;
-    h.biWidth = width;
-    h.biHeight = height;
-    h.biPlanes = 1;
-    h.biBitCount = static_cast<uint16_t>(bits);
+    set_dib_size(h, width, height, bits);
     const uint32_t stride = row_bytes(width, bits);
     if (!stride || !size_mul_add(stride, static_cast<uint32_t>(height), 0, &h.biSizeImage)) return IMG_ERR_MEMORY;
     if (bits < 24) {

@@ -165,11 +165,7 @@ BRIVANTA_READER(xwd_read_file) {
     if (!out_len || bpl < needed || bpl > 2 * needed + 64 || bpl > 0x7FFFFF00) return IMG_ERR_HEADER;
 
     dib_info &i = dib->info;
-    i.biSize = 40;
-    i.biWidth = static_cast<int32_t>(width);
-    i.biHeight = static_cast<int32_t>(height);
-    i.biPlanes = 1;
-    i.biBitCount = static_cast<uint16_t>(bits);
+    set_dib_size(i, width, height, bits);
     if (!size_mul_add(out_len, height, 0, &i.biSizeImage)) i.biSizeImage = 0;
     if (int rc = begin_image(dib, context); rc < 0) return rc;
 

@@ -57,6 +57,16 @@ constexpr uint32_t row_bytes(int64_t width, int bits) {
     return n > 0x7FFFFFF0u ? 0 : static_cast<uint32_t>(n);
 }
 
+// The size fields every new picture's header starts with: a 40-byte header,
+// one plane; the rest is left as the caller set it.
+inline void set_dib_size(dib_info &i, int32_t width, int32_t height, int bits) {
+    i.biSize = 40;
+    i.biWidth = width;
+    i.biHeight = height;
+    i.biPlanes = 1;
+    i.biBitCount = static_cast<uint16_t>(bits);
+}
+
 constexpr uint32_t palette_bytes(int bits) {
     return bits == 24 || bits <= 0 || bits > 8 ? 0 : 4u << bits;
 }

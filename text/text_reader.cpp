@@ -72,11 +72,7 @@ int begin_page(page_render &p) {
     p.begun = true;
     dib_header &h = p.header;
     h = dib_header{};
-    h.info.biSize = 40;
-    h.info.biWidth = p.width;
-    h.info.biHeight = p.height;
-    h.info.biPlanes = 1;
-    h.info.biBitCount = 1;
+    set_dib_size(h.info, p.width, p.height, 1);
     h.info.biXPelsPerMeter = text_settings.x_dpi;
     h.info.biYPelsPerMeter = text_settings.y_dpi;
     std::memset(h.palette + 4, 0xFF, 3);  // 0 black ink, 1 white paper
