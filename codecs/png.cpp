@@ -99,7 +99,7 @@ BRIVANTA_READER(png_read_file) {
     const bool grey_out = in.colour_type == 0 || in.colour_type == 4;
     const int bits = in.packed ? packed_dib_bits(in.bit_depth) : grey_out ? 8 : 24;
     const uint32_t out_len = row_bytes(in.width, bits);
-    const uint32_t in_len = in.packed ? (in.width * static_cast<uint32_t>(in.bit_depth) + 7) / 8 : in.width * 4;
+    const uint32_t in_len = in.packed ? (in.width * static_cast<uint32_t>(in.bit_depth) + 7) / 8 : in.width * (in.rgb ? 3 : 4);
     uint32_t image_size = 0;
     if (!out_len || !size_mul_add(out_len, in.height, 0, &image_size)) return IMG_ERR_MEMORY;
     uint32_t decoded_size = 0;
@@ -122,8 +122,12 @@ BRIVANTA_READER(png_read_file) {
     if ((rc = begin_image(dib, context)) < 0) return rc;
 
     for (uint32_t y = 0; y < in.height; y++) {
-        if ((rc = png_decode_row(dec.d, row)) < 0) return rc;
-        convert_row(in, row, out, bits, back);
+        // Opaque RGB comes straight into the DIB row: only red and blue trade places.
+        if ((rc = png_decode_row(dec.d, in.rgb ? out : row)) < 0) return rc;
+        if (in.rgb)
+            for (uint32_t x = 0; x < in.width; x++) std::swap(out[3 * x], out[3 * x + 2]);
+        else
+            convert_row(in, row, out, bits, back);
         if ((rc = put_row(out, context, static_cast<int>(y), static_cast<int>(out_len))) < 0) return rc;
     }
     return 0;

@@ -18,8 +18,10 @@ struct png_info {
     int colour_type;   // 0 grey, 2 RGB, 3 palette, 4 grey and alpha, 6 RGBA
     bool interlaced;
     // Packed rows come as the file stores palette and grey samples of 8 bits
-    // or fewer (MSB first); every other picture comes as 8-bit RGBA.
+    // or fewer (MSB first); every other picture comes as 8-bit RGBA, or as
+    // 8-bit RGB when the backend knows every pixel is opaque (rgb set).
     bool packed;
+    bool rgb;
     int palette_count;
     uint8_t palette[256][4];  // red, green, blue, alpha (opaque without tRNS)
     int32_t grey_key;         // a packed grey picture's transparent sample, or -1

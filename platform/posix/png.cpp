@@ -187,7 +187,8 @@ png_decoder *png_decode_open(png_read_fn read, void *user, uint32_t max_width, u
         }
     }
     spng_trns trns;
-    if (clean(spng_get_trns(d->ctx, &trns)) == 0) {
+    const bool has_trns = clean(spng_get_trns(d->ctx, &trns)) == 0;
+    if (has_trns) {
         clean_out(trns);
         if (h.color_type == SPNG_COLOR_TYPE_INDEXED)
             for (uint32_t i = 0; i < trns.n_type3_entries && i < 256; i++) info->palette[i][3] = trns.type3_alpha[i];
@@ -215,7 +216,10 @@ png_decoder *png_decode_open(png_read_fn read, void *user, uint32_t max_width, u
         info->dpi_y = png_dpi(phys.ppu_y);
     }
 
-    d->fmt = info->packed ? SPNG_FMT_PNG : SPNG_FMT_RGBA8;
+    // Colour without tRNS is opaque: three bytes a pixel spare the alpha
+    // channel and the matting pass.
+    info->rgb = h.color_type == SPNG_COLOR_TYPE_TRUECOLOR && !has_trns;
+    d->fmt = info->packed ? SPNG_FMT_PNG : info->rgb ? SPNG_FMT_RGB8 : SPNG_FMT_RGBA8;
     d->interlaced = info->interlaced;
     size_t total = 0;
     if ((err = clean(spng_decoded_image_size(d->ctx, d->fmt, &total))) != 0) {
