@@ -127,6 +127,11 @@ void sample_row(const uint8_t *src, uint8_t *dst, int out_width, uint32_t step) 
     }
 }
 
+// Point sampling of an 8- or 24-bit row through a table of source byte
+// offsets, one per output pixel and never decreasing (computed once per
+// picture); reads stay within the src_bytes of the source row.
+void sample_row_at(int bits, const uint8_t *src, uint32_t src_bytes, uint8_t *dst, const uint32_t *at, int out_width);
+
 // colour/grey.cpp: the picture as 8-bit luminance into dst, a new 8-bit
 // bitmap of the same size, whose table becomes the identity grey ramp (the
 // status callback once per row).

@@ -26,17 +26,30 @@ int replicate(held_bitmap &held, int width, int height) {
     if (!out) return IMG_ERR_MEMORY;
     const uint32_t xstep = static_cast<uint32_t>(step_of(bm.width, width));
     const int64_t ystep = step_of(bm.height, height);
-    int last = -1;
-    for (int j = 0; j < height; j++) {
+    // Whole-byte pixels sample through offsets worked out once, not per row.
+    uint32_t *at = nullptr;
+    if (bm.bits == 8 || bm.bits == 24) {
+        at = static_cast<uint32_t *>(scratch_alloc(static_cast<uint32_t>(width) * 4));
+        if (!at) return IMG_ERR_MEMORY;
+        const uint32_t n = static_cast<uint32_t>(bm.bits / 8);
+        for (int i = 0; i < width; i++) at[i] = n * static_cast<uint32_t>((static_cast<uint64_t>(i) * xstep) >> 16);
+    }
+    const uint32_t src_bytes = static_cast<uint32_t>(bm.width) * static_cast<uint32_t>(bm.bits / 8);
+    int last = -1, r = 0;
+    for (int j = 0; j < height && r >= 0; j++) {
         const int y = static_cast<int>((j * ystep) >> 16);
         uint8_t *to = out.bm.row(j);
         if (y == last)
             std::memcpy(to, out.bm.row(j - 1), out.bm.stride);  // a repeated row
+        else if (at)
+            sample_row_at(bm.bits, bm.row(y), src_bytes, to, at, width);
         else
             with_depth(bm.bits, [&](auto d) { sample_row<d()>(bm.row(y), to, width, xstep); });
         last = y;
-        if (int r = row_done(height); r < 0) return r;
+        r = row_done(height);
     }
+    if (at) scratch_free(at);
+    if (r < 0) return r;
     install(held, out);
     whole_crop(held.rec);
     return 0;
@@ -168,6 +181,26 @@ int interpolate(held_bitmap &held, int width, int height) {
     whole_crop(held.rec);
     return 0;
 }
+
+}  // namespace
+
+void sample_row_at(int bits, const uint8_t *src, uint32_t src_bytes, uint8_t *dst, const uint32_t *at, int out_width) {
+    int i = 0;
+    if (bits == 8) {
+        for (; i < out_width; i++) dst[i] = src[at[i]];
+        return;
+    }
+    // Four bytes a pixel: the spare byte lands where the next pixel goes, so
+    // the last pixel, and any whose load would pass the row, take three.
+    for (; i + 1 < out_width && at[i] + 4 <= src_bytes; i++) {
+        uint32_t v;
+        std::memcpy(&v, src + at[i], 4);
+        std::memcpy(dst + 3 * i, &v, 4);
+    }
+    for (; i < out_width; i++) std::memcpy(dst + 3 * i, src + at[i], 3);
+}
+
+namespace {
 
 template <typename Op>
 int resize(int h, int width, int height, Op op) {
