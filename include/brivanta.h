@@ -355,6 +355,46 @@ IMG_EXPORT int IMG_API IMGLOW_get_ascii_page_width(const char *name);
  * or the load's code. */
 IMG_EXPORT int IMG_API IMG_import_ascii(const char *name, int page);
 
+#ifndef _WIN32
+/* Device contexts on Linux.  Where Windows takes an HDC, HWND or HBITMAP,
+ * the display exports take a surface the library makes: 32-bit pixels
+ * (0x00RRGGBB) with the mapping, capabilities and scroll bars of a device
+ * context.  A memory surface also serves as a window: its client area is its
+ * size and its scroll bars are fields of its own.
+ *   IMG_dc_create_memory: a white surface of width x height, true colour,
+ *     96 dpi, a display; *dc receives it.  IMG_ERR_TYPE for sizes below 1,
+ *     IMG_ERR_MEMORY when it cannot be made.
+ *   IMG_dc_delete: frees a surface (and a bitmap made by the display exports).
+ *   IMG_dc_read_pixels: copies a w x h rectangle as 0x00RRGGBB words, rows
+ *     top-down, into out; IMG_ERR_TYPE when it does not lie inside.
+ *   IMG_dc_set_caps: what the surface reports as a device: NUMCOLORS (-1
+ *     true colour, 2 monochrome), the technology name ("PostScript" for a
+ *     PostScript printer, "" or null for a display), LOGPIXELSX, and the
+ *     printer scaling factor (-1 for either: the device lacks the escape).
+ *   IMG_dc_set_mapping: map mode 1 (MM_TEXT: the origins only) or 8
+ *     (MM_ANISOTROPIC) with window and viewport origins and extents, so that
+ *     callers draw in logical units; IMG_ERR_TYPE for other modes or a zero extent.
+ *   IMG_dc_get_scroll: a window surface's scroll bar (0 horizontal, 1 vertical):
+ *     its range and position, each pointer may be null.
+ * All return 0, or IMG_ERR_HANDLE for a pointer that is no live surface.
+ *
+ *   void *dc;
+ *   int h = IMG_decompress_bitmap("photo.jpg");
+ *   IMG_dc_create_memory(640, 480, &dc);
+ *   IMG_display_bitmap(h, dc, 0, 0, 640, 480);
+ *   IMG_dc_read_pixels(dc, 0, 0, 640, 480, pixels);
+ *   IMG_dc_delete(dc); */
+IMG_EXPORT int IMG_API IMG_dc_create_memory(int width, int height, void **dc);
+IMG_EXPORT int IMG_API IMG_dc_delete(void *dc);
+IMG_EXPORT int IMG_API IMG_dc_read_pixels(void *dc, int x, int y, int w, int h, void *out);
+IMG_EXPORT int IMG_API IMG_dc_set_caps(void *dc, int num_colors, const char *technology, int logpixels_x,
+                                       int scale_x, int scale_y);
+IMG_EXPORT int IMG_API IMG_dc_set_mapping(void *dc, int map_mode, int window_org_x, int window_org_y,
+                                          int window_ext_x, int window_ext_y, int viewport_org_x,
+                                          int viewport_org_y, int viewport_ext_x, int viewport_ext_y);
+IMG_EXPORT int IMG_API IMG_dc_get_scroll(void *window, int bar, int *min, int *max, int *pos);
+#endif
+
 /* The library's exit procedure: does nothing, returns 1. */
 IMG_EXPORT int IMG_API WEP(int reserved);
 

@@ -59,10 +59,25 @@ def param_bytes(param):
     return 4
 
 
-def parse(header_path):
+# Blocks of declarations for one system only (not nested).
+SYSTEM_BLOCK = re.compile(r"^[ \t]*#\s*if(?P<neg>n?)def\s+_WIN32\b(?P<body>.*?)^[ \t]*#\s*endif\b", re.S | re.M)
+
+
+def for_system(text, windows):
+    """The header as the compiler sees it on Windows or elsewhere."""
+    def keep(m):
+        return m.group("body") if (m.group("neg") == "") == windows else ""
+    return SYSTEM_BLOCK.sub(keep, text)
+
+
+# The commands about the Windows DLL read the header as Windows does.
+WINDOWS_COMMANDS = {"def", "table", "check-pe", "check-stdcall"}
+
+
+def parse(header_path, windows=False):
     """[(name, stdcall argument bytes)] in header order."""
     with open(header_path, encoding="utf-8") as f:
-        text = strip_comments(f.read())
+        text = strip_comments(for_system(re.sub(r"/\*.*?\*/", " ", f.read(), flags=re.S), windows))
     found = []
     for m in EXPORT.finditer(text):
         # Find the matching close parenthesis of the parameter list.
@@ -203,7 +218,7 @@ def main(argv):
         print(__doc__.strip(), file=sys.stderr)
         return 2
     cmd, header = argv[1], argv[2]
-    exports = parse(header)
+    exports = parse(header, cmd in WINDOWS_COMMANDS)
     names = [n for n, _ in exports]
     if cmd == "names":
         print("\n".join(names))

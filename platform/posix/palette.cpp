@@ -1,5 +1,6 @@
 // Logical palettes without a windowing system: a memory block laid out as a
 // LOGPALETTE, which callers lock and free with the memory exports.
+#include "platform/graphics.h"
 #include "platform/platform.h"
 
 #include <cstring>
@@ -19,11 +20,12 @@ int32_t os_palette_create(const uint8_t *entries, int count) {
     p[3] = static_cast<uint8_t>(count >> 8);
     std::memcpy(p + 4, entries, 4 * static_cast<size_t>(count));
     mem_unlock(b);
+    gfx_palettes_live++;
     return b;
 }
 
 void os_palette_delete(int32_t palette) {
-    if (palette) mem_free(palette);
+    if (palette && mem_free(palette) == 0) gfx_palettes_live--;
 }
 
 int32_t os_palette_select(void *, int32_t) { return 0; }
