@@ -255,7 +255,21 @@ IMG_EXPORT int IMG_API IMGLOW_set_rop(int handle, int rop);
 IMG_EXPORT int IMG_API IMGLOW_get_transp_color(int handle);
 IMG_EXPORT int IMG_API IMGLOW_get_image_orientation(const char *name);
 IMG_EXPORT int IMG_API IMG_qor_version(int *major, int *minor);
+/* Copies per piece of a transition effect (times the effect's weight);
+ * 0 or less: measured against the device at each effect. */
 IMG_EXPORT int IMG_API IMGLOW_set_wipedelay(int delay);
+/* Draws a device-dependent bitmap (HBITMAP; on Linux a bitmap surface) into
+ * dc with its top-left corner at (left, top), revealed piece by piece:
+ * 1 rows top to bottom, 2 rows bottom to top (the top row is left
+ * undrawn), 3 8-pixel columns right to left (a remainder of width mod 8 at
+ * the left edge is left undrawn), 4 columns left to right, 5 four
+ * interleaved bands, 6 a checkerboard, 7 a box growing from the centre in
+ * eighths, 8 four blinds, 9 a box growing by 8 pixels, 10 curtains opening
+ * from the middle.  Any other code draws nothing.  The status callback is
+ * called with the picture's height as it runs and stops it by answering < 0.
+ * 0, IMG_ERR_MEMORY, -8 when the bitmap's size cannot be read, or
+ * IMG_ERR_STOPPED (what was drawn stays). */
+IMG_EXPORT int IMG_API IMG_display_ddb_effect(void *ddb, void *dc, int left, int top, int effect);
 
 /* Processing, in place on a handle: the handle keeps its number, and on
  * any failure its bitmap and record are left as they were.  Long operations
@@ -393,6 +407,49 @@ IMG_EXPORT int IMG_API IMG_dc_set_mapping(void *dc, int map_mode, int window_org
                                           int window_ext_x, int window_ext_y, int viewport_org_x,
                                           int viewport_org_y, int viewport_ext_x, int viewport_ext_y);
 IMG_EXPORT int IMG_API IMG_dc_get_scroll(void *window, int bar, int *min, int *max, int *pos);
+
+/* A window on an X display, as a surface: its pixels are the window's
+ * backing store, shown through MIT-SHM where the server has it and by
+ * plain image requests otherwise.  The surface is the device context and
+ * the window of the display exports alike; its client area is the window's
+ * size, and pixels the server lost are put back from the backing store
+ * without the caller.  IMG_dc_delete closes the window.
+ *   IMG_dc_create_window: opens display (null: $DISPLAY) and maps a white
+ *     window of width x height titled title; *dc receives it.
+ *     IMG_ERR_TYPE when the display cannot be opened, is not a 24-bit true
+ *     colour one, or the library was built without X11; IMG_ERR_MEMORY.
+ *   IMG_dc_next_event: waits up to timeout_ms (-1: for ever) for the next
+ *     event: 1 with *event filled, 0 on timeout, IMG_ERR_HANDLE for what is
+ *     no window.  After a scroll moved the window's pixels, the uncovered
+ *     strip comes as an IMG_EVENT_PAINT to draw (as the paint that follows
+ *     ScrollWindow on Windows); IMG_EVENT_RESIZE comes with the backing
+ *     store already resized (new parts white), to be drawn whole. */
+#define IMG_EVENT_KEY    1  /* key: a lower-case character or IMG_KEY_*, modifiers */
+#define IMG_EVENT_WHEEL  2  /* wheel: +1 up, -1 down, modifiers */
+#define IMG_EVENT_PAINT  3  /* left, top, right, bottom: a rectangle to draw */
+#define IMG_EVENT_RESIZE 4  /* right, bottom: the new client size */
+#define IMG_EVENT_CLOSE  5  /* the window manager asks to close */
+#define IMG_KEY_ESCAPE    27
+#define IMG_KEY_LEFT      0x101
+#define IMG_KEY_RIGHT     0x102
+#define IMG_KEY_UP        0x103
+#define IMG_KEY_DOWN      0x104
+#define IMG_KEY_PAGE_UP   0x105
+#define IMG_KEY_PAGE_DOWN 0x106
+#define IMG_KEY_HOME      0x107
+#define IMG_KEY_END       0x108
+#define IMG_MOD_SHIFT 1
+#define IMG_MOD_CTRL  2
+typedef struct IMG_event {
+    int type;
+    int key;
+    int wheel;
+    int modifiers;
+    int left, top, right, bottom;
+} IMG_event;
+IMG_EXPORT int IMG_API IMG_dc_create_window(const char *display, int width, int height, const char *title,
+                                            void **dc);
+IMG_EXPORT int IMG_API IMG_dc_next_event(void *dc, int timeout_ms, IMG_event *event);
 #endif
 
 /* The library's exit procedure: does nothing, returns 1. */
