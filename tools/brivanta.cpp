@@ -1,5 +1,6 @@
 // brivanta: the command-line face of the library (info, detect, convert, process, demo).
 #include "brivanta.h"
+#include "tools/view.h"
 
 #include <chrono>
 #include <cctype>
@@ -91,6 +92,7 @@ int usage(FILE *out) {
                  "  process IN OUT OP...      load IN, apply each operation in turn, save OUT\n"
                  "  formats                   the type codes: key, extension, read and write support\n"
                  "  demo [DIR]                save a built-in test card under every writer and read it back\n"
+                 "  view [--effect N] FILE... show the files' pages in a window\n"
                  "  --version                 the library's version\n"
                  "FILE, IN and OUT may be - for standard input and output.\n"
                  "Run 'brivanta COMMAND --help' for a command's options.\n");
@@ -846,6 +848,7 @@ int main(int argc, char **argv) {
     if (cmd == "convert") return cmd_convert(argc, argv);
     if (cmd == "process") return cmd_process(argc, argv);
     if (cmd == "demo") return cmd_demo(argc, argv);
+    if (cmd == "view") return cmd_view(argc, argv, [](const char *name, int page) { return load_file(name, page); });
     std::fprintf(stderr, "brivanta: unknown command %s\n", cmd.c_str());
     return usage(stderr);
 }

@@ -42,7 +42,13 @@ struct x11_window {
 x11_window *window_of(surface *s);
 
 void put_image(x11_window *xw, int x, int y, int w, int h) {
-    if (!xw->image || w <= 0 || h <= 0) return;
+    if (!xw->image) return;
+    // The raster code reports what it meant to draw; the server takes only what lies inside.
+    if (x < 0) w += x, x = 0;
+    if (y < 0) h += y, y = 0;
+    w = std::min(w, xw->image->width - x);
+    h = std::min(h, xw->image->height - y);
+    if (w <= 0 || h <= 0) return;
     if (xw->use_shm)
         XShmPutImage(xw->dpy, xw->win, xw->gc, xw->image, x, y, x, y, w, h, False);
     else
@@ -136,6 +142,8 @@ bool resize_backing(surface *s, x11_window *xw, int w, int h) {
                     4 * static_cast<size_t>(cw));
     free_backing(xw);
     *xw = next;
+    // A shared image points at its segment record: the one in the window's record now.
+    if (xw->use_shm) xw->image->obdata = reinterpret_cast<char *>(&xw->seg);
     s->pixels = pixels;
     s->width = w;
     s->height = h;
@@ -225,8 +233,7 @@ bool translate(surface *s, x11_window *xw, XEvent &ev, IMG_event *out) {
         out->modifiers = modifiers_of(ev.xbutton.state);
         return true;
     case Expose:
-        put_image(xw, ev.xexpose.x, ev.xexpose.y, std::min(ev.xexpose.width, s->width - ev.xexpose.x),
-                  std::min(ev.xexpose.height, s->height - ev.xexpose.y));
+        put_image(xw, ev.xexpose.x, ev.xexpose.y, ev.xexpose.width, ev.xexpose.height);
         return false;
     case ConfigureNotify:
         if (ev.xconfigure.width == s->width && ev.xconfigure.height == s->height) return false;
