@@ -163,8 +163,8 @@ int cmd_view(int argc, char **argv, int (*load)(const char *, int)) {
                         "Shows the files' pages in a window, fitted to it.\n"
                         "  + - 1          zoom in, out, one to one (also Ctrl + mouse wheel)\n"
                         "  arrows, Page Up/Down, mouse wheel   scroll (Shift + wheel: across)\n"
-                        "  N P            next and previous page or file, revealed by effect N\n"
-                        "                 (1..10, default 1; 0 for none)\n"
+                        "  N P            next and previous page or file, revealed by the\n"
+                        "                 transition effect --effect (1..10, default 1; 0 for none)\n"
                         "  Q Escape       quit\n");
             return 0;
         }
