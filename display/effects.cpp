@@ -9,6 +9,7 @@
 #include "platform/platform.h"
 
 #include <algorithm>
+#include <cstdint>
 
 namespace brv {
 
@@ -37,9 +38,12 @@ bool piece(effect_state &e, int x, int y, int pw, int ph) {
     pw = std::min(pw, e.w - x);
     ph = std::min(ph, e.h - y);
     if (pw <= 0 || ph <= 0) return true;
-    const int copies = e.repeat * e.weight;
-    for (int n = 0; n < copies; n++) {
-        if (!gfx_bitblt(e.dst, e.left + x, e.top + y, pw, ph, e.mem, x, y, GFX_SRCCOPY)) {
+    // Far off the device in logical units: nothing of it can show.
+    const int64_t dx = static_cast<int64_t>(e.left) + x, dy = static_cast<int64_t>(e.top) + y;
+    if (dx > INT32_MAX - pw || dy > INT32_MAX - ph) return true;
+    const int64_t copies = static_cast<int64_t>(e.repeat) * e.weight;
+    for (int64_t n = 0; n < copies; n++) {
+        if (!gfx_bitblt(e.dst, static_cast<int>(dx), static_cast<int>(dy), pw, ph, e.mem, x, y, GFX_SRCCOPY)) {
             e.failed = true;
             return false;
         }
@@ -144,12 +148,13 @@ void run(effect_state &e, int code) {
         grow_box(e, std::max(1, w / 8), (h + 7) / 8);
         break;
     case 8: {
-        const int n = w / 8;
-        for (int i = 0; i < n; i++) {
+        int centre[4];
+        for (int j = 0; j < 4; j++) centre[j] = static_cast<int>((2 * j + 1) * static_cast<int64_t>(w) / 8);
+        for (int i = 0; i < w / 8; i++) {
             for (int j = 0; j < 4; j++)
-                if (!piece(e, (2 * j + 1) * w / 8 + i, 0, 1, h)) return;
+                if (!piece(e, centre[j] + i, 0, 1, h)) return;
             for (int j = 0; j < 4; j++)
-                if (!piece(e, (2 * j + 1) * w / 8 - (i + 1), 0, 1, h)) return;
+                if (!piece(e, centre[j] - (i + 1), 0, 1, h)) return;
         }
         break;
     }

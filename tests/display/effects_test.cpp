@@ -144,8 +144,9 @@ TEST(Effects, StoppedPartWaySamePixelsOnBothSystems) {
     EXPECT_EQ(mem_live_blocks(), blocks);
 }
 
-// A measured delay still draws the whole picture; what is no bitmap gives -8.
-TEST(Effects, CalibrationAndBadBitmap) {
+// A measured delay still draws the whole picture; what is no bitmap gives
+// -8; origins at the ends of the coordinate range draw nothing.
+TEST(Effects, CalibrationBadBitmapAndFarOrigins) {
     const effect_run r = run_effect(4, 37, 23, 0);
     EXPECT_EQ(r.result, 0);
     EXPECT_EQ(r.pixels[static_cast<size_t>(TOP + 22) * DW + LEFT + 36], pattern_pixel(36, 22));
@@ -153,6 +154,20 @@ TEST(Effects, CalibrationAndBadBitmap) {
     scoped_dc d(4, 4);
     const int live = gfx_live_objects();
     EXPECT_EQ(IMG_display_ddb_effect(d.dc, d.dc, 0, 0, 1), -8);
+    std::vector<uint32_t> src(64 * 4, 0);
+    void *ddb = gfx_dib_to_bitmap(d.dc, dib32_header(64, 4).data(), src.data());
+    IMGLOW_set_wipedelay(1);
+    for (int code : {1, 8, 10}) {
+        EXPECT_EQ(IMG_display_ddb_effect(ddb, d.dc, -100000, 100000, code), 0);
+#ifndef _WIN32
+        // GDI refuses coordinates this far out; the surfaces take them.
+        EXPECT_EQ(IMG_display_ddb_effect(ddb, d.dc, INT32_MAX - 2, INT32_MIN, code), 0);
+        EXPECT_EQ(IMG_display_ddb_effect(ddb, d.dc, INT32_MIN, INT32_MAX, code), 0);
+#endif
+    }
+    IMGLOW_set_wipedelay(0);
+    gfx_delete_bitmap(ddb);
+    EXPECT_EQ(d.pixels(), std::vector<uint32_t>(16, 0xFFFFFFu));
     EXPECT_EQ(gfx_live_objects(), live);
 }
 
