@@ -1,6 +1,7 @@
 // Drawing on device contexts: the same calls on the Linux memory surfaces
 // and, in the Windows suite under Wine, on GDI memory DCs holding a 32-bit
 // DIB section, held to the same expected pixels.
+#include "display/display.h"
 #include "frame/frame.h"
 #include "platform/graphics.h"
 #include "test_util.h"
@@ -434,5 +435,123 @@ TEST(Display, ScrollAndRepaintFollowTheView) {
     EXPECT_LT(differ, W * H / 100) << "pixels unlike a full drawing";
     EXPECT_PIXELS(fnv(a), 0xA5E9797Du, "scrolled and repainted view");
     free_window(win);
+    IMG_delete_bitmap(h);
+}
+
+// Device-dependent copies: drawn one to one they hold the picture exactly,
+// read back into a handle and drawn at an offset; a transparent colour
+// leaves the destination where the picture has it; printing's callback
+// runs once per destination row and stops the drawing.
+TEST(Display, DeviceCopiesTransparencyAndPrintFlag) {
+    const picture pic = make_picture(37, 23, 24, 21);
+    const int h = handle_of(pic);
+    IMG_set_gamma(h, 100);  // identity tones
+    scoped_dc d(60, 40);
+    void *ddb = nullptr;
+    ASSERT_EQ(IMG_dib_to_ddb(h, d.dc, 37, 23, &ddb), 0);
+    const int copy = IMG_create_handle_ddb(ddb, d.dc);
+    ASSERT_GE(copy, 0);
+    EXPECT_EQ(picture_of(copy), pic);
+    ASSERT_EQ(IMG_display_ddb(ddb, d.dc, 5, 4), 0);
+    const bytes look = appearance(pic);
+    const auto px = d.pixels();
+    int wrong = 0;
+    for (int y = 0; y < 23; y++)
+        for (int x = 0; x < 37; x++) {
+            const uint8_t *c = &look[3 * (static_cast<size_t>(y) * 37 + x)];
+            wrong += px[(y + 4) * 60 + x + 5] != (static_cast<uint32_t>(c[0]) << 16 | c[1] << 8 | c[2]);
+        }
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(IMG_delete_ddb(ddb), 0);
+    IMG_delete_bitmap(copy);
+
+    // 4 bits: one sixteenth of the pixels carry the key colour.
+    const picture four = make_picture(40, 30, 4, 9);
+    const int k = handle_of(four);
+    IMG_set_gamma(k, 100);
+    const uint8_t *e = &four.palette[4 * 5];
+    const unsigned key = e[2] | e[1] << 8 | e[0] << 16;  // RGB(r, g, b)
+    scoped_dc plain(80, 60), keyed(80, 60);
+    for (void *dc : {plain.dc, keyed.dc}) IMG_display_bitmap(h, dc, 0, 0, 80, 60);
+    const auto under = keyed.pixels();
+    IMG_display_bitmap(k, plain.dc, 0, 0, 80, 60);
+    EXPECT_EQ(IMG_display_bitmap_transp(k, keyed.dc, 0, 0, 80, 60, key), 0);
+    const auto over = plain.pixels(), kept = keyed.pixels();
+    const uint32_t key_rgb = (key & 0xFF) << 16 | (key & 0xFF00) | key >> 16;
+    int shown = 0, mismatched = 0;
+    for (size_t i = 0; i < over.size(); i++) {
+        shown += over[i] == key_rgb;
+        mismatched += kept[i] != (over[i] == key_rgb ? under[i] : over[i]);
+    }
+    EXPECT_GT(shown, 100);
+    EXPECT_EQ(mismatched, 0);
+
+    static int calls;
+    const auto counting = [](void *, int total) -> int IMG_CALLBACK { return ++calls, total == 60 ? 0 : -99; };
+    const auto stopping = [](void *, int) -> int IMG_CALLBACK { return -4; };
+    calls = 0;
+    IMG_set_statusbar(nullptr, counting, 1);
+    draw_options print;
+    print.print = true;
+    EXPECT_EQ(draw_bitmap(k, plain.dc, 0, 0, 80, 60, print), 0);
+    EXPECT_EQ(calls, 60);
+    EXPECT_EQ(IMG_display_bitmap(k, plain.dc, 0, 0, 80, 60), 0);
+    EXPECT_EQ(calls, 60) << "the display never reports progress";
+    IMG_set_statusbar(nullptr, stopping, 1);
+    EXPECT_EQ(draw_bitmap(k, plain.dc, 0, 0, 80, 60, print), -4);
+    IMG_set_statusbar(nullptr, nullptr, 0);
+    EXPECT_EQ(IMG_display_bitmap(-1, plain.dc, 0, 0, 8, 8), IMG_ERR_HANDLE);
+    EXPECT_EQ(IMG_dib_to_ddb(h, plain.dc, 0, 5, &ddb), IMG_ERR_TYPE);
+    IMG_delete_bitmap(k);
+    IMG_delete_bitmap(h);
+}
+
+// Every allocation failing in turn: each drawing and copy either completes
+// with the full result or fails with IMG_ERR_MEMORY, leaving no block, DC,
+// bitmap or palette behind (a palette device makes a palette per drawing).
+TEST(Display, AllocationFailuresLeaveNothingBehind) {
+    const int h = test_handle(90, 70, 8, 4);
+    for (int colours : {-1, 256, 2}) {
+#ifdef _WIN32
+        if (colours != -1) continue;
+#endif
+        scoped_dc d(120, 80);
+#ifndef _WIN32
+        IMG_dc_set_caps(d.dc, colours, "", 96, -1, -1);
+#endif
+        IMG_display_bitmap(h, d.dc, 0, 0, 120, 80);
+        const auto want = d.pixels();
+        void *ddb = nullptr;
+        ASSERT_EQ(IMG_dib_to_ddb(h, d.dc, 50, 40, &ddb), 0);
+        const picture want_copy = picture_of(IMG_create_handle_ddb(ddb, d.dc));
+        IMG_delete_ddb(ddb);
+        bool drawn = false, copied = false;
+        for (int k = 1; k < 40 && !(drawn && copied); k++) {
+            const int blocks = mem_live_blocks(), objects = gfx_live_objects();
+            gfx_bitblt(d.dc, 0, 0, 120, 80, nullptr, 0, 0, GFX_WHITENESS);
+            mem_fail_after(k);
+            const int r = IMG_display_bitmap(h, d.dc, 0, 0, 120, 80);
+            mem_fail_after(0);
+            EXPECT_TRUE(r == 0 || r == IMG_ERR_MEMORY) << k << ": " << r;
+            if (r == 0) {
+                drawn = true;
+                EXPECT_EQ(d.pixels(), want) << k;
+            }
+            mem_fail_after(k);
+            const int c = IMG_dib_to_ddb(h, d.dc, 50, 40, &ddb);
+            const int copy = c == 0 ? IMG_create_handle_ddb(ddb, d.dc) : c;
+            mem_fail_after(0);
+            if (c == 0) IMG_delete_ddb(ddb);
+            EXPECT_TRUE(copy >= 0 || copy == IMG_ERR_MEMORY) << k << ": " << copy;
+            if (copy >= 0) {
+                copied = true;
+                EXPECT_EQ(picture_of(copy), want_copy) << k;
+                IMG_delete_bitmap(copy);
+            }
+            EXPECT_EQ(mem_live_blocks(), blocks) << k;
+            EXPECT_EQ(gfx_live_objects(), objects) << k;
+        }
+        EXPECT_TRUE(drawn && copied) << colours;
+    }
     IMG_delete_bitmap(h);
 }
