@@ -460,7 +460,9 @@ TEST(Display, AllocationFailuresLeaveNothingBehind) {
         const auto want = d.pixels();
         void *ddb = nullptr;
         ASSERT_EQ(IMG_dib_to_ddb(h, d.dc, 50, 40, &ddb), 0);
-        const picture want_copy = picture_of(IMG_create_handle_ddb(ddb, d.dc));
+        const int first = IMG_create_handle_ddb(ddb, d.dc);
+        const picture want_copy = picture_of(first);
+        IMG_delete_bitmap(first);
         IMG_delete_ddb(ddb);
         bool drawn = false, copied = false;
         for (int k = 1; k < 40 && !(drawn && copied); k++) {
