@@ -150,8 +150,8 @@ TEST(Graphics, RasterOperationsAndStretching) {
     for (const auto &c : rops) {
         scoped_dc d(2, 1);
         const uint32_t dv[2] = {D, D};
-        gfx_stretch_dib(d.dc, 0, 0, 2, 1, 0, 0, 2, 1, dv, dib32_header(2, -1).data(), GFX_SRCCOPY);
-        EXPECT_EQ(gfx_stretch_dib(d.dc, 0, 0, 1, 1, 0, 0, 1, 1, &S, dib32_header(1, -1).data(), c.rop), 1);
+        gfx_stretch_dib(d.dc, 0, 0, 2, 1, 0, 0, 2, 1, dv, dib32_header(2, 1).data(), GFX_SRCCOPY);
+        EXPECT_EQ(gfx_stretch_dib(d.dc, 0, 0, 1, 1, 0, 0, 1, 1, &S, dib32_header(1, 1).data(), c.rop), 1);
         EXPECT_EQ(d.pixels(), (std::vector<uint32_t>{c.want, D})) << std::hex << c.rop;
     }
 
