@@ -67,13 +67,9 @@ LRESULT CALLBACK fixed_client(HWND w, UINT m, WPARAM wp, LPARAM lp) {
     return m == WM_NCCALCSIZE ? 0 : DefWindowProcA(w, m, wp, lp);
 }
 void *make_window(int w, int h) {
-    static const ATOM cls = [] {
-        WNDCLASSA c = {};
-        c.lpfnWndProc = fixed_client;
-        c.hInstance = GetModuleHandleA(nullptr);
-        c.lpszClassName = "brivanta_display_test";
-        return RegisterClassA(&c);
-    }();
+    static const WNDCLASSA c = {0, fixed_client, 0, 0, GetModuleHandleA(nullptr), nullptr, nullptr, nullptr,
+                                nullptr, "brivanta_display_test"};
+    static const ATOM cls = RegisterClassA(&c);
     (void)cls;
     // Message-only: it needs no display, and keeps its client size and scroll bars.
     return CreateWindowExA(0, "brivanta_display_test", "", WS_POPUP, 0, 0, w, h, HWND_MESSAGE, nullptr,
@@ -147,9 +143,9 @@ TEST(Graphics, RasterOperationsAndStretching) {
         {GFX_DSTINVERT, ~D & M},   {GFX_BLACKNESS, 0},            {GFX_WHITENESS, M},
         {GFX_NOTSRCERASE, ~(S | D) & M}, {0x00C000CA /* MERGECOPY with the white brush */, S},
     };
+    const uint32_t dv[2] = {D, D};
     for (const auto &c : rops) {
         scoped_dc d(2, 1);
-        const uint32_t dv[2] = {D, D};
         gfx_stretch_dib(d.dc, 0, 0, 2, 1, 0, 0, 2, 1, dv, dib32_header(2, 1).data(), GFX_SRCCOPY);
         EXPECT_EQ(gfx_stretch_dib(d.dc, 0, 0, 1, 1, 0, 0, 1, 1, &S, dib32_header(1, 1).data(), c.rop), 1);
         EXPECT_EQ(d.pixels(), (std::vector<uint32_t>{c.want, D})) << std::hex << c.rop;
@@ -439,6 +435,18 @@ TEST(Display, DeviceCopiesTransparencyAndPrintFlag) {
     IMG_set_statusbar(nullptr, nullptr, 0);
     EXPECT_EQ(IMG_display_bitmap(-1, plain.dc, 0, 0, 8, 8), IMG_ERR_HANDLE);
     EXPECT_EQ(IMG_dib_to_ddb(h, plain.dc, 0, 5, &ddb), IMG_ERR_TYPE);
+
+    // Straight from a file: as the loaded handle draws, and no handle kept.
+    const std::string file = temp_path("display.bmp");
+    const int saved = test_handle(40, 30, 8, 2);
+    ASSERT_EQ(IMG_save_bitmap(saved, file.c_str(), IMG_TYPE_BMP), 0);
+    IMG_display_bitmap(saved, plain.dc, 0, 0, 80, 60);
+    EXPECT_EQ(IMG_decompress_bitmap_display(file.c_str(), 0, keyed.dc, 0, 0, 80, 60), 0);
+    EXPECT_EQ(keyed.pixels(), plain.pixels());
+    EXPECT_EQ(IMG_delete_bitmap(saved + 1), IMG_ERR_HANDLE);
+    EXPECT_EQ(IMG_decompress_bitmap_display("no such file", 0, keyed.dc, 0, 0, 8, 8), IMG_ERR_OPEN);
+    std::remove(file.c_str());
+    IMG_delete_bitmap(saved);
     IMG_delete_bitmap(k);
     IMG_delete_bitmap(h);
 }
