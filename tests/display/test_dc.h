@@ -1,5 +1,6 @@
-// A w x h device context per system with readable pixels: a Linux memory
-// surface, or a GDI memory DC holding a 32-bit top-down DIB section.
+// A w x h device context per system with readable pixels (a Linux memory
+// surface, or a GDI memory DC holding a 32-bit top-down DIB section), and
+// the pictures and checksums the drawing tests share.
 #pragma once
 #include "frame/frame.h"
 #include "platform/graphics.h"
@@ -7,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <vector>
 #ifdef _WIN32
 #include <windows.h>
@@ -16,14 +18,6 @@ namespace {
 
 // ---- A device context of w x h per system ----------------------------------------
 #ifdef _WIN32
-struct dib_dc {
-    HDC dc;
-    HBITMAP bitmap, old;
-    uint32_t *bits;
-    int w, h;
-};
-inline std::vector<dib_dc> dib_dcs;
-
 inline void *make_dc(int w, int h) {
     BITMAPINFO bi = {};
     bi.bmiHeader = {sizeof(BITMAPINFOHEADER), w, -h, 1, 32, BI_RGB, 0, 0, 0, 0, 0};
@@ -32,28 +26,23 @@ inline void *make_dc(int w, int h) {
     HBITMAP b = CreateDIBSection(dc, &bi, DIB_RGB_COLORS, &bits, nullptr, 0);
     if (!dc || !b) return nullptr;
     std::fill_n(static_cast<uint32_t *>(bits), static_cast<size_t>(w) * h, 0xFFFFFFu);
-    dib_dcs.push_back({dc, b, static_cast<HBITMAP>(SelectObject(dc, b)), static_cast<uint32_t *>(bits), w, h});
+    SelectObject(dc, b);
     return dc;
 }
+inline HGDIOBJ dib_of_dc(void *dc) { return GetCurrentObject(static_cast<HDC>(dc), OBJ_BITMAP); }
 inline void free_dc(void *dc) {
-    for (size_t i = 0; i < dib_dcs.size(); i++) {
-        if (dib_dcs[i].dc != dc) continue;
-        SelectObject(dib_dcs[i].dc, dib_dcs[i].old);
-        DeleteObject(dib_dcs[i].bitmap);
-        DeleteDC(dib_dcs[i].dc);
-        dib_dcs.erase(dib_dcs.begin() + static_cast<long>(i));
-        return;
-    }
+    HGDIOBJ b = dib_of_dc(dc);
+    DeleteDC(static_cast<HDC>(dc));
+    DeleteObject(b);
 }
 inline std::vector<uint32_t> read_dc(void *dc) {
     GdiFlush();
-    for (auto &d : dib_dcs)
-        if (d.dc == dc) {
-            std::vector<uint32_t> out(d.bits, d.bits + static_cast<size_t>(d.w) * d.h);
-            for (auto &v : out) v &= 0xFFFFFFu;
-            return out;
-        }
-    return {};
+    DIBSECTION ds;
+    if (GetObjectA(dib_of_dc(dc), sizeof ds, &ds) != sizeof ds) return {};
+    const auto *p = static_cast<const uint32_t *>(ds.dsBm.bmBits);
+    std::vector<uint32_t> out(p, p + static_cast<size_t>(ds.dsBm.bmWidth) * ds.dsBm.bmHeight);
+    for (auto &v : out) v &= 0xFFFFFFu;
+    return out;
 }
 #else
 inline void *make_dc(int w, int h) {
@@ -72,24 +61,28 @@ inline std::vector<uint32_t> read_dc(void *dc) {
 
 struct scoped_dc {
     void *dc;
-    int w, h;
-    scoped_dc(int w_, int h_) : dc(make_dc(w_, h_)), w(w_), h(h_) {}
+    scoped_dc(int w, int h) : dc(make_dc(w, h)) {}
     ~scoped_dc() { free_dc(dc); }
     std::vector<uint32_t> pixels() const { return read_dc(dc); }
 };
 
-// A 32-bit top-down DIB header for w x h pixels.
+// A 32-bit DIB header: top-down for a negative h.
 inline bytes dib32_header(int w, int h) {
     bytes hdr(40);
-    const int32_t v[] = {40, w, -h};
-    std::memcpy(hdr.data(), v, 12);
-    hdr[12] = 1;
-    hdr[14] = 32;
+    const int32_t v[] = {40, w, h, 1 | 32 << 16};
+    std::memcpy(hdr.data(), v, 16);
     return hdr;
 }
 
 inline uint32_t pattern_pixel(int x, int y) {
     return static_cast<uint32_t>((x * 37 + y * 101) * 2654435761u) & 0xFFFFFF;
+}
+
+inline uint32_t fnv(const std::vector<uint32_t> &px) {
+    uint32_t h = 2166136261u;
+    for (uint32_t v : px)
+        for (int k = 0; k < 3; k++) h = (h ^ ((v >> (8 * k)) & 0xFF)) * 16777619u;
+    return h;
 }
 
 }  // namespace
