@@ -44,8 +44,14 @@ class Replica:
 
     def __init__(self, path):
         self.dc = VP()
-        assert L.IMG_dc_create_memory(W, H, ctypes.byref(self.dc)) == 0
+        self.resize(W, H)
         self.open(path)
+
+    def resize(self, w, h):
+        if self.dc:
+            L.IMG_dc_delete(self.dc)
+        self.w, self.h_ = w, h
+        assert L.IMG_dc_create_memory(w, h, ctypes.byref(self.dc)) == 0
 
     def open(self, path):
         self.h = L.IMG_decompress_bitmap(path.encode())
@@ -54,7 +60,7 @@ class Replica:
 
     def zoom(self, percent):
         L.IMG_zoom_bitmap(self.h, self.dc, percent)
-        L.IMG_display_bitmap(self.h, self.dc, 0, 0, W, H)
+        L.IMG_display_bitmap(self.h, self.dc, 0, 0, self.w, self.h_)
 
     def one_to_one(self):
         L.IMG_zoom_bitmap_1_to_1(self.h, self.dc)
@@ -82,9 +88,9 @@ class Replica:
         L.IMG_delete_ddb(ddb)
 
     def rgb(self):
-        buf = (ctypes.c_uint32 * (W * H))()
-        assert L.IMG_dc_read_pixels(self.dc, 0, 0, W, H, buf) == 0
-        a = np.frombuffer(buf, dtype=np.uint32).reshape(H, W)
+        buf = (ctypes.c_uint32 * (self.w * self.h_))()
+        assert L.IMG_dc_read_pixels(self.dc, 0, 0, self.w, self.h_, buf) == 0
+        a = np.frombuffer(buf, dtype=np.uint32).reshape(self.h_, self.w)
         return np.stack([(a >> 16) & 255, (a >> 8) & 255, a & 255], axis=-1).astype(np.uint8)
 
 
@@ -148,6 +154,11 @@ def session(extra):
         key("n")
         replica.next_with_effect(SECOND)
         shows(env, window, replica.rgb(), "next file")
+        # A resize comes with the backing store resized: the view is drawn anew.
+        B.run(["xdotool", "windowsize", window, "640", "400"], env=env)
+        replica.resize(640, 400)
+        replica.zoom(100)
+        shows(env, window, replica.rgb(), "resized")
         # The window is gone before the key's release reaches it: xdotool's error is expected.
         subprocess.run(["xdotool", "key", "--window", window, "q"], env=env, capture_output=True)
         assert viewer.wait(timeout=10) == 0, viewer.stderr.read()
