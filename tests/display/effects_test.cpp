@@ -51,26 +51,19 @@ effect_run run_effect(int code, int w, int h, int delay, int stop_at = 0) {
 // effects' definitions; everything else stays white.
 TEST(Effects, FinalPictureHasTheDefinedGaps) {
     using covers = bool (*)(int x, int y, int w);
+    const covers all = [](int, int, int) { return true; }, none = [](int, int, int) { return false; };
+    const covers blinds = [](int x, int, int w) {
+        for (int j = 0; j < 4; j++)
+            if (x >= (2 * j + 1) * w / 8 - w / 8 && x < (2 * j + 1) * w / 8 + w / 8) return true;
+        return false;
+    };
     const struct {
         int code;
         covers drawn;
     } cases[] = {
-        {0, [](int, int, int) { return false; }},
-        {1, [](int, int, int) { return true; }},
-        {2, [](int, int y, int) { return y >= 1; }},
+        {0, none}, {1, all}, {2, [](int, int y, int) { return y >= 1; }},
         {3, [](int x, int, int w) { return x >= w % 8; }},
-        {4, [](int, int, int) { return true; }},
-        {5, [](int, int, int) { return true; }},
-        {6, [](int, int, int) { return true; }},
-        {7, [](int, int, int) { return true; }},
-        {8, [](int x, int, int w) {
-             for (int j = 0; j < 4; j++)
-                 if (x >= (2 * j + 1) * w / 8 - w / 8 && x < (2 * j + 1) * w / 8 + w / 8) return true;
-             return false;
-         }},
-        {9, [](int, int, int) { return true; }},
-        {10, [](int, int, int) { return true; }},
-        {11, [](int, int, int) { return false; }},
+        {4, all},  {5, all}, {6, all}, {7, all}, {8, blinds}, {9, all}, {10, all}, {11, none},
     };
     const int live = gfx_live_objects();
     for (const auto &[w, h] : {std::pair{37, 23}, std::pair{20, 10}, std::pair{5, 3}})

@@ -14,17 +14,12 @@ import brivanta as B
 B.require("Xvfb", "xdotool", "xwd", "convert")
 L = B.LIB
 VP = ctypes.c_void_p
-for name, args in (("IMG_dc_create_memory", [ctypes.c_int, ctypes.c_int, VP]),
-                   ("IMG_dc_delete", [VP]),
-                   ("IMG_dc_read_pixels", [VP] + [ctypes.c_int] * 4 + [VP]),
-                   ("IMG_zoom_bitmap", [ctypes.c_int, VP, ctypes.c_int]),
-                   ("IMG_display_bitmap", [ctypes.c_int, VP] + [ctypes.c_int] * 4),
-                   ("IMG_scroll_bitmap", [ctypes.c_int, VP, ctypes.c_uint, ctypes.c_int, ctypes.c_int]),
-                   ("IMG_repaint_scroll", [ctypes.c_int, VP, VP, ctypes.c_int, VP]),
-                   ("IMG_dib_to_ddb", [ctypes.c_int, VP, ctypes.c_int, ctypes.c_int, VP]),
-                   ("IMG_display_ddb", [VP, VP, ctypes.c_int, ctypes.c_int]),
-                   ("IMG_delete_ddb", [VP]),
-                   ("IMG_zoom_bitmap_1_to_1", [ctypes.c_int, VP])):
+I = ctypes.c_int
+for name, args in (("IMG_dc_create_memory", [I, I, VP]), ("IMG_dc_delete", [VP]),
+                   ("IMG_dc_read_pixels", [VP, I, I, I, I, VP]), ("IMG_zoom_bitmap", [I, VP, I]),
+                   ("IMG_display_bitmap", [I, VP, I, I, I, I]), ("IMG_scroll_bitmap", [I, VP, ctypes.c_uint, I, I]),
+                   ("IMG_repaint_scroll", [I, VP, VP, I, VP]), ("IMG_dib_to_ddb", [I, VP, I, I, VP]),
+                   ("IMG_display_ddb", [VP, VP, I, I]), ("IMG_delete_ddb", [VP]), ("IMG_zoom_bitmap_1_to_1", [I, VP])):
     getattr(L, name).argtypes = args
 
 # Larger than the largest window, so the view opens scaled down to 1024 x 768.
@@ -35,8 +30,7 @@ W, H = 1024, 768
 
 
 class IMG_paint(ctypes.Structure):
-    _fields_ = [("dc", VP), ("erase", ctypes.c_int), ("left", ctypes.c_int), ("top", ctypes.c_int),
-                ("right", ctypes.c_int), ("bottom", ctypes.c_int)]
+    _fields_ = [("dc", VP), ("erase", I), ("left", I), ("top", I), ("right", I), ("bottom", I)]
 
 
 class Replica:
@@ -67,7 +61,7 @@ class Replica:
         L.IMG_display_bitmap(self.h, self.dc, 0, 0, W, H)
 
     def scroll_right(self):
-        crop = [ctypes.c_int() for _ in range(4)]
+        crop = [I() for _ in range(4)]
         L.IMG_get_croprect(self.h, *[ctypes.byref(c) for c in crop])
         before, width = crop[0].value, crop[2].value
         direction = L.IMG_scroll_bitmap(self.h, self.dc, 1, 0, 276)
@@ -170,20 +164,12 @@ def session(extra):
         server.wait()
 
 
-def with_shared_memory():
-    session([])
-
-
-def without_shared_memory():
-    session(["-extension", "MIT-SHM"])
-
-
 def no_display_one_line():
     env = dict(os.environ, DISPLAY=":98765")
     r = subprocess.run([B.TOOL, "view", FIRST], env=env, capture_output=True, timeout=30)
     assert r.returncode != 0 and r.stderr.count(b"\n") == 1, r.stderr
 
 
-B.main([("with shared memory", with_shared_memory),
-        ("without shared memory", without_shared_memory),
+B.main([("with shared memory", lambda: session([])),
+        ("without shared memory", lambda: session(["-extension", "MIT-SHM"])),
         ("no display: one line", no_display_one_line)])
