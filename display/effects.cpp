@@ -117,11 +117,11 @@ void run(effect_state &e, int code) {
         for (int y = 0; y < h && piece(e, 0, y, w, 1); y++) {}
         break;
     case 2:
-        // Row 0 is never drawn: the original wipe stops one short, kept.
+        // Row 0 is never drawn: the wipe stops one short, deliberately.
         for (int y = h - 1; y >= 1 && piece(e, 0, y, w, 1); y--) {}
         break;
     case 3:
-        // Columns left of the last whole strip are never drawn, kept.
+        // Columns left of the last whole strip are never drawn, deliberately.
         for (int x = w - STRIP; x >= 0 && piece(e, x, 0, STRIP, h); x -= STRIP) {}
         break;
     case 4:
