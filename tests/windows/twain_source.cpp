@@ -1,6 +1,6 @@
 // A stand-in source manager for the scanning tests: two virtual sources that
 // deliver generated pages by native transfer.  What they do is read from
-// BRIVANTA_TEST_TWAIN at each opening of a source, words separated by spaces:
+// BRIVANTA_TEST_TWAIN at every call, words separated by spaces:
 //   pages=N      pages pending after the first (default 1)
 //   fail=N       the transfer of page N fails
 //   cancel       the transfer is cancelled;  close  the source asks to be closed
@@ -224,16 +224,8 @@ extern "C" {
 __declspec(dllexport) uint16_t WINAPI DSM_ENTRY(tw_identity *origin, tw_identity *, uint32_t group, uint16_t dat,
                                                 uint16_t msg, void *data) {
     if (!identity_is_the_library(origin)) return 1;
-    if (dat == 4 && msg == 0x301) {
-        DWORD n = GetEnvironmentVariableA("BRIVANTA_TEST_TWAIN", s.config, sizeof s.config);
-        if (n >= sizeof s.config) n = 0;
-        s.config[n] = 0;
-    }
-    if (dat == 3 && msg == 0x401) {
-        DWORD n = GetEnvironmentVariableA("BRIVANTA_TEST_TWAIN", s.config, sizeof s.config);
-        if (n >= sizeof s.config) n = 0;
-        s.config[n] = 0;
-    }
+    DWORD n = GetEnvironmentVariableA("BRIVANTA_TEST_TWAIN", s.config, sizeof s.config);
+    s.config[n < sizeof s.config ? n : 0] = 0;
     return group == 1 ? control(dat, msg, data) : group == 2 ? image(dat, msg, data) : 1;
 }
 

@@ -79,6 +79,7 @@ TEST_F(Twain, AcquireResults) {
         {"refuse-dsm", IMG_ERR_SCAN_SOURCE}, {"", 0},
     };
     for (auto &c : cases) {
+        scanner_shutdown();  // so that the manager is opened again
         configure(c.words);
         int h = IMG_scan_acquire(nullptr, 1);
         if (c.want < 0) {
