@@ -90,7 +90,7 @@ int usage(FILE *out) {
                  "  detect FILE               the detected type code and its name\n"
                  "  convert IN OUT [options]  load IN by content, save OUT\n"
                  "  process IN OUT OP...      load IN, apply each operation in turn, save OUT\n"
-                 "  scan [OUT | --pages PREFIX] a picture or a series of pages from a scanner\n"
+                 "  scan [OUT] [options]      a picture or a series of pages from a scanner\n"
                  "  formats                   the type codes: key, extension, read and write support\n"
                  "  demo [DIR]                save a built-in test card under every writer and read it back\n"
                  "  --version                 the library's version\n"

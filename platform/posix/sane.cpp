@@ -434,9 +434,9 @@ int scanner_session(void *, bool, const scan_caps &caps, const scan_delivery &de
     for (int pages = 0;; pages++) {
         picture_block pic;
         int r = scan_page(s, pic);
-        if (r == 0 || (r == IMG_ERR_SCAN_SOURCE && pages > 0)) break;  // the feeder is empty
-        if (r == IMG_ERR_SCAN_SOURCE) return r;
-        if (r < 0) return delivery.page(delivery.context, nullptr, r);
+        if (r == 0) break;  // the feeder is empty
+        if (r == IMG_ERR_SCAN_SOURCE && pages == 0) return r;
+        if (r < 0) return delivery.page(delivery.context, nullptr, r);  // a jam within a series ends it too
         finish_dib(pic, dpi);
         result = delivery.page(delivery.context, pic.base, 0);
         if (result < 0 || !delivery.all_pages || !feeder) break;

@@ -11,67 +11,13 @@
 #include <cstdlib>
 #include <dlfcn.h>
 #include <filesystem>
-#include <map>
 #include <string>
 
 namespace {
 
-using settings_map = std::map<std::string, std::string>;
-
-// The backend's settings for a small picture; a case overrides some.
-settings_map base_settings() {
-    return {{"number_of_devices", "2"}, {"mode", "Gray"}, {"depth", "8"}, {"hand-scanner", "false"},
-            {"three-pass", "false"}, {"three-pass-order", "RGB"}, {"resolution_min", "1.0"},
-            {"resolution_max", "1200.0"}, {"resolution_quant", "1.0"}, {"resolution", "50.0"},
-            {"test-picture", "\"Color pattern\""}, {"invert-endianess", "false"}, {"read-limit", "true"},
-            {"read-limit-size", "997"}, {"read-delay", "false"}, {"read-delay-duration", "1000"},
-            {"read-status-code", "\"Default\""}, {"fuzzy-parameters", "false"}, {"ppl-loss", "0"},
-            {"non-blocking", "false"}, {"select-fd", "false"}, {"enable-test-options", "false"},
-            {"geometry_min", "0.0"}, {"geometry_max", "200.0"}, {"geometry_quant", "0.0"}, {"tl_x", "0.0"},
-            {"tl_y", "0.0"}, {"br_x", "41.0"}, {"br_y", "23.0"}};
-}
-
-// What scanimage's PNM shows, as red, green, blue bytes (16-bit samples by
-// their high byte), its lines padding pixels longer than its width says.
-bytes pnm_appearance(const bytes &f, int *width, int *height, int padding) {
-    size_t pos = 0;
-    auto token = [&]() {
-        std::string t;
-        while (pos < f.size()) {
-            if (f[pos] == '#') {
-                while (pos < f.size() && f[pos] != '\n') pos++;
-            } else if (std::isspace(f[pos])) {
-                if (!t.empty()) break;
-                pos++;
-            } else {
-                t += static_cast<char>(f[pos++]);
-            }
-        }
-        return t;
-    };
-    std::string magic = token();
-    *width = std::atoi(token().c_str());
-    *height = std::atoi(token().c_str());
-    int maxval = magic == "P4" ? 1 : std::atoi(token().c_str());
-    pos++;
-    bytes out;
-    const int w = *width, line = w + padding;
-    for (int y = 0; y < *height; y++)
-        for (int x = 0; x < w; x++) {
-            if (magic == "P4") {
-                size_t at = pos + static_cast<size_t>(y) * ((w + 7) / 8) + x / 8;
-                uint8_t v = at < f.size() && (f[at] >> (7 - x % 8) & 1) ? 0 : 255;
-                out.insert(out.end(), 3, v);
-                continue;
-            }
-            const int samples = magic == "P6" ? 3 : 1, size = maxval > 255 ? 2 : 1;
-            for (int c = 0; c < 3; c++) {
-                size_t at = pos + ((static_cast<size_t>(y) * line + x) * samples + (samples == 3 ? c : 0)) * size;
-                out.push_back(at < f.size() ? f[at] : 0);
-            }
-        }
-    return out;
-}
+// The system's defaults, then a small colour pattern (later lines win).
+const std::string base_settings = "\ntest-picture \"Color pattern\"\nbr_x 41.0\nbr_y 23.0\ngeometry_quant 0.0\n"
+                                  "read-limit true\nread-limit-size 997\n";
 
 class Sane : public ::testing::Test {
 protected:
@@ -82,11 +28,9 @@ protected:
         dlclose(lib);
         dir = use_private_temp_dir("sane_cfg");
         setenv("SANE_CONFIG_DIR", dir.c_str(), 1);
-        unsetenv("BRIVANTA_SANE_LIBRARY");
         write_file(dir + "dll.conf", bytes{'t', 'e', 's', 't', '\n'});
-        configure({});
+        configure("");
         IMG_scan_set_caps(0, 0, 0, 0, 0, 0, 0);
-        scanner_shutdown();
         blocks = mem_live_blocks();
     }
     void TearDown() override {
@@ -99,19 +43,35 @@ protected:
         if (temp_before.empty()) unsetenv("TMPDIR");
         else setenv("TMPDIR", temp_before.c_str(), 1);
     }
-    void configure(const settings_map &changes) {
-        settings_map s = base_settings();
-        for (auto &[k, v] : changes) s[k] = v;
-        std::string text;
-        for (auto &[k, v] : s) text += k + " " + v + "\n";
-        write_file(dir + "test.conf", bytes(text.begin(), text.end()));
+    void configure(const std::string &lines) {
+        bytes conf = read_file("/etc/sane.d/test.conf");
+        std::string more = base_settings + lines;
+        conf.insert(conf.end(), more.begin(), more.end());
+        write_file(dir + "test.conf", conf);
     }
-    // scanimage's picture from the same backend settings, with extra options.
+    // What scanimage's picture looks like as red, green, blue (16-bit samples
+    // by their high byte).  Its lines are written as they come, so a padded
+    // picture is read with padding more pixels a line than it declares.
     bytes scanimage(const std::string &options, int *width, int *height, int padding = 0) {
         std::string out = dir + "scanimage.pnm";
-        std::string cmd = "scanimage -d test:0 --format=pnm " + options + " > " + out + " 2>/dev/null";
-        if (std::system(cmd.c_str()) != 0) return {};
-        return pnm_appearance(read_file(out), width, height, padding);
+        if (std::system(("scanimage -d test:0 " + options + " > " + out + " 2>/dev/null").c_str())) return {};
+        bytes f = read_file(out);
+        f.push_back(0);
+        char magic = 0;
+        int maxval = 1, used = 0;
+        const char *text = reinterpret_cast<const char *>(f.data());
+        int more = 0;  // one newline ends the header: sample bytes may look like space
+        if (std::sscanf(text, "P%c\n# SANE data follows\n%d %d%n", &magic, width, height, &used) < 3) return {};
+        if (magic != '4') std::sscanf(text + used, "%d%n", &maxval, &more);
+        const uint8_t *data = f.data() + used + more + 1;
+        const int samples = magic == '6' ? 3 : 1, size = maxval > 255 ? 2 : 1, line = *width + padding;
+        bytes rgb;
+        for (int y = 0; y < *height; y++)
+            for (int x = 0; x < *width; x++)
+                for (int c = 0; c < 3; c++)
+                    rgb.push_back(magic == '4' ? (data[y * ((line + 7) / 8) + x / 8] >> (7 - x % 8) & 1 ? 0 : 255)
+                                               : data[((y * line + x) * samples + (samples == 3 ? c : 0)) * size]);
+        return rgb;
     }
     void expect_same_as_scanimage(int h, const std::string &options, const std::string &what, int padding = 0) {
         ASSERT_GE(h, 0) << what;
@@ -128,34 +88,29 @@ protected:
 };
 
 TEST_F(Sane, EveryFrameFormatMatchesScanimage) {
-    // scanimage takes three-pass colour at 8 bits only, so the 16-bit one is
-    // held to the single-pass picture; it writes lines as they come, padding
-    // included, so a padded picture is read with the padding's pixels.
+    // scanimage takes three-pass colour at 8 bits only: the 16-bit one is held
+    // to the single-pass picture.  Then odd parameters: unknown height, padded
+    // lines, estimates before the start.
     const struct {
-        settings_map backend, reference;
+        const char *backend, *reference;
         int padding;
     } cases[] = {
-        {{{"mode", "Gray"}, {"depth", "8"}}, {}, 0},
-        {{{"mode", "Gray"}, {"depth", "16"}}, {}, 0},
-        {{{"mode", "Gray"}, {"depth", "1"}, {"test-picture", "\"Grid\""}}, {}, 0},
-        {{{"mode", "Color"}, {"depth", "8"}}, {}, 0},
-        {{{"mode", "Color"}, {"depth", "16"}}, {}, 0},
-        {{{"mode", "Color"}, {"three-pass", "true"}, {"three-pass-order", "GBR"}}, {}, 0},
-        {{{"mode", "Color"}, {"depth", "16"}, {"three-pass", "true"}}, {{"three-pass", "false"}}, 0},
-        // Odd parameters: unknown height, padded lines, estimates before the start.
-        {{{"mode", "Gray"}, {"hand-scanner", "true"}}, {}, 0},
-        {{{"mode", "Color"}, {"ppl-loss", "5"}}, {}, 5},
-        {{{"mode", "Color"}, {"fuzzy-parameters", "true"}}, {}, 0},
+        {"mode Gray\ndepth 8\n", "", 0},
+        {"mode Gray\ndepth 16\n", "", 0},
+        {"mode Gray\ndepth 1\ntest-picture \"Grid\"\n", "", 0},
+        {"mode Color\ndepth 8\n", "", 0},
+        {"mode Color\ndepth 16\n", "", 0},
+        {"mode Color\nthree-pass true\nthree-pass-order GBR\n", "", 0},
+        {"mode Color\ndepth 16\nthree-pass true\n", "three-pass false\n", 0},
+        {"hand-scanner true\n", "", 0},
+        {"mode Color\nppl-loss 5\n", "", 5},
+        {"mode Color\nfuzzy-parameters true\n", "", 0},
     };
     for (auto &c : cases) {
         configure(c.backend);
-        std::string what;
-        for (auto &[k, v] : c.backend) what += k + "=" + v + " ";
         int h = IMG_scan_acquire(nullptr, 0);
-        settings_map reference = c.backend;
-        for (auto &[k, v] : c.reference) reference[k] = v;
-        configure(reference);
-        expect_same_as_scanimage(h, "", what, c.padding);
+        configure(std::string(c.backend) + c.reference);
+        expect_same_as_scanimage(h, "", c.backend, c.padding);
     }
 }
 
@@ -166,70 +121,71 @@ TEST_F(Sane, CapsBecomeOptions) {
                              "--depth 1 --resolution 75 -l 5.08 -t 3.048 -x 25.654 -y 13.462", "lineart");
     ASSERT_EQ(IMG_scan_set_caps(60, IMG_SCAN_COLOUR, 0, 0, 0, 0, 0), 0);
     expect_same_as_scanimage(IMG_scan_acquire(nullptr, 0), "--mode Color --resolution 60", "colour");
-    ASSERT_EQ(IMG_scan_open_source(nullptr, "test:1"), 0);
-    ASSERT_EQ(IMG_scan_set_caps(0, IMG_SCAN_GREY, 0, 0, 0, 0, 0), 0);
-    expect_same_as_scanimage(IMG_scan_acquire(nullptr, 0), "", "second device");
     EXPECT_EQ(IMG_scan_set_caps(0, 4, 0, 0, 0, 0, 0), IMG_ERR_TYPE);
+    char names[64];
+    ASSERT_EQ(IMG_scan_list_sources(names, sizeof names), 2);
+    EXPECT_STREQ(names + 7, "test:1");
+    EXPECT_EQ(IMG_scan_list_sources(names, 10), 2);  // room for one name
+    EXPECT_EQ(names[7], 0);
+    ASSERT_EQ(IMG_scan_open_source(nullptr, "test:1"), 0);
+    expect_same_as_scanimage(IMG_scan_acquire(nullptr, 0), "--mode Color --resolution 60", "second device");
 }
 
 TEST_F(Sane, FailuresGiveTheirCodes) {
     const struct {
-        const char *status;
+        const char *backend, *library;
         int want;
-    } reads[] = {{"\"SANE_STATUS_CANCELLED\"", IMG_ERR_STOPPED}, {"\"SANE_STATUS_IO_ERROR\"", IMG_ERR_MEMORY}};
-    for (auto &r : reads) {
-        configure({{"read-status-code", r.status}});
-        EXPECT_EQ(IMG_scan_acquire(nullptr, 0), r.want) << r.status;
+    } cases[] = {{"read-status-code \"SANE_STATUS_CANCELLED\"\n", "", IMG_ERR_STOPPED},
+                 {"read-status-code \"SANE_STATUS_IO_ERROR\"\n", "", IMG_ERR_MEMORY},
+                 {"", "libsane-missing.so.9", IMG_ERR_SCAN_ACQUIRE}};
+    for (auto &c : cases) {
+        configure(c.backend);
+        setenv("BRIVANTA_SANE_LIBRARY", c.library, 1);
+        EXPECT_EQ(IMG_scan_acquire(nullptr, 0), c.want) << c.backend << c.library;
     }
-    configure({});
-    IMG_set_statusbar(nullptr, [](void *, int) IMG_CALLBACK { return -1; }, 1);
+    unsetenv("BRIVANTA_SANE_LIBRARY");
+    configure("");
+    IMG_set_statusbar(nullptr, [](void *, int) { return -1; }, 1);
     EXPECT_EQ(IMG_scan_acquire(nullptr, 0), IMG_ERR_STOPPED);
     IMG_set_statusbar(nullptr, nullptr, 0);
-
     EXPECT_EQ(IMG_scan_open_source(nullptr, "test:7"), IMG_ERR_SCAN_SOURCE);
     write_file(dir + "dll.conf", bytes{'\n'});  // no backend, so no device
     EXPECT_EQ(IMG_scan_acquire(nullptr, 0), IMG_ERR_SCAN_SOURCE);
-    char names[8] = "x";
-    EXPECT_EQ(IMG_scan_list_sources(names, sizeof names), 0);
-    EXPECT_EQ(names[0], 0);
-
-    setenv("BRIVANTA_SANE_LIBRARY", "libsane-missing.so.9", 1);
-    EXPECT_EQ(IMG_scan_acquire(nullptr, 0), IMG_ERR_SCAN_ACQUIRE);
-    EXPECT_EQ(IMG_scan_pages(nullptr, "x", 1, 0), IMG_ERR_SCAN_ACQUIRE);
-    EXPECT_EQ(IMG_scan_list_sources(names, sizeof names), IMG_ERR_SCAN_ACQUIRE);
 }
 
 TEST_F(Sane, FeederPagesIntoOneFileOrNumberedFiles) {
-    // The test backend's feeder is empty after ten pages.
-    ASSERT_EQ(IMG_scan_set_caps(0, 0, IMG_SCAN_FEEDER, 0, 0, 0, 0), 0);
-    std::string tif = dir + "pages.tif";
-    write_file(tif, bytes(10, 'x'));
-    EXPECT_GE(IMG_scan_pages(nullptr, tif.c_str(), IMG_TYPE_TIFF_PACKBITS, 0), 0);
-    EXPECT_EQ(IMGLOW_get_pages(tif.c_str()), 10);
+    // The test backend's feeder is empty after ten pages; a flatbed series is one page.
     int w = 0, h = 0;
     bytes want = scanimage("", &w, &h);
-    EXPECT_TRUE(appearance(load_pic(read_file(tif), nullptr, 9)) == want);
-
-    std::string prefix = dir + "pg";
-    write_file(prefix + "00000000.img", bytes(10, 'x'));
-    EXPECT_GE(IMG_scan_pages(nullptr, prefix.c_str(), -1, 0), 0);
-    char name[16];
-    for (int n = 0; n < 11; n++) {
-        std::snprintf(name, sizeof name, "pg%08d.img", n);
-        bytes f = read_file(dir + name);
-        EXPECT_EQ(!f.empty(), n < 10) << n;
-        if (n < 10) {
-            EXPECT_TRUE(appearance(load_pic(f)) == want) << n;
+    const struct {
+        int source, type, pages;
+        const char *name;
+    } cases[] = {{IMG_SCAN_FEEDER, IMG_TYPE_TIFF_PACKBITS, 10, "pages.tif"},
+                 {IMG_SCAN_FLATBED, IMG_TYPE_TIFF, 1, "flat.tif"},
+                 {IMG_SCAN_FEEDER, -1, 10, "pg"}};
+    for (auto &c : cases) {
+        ASSERT_EQ(IMG_scan_set_caps(0, 0, c.source, 0, 0, 0, 0), 0);
+        std::string name = dir + c.name, first = c.type < 0 ? name + "00000000.img" : name;
+        write_file(first, bytes(10, 'x'));  // replaced, not added to
+        EXPECT_GE(IMG_scan_pages(nullptr, name.c_str(), c.type, 0), 0) << c.name;
+        if (c.type >= 0) {
+            EXPECT_EQ(IMGLOW_get_pages(name.c_str()), c.pages) << c.name;
+        }
+        for (int n = 0; n <= c.pages; n++) {
+            char file[16];
+            std::snprintf(file, sizeof file, "%08d.img", n);
+            bytes f = read_file(c.type < 0 ? name + file : name);
+            if (c.type < 0) {
+                EXPECT_EQ(f.empty(), n == c.pages) << n;
+            }
+            if (n < c.pages) {
+                EXPECT_TRUE(appearance(load_pic(f, nullptr, c.type < 0 ? 0 : n)) == want) << c.name << n;
+            }
         }
     }
-    // From the flatbed a series is one page.
-    ASSERT_EQ(IMG_scan_set_caps(0, 0, IMG_SCAN_FLATBED, 0, 0, 0, 0), 0);
-    std::string flat = dir + "flat.tif";
-    EXPECT_GE(IMG_scan_pages(nullptr, flat.c_str(), IMG_TYPE_TIFF, 0), 0);
-    EXPECT_EQ(IMGLOW_get_pages(flat.c_str()), 1);
     // A read failure part way through a series ends it as a source failure.
-    configure({{"read-status-code", "\"SANE_STATUS_IO_ERROR\""}});
-    EXPECT_EQ(IMG_scan_pages(nullptr, prefix.c_str(), 1, 0), IMG_ERR_SCAN_SOURCE);
+    configure("read-status-code \"SANE_STATUS_IO_ERROR\"\n");
+    EXPECT_EQ(IMG_scan_pages(nullptr, (dir + "pg").c_str(), 1, 0), IMG_ERR_SCAN_SOURCE);
 }
 
 }  // namespace

@@ -24,9 +24,9 @@ bytes generated_page(int page, int bits, int width) {
     for (int y = 0; y < 30; y++)
         for (int x = 0; x < width; x++) {
             uint8_t v = static_cast<uint8_t>(x * 3 + y * 5 + page * 7);
+            uint8_t g = bits == 8 ? v : v & 1 ? 255 : 0;
             if (bits == 24) rgb.insert(rgb.end(), {static_cast<uint8_t>(255 - v), static_cast<uint8_t>(v ^ 0x55), v});
-            else if (bits == 8) rgb.insert(rgb.end(), {v, v, v});
-            else rgb.insert(rgb.end(), 3, v & 1 ? 255 : 0);
+            else rgb.insert(rgb.end(), {g, g, g});
         }
     return rgb;
 }
@@ -73,25 +73,18 @@ TEST_F(Twain, AcquireResults) {
     const struct {
         const char *words;
         int want;
-    } cases[] = {
-        {"close", IMG_ERR_STOPPED},        {"cancel", IMG_ERR_STOPPED},     {"fail=0", IMG_ERR_MEMORY},
-        {"refuse", IMG_ERR_SCAN_SOURCE},   {"refuse-enable", IMG_ERR_SCAN_SOURCE},
-        {"refuse-dsm", IMG_ERR_SCAN_SOURCE}, {"", 0},
-    };
+    } cases[] = {{"close", IMG_ERR_STOPPED},        {"cancel", IMG_ERR_STOPPED},
+                 {"fail=0", IMG_ERR_MEMORY},        {"refuse", IMG_ERR_SCAN_SOURCE},
+                 {"refuse-enable", IMG_ERR_SCAN_SOURCE}, {"refuse-dsm", IMG_ERR_SCAN_SOURCE}};
     for (auto &c : cases) {
         scanner_shutdown();  // so that the manager is opened again
         configure(c.words);
-        int h = IMG_scan_acquire(nullptr, 1);
-        if (c.want < 0) {
-            EXPECT_EQ(h, c.want) << c.words;
-            continue;
-        }
-        ASSERT_GE(h, 0);
-        picture p = picture_of(h);
-        EXPECT_EQ(p.bits, 8);
-        EXPECT_EQ(appearance(p), generated_page(0, 8, 40));
-        IMG_delete_bitmap(h);
+        EXPECT_EQ(IMG_scan_acquire(nullptr, 1), c.want) << c.words;
     }
+    configure("");
+    int h = IMG_scan_acquire(nullptr, 1);
+    EXPECT_EQ(appearance(picture_of(h)), generated_page(0, 8, 40));
+    IMG_delete_bitmap(h);
 }
 
 TEST_F(Twain, CapsAreNegotiatedOnlyWithoutTheDialog) {
@@ -100,11 +93,9 @@ TEST_F(Twain, CapsAreNegotiatedOnlyWithoutTheDialog) {
     EXPECT_EQ(IMG_scan_set_caps(-1, 0, 0, 0, 0, 0, 0), IMG_ERR_TYPE);
     for (int show_ui : {0, 1}) {
         int h = IMG_scan_acquire(nullptr, show_ui);
-        ASSERT_GE(h, 0);
         picture p = picture_of(h);
-        const int bits = show_ui ? 8 : 1, width = show_ui ? 40 : 60;
-        EXPECT_EQ(p.bits, bits) << show_ui;
-        EXPECT_EQ(appearance(p), generated_page(0, bits, width)) << show_ui;
+        EXPECT_EQ(p.bits, show_ui ? 8 : 1) << show_ui;
+        EXPECT_EQ(appearance(p), generated_page(0, p.bits, show_ui ? 40 : 60)) << show_ui;
         IMG_delete_bitmap(h);
     }
     // Duplex doubles the pages of the feeder.
@@ -165,7 +156,6 @@ TEST_F(Twain, ChoosingAndListingSources) {
         configure("");
         ASSERT_EQ(IMG_scan_open_source(nullptr, choice), 0);
         int h = IMG_scan_acquire(nullptr, 1);
-        ASSERT_GE(h, 0);
         EXPECT_EQ(appearance(picture_of(h)), generated_page(0, 24, 40)) << choice;
         IMG_delete_bitmap(h);
     }
