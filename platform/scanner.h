@@ -36,9 +36,9 @@ int scanner_session(void *window, bool show_ui, const scan_caps &caps, const sca
 // system's selection dialog (Windows) or the first device (elsewhere).
 int scanner_select(void *window, const char *name);
 
-// Source names, each NUL-terminated, then an empty one; as many whole names
-// as fit in size bytes.  The number of sources there are, or a negative code.
-int scanner_list(char *names, int size);
+// Calls each with every source's name, in the system's order: the number of
+// sources, or a negative code.
+int scanner_list(void (*each)(void *context, const char *name), void *context);
 
 // Closes what stays open between sessions (the TWAIN source manager) and
 // forgets the chosen source.

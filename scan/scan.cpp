@@ -4,6 +4,7 @@
 #include "platform/scanner.h"
 
 #include <cstdio>
+#include <cstring>
 
 namespace brv {
 
@@ -74,6 +75,25 @@ int save_page(void *context, const void *dib, int code) {
     return r < 0 ? r : h;
 }
 
+// Whole names while they fit, each NUL-terminated, then an empty one; once
+// a name is left out later ones are too, so the list keeps its order.
+struct name_list {
+    char *buffer;
+    int size, used;
+    bool full;
+};
+
+void add_name(void *context, const char *name) {
+    auto *l = static_cast<name_list *>(context);
+    int len = static_cast<int>(std::strlen(name)) + 1;
+    if (l->full || len >= l->size - l->used) {
+        l->full = true;
+        return;
+    }
+    std::memcpy(l->buffer + l->used, name, len);
+    l->used += len;
+}
+
 }  // namespace
 
 }  // namespace brv
@@ -106,5 +126,8 @@ int IMG_API IMG_scan_open_source(void *window, const char *name) { return scanne
 
 int IMG_API IMG_scan_list_sources(char *names, int size) {
     if (size < 0 || (size > 0 && !names)) return IMG_ERR_TYPE;
-    return scanner_list(names, size);
+    name_list list{names, size, 0, false};
+    int r = scanner_list(add_name, &list);
+    if (size > 0) names[list.used] = 0;
+    return r;
 }

@@ -453,23 +453,12 @@ int scanner_select(void *, const char *name) {
     return 0;
 }
 
-int scanner_list(char *names, int size) {
+int scanner_list(void (*each)(void *context, const char *name), void *context) {
     session s;
     if (int r = s.load(); r < 0) return r;
     const sane_device *const *list = s.devices();
-    int count = 0, used = 0;
-    bool full = false;  // once a name is left out, later ones are too: the list keeps its order
-    for (; list && list[count]; count++) {
-        const char *n = list[count]->name ? list[count]->name : "";
-        int len = static_cast<int>(std::strlen(n)) + 1;
-        if (full || len >= size - used) {
-            full = true;
-            continue;
-        }
-        std::memcpy(names + used, n, len);
-        used += len;
-    }
-    if (size > 0) names[used] = 0;
+    int count = 0;
+    for (; list && list[count]; count++) each(context, list[count]->name ? list[count]->name : "");
     return count;
 }
 

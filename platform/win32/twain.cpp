@@ -278,23 +278,15 @@ int scanner_select(void *window, const char *name) {
     return IMG_ERR_SCAN_SOURCE;
 }
 
-int scanner_list(char *names, int size) {
+int scanner_list(void (*each)(void *context, const char *name), void *context) {
     if (int r = open_manager(nullptr); r < 0) return r;
     tw_identity found{};
-    int count = 0, used = 0;
-    bool full = false;  // once a name is left out, later ones are too: the list keeps its order
-    for (uint16_t m = MSG_GETFIRST; call(nullptr, DG_CONTROL, DAT_IDENTITY, m, &found) == TWRC_SUCCESS && count < 4096;
+    int count = 0;
+    for (uint16_t m = MSG_GETFIRST; count < 4096 && call(nullptr, DG_CONTROL, DAT_IDENTITY, m, &found) == TWRC_SUCCESS;
          m = MSG_GETNEXT, count++) {
         found.product_name[sizeof found.product_name - 1] = 0;
-        int len = static_cast<int>(std::strlen(found.product_name)) + 1;
-        if (full || len >= size - used) {
-            full = true;
-            continue;
-        }
-        std::memcpy(names + used, found.product_name, len);
-        used += len;
+        each(context, found.product_name);
     }
-    if (size > 0) names[used] = 0;
     return count;
 }
 
