@@ -408,7 +408,8 @@ void finish_dib(picture_block &pic, int32_t dpi) {
 // empty, or a negative code: start failures (IMG_ERR_SCAN_SOURCE on the
 // first frame) or a failed transfer.
 int scan_page(session &s, picture_block &pic) {
-    for (bool first = true;; first = false) {
+    for (int frame = 0; frame < 3; frame++) {  // three single colours at most
+        const bool first = frame == 0;
         int status = s.api.start(s.device);
         if (status == SANE_NO_DOCS && first) return 0;
         if (status == SANE_CANCELLED) return IMG_ERR_STOPPED;
@@ -418,6 +419,7 @@ int scan_page(session &s, picture_block &pic) {
         if (int r = read_frame(s, p, first, pic); r < 0) return r;
         if (p.last_frame) return 1;
     }
+    return IMG_ERR_MEMORY;
 }
 
 }  // namespace

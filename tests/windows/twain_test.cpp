@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <filesystem>
 #include <string>
 
 namespace {
@@ -88,8 +89,7 @@ TEST_F(Twain, AcquireResults) {
 }
 
 TEST_F(Twain, CapsAreNegotiatedOnlyWithoutTheDialog) {
-    configure("pages=2");
-    ASSERT_EQ(IMG_scan_set_caps(150, IMG_SCAN_LINEART, IMG_SCAN_DUPLEX, 0, 0, 2000, 1000), 0);
+    ASSERT_EQ(IMG_scan_set_caps(150, IMG_SCAN_LINEART, 0, 0, 0, 2000, 1000), 0);
     EXPECT_EQ(IMG_scan_set_caps(-1, 0, 0, 0, 0, 0, 0), IMG_ERR_TYPE);
     for (int show_ui : {0, 1}) {
         int h = IMG_scan_acquire(nullptr, show_ui);
@@ -98,47 +98,42 @@ TEST_F(Twain, CapsAreNegotiatedOnlyWithoutTheDialog) {
         EXPECT_EQ(appearance(p), generated_page(0, p.bits, show_ui ? 40 : 60)) << show_ui;
         IMG_delete_bitmap(h);
     }
-    // Duplex doubles the pages of the feeder.
-    std::string prefix = temp_path("twain_duplex_");
-    EXPECT_GE(IMG_scan_pages(nullptr, prefix.c_str(), 1, 0), 0);
-    for (int n = 0; n < 5; n++)
-        EXPECT_EQ(GetFileAttributesA((prefix + "0000000" + std::to_string(n) + ".img").c_str()) != INVALID_FILE_ATTRIBUTES,
-                  n < 4) << n;
 }
 
+// Page files in a folder of the test's own, as the current directory.
 TEST_F(Twain, PageSeries) {
-    std::string prefix = temp_path("twain_pg");
-    std::string name = temp_path("twain_scan.tif");
-    write_file(prefix + "00000000.img", bytes(10, 'x'));  // replaced, not appended to
-    write_file(name, bytes(10, 'x'));
-    configure("pages=3");
-    EXPECT_GE(IMG_scan_pages(nullptr, prefix.c_str(), -1, 1), 0);
-    for (int n = 0; n < 3; n++) {
-        int code = 0;
-        picture p = load_pic(read_file(prefix + "0000000" + std::to_string(n) + ".img"), &code);
-        EXPECT_EQ(appearance(p), generated_page(n, 8, 40)) << n << " " << code;
-    }
-    EXPECT_GE(IMG_scan_pages(nullptr, name.c_str(), IMG_TYPE_TIFF, 1), 0);
-    EXPECT_EQ(IMGLOW_get_pages(name.c_str()), 3);
-    for (int n = 0; n < 3; n++) EXPECT_EQ(appearance(load_pic(read_file(name), nullptr, n)), generated_page(n, 8, 40));
-
-    // A failed transfer ends the series as a source failure, the pages before it kept.
-    configure("pages=3 fail=1");
-    std::string cut = temp_path("twain_cut");
-    EXPECT_EQ(IMG_scan_pages(nullptr, cut.c_str(), 1, 1), IMG_ERR_SCAN_SOURCE);
-    EXPECT_NE(GetFileAttributesA((cut + "00000000.img").c_str()), INVALID_FILE_ATTRIBUTES);
-    EXPECT_EQ(GetFileAttributesA((cut + "00000001.img").c_str()), INVALID_FILE_ATTRIBUTES);
-
-    // Without a prefix the files are numbers in the current directory.
-    std::string dir = use_private_temp_dir("twain_cwd");
+    std::string dir = temp_path("twain_pages");
     char old[MAX_PATH];
     GetCurrentDirectoryA(MAX_PATH, old);
-    SetCurrentDirectoryA(dir.c_str());
-    configure("");
-    EXPECT_GE(IMG_scan_pages(nullptr, nullptr, IMG_TYPE_TIFF, 1), 0);
-    EXPECT_NE(GetFileAttributesA("00000000.img"), INVALID_FILE_ATTRIBUTES);
-    DeleteFileA("00000000.img");
+    ASSERT_TRUE(CreateDirectoryA(dir.c_str(), nullptr) && SetCurrentDirectoryA(dir.c_str()));
+    auto exists = [](const std::string &f) { return GetFileAttributesA(f.c_str()) != INVALID_FILE_ATTRIBUTES; };
+    write_file("pg00000000.img", bytes(10, 'x'));  // replaced, not added to
+    write_file("scan.tif", bytes(10, 'x'));
+    configure("pages=3");
+    EXPECT_GE(IMG_scan_pages(nullptr, "pg", -1, 1), 0);
+    EXPECT_GE(IMG_scan_pages(nullptr, "scan.tif", IMG_TYPE_TIFF, 1), 0);
+    EXPECT_GE(IMG_scan_pages(nullptr, nullptr, IMG_TYPE_TIFF, 1), 0);  // no name: numbered files
+    EXPECT_EQ(IMGLOW_get_pages("scan.tif"), 3);
+    for (int n = 0; n < 4; n++) {
+        std::string leaf = "0000000" + std::to_string(n) + ".img";
+        EXPECT_EQ(exists("pg" + leaf) && exists(leaf), n < 3) << n;
+        if (n < 3) {
+            EXPECT_EQ(appearance(load_pic(read_file("pg" + leaf))), generated_page(n, 8, 40)) << n;
+            EXPECT_EQ(appearance(load_pic(read_file("scan.tif"), nullptr, n)), generated_page(n, 8, 40)) << n;
+        }
+    }
+    // A failed transfer ends a series as a source failure, keeping the pages
+    // before it; a duplex feeder gives twice the pages.
+    configure("pages=3 fail=1");
+    EXPECT_EQ(IMG_scan_pages(nullptr, "cut", 1, 1), IMG_ERR_SCAN_SOURCE);
+    EXPECT_TRUE(exists("cut00000000.img") && !exists("cut00000001.img"));
+    configure("pages=2");
+    ASSERT_EQ(IMG_scan_set_caps(0, 0, IMG_SCAN_DUPLEX, 0, 0, 0, 0), 0);
+    EXPECT_GE(IMG_scan_pages(nullptr, "dup", 1, 0), 0);
+    EXPECT_TRUE(exists("dup00000003.img") && !exists("dup00000004.img"));
     SetCurrentDirectoryA(old);
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
 }
 
 TEST_F(Twain, ChoosingAndListingSources) {
