@@ -9,6 +9,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
+#if defined(__SANITIZE_ADDRESS__) || defined(__clang__)
+#include <sanitizer/lsan_interface.h>
+#endif
 #include <initializer_list>
 
 namespace brv {
@@ -59,6 +62,31 @@ struct sane_api {
     void (*cancel)(void *);
 };
 
+// libsane and its backends keep memory past sane_exit, which leak checking
+// would blame on the caller: it looks away while they run.
+#if defined(__SANITIZE_ADDRESS__)
+#define BRIVANTA_LEAK_CHECKS 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(leak_sanitizer)
+#define BRIVANTA_LEAK_CHECKS 1
+#endif
+#endif
+#ifdef BRIVANTA_LEAK_CHECKS
+struct foreign_memory {
+    foreign_memory() { __lsan_disable(); }
+    ~foreign_memory() { __lsan_enable(); }
+};
+#else
+struct foreign_memory {
+    foreign_memory() {}
+};
+#endif
+
+template <typename F, typename... A> auto call(F fn, A... args) {
+    foreign_memory quiet;
+    return fn(args...);
+}
+
 char chosen_device[256];  // "" = the first device listed
 int devices_open = 0;
 
@@ -77,11 +105,11 @@ struct session {
 
     ~session() {
         if (device) {
-            api.cancel(device);
-            api.close(device);
+            call(api.cancel, device);
+            call(api.close, device);
             devices_open--;
         }
-        if (initialised) api.exit();
+        if (initialised) call(api.exit);
         if (api.library) dlclose(api.library);
     }
 
@@ -100,14 +128,14 @@ struct session {
             !find(api.start, "sane_start") || !find(api.read, "sane_read") || !find(api.cancel, "sane_cancel"))
             return IMG_ERR_SCAN_ACQUIRE;
         int version = 0;
-        if (api.init(&version, nullptr) != SANE_GOOD) return IMG_ERR_SCAN_ACQUIRE;
+        if (call(api.init, &version, nullptr) != SANE_GOOD) return IMG_ERR_SCAN_ACQUIRE;
         initialised = true;
         return 0;
     }
 
     const sane_device *const *devices() {
         const sane_device **list = nullptr;
-        if (api.get_devices(&list, 0) != SANE_GOOD || !list) return nullptr;
+        if (call(api.get_devices, &list, 0) != SANE_GOOD || !list) return nullptr;
         return list;
     }
 
@@ -118,7 +146,7 @@ struct session {
             name = list[0]->name;
         }
         void *h = nullptr;
-        if (api.open(name, &h) != SANE_GOOD || !h) return IMG_ERR_SCAN_SOURCE;
+        if (call(api.open, name, &h) != SANE_GOOD || !h) return IMG_ERR_SCAN_SOURCE;
         device = h;
         devices_open++;
         return 0;
@@ -127,9 +155,9 @@ struct session {
     // ---- Options ----
     int option_index(const char *name, const sane_option **out) {
         int32_t count = 0;
-        if (api.control_option(device, 0, ACTION_GET, &count, nullptr) != SANE_GOOD) return -1;
+        if (call(api.control_option, device, 0, ACTION_GET, &count, nullptr) != SANE_GOOD) return -1;
         for (int i = 1; i < count && i < 4096; i++) {
-            const sane_option *o = api.get_option_descriptor(device, i);
+            const sane_option *o = call(api.get_option_descriptor, device, i);
             if (o && o->name && !std::strcmp(o->name, name) && !(o->cap & CAP_INACTIVE) && (o->cap & CAP_SOFT_SELECT)) {
                 *out = o;
                 return i;
@@ -160,7 +188,7 @@ struct session {
             }
             v = best;
         }
-        api.control_option(device, i, ACTION_SET, &v, nullptr);
+        call(api.control_option, device, i, ACTION_SET, &v, nullptr);
     }
 
     int32_t get_number(const char *name, int32_t fallback) {
@@ -168,7 +196,7 @@ struct session {
         int i = option_index(name, &o);
         int32_t v = 0;
         if (i < 0 || (o->type != TYPE_INT && o->type != TYPE_FIXED) || o->size != 4 ||
-            api.control_option(device, i, ACTION_GET, &v, nullptr) != SANE_GOOD)
+            call(api.control_option, device, i, ACTION_GET, &v, nullptr) != SANE_GOOD)
             return fallback;
         return o->type == TYPE_FIXED ? static_cast<int32_t>((int64_t{v} + 0x8000) >> 16) : v;
     }
@@ -191,7 +219,7 @@ struct session {
             size_t n = std::strlen(list[k]);
             if (n >= sizeof value || static_cast<int>(n) >= o->size) return false;
             std::memcpy(value, list[k], n + 1);
-            return api.control_option(device, i, ACTION_SET, value, nullptr) == SANE_GOOD;
+            return call(api.control_option, device, i, ACTION_SET, value, nullptr) == SANE_GOOD;
         }
         return false;
     }
@@ -201,7 +229,7 @@ struct session {
         int i = option_index(name, &o);
         char value[256] = {};
         if (i < 0 || o->type != TYPE_STRING || o->size < 1 || o->size > static_cast<int>(sizeof value) ||
-            api.control_option(device, i, ACTION_GET, value, nullptr) != SANE_GOOD)
+            call(api.control_option, device, i, ACTION_GET, value, nullptr) != SANE_GOOD)
             return false;
         value[sizeof value - 1] = 0;
         return contains(value, word);
@@ -350,7 +378,7 @@ int read_frame(session &s, const sane_parameters &p, bool first, picture_block &
     const int total = p.lines > 0 ? p.lines : 0;
     for (;;) {
         int got = 0;
-        int status = s.api.read(s.device, line + filled, p.bytes_per_line - filled, &got);
+        int status = call(s.api.read, s.device, line + filled, p.bytes_per_line - filled, &got);
         if (status == SANE_EOF) break;
         if (status != SANE_GOOD || got < 0 || got > p.bytes_per_line - filled) {
             result = status == SANE_CANCELLED ? IMG_ERR_STOPPED : IMG_ERR_MEMORY;
@@ -410,12 +438,12 @@ void finish_dib(picture_block &pic, int32_t dpi) {
 int scan_page(session &s, picture_block &pic) {
     for (int frame = 0; frame < 3; frame++) {  // three single colours at most
         const bool first = frame == 0;
-        int status = s.api.start(s.device);
+        int status = call(s.api.start, s.device);
         if (status == SANE_NO_DOCS && first) return 0;
         if (status == SANE_CANCELLED) return IMG_ERR_STOPPED;
         if (status != SANE_GOOD) return first ? IMG_ERR_SCAN_SOURCE : IMG_ERR_MEMORY;
         sane_parameters p{};
-        if (s.api.get_parameters(s.device, &p) != SANE_GOOD) return IMG_ERR_MEMORY;
+        if (call(s.api.get_parameters, s.device, &p) != SANE_GOOD) return IMG_ERR_MEMORY;
         if (int r = read_frame(s, p, first, pic); r < 0) return r;
         if (p.last_frame) return 1;
     }
