@@ -362,6 +362,8 @@ int read_frame(session &s, const sane_parameters &p, bool first, picture_block &
         pic.stride = row_bytes(width, bits);
         pic.head = 40 + palette_bytes(bits);
         if (!pic.stride) return IMG_ERR_MEMORY;
+        // An announced height is room taken at once; an unknown one grows as lines come.
+        if (p.lines > 0 && pic.reserve(p.lines - 1) < 0) return IMG_ERR_MEMORY;
     } else if (bits != pic.bits || p.format == FRAME_GRAY || p.format == FRAME_RGB) {
         return IMG_ERR_MEMORY;  // only single colours follow a first frame
     } else if (width != pic.width) {

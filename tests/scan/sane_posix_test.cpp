@@ -102,7 +102,7 @@ TEST_F(Sane, EveryFrameFormatMatchesScanimage) {
         {"mode Color\ndepth 16\n", "", 0},
         {"mode Color\nthree-pass true\nthree-pass-order GBR\n", "", 0},
         {"mode Color\ndepth 16\nthree-pass true\n", "three-pass false\n", 0},
-        {"hand-scanner true\n", "", 0},
+        {"hand-scanner true\nbr_y 80.0\n", "", 0},
         {"mode Color\nppl-loss 5\n", "", 5},
         {"mode Color\nfuzzy-parameters true\n", "", 0},
     };
