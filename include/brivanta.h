@@ -325,7 +325,8 @@ IMG_EXPORT int IMG_API IMG_get_error_text(int code, char *text_out, int size);
  *     10, 16 or DCX 11) with a name puts all pages in that file, replacing
  *     it; otherwise page n goes to "%s%08d.img" with name as prefix (no
  *     prefix when null), replacing any such file.  Returns the last page's
- *     handle number (already deleted) or a negative code.
+ *     handle number (already deleted) or a negative code; a failed
+ *     transfer within the series gives IMG_ERR_SCAN_SOURCE.
  *   IMG_scan_set_caps: what later scans ask of the source (on Windows when
  *     its dialog is hidden); 0 leaves a setting as the source has it.  Area
  *     in thousandths of an inch from the top-left corner; width or height 0
