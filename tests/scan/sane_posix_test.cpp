@@ -23,6 +23,7 @@ class Sane : public ::testing::Test {
 protected:
     void SetUp() override {
         temp_before = getenv("TMPDIR") ? getenv("TMPDIR") : "";
+        blocks = mem_live_blocks();
         void *lib = dlopen("libsane.so.1", RTLD_NOW | RTLD_LOCAL);
         if (!lib || std::system("scanimage --version >/dev/null 2>&1") != 0) GTEST_SKIP() << "no SANE here";
         dlclose(lib);
@@ -31,7 +32,6 @@ protected:
         write_file(dir + "dll.conf", bytes{'t', 'e', 's', 't', '\n'});
         configure("");
         IMG_scan_set_caps(0, 0, 0, 0, 0, 0, 0);
-        blocks = mem_live_blocks();
     }
     void TearDown() override {
         EXPECT_EQ(scanner_open_devices(), 0);
