@@ -325,6 +325,46 @@ IMG_EXPORT int IMG_API IMG_color_gray(int handle);
  * text's full length, or IMG_ERR_TYPE for a code the library never returns. */
 IMG_EXPORT int IMG_API IMG_get_error_text(int code, char *text_out, int size);
 
+/* Scanning: pictures from a scanner through the system's source manager
+ * (TWAIN32.DLL in the Windows directory; libsane, loaded when needed,
+ * elsewhere).  window is the parent window (HWND) on Windows and is ignored
+ * elsewhere; show_ui shows the source's own dialog on Windows.  Results:
+ * IMG_ERR_SCAN_SOURCE the source cannot be opened or enabled (or there is
+ * none), IMG_ERR_SCAN_ACQUIRE no source manager, IMG_ERR_STOPPED the user
+ * cancelled or closed the source (or the status callback stopped the
+ * transfer), IMG_ERR_MEMORY the transfer failed.
+ *   IMG_scan_acquire: one picture into a new handle.
+ *   IMG_scan_pages: every page the source delivers (a feeder until empty),
+ *     each saved as type (negative: BMP).  A multi-page type (TIFF 0, 7, 8,
+ *     10, 16 or DCX 11) with a name puts all pages in that file, replacing
+ *     it; otherwise page n goes to "%s%08d.img" with name as prefix (no
+ *     prefix when null), replacing any such file.  Returns the last page's
+ *     handle number (already deleted) or a negative code; a failed
+ *     transfer within the series gives IMG_ERR_SCAN_SOURCE.
+ *   IMG_scan_set_caps: what later scans ask of the source (on Windows when
+ *     its dialog is hidden); 0 leaves a setting as the source has it.  Area
+ *     in thousandths of an inch from the top-left corner; width or height 0
+ *     takes the whole area.  0, or IMG_ERR_TYPE for a value out of range.
+ *   IMG_scan_open_source: the source later scans use, by name; null or ""
+ *     shows the selection dialog on Windows and takes the first device
+ *     elsewhere.  0, IMG_ERR_SCAN_SOURCE for a name no source has,
+ *     IMG_ERR_STOPPED when the dialog is cancelled.
+ *   IMG_scan_list_sources: the source names, each NUL-terminated and then an
+ *     empty one, as many whole names as fit in size bytes; the number of
+ *     sources there are, or a negative code. */
+#define IMG_SCAN_COLOUR  1
+#define IMG_SCAN_GREY    2
+#define IMG_SCAN_LINEART 3
+#define IMG_SCAN_FLATBED 1
+#define IMG_SCAN_FEEDER  2
+#define IMG_SCAN_DUPLEX  3
+IMG_EXPORT int IMG_API IMG_scan_acquire(void *window, int show_ui);
+IMG_EXPORT int IMG_API IMG_scan_pages(void *window, const char *name, int type, int show_ui);
+IMG_EXPORT int IMG_API IMG_scan_set_caps(int resolution, int mode, int source, int left, int top, int width,
+                                         int height);
+IMG_EXPORT int IMG_API IMG_scan_open_source(void *window, const char *name);
+IMG_EXPORT int IMG_API IMG_scan_list_sources(char *names, int size);
+
 /* Text import: plain text files read as pictures.  Detection of text (type
  * IMG_TYPE_TEXT) is off until IMGLOW_set_auto_detect(IMG_TYPE_TEXT) is
  * called.  A page renders as a 1-bit bitmap (black text on white) at the set
