@@ -39,6 +39,9 @@ struct block_ref {
 };
 bytes dib_of_picture(const picture &p, int xdpi = 0, int ydpi = 0);
 
+// Pixel x, y (from the top left) at the picture's depth: the stored index,
+// or blue | green << 8 | red << 16.
+uint32_t px(const picture &p, int x, int y);
 // Red, green, blue of every pixel through the colour table: the picture as it looks.
 bytes appearance(const picture &p);
 
