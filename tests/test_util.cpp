@@ -138,6 +138,12 @@ bytes read_file(const std::string &name) {
     return bytes(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
 }
 
+bytes from_hex(const std::string &hex) {
+    bytes b;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2) b.push_back(static_cast<uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    return b;
+}
+
 std::string data_path(const std::string &name) { return BRIVANTA_SOURCE_DIR "/tests/data/" + name; }
 
 std::vector<std::string> data_lines(const std::string &name) {

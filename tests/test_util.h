@@ -51,6 +51,8 @@ int handle_of(const picture &p);
 picture picture_of(int handle);
 
 bytes read_file(const std::string &name);
+// Bytes written as hex digits, two a byte.
+bytes from_hex(const std::string &hex);
 // A file under tests/data, and a list there without its comment and blank lines.
 std::string data_path(const std::string &name);
 std::vector<std::string> data_lines(const std::string &name);
