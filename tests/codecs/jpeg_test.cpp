@@ -276,7 +276,7 @@ TEST(JpegEncode, GoldenOutputAcrossDepthsSizesAndQualities) {
         picture p = c.bits > 0    ? make_picture(c.width, c.height, c.bits, static_cast<uint32_t>(c.width))
                     : c.bits == 0 ? smooth_picture(c.width, c.height, kind::rgb24, 2)
                                   : smooth_picture(c.width, c.height, c.bits == -1 ? kind::grey8 : kind::palette8, 3);
-        for (int vector_bits : {256, 0}) {
+        for (int vector_bits : {512, 256, 128, 0}) {
             jpeg_encoder_limit_vectors(vector_bits);
             uint64_t h = 1469598103934665603ull;
             for (int q : {1, 4, 12, 25, 38, 50, 63, 75, 85, 90, 95, 99, 100}) {
@@ -288,7 +288,7 @@ TEST(JpegEncode, GoldenOutputAcrossDepthsSizesAndQualities) {
                                  << std::hex << " got 0x" << h;
         }
     }
-    jpeg_encoder_limit_vectors(256);
+    jpeg_encoder_limit_vectors(512);
     IMGLOW_set_comp_quality(50);
 }
 
@@ -320,38 +320,59 @@ TEST(JpegEncode, RowCodesAndTooWideARow) {
     EXPECT_EQ(n, IMG_ERR_MEMORY) << "too wide for the row buffer";
 }
 
-// The forward transform's lane kernel, alone and with quantisers, against
-// the plain one at every vector width (the inverse kernels are compared in
-// the decoder's golden tests).
-TEST(JpegTransform, ForwardLaneKernelEqualsTheScalarOne) {
+// The encoder's transform and quantiser at every vector width against the
+// scalar transform and jpeg_quantise_one, each block of a group with its
+// own quantisers: random level-shifted samples (the colour weights reach
+// -129 and 128), the extremes in random sign patterns and in the patterns
+// of the cosines themselves, which drive the coefficients to their peaks.
+TEST(JpegTransform, ForwardVectorPathsEqualTheScalarOne) {
     uint32_t seed = 12345;
     auto rnd = [&seed](int range) {
         seed = seed * 1664525u + 1013904223u;
         return static_cast<int>(seed >> 8) % (2 * range + 1) - range;
     };
-    for (int bits : {256, 0}) {
+    auto cosine_sign = [](int u, int n) { return std::cos((2 * n + 1) * u * M_PI / 16) >= 0; };
+    for (int bits : {512, 256, 128, 0}) {
         jpeg_encoder_limit_vectors(bits);
-        for (int it = 0; it < 20000; it++) {
-            // Level-shifted samples (the colour weights reach 128), at a stride.
-            int16_t s[8 * 13];
-            for (auto &v : s) v = static_cast<int16_t>(it % 5 == 0 ? (rnd(1) < 0 ? 128 : -129) : rnd(128) - (rnd(1) > 0));
-            float recip[64];
-            for (auto &r : recip) r = 1.0f / static_cast<float>(it % 7 == 0 ? 1 : 128 + rnd(127));
-            int16_t fa[64], fb[64], qa[64], qb[64];
-            jpeg_fdct_8x8(s + 3, 13, fa);
-            jpeg_fdct_8x8_lanes(s + 3, 13, fb);
-            ASSERT_EQ(std::memcmp(fa, fb, sizeof fa), 0) << "block " << it << " at " << bits << " bits";
-            uint64_t nonzero = 0;
-            for (int k = 0; k < 64; k++) {
-                int q = jpeg_quantise_one(fa[k], recip[k]);
-                qa[k] = static_cast<int16_t>(k == 0 ? q : std::clamp(q, -1023, 1023));
-                nonzero |= uint64_t{q != 0} << k;
+        for (int it = 0; it < 40000; it++) {
+            int16_t s[4][8 * 13];
+            uint8_t tables[4][64];
+            for (int j = 0; j < 4; j++) {
+                const int u = rnd(8) & 7, v = rnd(8) & 7;
+                for (int i = 0; i < 8 * 13; i++) {
+                    const int row = (i - 3) / 13, col = (i - 3) % 13;
+                    s[j][i] = static_cast<int16_t>(it % 5 == 0   ? (rnd(1) < 0 ? 128 : -129)
+                                                   : it % 5 == 1 ? (cosine_sign(u, col & 7) == cosine_sign(v, row & 7) ? 128 : -129)
+                                                                 : rnd(128) - (rnd(1) > 0));
+                }
+                for (auto &q : tables[j]) q = static_cast<uint8_t>(it % 7 == 0 ? 1 : 128 + rnd(127));
             }
-            ASSERT_EQ(jpeg_fdct_quantise_lanes(s + 3, 13, recip, qb), nonzero) << "block " << it << " at " << bits << " bits";
-            ASSERT_EQ(std::memcmp(qa, qb, sizeof qa), 0) << "quantised block " << it << " at " << bits << " bits";
+            const uint8_t *const slots[4] = {tables[0], tables[1], tables[2], tables[3]};
+            jpeg_quant_set set;
+            jpeg_fill_quant_set(set, slots);
+            const int16_t *const src[4] = {s[0] + 3, s[1] + 3, s[2] + 3, s[3] + 3};
+            int16_t got[4][64];
+            uint64_t got_nonzero[4];
+            for (int j = 0; j < 4;) {
+                const int n = jpeg_fdct_quantise_group(src + j, 13, set, got + j, got_nonzero + j);
+                ASSERT_TRUE(n == 1 || n == 2 || n == 4);
+                for (int b = j; b < j + n; b++) {
+                    int16_t f[64], want[64];
+                    jpeg_fdct_8x8(src[b], 13, f);
+                    uint64_t nonzero = 0;
+                    for (int k = 0; k < 64; k++) {
+                        const int q = jpeg_quantise_one(f[k], 1.0f / tables[b - j][k]);
+                        want[k] = static_cast<int16_t>(k == 0 ? q : std::clamp(q, -1023, 1023));
+                        nonzero |= uint64_t{q != 0} << k;
+                    }
+                    ASSERT_EQ(std::memcmp(want, got[b], sizeof want), 0) << "block " << it << "/" << b << " at " << bits;
+                    ASSERT_EQ(got_nonzero[b], nonzero) << "block " << it << "/" << b << " at " << bits;
+                }
+                j += n;
+            }
         }
     }
-    jpeg_encoder_limit_vectors(256);
+    jpeg_encoder_limit_vectors(512);
 }
 
 // The encoder's multiply-by-reciprocal quantiser against division, over the
