@@ -66,9 +66,9 @@ constexpr uint8_t ac_chroma_values[162] = {
     0xc2, 0xc3, 0xc4, 0xc5, 0xc6, 0xc7, 0xc8, 0xc9, 0xca, 0xd2, 0xd3, 0xd4, 0xd5, 0xd6, 0xd7, 0xd8, 0xd9, 0xda,
     0xe2, 0xe3, 0xe4, 0xe5, 0xe6, 0xe7, 0xe8, 0xe9, 0xea, 0xf2, 0xf3, 0xf4, 0xf5, 0xf6, 0xf7, 0xf8, 0xf9, 0xfa};
 
+// Each symbol's code above its length (the low 8 bits), one load a symbol.
 struct code_table {
-    uint8_t length[256];
-    uint16_t code[256];
+    uint32_t entry[256];
 };
 
 // Canonical codes: consecutive within a length, doubled for the next one.
@@ -77,10 +77,7 @@ void build_code_table(code_table &t, const uint8_t *bits, const uint8_t *values)
     uint32_t code = 0;
     int k = 0;
     for (int l = 1; l <= 16; l++) {
-        for (int i = 0; i < bits[l - 1]; i++, k++) {
-            t.length[values[k]] = static_cast<uint8_t>(l);
-            t.code[values[k]] = static_cast<uint16_t>(code++);
-        }
+        for (int i = 0; i < bits[l - 1]; i++, k++) t.entry[values[k]] = code++ << 8 | static_cast<uint32_t>(l);
         code <<= 1;
     }
 }
@@ -96,44 +93,50 @@ void jpeg_build_code_tables() {
 
 // ---- Output ------------------------------------------------------------------------
 
-// Bits gather in a 64-bit accumulator and leave four bytes at a time, high
-// byte first; a word without an 0xFF byte (nearly all) skips the stuffing.
+// Bits gather in a 64-bit accumulator and leave eight bytes at a time,
+// high byte first; a word without an 0xFF byte (nearly all) skips the
+// stuffing.  Copied into a local for each block, so its fields stay in
+// registers rather than being reloaded after every byte stored.
 struct bit_writer {
     uint8_t *out;
     int32_t len;
     uint64_t acc;
-    int pending;
+    int room;  // bits acc can take before it is sent: 1..64
 
     void emit(uint32_t byte) {
         out[len++] = static_cast<uint8_t>(byte);
         if (byte == 0xFF) out[len++] = 0;
     }
     // bits holds no more than its n (at most 32) low bits.
-    void put(int n, uint32_t bits) {
-        acc = acc << n | bits;
-        pending += n;
-        if (pending < 32) return;
-        pending -= 32;
-        uint32_t word = static_cast<uint32_t>(acc >> pending);
+    __attribute__((always_inline)) void put(int n, uint32_t bits) {
+        if (n < room) {
+            acc = acc << n | bits;
+            room -= n;
+            return;
+        }
+        // Fill the word and send it; acc keeps bits whole, and the part
+        // already sent leaves the top of acc before the next word is full.
+        const int rest = n - room;
+        const uint64_t word = acc << room | uint64_t{bits} >> rest;
+        acc = bits;
+        room = 64 - rest;
         // A byte of ~word is zero exactly where word has an 0xFF byte.
-        uint32_t inv = ~word;
-        if (((inv - 0x01010101u) & ~inv & 0x80808080u) == 0) {
-            out[len] = static_cast<uint8_t>(word >> 24), out[len + 1] = static_cast<uint8_t>(word >> 16);
-            out[len + 2] = static_cast<uint8_t>(word >> 8), out[len + 3] = static_cast<uint8_t>(word);
-            len += 4;
+        const uint64_t inv = ~word;
+        if (((inv - 0x0101010101010101u) & ~inv & 0x8080808080808080u) == 0) {
+            const uint64_t be = __builtin_bswap64(word);
+            std::memcpy(out + len, &be, 8);
+            len += 8;
         } else {
-            emit(word >> 24), emit((word >> 16) & 0xFF), emit((word >> 8) & 0xFF), emit(word & 0xFF);
+            for (int shift = 56; shift >= 0; shift -= 8) emit(static_cast<uint32_t>(word >> shift) & 0xFF);
         }
     }
     // The data ends on a whole 16-bit word, padded with zero bits.
     void finish() {
-        int pad = (16 - pending % 16) % 16;
-        acc <<= pad;
-        pending += pad;
-        while (pending >= 8) {
-            pending -= 8;
-            emit(static_cast<uint32_t>(acc >> pending) & 0xFF);
-        }
+        int pending = 64 - room;
+        const int pad = (16 - pending % 16) % 16;
+        for (; pending >= 8; pending -= 8) emit(static_cast<uint32_t>(acc >> (pending - 8)) & 0xFF);
+        const uint32_t tail = static_cast<uint32_t>(acc & ((1u << pending) - 1)) << pad;
+        for (int left = pending + pad; left >= 8; left -= 8) emit(tail >> (left - 8) & 0xFF);
     }
 };
 
@@ -144,11 +147,11 @@ inline int significant_bits(int v) {
 
 // Code (run, value): the symbol run*16 + size, then the value's low bits
 // (one less when negative).
-inline void jpeg_encode_value(bit_writer &bw, int run, int value, const code_table &t) {
+__attribute__((always_inline)) inline void jpeg_encode_value(bit_writer &bw, int run, int value, const code_table &t) {
     int s = significant_bits(value);
-    int sym = run * 16 + s;
-    uint32_t extra = static_cast<uint32_t>(value < 0 ? value - 1 : value) & ((1u << s) - 1);
-    bw.put(t.length[sym] + s, static_cast<uint32_t>(t.code[sym]) << s | extra);
+    const uint32_t e = t.entry[run * 16 + s];
+    uint32_t extra = static_cast<uint32_t>(value + (value >> 31)) & ((1u << s) - 1);
+    bw.put(static_cast<int>(e & 0xFF) + s, (e >> 8) << s | extra);
 }
 
 // ---- Transform -------------------------------------------------------------------------
@@ -570,7 +573,8 @@ struct component {
 };
 
 // One block's quantised coefficients (natural order, with their not-zero bits).
-void encode_block(bit_writer &bw, component &c, const int16_t *coef, uint64_t natural) {
+void encode_block(bit_writer &to, component &c, const int16_t *coef, uint64_t natural) {
+    bit_writer bw = to;
     // The typical tables code DC differences up to 11 bits and AC values up
     // to 10; the extremes of saturated colour at quality 100 could exceed them.
     int diff = coef[0] - c.predictor;
@@ -592,6 +596,7 @@ void encode_block(bit_writer &bw, component &c, const int16_t *coef, uint64_t na
         prev = k;
     }
     if (prev < 63) jpeg_encode_value(bw, 0, 0, *c.ac);
+    to = bw;
 }
 
 // ---- Rows ----------------------------------------------------------------------------------
@@ -735,7 +740,7 @@ BRIVANTA_WRITER(jpeg_write_file) {
                          {0, &dc_chroma_codes, &ac_chroma_codes}};
     alignas(64) int16_t coef[4][64];
     uint64_t nonzero[4];
-    bit_writer bw{out, 0, 0, 0};
+    bit_writer bw{out, 0, 0, 64};
     const int fetch_bytes = static_cast<int>(row_bytes(width, bits));
     const int px = colour ? 3 : 1;
     int next_row = 0;
