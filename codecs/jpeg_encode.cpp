@@ -140,18 +140,25 @@ struct bit_writer {
     }
 };
 
+// Bits of |v|, 0 for 0: 2|v| + 1 is never zero, so the scan needs no test.
 inline int significant_bits(int v) {
-    unsigned a = static_cast<unsigned>(v < 0 ? -v : v);
-    return a ? 32 - std::countl_zero(a) : 0;
+    const unsigned a = static_cast<unsigned>(v < 0 ? -v : v);
+    return 31 - __builtin_clz(2 * a + 1);
 }
 
 // Code (run, value): the symbol run*16 + size, then the value's low bits
 // (one less when negative).
 __attribute__((always_inline)) inline void jpeg_encode_value(bit_writer &bw, int run, int value, const code_table &t) {
-    int s = significant_bits(value);
+    const int s = significant_bits(value);
     const uint32_t e = t.entry[run * 16 + s];
-    uint32_t extra = static_cast<uint32_t>(value + (value >> 31)) & ((1u << s) - 1);
+    const uint32_t extra = static_cast<uint32_t>(value + (value >> 31)) & ((1u << s) - 1);
     bw.put(static_cast<int>(e & 0xFF) + s, (e >> 8) << s | extra);
+}
+
+// A symbol with no value bits: end of block (0) or sixteen zeros (0xF0).
+__attribute__((always_inline)) inline void jpeg_encode_symbol(bit_writer &bw, int symbol, const code_table &t) {
+    const uint32_t e = t.entry[symbol];
+    bw.put(static_cast<int>(e & 0xFF), e >> 8);
 }
 
 // ---- Transform -------------------------------------------------------------------------
@@ -543,7 +550,7 @@ encoder_paths paths_for(int bits) {
     (void)bits;
     return {fdct_group_plain, bgr_to_ycc_plain, 1};
 }
-encoder_paths paths = paths_for(512);
+encoder_paths paths = paths_for(256);
 
 }  // namespace
 
@@ -591,11 +598,11 @@ void encode_block(bit_writer &to, component &c, const int16_t *coef, uint64_t na
         int k = std::countr_zero(nonzero);
         nonzero &= nonzero - 1;
         int run = k - prev - 1;
-        for (; run >= 16; run -= 16) jpeg_encode_value(bw, 15, 0, *c.ac);
+        for (; run >= 16; run -= 16) jpeg_encode_symbol(bw, 0xF0, *c.ac);
         jpeg_encode_value(bw, run, coef[jpeg_zigzag[k]], *c.ac);
         prev = k;
     }
-    if (prev < 63) jpeg_encode_value(bw, 0, 0, *c.ac);
+    if (prev < 63) jpeg_encode_symbol(bw, 0, *c.ac);
     to = bw;
 }
 
