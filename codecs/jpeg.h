@@ -84,12 +84,13 @@ void jpeg_fill_quant_set(jpeg_quant_set &set, const uint8_t *const *tables);
 // blocks as its vectors take at once (returned: 1, 2 or 4): block j from
 // src[j] at the stride, with slot j's quantisers, to coef[j] in natural
 // order; bit for bit jpeg_fdct_8x8 then jpeg_quantise_one, AC clamped to
-// -1023..1023.  nonzero[j] has bit 8m+k set where (m, k) is not zero.
+// -1023..1023.  nonzero[j] has bit k set where zig-zag coefficient k is
+// not zero.
 int jpeg_fdct_quantise_group(const int16_t *const *src, int stride, const jpeg_quant_set &set, int16_t (*coef)[64],
                              uint64_t *nonzero);
 // The widest vectors the encoder's transform and colour conversion may
-// use: 512, 256, 128, or 0 for plain code; the processor's own limit until
-// called.  Output is the same.
+// use: 512, 256, 128 (with SSSE3), or 0 for plain code; the processor's own
+// limit until called.  Output is the same.
 void jpeg_encoder_limit_vectors(int bits);
 void jpeg_idct_8x8(const int16_t *coef, unsigned rows, int8_t *dst, int stride);
 // The inverse transform the decoder runs, eight lanes at a time, on a

@@ -13,6 +13,7 @@
 // self-initialised variable, which -Wuninitialized reports where they inline.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #include <immintrin.h>
 #pragma GCC diagnostic pop
 #endif
@@ -223,12 +224,11 @@ namespace {
 // sample rows side by side (lane i: row i, by a transpose of the rows as
 // loaded), giving work row k in F[k]; pass 2 runs the work rows side by side
 // after a transpose, giving coefficient row m in lanes k.  The coefficients
-// leave quantised (jpeg_quantise_one on each lane), AC clamped to 1023, and
-// the result has bit 8m+k set where (m, k) is not zero.
+// leave quantised (jpeg_quantise_one on each lane), AC clamped to 1023.
 using flanes8 = float __attribute__((vector_size(32)));
 using short8 = int16_t __attribute__((vector_size(16)));
-uint64_t fdct_lanes(const int16_t *src, int stride, const float *recip, int16_t *coef) {
-    lanes8 x[8], F[8], lo{}, hi{};
+void fdct_lanes(const int16_t *src, int stride, const float *recip, int16_t *coef) {
+    lanes8 x[8], F[8];
     int dc = 0;
     for (int i = 0; i < 8; i++) {
         short8 r;
@@ -252,21 +252,17 @@ uint64_t fdct_lanes(const int16_t *src, int stride, const float *recip, int16_t 
         lanes8 over = a - 1023;
         a -= over & ~(over >> 31);
         v = (a ^ sign) - sign;
-        // Bit m*8+k of the mask: coefficient (m, k) is not zero.
-        lanes8 nz = (a != 0) & (lanes8{1, 2, 4, 8, 16, 32, 64, 128} << (m % 4 * 8));
-        (m < 4 ? lo : hi) |= nz;
         short8 out = __builtin_convertvector(v, short8);
         std::memcpy(coef + 8 * m, &out, 16);
     }
     coef[0] = static_cast<int16_t>(dc);
-    uint32_t l = 0, h = 0;
-    for (int k = 0; k < 8; k++) l |= static_cast<uint32_t>(lo[k]), h |= static_cast<uint32_t>(hi[k]);
-    return uint64_t{h} << 32 | l;
 }
 
 int fdct_group_plain(const int16_t *const *src, int stride, const jpeg_quant_set &set, int16_t (*coef)[64],
                      uint64_t *nonzero) {
-    nonzero[0] = fdct_lanes(src[0], stride, set.recip[0], coef[0]);
+    fdct_lanes(src[0], stride, set.recip[0], coef[0]);
+    nonzero[0] = 0;
+    for (int k = 0; k < 64; k++) nonzero[0] |= uint64_t{coef[0][jpeg_zigzag[k]] != 0} << k;
     return 1;
 }
 
@@ -284,7 +280,7 @@ int fdct_group_plain(const int16_t *const *src, int stride, const jpeg_quant_set
 // where (r + 1) * q <= |v|: truncating division, as jpeg_quantise_one is.
 // v + v * k / 65536, floored: (v * K) >> s where K / 2^s = 1 + k / 65536.
 #define FDCT16_SCALE(P, v, k) P##add_epi16(v, P##mulhi_epi16(v, P##set1_epi16(k)))
-#define FDCT16(ATTR, NAME, V, P, BITS)                                                                         \
+#define FDCT16(ATTR, NAME, V, P, BITS, SIGN)                                                                         \
     ATTR __attribute__((always_inline)) inline void NAME##_pass(const V *x, V *F, bool first) {          \
         const V s07 = P##add_epi16(x[0], x[7]), s16 = P##add_epi16(x[1], x[6]);                           \
         const V s25 = P##add_epi16(x[2], x[5]), s34 = P##add_epi16(x[3], x[4]);                           \
@@ -330,22 +326,46 @@ int fdct_group_plain(const int16_t *const *src, int stride, const jpeg_quant_set
         NAME##_pass(F, x, false);                                                                         \
         const V one = P##set1_epi16(1);                                                                   \
         for (int m = 0; m < 8; m++) {                                                                     \
-            const V s = P##srai_epi16(x[m], 15);                                                          \
-            const V a = P##sub_epi16(P##xor_si##BITS(x[m], s), s);                                        \
+            const V a = P##abs_epi16(x[m]);                                                               \
             V r = P##mulhi_epu16(a, P##load_si##BITS(reinterpret_cast<const V *>(set.mult[m])));          \
             const V next = P##mullo_epi16(P##add_epi16(r, one),                                           \
                                           P##load_si##BITS(reinterpret_cast<const V *>(set.quant[m])));   \
             r = P##add_epi16(r, P##subs_epu16(one, P##subs_epu16(next, a)));                              \
             r = P##min_epi16(r, P##load_si##BITS(reinterpret_cast<const V *>(set.limit[m])));             \
-            x[m] = P##sub_epi16(P##xor_si##BITS(r, s), s);                                                \
+            x[m] = SIGN(r, x[m]);                                                \
         }                                                                                                 \
     }
 
-FDCT16(, fdct16, __m128i, _mm_, 128)
-FDCT16(__attribute__((target("avx2"))), fdct16x2, __m256i, _mm256_, 256)
-FDCT16(__attribute__((target("avx512f,avx512bw"))), fdct16x4, __m512i, _mm512_, 512)
+#define SIGN128(r, v) _mm_sign_epi16(r, v)
+#define SIGN256(r, v) _mm256_sign_epi16(r, v)
+#define SIGN512(r, v) _mm512_mask_sub_epi16(r, _mm512_movepi16_mask(v), _mm512_setzero_si512(), r)
+FDCT16(__attribute__((target("ssse3"))), fdct16, __m128i, _mm_, 128, SIGN128)
+FDCT16(__attribute__((target("avx2"))), fdct16x2, __m256i, _mm256_, 256, SIGN256)
+FDCT16(__attribute__((target("avx512f,avx512bw"))), fdct16x4, __m512i, _mm512_, 512, SIGN512)
+#undef SIGN128
+#undef SIGN256
+#undef SIGN512
 #undef FDCT16
 #undef FDCT16_SCALE
+
+// The not-zero bits in zig-zag order come from the coefficient rows packed
+// to bytes (saturation keeps a non-zero one non-zero), pair of rows q in
+// packed[q], natural position 16q + i at byte i.  Zig-zag positions 16c to
+// 16c + 15 are gathered from packed[q] for q from first[c] to last[c] by
+// byte shuffles, one block per 128-bit part.
+struct zigzag_gather {
+    int8_t shuffle[4][4][16];
+    constexpr zigzag_gather() : shuffle{} {
+        for (int c = 0; c < 4; c++)
+            for (int q = 0; q < 4; q++)
+                for (int i = 0; i < 16; i++) {
+                    const int natural = jpeg_zigzag[16 * c + i];
+                    shuffle[c][q][i] = static_cast<int8_t>(natural / 16 == q ? natural % 16 : -128);
+                }
+    }
+    static constexpr int first[4] = {0, 0, 0, 1}, last[4] = {2, 3, 3, 3};
+};
+constexpr zigzag_gather zigzag_gathers;
 
 // Two 16-byte loads as the halves of one vector.
 __attribute__((target("avx2"))) inline __m256i load_halves(const void *lo, const void *hi) {
@@ -353,19 +373,20 @@ __attribute__((target("avx2"))) inline __m256i load_halves(const void *lo, const
                                    _mm_loadu_si128(static_cast<const __m128i *>(hi)), 1);
 }
 
-// Not-zero bits of rows 2q and 2q + 1, sixteen a block, from packed bytes
-// (saturation keeps a non-zero coefficient non-zero).
-int fdct_group_sse2(const int16_t *const *src, int stride, const jpeg_quant_set &set, int16_t (*coef)[64],
-                    uint64_t *nonzero) {
-    __m128i x[8];
+__attribute__((target("ssse3"))) int fdct_group_ssse3(const int16_t *const *src, int stride, const jpeg_quant_set &set,
+                                                      int16_t (*coef)[64], uint64_t *nonzero) {
+    __m128i x[8], packed[4];
     for (int k = 0; k < 8; k++) x[k] = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src[0] + k * stride));
     fdct16(x, set);
+    for (int k = 0; k < 8; k++) _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[0] + 8 * k), x[k]);
+    for (int q = 0; q < 4; q++) packed[q] = _mm_packs_epi16(x[2 * q], x[2 * q + 1]);
     uint64_t zero = 0;
-    for (int k = 0; k < 8; k += 2) {
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[0] + 8 * k), x[k]);
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[0] + 8 * k + 8), x[k + 1]);
-        const __m128i b = _mm_packs_epi16(x[k], x[k + 1]);
-        zero |= uint64_t(uint32_t(_mm_movemask_epi8(_mm_cmpeq_epi8(b, _mm_setzero_si128())))) << 8 * k;
+    for (int c = 0; c < 4; c++) {
+        __m128i z = _mm_setzero_si128();
+        for (int q = zigzag_gather::first[c]; q <= zigzag_gather::last[c]; q++)
+            z = _mm_or_si128(z, _mm_shuffle_epi8(packed[q], _mm_loadu_si128(reinterpret_cast<const __m128i *>(
+                                                                zigzag_gathers.shuffle[c][q]))));
+        zero |= uint64_t(uint32_t(_mm_movemask_epi8(_mm_cmpeq_epi8(z, _mm_setzero_si128())))) << 16 * c;
     }
     nonzero[0] = ~zero;
     return 1;
@@ -373,18 +394,23 @@ int fdct_group_sse2(const int16_t *const *src, int stride, const jpeg_quant_set 
 
 __attribute__((target("avx2"))) int fdct_group_avx2(const int16_t *const *src, int stride, const jpeg_quant_set &set,
                                                     int16_t (*coef)[64], uint64_t *nonzero) {
-    __m256i x[8];
+    __m256i x[8], packed[4];
     for (int k = 0; k < 8; k++) x[k] = load_halves(src[0] + k * stride, src[1] + k * stride);
     fdct16x2(x, set);
+    for (int k = 0; k < 8; k++) {
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[0] + 8 * k), _mm256_castsi256_si128(x[k]));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[1] + 8 * k), _mm256_extracti128_si256(x[k], 1));
+    }
+    for (int q = 0; q < 4; q++) packed[q] = _mm256_packs_epi16(x[2 * q], x[2 * q + 1]);
     uint64_t zero[2] = {};
-    for (int k = 0; k < 8; k += 2) {
-        for (int r = k; r < k + 2; r++) {
-            _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[0] + 8 * r), _mm256_castsi256_si128(x[r]));
-            _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[1] + 8 * r), _mm256_extracti128_si256(x[r], 1));
-        }
-        const __m256i b = _mm256_packs_epi16(x[k], x[k + 1]);
-        const uint32_t z = uint32_t(_mm256_movemask_epi8(_mm256_cmpeq_epi8(b, _mm256_setzero_si256())));
-        zero[0] |= uint64_t(z & 0xFFFF) << 8 * k, zero[1] |= uint64_t(z >> 16) << 8 * k;
+    for (int c = 0; c < 4; c++) {
+        __m256i z = _mm256_setzero_si256();
+        for (int q = zigzag_gather::first[c]; q <= zigzag_gather::last[c]; q++)
+            z = _mm256_or_si256(z, _mm256_shuffle_epi8(packed[q], _mm256_broadcastsi128_si256(_mm_loadu_si128(
+                                                                      reinterpret_cast<const __m128i *>(
+                                                                          zigzag_gathers.shuffle[c][q])))));
+        const uint32_t m = uint32_t(_mm256_movemask_epi8(_mm256_cmpeq_epi8(z, _mm256_setzero_si256())));
+        zero[0] |= uint64_t(m & 0xFFFF) << 16 * c, zero[1] |= uint64_t(m >> 16) << 16 * c;
     }
     nonzero[0] = ~zero[0], nonzero[1] = ~zero[1];
     return 2;
@@ -393,23 +419,28 @@ __attribute__((target("avx2"))) int fdct_group_avx2(const int16_t *const *src, i
 __attribute__((target("avx512f,avx512bw"))) int fdct_group_avx512(const int16_t *const *src, int stride,
                                                                   const jpeg_quant_set &set, int16_t (*coef)[64],
                                                                   uint64_t *nonzero) {
-    __m512i x[8];
+    __m512i x[8], packed[4];
     for (int k = 0; k < 8; k++) {
         const __m256i lo = load_halves(src[0] + k * stride, src[1] + k * stride);
         x[k] = _mm512_inserti64x4(_mm512_castsi256_si512(lo), load_halves(src[2] + k * stride, src[3] + k * stride), 1);
     }
     fdct16x4(x, set);
+    for (int k = 0; k < 8; k++) {
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[0] + 8 * k), _mm512_castsi512_si128(x[k]));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[1] + 8 * k), _mm512_extracti32x4_epi32(x[k], 1));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[2] + 8 * k), _mm512_extracti32x4_epi32(x[k], 2));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[3] + 8 * k), _mm512_extracti32x4_epi32(x[k], 3));
+    }
+    for (int q = 0; q < 4; q++) packed[q] = _mm512_packs_epi16(x[2 * q], x[2 * q + 1]);
     uint64_t found[4] = {};
-    for (int k = 0; k < 8; k += 2) {
-        for (int r = k; r < k + 2; r++) {
-            _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[0] + 8 * r), _mm512_castsi512_si128(x[r]));
-            _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[1] + 8 * r), _mm512_extracti32x4_epi32(x[r], 1));
-            _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[2] + 8 * r), _mm512_extracti32x4_epi32(x[r], 2));
-            _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[3] + 8 * r), _mm512_extracti32x4_epi32(x[r], 3));
-        }
-        const __m512i b = _mm512_packs_epi16(x[k], x[k + 1]);
-        const uint64_t z = _mm512_test_epi8_mask(b, b);
-        for (int j = 0; j < 4; j++) found[j] |= (z >> 16 * j & 0xFFFF) << 8 * k;
+    for (int c = 0; c < 4; c++) {
+        __m512i z = _mm512_setzero_si512();
+        for (int q = zigzag_gather::first[c]; q <= zigzag_gather::last[c]; q++)
+            z = _mm512_or_si512(z, _mm512_shuffle_epi8(packed[q], _mm512_broadcast_i32x4(_mm_loadu_si128(
+                                                                      reinterpret_cast<const __m128i *>(
+                                                                          zigzag_gathers.shuffle[c][q])))));
+        const uint64_t m = _mm512_test_epi8_mask(z, z);
+        for (int j = 0; j < 4; j++) found[j] |= (m >> 16 * j & 0xFFFF) << 16 * c;
     }
     for (int j = 0; j < 4; j++) nonzero[j] = found[j];
     return 4;
@@ -545,7 +576,7 @@ encoder_paths paths_for(int bits) {
     __builtin_cpu_init();
     if (bits >= 512 && __builtin_cpu_supports("avx512bw")) return {fdct_group_avx512, bgr_to_ycc_avx2, 4};
     if (bits >= 256 && __builtin_cpu_supports("avx2")) return {fdct_group_avx2, bgr_to_ycc_avx2, 2};
-    if (bits >= 128) return {fdct_group_sse2, __builtin_cpu_supports("ssse3") ? bgr_to_ycc_ssse3 : bgr_to_ycc_plain, 1};
+    if (bits >= 128 && __builtin_cpu_supports("ssse3")) return {fdct_group_ssse3, bgr_to_ycc_ssse3, 1};
 #endif
     (void)bits;
     return {fdct_group_plain, bgr_to_ycc_plain, 1};
@@ -563,24 +594,14 @@ void jpeg_encoder_limit_vectors(int bits) { paths = paths_for(bits); }
 
 namespace {
 
-// Row m's eight not-zero bits (natural order) as bits in zigzag order.
-struct zigzag_table {
-    uint64_t t[8][256];
-    constexpr zigzag_table() : t{} {
-        for (int k = 0; k < 64; k++)
-            for (int b = 0; b < 256; b++)
-                if (b >> (jpeg_zigzag[k] % 8) & 1) t[jpeg_zigzag[k] / 8][b] |= uint64_t{1} << k;
-    }
-};
-constexpr zigzag_table zigzag_bits;
-
 struct component {
     int16_t predictor;
     const code_table *dc, *ac;
 };
 
-// One block's quantised coefficients (natural order, with their not-zero bits).
-void encode_block(bit_writer &to, component &c, const int16_t *coef, uint64_t natural) {
+// One block's quantised coefficients (natural order) with their not-zero
+// bits in zig-zag order.
+void encode_block(bit_writer &to, component &c, const int16_t *coef, uint64_t nonzero) {
     bit_writer bw = to;
     // The typical tables code DC differences up to 11 bits and AC values up
     // to 10; the extremes of saturated colour at quality 100 could exceed them.
@@ -589,8 +610,6 @@ void encode_block(bit_writer &to, component &c, const int16_t *coef, uint64_t na
     if (diff < -2047) diff = -2047;
     c.predictor = static_cast<int16_t>(c.predictor + diff);
     jpeg_encode_value(bw, 0, diff, *c.dc);
-    uint64_t nonzero = 0;
-    for (int m = 0; m < 8; m++) nonzero |= zigzag_bits.t[m][(natural >> 8 * m) & 0xFF];
     nonzero &= ~uint64_t{1};
     // Sixteen zeros in a row take the (15, 0) code.
     int prev = 0;
