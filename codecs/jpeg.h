@@ -71,17 +71,17 @@ inline int jpeg_quantise_one(int v, float recip) {
 // non-zero) to signed samples clamped to -127..127 at a stride.
 void jpeg_fdct_8x8(const int16_t *src, int stride, int16_t *coef);
 // Quantisers laid out for the encoder's transform: the table of block j of
-// a group (slot j) in lanes 8j to 8j + 7 of each row, natural order.
+// a pair (slot j) in lanes 8j to 8j + 7 of each row, natural order.
 struct jpeg_quant_set {
-    alignas(64) int16_t mult[8][32];  // floor(65535 / q)
-    alignas(64) int16_t quant[8][32];
-    alignas(64) int16_t limit[8][32];  // 1023, or 32767 for the DC
-    float recip[4][64];                // 1 / q, for the plain path
+    alignas(32) int16_t mult[8][16];  // floor(65535 / q)
+    alignas(32) int16_t quant[8][16];
+    alignas(32) int16_t limit[8][16];  // 1023, or 32767 for the DC
+    float recip[2][64];                // 1 / q, for the plain path
 };
 // Slot j from tables[j] (natural order, each quantiser 1..255).
 void jpeg_fill_quant_set(jpeg_quant_set &set, const uint8_t *const *tables);
 // The forward transform and quantisation the encoder runs, on as many
-// blocks as its vectors take at once (returned: 1, 2 or 4): block j from
+// blocks as its vectors take at once (returned: 1 or 2): block j from
 // src[j] at the stride, with slot j's quantisers, to coef[j] in natural
 // order; bit for bit jpeg_fdct_8x8 then jpeg_quantise_one, AC clamped to
 // -1023..1023.  nonzero[j] has bit k set where zig-zag coefficient k is
@@ -89,7 +89,7 @@ void jpeg_fill_quant_set(jpeg_quant_set &set, const uint8_t *const *tables);
 int jpeg_fdct_quantise_group(const int16_t *const *src, int stride, const jpeg_quant_set &set, int16_t (*coef)[64],
                              uint64_t *nonzero);
 // The widest vectors the encoder's transform and colour conversion may
-// use: 512, 256, 128 (with SSSE3), or 0 for plain code; the processor's own
+// use: 256, 128 (with SSSE3), or 0 for plain code; the processor's own
 // limit until called.  Output is the same.
 void jpeg_encoder_limit_vectors(int bits);
 void jpeg_idct_8x8(const int16_t *coef, unsigned rows, int8_t *dst, int stride);

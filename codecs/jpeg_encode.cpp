@@ -9,13 +9,7 @@
 #include <bit>
 
 #if defined(__x86_64__) || defined(__i386__)
-// GCC 12's 512-bit intrinsics seed their unused results with a
-// self-initialised variable, which -Wuninitialized reports where they inline.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wuninitialized"
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #include <immintrin.h>
-#pragma GCC diagnostic pop
 #endif
 
 namespace brv {
@@ -338,13 +332,10 @@ int fdct_group_plain(const int16_t *const *src, int stride, const jpeg_quant_set
 
 #define SIGN128(r, v) _mm_sign_epi16(r, v)
 #define SIGN256(r, v) _mm256_sign_epi16(r, v)
-#define SIGN512(r, v) _mm512_mask_sub_epi16(r, _mm512_movepi16_mask(v), _mm512_setzero_si512(), r)
 FDCT16(__attribute__((target("ssse3"))), fdct16, __m128i, _mm_, 128, SIGN128)
 FDCT16(__attribute__((target("avx2"))), fdct16x2, __m256i, _mm256_, 256, SIGN256)
-FDCT16(__attribute__((target("avx512f,avx512bw"))), fdct16x4, __m512i, _mm512_, 512, SIGN512)
 #undef SIGN128
 #undef SIGN256
-#undef SIGN512
 #undef FDCT16
 #undef FDCT16_SCALE
 
@@ -415,42 +406,12 @@ __attribute__((target("avx2"))) int fdct_group_avx2(const int16_t *const *src, i
     nonzero[0] = ~zero[0], nonzero[1] = ~zero[1];
     return 2;
 }
-
-__attribute__((target("avx512f,avx512bw"))) int fdct_group_avx512(const int16_t *const *src, int stride,
-                                                                  const jpeg_quant_set &set, int16_t (*coef)[64],
-                                                                  uint64_t *nonzero) {
-    __m512i x[8], packed[4];
-    for (int k = 0; k < 8; k++) {
-        const __m256i lo = load_halves(src[0] + k * stride, src[1] + k * stride);
-        x[k] = _mm512_inserti64x4(_mm512_castsi256_si512(lo), load_halves(src[2] + k * stride, src[3] + k * stride), 1);
-    }
-    fdct16x4(x, set);
-    for (int k = 0; k < 8; k++) {
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[0] + 8 * k), _mm512_castsi512_si128(x[k]));
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[1] + 8 * k), _mm512_extracti32x4_epi32(x[k], 1));
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[2] + 8 * k), _mm512_extracti32x4_epi32(x[k], 2));
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[3] + 8 * k), _mm512_extracti32x4_epi32(x[k], 3));
-    }
-    for (int q = 0; q < 4; q++) packed[q] = _mm512_packs_epi16(x[2 * q], x[2 * q + 1]);
-    uint64_t found[4] = {};
-    for (int c = 0; c < 4; c++) {
-        __m512i z = _mm512_setzero_si512();
-        for (int q = zigzag_gather::first[c]; q <= zigzag_gather::last[c]; q++)
-            z = _mm512_or_si512(z, _mm512_shuffle_epi8(packed[q], _mm512_broadcast_i32x4(_mm_loadu_si128(
-                                                                      reinterpret_cast<const __m128i *>(
-                                                                          zigzag_gathers.shuffle[c][q])))));
-        const uint64_t m = _mm512_test_epi8_mask(z, z);
-        for (int j = 0; j < 4; j++) found[j] |= (m >> 16 * j & 0xFFFF) << 16 * c;
-    }
-    for (int j = 0; j < 4; j++) nonzero[j] = found[j];
-    return 4;
-}
 #endif
 
 }  // namespace
 
 void jpeg_fill_quant_set(jpeg_quant_set &set, const uint8_t *const *tables) {
-    for (int s = 0; s < 4; s++)
+    for (int s = 0; s < 2; s++)
         for (int i = 0; i < 64; i++) {
             const int q = tables[s][i];
             set.mult[i / 8][8 * s + i % 8] = static_cast<int16_t>(65535 / q);
@@ -574,7 +535,6 @@ encoder_paths paths_for(int bits) {
 #if defined(__x86_64__) || defined(__i386__)
     // Static initialisers must ask for the processor's features themselves.
     __builtin_cpu_init();
-    if (bits >= 512 && __builtin_cpu_supports("avx512bw")) return {fdct_group_avx512, bgr_to_ycc_avx2, 4};
     if (bits >= 256 && __builtin_cpu_supports("avx2")) return {fdct_group_avx2, bgr_to_ycc_avx2, 2};
     if (bits >= 128 && __builtin_cpu_supports("ssse3")) return {fdct_group_ssse3, bgr_to_ycc_ssse3, 1};
 #endif
@@ -749,22 +709,21 @@ BRIVANTA_WRITER(jpeg_write_file) {
     auto *out = static_cast<uint8_t *>(mem.take(OUTPUT_SIZE));
     if (!row || !planes || !out) return IMG_ERR_MEMORY;
     jpeg_build_code_tables();
-    // Quantisers for a group of blocks: a colour unit's four (two luma, two
-    // chroma) go through the widest path at once, the narrower ones take
-    // them two or one at a time; grey units go four, two or one at a time.
+    // A colour unit's two luma blocks go through the transform together,
+    // then its two chroma blocks; grey units two at a time (or one by one
+    // on the narrower paths).
     const encoder_paths path = paths;
-    alignas(64) jpeg_quant_set luma, chroma, unit;
+    alignas(32) jpeg_quant_set luma, chroma;
     {
-        const uint8_t *const l[4] = {jpeg_quant_luma, jpeg_quant_luma, jpeg_quant_luma, jpeg_quant_luma};
-        const uint8_t *const c[4] = {jpeg_quant_chroma, jpeg_quant_chroma, jpeg_quant_chroma, jpeg_quant_chroma};
-        const uint8_t *const u[4] = {jpeg_quant_luma, jpeg_quant_luma, jpeg_quant_chroma, jpeg_quant_chroma};
-        jpeg_fill_quant_set(luma, l), jpeg_fill_quant_set(chroma, c), jpeg_fill_quant_set(unit, u);
+        const uint8_t *const l[2] = {jpeg_quant_luma, jpeg_quant_luma};
+        const uint8_t *const c[2] = {jpeg_quant_chroma, jpeg_quant_chroma};
+        jpeg_fill_quant_set(luma, l), jpeg_fill_quant_set(chroma, c);
     }
     int16_t *const y_plane = planes, *const cb_plane = planes + 8 * W, *const cr_plane = planes + 16 * W;
     component comp[3] = {{0, &dc_luma_codes, &ac_luma_codes},
                          {0, &dc_chroma_codes, &ac_chroma_codes},
                          {0, &dc_chroma_codes, &ac_chroma_codes}};
-    alignas(64) int16_t coef[4][64];
+    alignas(32) int16_t coef[4][64];
     uint64_t nonzero[4];
     bit_writer bw{out, 0, 0, 64};
     const int fetch_bytes = static_cast<int>(row_bytes(width, bits));
@@ -789,11 +748,7 @@ BRIVANTA_WRITER(jpeg_write_file) {
         if (colour) {
             for (int x = 0; x < W; x += 16) {
                 const int16_t *const src[4] = {y_plane + x, y_plane + x + 8, cb_plane + x, cr_plane + x};
-                if (path.group == 4) {
-                    path.fdct(src, W, unit, coef, nonzero);
-                } else {
-                    for (int b = 0; b < 4; b += path.group) path.fdct(src + b, W, b < 2 ? luma : chroma, coef + b, nonzero + b);
-                }
+                for (int b = 0; b < 4; b += path.group) path.fdct(src + b, W, b < 2 ? luma : chroma, coef + b, nonzero + b);
                 encode_block(bw, comp[0], coef[0], nonzero[0]);
                 encode_block(bw, comp[0], coef[1], nonzero[1]);
                 encode_block(bw, comp[1], coef[2], nonzero[2]);
@@ -803,8 +758,7 @@ BRIVANTA_WRITER(jpeg_write_file) {
         } else {
             // A group running past the right edge repeats the last block.
             for (int x = 0; x < W; x += 8 * path.group) {
-                const int16_t *src[4];
-                for (int b = 0; b < 4; b++) src[b] = y_plane + std::min(x + 8 * b, W - 8);
+                const int16_t *const src[2] = {y_plane + x, y_plane + std::min(x + 8, W - 8)};
                 path.fdct(src, W, luma, coef, nonzero);
                 for (int b = 0; b < path.group && x + 8 * b < W; b++) encode_block(bw, comp[0], coef[b], nonzero[b]);
                 if (int rc = flush_full(fd, bw); rc < 0) return rc;
