@@ -728,21 +728,30 @@ BRIVANTA_WRITER(jpeg_write_file) {
     bit_writer bw{out, 0, 0, 64};
     const int fetch_bytes = static_cast<int>(row_bytes(width, bits));
     const int px = colour ? 3 : 1;
+    // Rows needing no padding or expansion are read where the handle keeps them.
+    const bool in_place = !expand && width == W;
+    const uint8_t *current = row;
     int next_row = 0;
     for (int top = 0; top < height; top += 8) {
         for (int i = 0; i < 8; i++) {
-            // Past the last row the buffer still holds it: the padding repeats it.
+            // Past the last row current still holds it: the padding repeats it.
             if (next_row < height) {
-                uint8_t *dst = expand ? row + 2 * width : row;
-                if (int rc = get_row(context, dst, next_row++, fetch_bytes); rc < 0) return rc;
-                if (expand) jpeg_expand_palette_row(row, width, palette);
-                for (int x = width; x < W; x++) std::memcpy(row + px * x, row + px * (width - 1), px);
+                int rc = in_place ? save_row_view(get_row, context, next_row, fetch_bytes, &current) : 0;
+                if (rc < 0) return rc;
+                if (rc == 0) {
+                    uint8_t *dst = expand ? row + 2 * width : row;
+                    if (rc = get_row(context, dst, next_row, fetch_bytes); rc < 0) return rc;
+                    if (expand) jpeg_expand_palette_row(row, width, palette);
+                    for (int x = width; x < W; x++) std::memcpy(row + px * x, row + px * (width - 1), px);
+                    current = row;
+                }
+                next_row++;
             }
             int16_t *y = y_plane + i * W;
             if (colour) {
-                path.ycc(row, W, y, cb_plane + i * W, cr_plane + i * W);
+                path.ycc(current, W, y, cb_plane + i * W, cr_plane + i * W);
             } else {
-                for (int x = 0; x < W; x++) y[x] = static_cast<int16_t>(row[x] - 128);
+                for (int x = 0; x < W; x++) y[x] = static_cast<int16_t>(current[x] - 128);
             }
         }
         if (colour) {

@@ -294,6 +294,13 @@ TEST(JpegEncode, GoldenOutputAcrossDepthsSizesAndQualities) {
 
 namespace {
 int IMG_CALLBACK refuse(void *, unsigned char *, int r, int) { return r == 11 ? -42 : 0; }
+int IMG_CALLBACK rows_of_picture(void *context, unsigned char *buffer, int r, int n) {
+    const bytes &row = static_cast<const picture *>(context)->rows[r];
+    std::memcpy(buffer, row.data(), std::min(row.size(), static_cast<size_t>(n)));
+    return 0;
+}
+int stops_seen = 0;
+int IMG_CALLBACK stop_on_fifth_row(void *, int) { return ++stops_seen == 5 ? -100 : 0; }
 }  // namespace
 
 // Writes cut short anywhere across several 10,000-byte flushes.
@@ -306,6 +313,49 @@ TEST(JpegEncode, ShortWritesReturnMinusNineWherever) {
         EXPECT_EQ(save_with_write_budget(h, IMG_TYPE_JPEG, budget), IMG_ERR_WRITE) << budget;
     IMGLOW_set_comp_quality(50);
     IMG_delete_bitmap(h);
+}
+
+// A handle's rows that need no padding are read where the handle keeps
+// them: the file is the one a copy of the same rows gives, crop included,
+// and the status hook still sees each row and can stop the save.
+TEST(JpegEncode, RowsReadInPlaceEqualRowsCopied) {
+    struct {
+        picture p;
+        int left, top;  // a 16 x 16 crop when left >= 0
+    } cases[] = {{smooth_picture(32, 16, kind::rgb24, 6), -1, 0},
+                 {smooth_picture(48, 24, kind::grey8, 6), -1, 0},
+                 {smooth_picture(40, 24, kind::rgb24, 7), 8, 5}};
+    IMGLOW_set_comp_quality(80);
+    for (auto &c : cases) {
+        int h = handle_of(c.p);
+        picture want = c.p;
+        if (c.left >= 0) {
+            ASSERT_EQ(IMG_set_croprect(h, c.left, c.top, 16, 16), 0);
+            want.width = want.height = 16;
+            want.rows.clear();
+            const int px = c.p.bits / 8;
+            for (int y = c.top; y < c.top + 16; y++) {
+                bytes r(c.p.rows[y].begin() + c.left * px, c.p.rows[y].begin() + (c.left + 16) * px);
+                r.resize(stride_of(16, c.p.bits));
+                want.rows.push_back(r);
+            }
+        }
+        bytes dib = dib_of_picture(want);
+        block_ref out(uint32_t{1u << 20});
+        const int n = IMGLOW_save_bitmap_mem(out.data, dib.data(), IMG_TYPE_JPEG, rows_of_picture, &want);
+        ASSERT_GT(n, 0);
+        EXPECT_EQ(save_bytes(h, IMG_TYPE_JPEG), bytes(static_cast<uint8_t *>(out.data), static_cast<uint8_t *>(out.data) + n))
+            << c.p.width << "x" << c.p.height;
+        stops_seen = 0;
+        IMG_set_statusbar(nullptr, stop_on_fifth_row, 1);
+        int code = 0;
+        save_bytes(h, IMG_TYPE_JPEG, &code);
+        IMG_set_statusbar(nullptr, nullptr, 0);
+        EXPECT_EQ(code, -100);
+        EXPECT_EQ(stops_seen, 5);
+        IMG_delete_bitmap(h);
+    }
+    IMGLOW_set_comp_quality(50);
 }
 
 TEST(JpegEncode, RowCodesAndTooWideARow) {
