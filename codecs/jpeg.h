@@ -73,8 +73,8 @@ void jpeg_fdct_8x8(const int16_t *src, int stride, int16_t *coef);
 // Quantisers laid out for the encoder's transform: the table of block j of
 // a pair (slot j) in lanes 8j to 8j + 7 of each row, natural order.
 struct jpeg_quant_set {
-    alignas(32) int16_t mult[8][16];  // floor(65535 / q)
-    alignas(32) int16_t quant[8][16];
+    alignas(32) int16_t mult[8][16];   // the quantiser's reciprocal, scaled
+    alignas(32) int16_t shift[8][16];  // and the power of two it is scaled by
     alignas(32) int16_t limit[8][16];  // 1023, or 32767 for the DC
     float recip[2][64];                // 1 / q, for the plain path
 };

@@ -269,9 +269,11 @@ int fdct_group_plain(const int16_t *const *src, int stride, const jpeg_quant_set
 // samples (-129..128) plus rounding intervals, no value in either pass
 // exceeds 6,700 in magnitude, nor any coefficient 1,040.
 //
-// The quantiser divides |v| by q through r = |v| * floor(65535/q) >> 16,
-// which is the quotient or one less for any |v| < 65536, then adds one
-// where (r + 1) * q <= |v|: truncating division, as jpeg_quantise_one is.
+// The quantiser divides |v| (below 2^11) by q as |v| * m >> (11 + l), with
+// l = ceil(log2 q) and m = ceil(2^(11 + l) / q) (below 2^12): the quotient
+// truncated, as jpeg_quantise_one gives, for every numerator below 2^11.
+// In 16 bits: (|v| << 5) * (m << 4) >> 16 is |v| * m >> 7, and a high-half
+// multiply by 2^(12 - l) shifts it on by 4 + l.
 // v + v * k / 65536, floored: (v * K) >> s where K / 2^s = 1 + k / 65536.
 #define FDCT16_SCALE(P, v, k) P##add_epi16(v, P##mulhi_epi16(v, P##set1_epi16(k)))
 #define FDCT16(ATTR, NAME, V, P, BITS, SIGN)                                                                         \
@@ -318,13 +320,10 @@ int fdct_group_plain(const int16_t *const *src, int stride, const jpeg_quant_set
         NAME##_pass(F, x, true);                                                                          \
         NAME##_transpose(x, F);                                                                           \
         NAME##_pass(F, x, false);                                                                         \
-        const V one = P##set1_epi16(1);                                                                   \
         for (int m = 0; m < 8; m++) {                                                                     \
             const V a = P##abs_epi16(x[m]);                                                               \
-            V r = P##mulhi_epu16(a, P##load_si##BITS(reinterpret_cast<const V *>(set.mult[m])));          \
-            const V next = P##mullo_epi16(P##add_epi16(r, one),                                           \
-                                          P##load_si##BITS(reinterpret_cast<const V *>(set.quant[m])));   \
-            r = P##add_epi16(r, P##subs_epu16(one, P##subs_epu16(next, a)));                              \
+            V r = P##mulhi_epu16(P##slli_epi16(a, 5), P##load_si##BITS(reinterpret_cast<const V *>(set.mult[m]))); \
+            r = P##mulhi_epu16(r, P##load_si##BITS(reinterpret_cast<const V *>(set.shift[m])));           \
             r = P##min_epi16(r, P##load_si##BITS(reinterpret_cast<const V *>(set.limit[m])));             \
             x[m] = SIGN(r, x[m]);                                                \
         }                                                                                                 \
@@ -414,8 +413,10 @@ void jpeg_fill_quant_set(jpeg_quant_set &set, const uint8_t *const *tables) {
     for (int s = 0; s < 2; s++)
         for (int i = 0; i < 64; i++) {
             const int q = tables[s][i];
-            set.mult[i / 8][8 * s + i % 8] = static_cast<int16_t>(65535 / q);
-            set.quant[i / 8][8 * s + i % 8] = static_cast<int16_t>(q);
+            const int l = q > 1 ? 32 - std::countl_zero(static_cast<unsigned>(q - 1)) : 0;
+            const int m = ((2048 << l) + q - 1) / q;
+            set.mult[i / 8][8 * s + i % 8] = static_cast<int16_t>(m << 4);
+            set.shift[i / 8][8 * s + i % 8] = static_cast<int16_t>(4096 >> l);
             set.limit[i / 8][8 * s + i % 8] = static_cast<int16_t>(i == 0 ? 32767 : 1023);
             set.recip[s][i] = 1.0f / static_cast<float>(q);
         }

@@ -395,7 +395,9 @@ TEST(JpegTransform, ForwardVectorPathsEqualTheScalarOne) {
                                                    : it % 5 == 1 ? (cosine_sign(u, col & 7) == cosine_sign(v, row & 7) ? 128 : -129)
                                                                  : rnd(128) - (rnd(1) > 0));
                 }
-                for (auto &q : tables[j]) q = static_cast<uint8_t>(it % 7 == 0 ? 1 : 128 + rnd(127));
+                // Quantisers 1 to 255, often small (as at high qualities), at times all 1.
+                const int top = it % 7 == 0 ? 1 : it % 3 == 0 ? 16 : 255;
+                for (auto &q : tables[j]) q = static_cast<uint8_t>(1 + (rnd(127) + 127) % top);
             }
             const uint8_t *const slots[2] = {tables[0], tables[1]};
             jpeg_quant_set set;
@@ -425,12 +427,21 @@ TEST(JpegTransform, ForwardVectorPathsEqualTheScalarOne) {
     jpeg_encoder_limit_vectors(256);
 }
 
-// The encoder's multiply-by-reciprocal quantiser against division, over the
-// whole 16-bit coefficient range and every quantiser.
+// The quantisers against division: the plain path's float reciprocal over
+// the whole 16-bit range, and the vector paths' two high-half multiplies (as
+// the quantiser set lays them out) over every magnitude the transform gives.
 TEST(JpegTransform, QuantiserMultiplyEqualsTruncatingDivision) {
     for (int q = 1; q <= 255; q++) {
         const float recip = 1.0f / static_cast<float>(q);
         for (int v = -32768; v <= 32767; v++)
             if (jpeg_quantise_one(v, recip) != v / q) FAIL() << v << " / " << q;
+        uint8_t table[64];
+        std::memset(table, q, 64);
+        const uint8_t *const slots[2] = {table, table};
+        jpeg_quant_set set;
+        jpeg_fill_quant_set(set, slots);
+        const uint32_t mult = static_cast<uint16_t>(set.mult[0][0]), shift = static_cast<uint16_t>(set.shift[0][0]);
+        for (uint32_t a = 0; a < 2048; a++)
+            if ((((a << 5) * mult) >> 16) * shift >> 16 != a / q) FAIL() << a << " / " << q << " in 16-bit lanes";
     }
 }
