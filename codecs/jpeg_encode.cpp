@@ -277,56 +277,56 @@ int fdct_group_plain(const int16_t *const *src, int stride, const jpeg_quant_set
 // v + v * k / 65536, floored: (v * K) >> s where K / 2^s = 1 + k / 65536.
 #define FDCT16_SCALE(P, v, k) P##add_epi16(v, P##mulhi_epi16(v, P##set1_epi16(k)))
 #define FDCT16(ATTR, NAME, V, P, BITS, SIGN)                                                                         \
-    ATTR __attribute__((always_inline)) inline void NAME##_pass(const V *x, V *F, bool first) {          \
-        const V s07 = P##add_epi16(x[0], x[7]), s16 = P##add_epi16(x[1], x[6]);                           \
-        const V s25 = P##add_epi16(x[2], x[5]), s34 = P##add_epi16(x[3], x[4]);                           \
-        const V d07 = P##sub_epi16(x[0], x[7]), d16 = P##sub_epi16(x[1], x[6]);                           \
-        const V d25 = P##sub_epi16(x[2], x[5]), d34 = P##sub_epi16(x[3], x[4]);                           \
-        const V a = P##add_epi16(s07, s34), b = P##add_epi16(s16, s25);                                   \
-        const V m = FDCT16_SCALE(P, P##sub_epi16(s07, s34), -30144); /* 553 >> 10 */                              \
-        const V n = FDCT16_SCALE(P, P##sub_epi16(s16, s25), 20096);  /* 1338 >> 10 */                             \
-        const V F6 = FDCT16_SCALE(P, P##sub_epi16(m, n), -19200);    /* 724 >> 10 */                              \
-        const V F2 = P##add_epi16(P##add_epi16(m, n), F6);                                                \
-        const V p = FDCT16_SCALE(P, d07, -32128); /* 261 >> 9 */                                                  \
-        const V q = P##add_epi16(P##add_epi16(P##add_epi16(d34, d34), d34),                               \
-                                 P##mulhi_epi16(d34, P##set1_epi16(-28672))); /* 41 >> 4 */             \
-        const V r = FDCT16_SCALE(P, d16, -26112); /* 77 >> 7 */                                                   \
-        const V t = FDCT16_SCALE(P, d25, -6528);  /* 461 >> 9 */                                                  \
-        const V Pq = P##add_epi16(p, q), Q = P##add_epi16(r, t);                                          \
-        const V u = FDCT16_SCALE(P, P##sub_epi16(p, q), -30144), w = FDCT16_SCALE(P, P##sub_epi16(r, t), 20096);              \
-        /* 181 >> 8 in pass 1 and 724 >> 10 in pass 2 are the same step. */                             \
-        const V F7 = FDCT16_SCALE(P, P##sub_epi16(u, w), -19200);                                                   \
-        const V G = P##add_epi16(P##add_epi16(u, w), F7);                                                 \
-        const V H = FDCT16_SCALE(P, P##sub_epi16(Pq, Q), -19200);                                                   \
-        const V F1 = P##add_epi16(P##add_epi16(Q, G), Pq), F3 = P##add_epi16(H, G), F5 = P##add_epi16(H, F7); \
-        if (first) {                                                                                      \
-            F[0] = FDCT16_SCALE(P, P##add_epi16(a, b), -19200), F[4] = FDCT16_SCALE(P, P##sub_epi16(a, b), -19200);           \
-            F[1] = F1, F[2] = F2, F[3] = F3, F[5] = F5, F[6] = F6, F[7] = F7;                             \
-            return;                                                                                       \
-        }                                                                                                 \
-        /* (v * 362 + 2048) >> 11 and (v * 724 + 4096) >> 12: 181 >> 10, plus one. */                  \
-        const V one = P##set1_epi16(1), two = P##set1_epi16(2);                                           \
-        F[0] = P##add_epi16(P##mulhi_epi16(P##add_epi16(a, b), P##set1_epi16(11584)), one);               \
-        F[4] = P##add_epi16(P##mulhi_epi16(P##sub_epi16(a, b), P##set1_epi16(11584)), one);               \
-        F[1] = P##srai_epi16(P##add_epi16(F1, two), 2), F[2] = P##srai_epi16(P##add_epi16(F2, two), 2);   \
-        F[3] = P##srai_epi16(P##add_epi16(F3, two), 2), F[5] = P##srai_epi16(P##add_epi16(F5, two), 2);   \
-        F[6] = P##srai_epi16(P##add_epi16(F6, two), 2), F[7] = P##srai_epi16(P##add_epi16(F7, two), 2);   \
-    }                                                                                                     \
-    TRANSPOSE16_8X8(ATTR, NAME##_transpose, V, P)                                                         \
-    /* Rows (one block per 128-bit part) to quantised coefficient rows. */                              \
-    ATTR __attribute__((always_inline)) inline void NAME(V *x, const jpeg_quant_set &set) {               \
-        V F[8];                                                                                           \
-        NAME##_transpose(x, F);                                                                           \
-        NAME##_pass(F, x, true);                                                                          \
-        NAME##_transpose(x, F);                                                                           \
-        NAME##_pass(F, x, false);                                                                         \
-        for (int m = 0; m < 8; m++) {                                                                     \
-            const V a = P##abs_epi16(x[m]);                                                               \
-            V r = P##mulhi_epu16(P##slli_epi16(a, 5), P##load_si##BITS(reinterpret_cast<const V *>(set.mult[m]))); \
-            r = P##mulhi_epu16(r, P##load_si##BITS(reinterpret_cast<const V *>(set.shift[m])));           \
-            r = P##min_epi16(r, P##load_si##BITS(reinterpret_cast<const V *>(set.limit[m])));             \
-            x[m] = SIGN(r, x[m]);                                                \
-        }                                                                                                 \
+    ATTR __attribute__((always_inline)) inline void NAME##_pass(const V *x, V *F, bool first) {                      \
+        const V s07 = P##add_epi16(x[0], x[7]), s16 = P##add_epi16(x[1], x[6]);                                      \
+        const V s25 = P##add_epi16(x[2], x[5]), s34 = P##add_epi16(x[3], x[4]);                                      \
+        const V d07 = P##sub_epi16(x[0], x[7]), d16 = P##sub_epi16(x[1], x[6]);                                      \
+        const V d25 = P##sub_epi16(x[2], x[5]), d34 = P##sub_epi16(x[3], x[4]);                                      \
+        const V a = P##add_epi16(s07, s34), b = P##add_epi16(s16, s25);                                              \
+        const V m = FDCT16_SCALE(P, P##sub_epi16(s07, s34), -30144); /* 553 >> 10 */                                 \
+        const V n = FDCT16_SCALE(P, P##sub_epi16(s16, s25), 20096);  /* 1338 >> 10 */                                \
+        const V F6 = FDCT16_SCALE(P, P##sub_epi16(m, n), -19200);    /* 724 >> 10 */                                 \
+        const V F2 = P##add_epi16(P##add_epi16(m, n), F6);                                                           \
+        const V p = FDCT16_SCALE(P, d07, -32128); /* 261 >> 9 */                                                     \
+        const V q = P##add_epi16(P##add_epi16(P##add_epi16(d34, d34), d34),                                          \
+                                 P##mulhi_epi16(d34, P##set1_epi16(-28672))); /* 41 >> 4 */                          \
+        const V r = FDCT16_SCALE(P, d16, -26112); /* 77 >> 7 */                                                      \
+        const V t = FDCT16_SCALE(P, d25, -6528);  /* 461 >> 9 */                                                     \
+        const V Pq = P##add_epi16(p, q), Q = P##add_epi16(r, t);                                                     \
+        const V u = FDCT16_SCALE(P, P##sub_epi16(p, q), -30144), w = FDCT16_SCALE(P, P##sub_epi16(r, t), 20096);     \
+        /* 181 >> 8 in pass 1 and 724 >> 10 in pass 2 are the same step. */                                          \
+        const V F7 = FDCT16_SCALE(P, P##sub_epi16(u, w), -19200);                                                    \
+        const V G = P##add_epi16(P##add_epi16(u, w), F7);                                                            \
+        const V H = FDCT16_SCALE(P, P##sub_epi16(Pq, Q), -19200);                                                    \
+        const V F1 = P##add_epi16(P##add_epi16(Q, G), Pq), F3 = P##add_epi16(H, G), F5 = P##add_epi16(H, F7);        \
+        if (first) {                                                                                                 \
+            F[0] = FDCT16_SCALE(P, P##add_epi16(a, b), -19200), F[4] = FDCT16_SCALE(P, P##sub_epi16(a, b), -19200);  \
+            F[1] = F1, F[2] = F2, F[3] = F3, F[5] = F5, F[6] = F6, F[7] = F7;                                        \
+            return;                                                                                                  \
+        }                                                                                                            \
+        /* (v * 362 + 2048) >> 11 and (v * 724 + 4096) >> 12: 181 >> 10, plus one. */                                \
+        const V one = P##set1_epi16(1), two = P##set1_epi16(2);                                                      \
+        F[0] = P##add_epi16(P##mulhi_epi16(P##add_epi16(a, b), P##set1_epi16(11584)), one);                          \
+        F[4] = P##add_epi16(P##mulhi_epi16(P##sub_epi16(a, b), P##set1_epi16(11584)), one);                          \
+        F[1] = P##srai_epi16(P##add_epi16(F1, two), 2), F[2] = P##srai_epi16(P##add_epi16(F2, two), 2);              \
+        F[3] = P##srai_epi16(P##add_epi16(F3, two), 2), F[5] = P##srai_epi16(P##add_epi16(F5, two), 2);              \
+        F[6] = P##srai_epi16(P##add_epi16(F6, two), 2), F[7] = P##srai_epi16(P##add_epi16(F7, two), 2);              \
+    }                                                                                                                \
+    TRANSPOSE16_8X8(ATTR, NAME##_transpose, V, P)                                                                    \
+    /* Rows (one block per 128-bit part) to quantised coefficient rows. */                                           \
+    ATTR __attribute__((always_inline)) inline void NAME(V *x, const jpeg_quant_set &set) {                          \
+        V F[8];                                                                                                      \
+        NAME##_transpose(x, F);                                                                                      \
+        NAME##_pass(F, x, true);                                                                                     \
+        NAME##_transpose(x, F);                                                                                      \
+        NAME##_pass(F, x, false);                                                                                    \
+        for (int m = 0; m < 8; m++) {                                                                                \
+            const V a = P##abs_epi16(x[m]);                                                                          \
+            V r = P##mulhi_epu16(P##slli_epi16(a, 5), P##load_si##BITS(reinterpret_cast<const V *>(set.mult[m])));   \
+            r = P##mulhi_epu16(r, P##load_si##BITS(reinterpret_cast<const V *>(set.shift[m])));                      \
+            r = P##min_epi16(r, P##load_si##BITS(reinterpret_cast<const V *>(set.limit[m])));                        \
+            x[m] = SIGN(r, x[m]);                                                                                    \
+        }                                                                                                            \
     }
 
 #define SIGN128(r, v) _mm_sign_epi16(r, v)
@@ -465,26 +465,26 @@ constexpr int pair16(int first, int second) {
 // the part's first 16 bytes, hi its bytes 8 to 23.  Luma comes out as eight
 // words, chroma of pixels 0, 2, 4 and 6 as four 32-bit sums each.  WIDE
 // repeats a 128-bit byte shuffle across the vector.
-#define YCC16(ATTR, NAME, V, P, BITS, WIDE)                                                               \
-    ATTR __attribute__((always_inline)) inline void NAME(V lo, V hi, V &y, V &cb, V &cr) {                \
+#define YCC16(ATTR, NAME, V, P, BITS, WIDE)                                                                          \
+    ATTR __attribute__((always_inline)) inline void NAME(V lo, V hi, V &y, V &cb, V &cr) {                           \
         const V bg03 = P##shuffle_epi8(lo, WIDE(_mm_setr_epi8(0, -1, 1, -1, 3, -1, 4, -1, 6, -1, 7, -1, 9, -1, 10, -1))); \
         const V r03 = P##shuffle_epi8(lo, WIDE(_mm_setr_epi8(2, -1, -1, -1, 5, -1, -1, -1, 8, -1, -1, -1, 11, -1, -1, -1))); \
         const V bg47 = P##shuffle_epi8(hi, WIDE(_mm_setr_epi8(4, -1, 5, -1, 7, -1, 8, -1, 10, -1, 11, -1, 13, -1, 14, -1))); \
         const V r47 = P##shuffle_epi8(hi, WIDE(_mm_setr_epi8(6, -1, -1, -1, 9, -1, -1, -1, 12, -1, -1, -1, 15, -1, -1, -1))); \
-        const V bge = P##or_si##BITS(                                                                     \
-            P##shuffle_epi8(lo, WIDE(_mm_setr_epi8(0, -1, 1, -1, 6, -1, 7, -1, -1, -1, -1, -1, -1, -1, -1, -1))), \
+        const V bge = P##or_si##BITS(                                                                                \
+            P##shuffle_epi8(lo, WIDE(_mm_setr_epi8(0, -1, 1, -1, 6, -1, 7, -1, -1, -1, -1, -1, -1, -1, -1, -1))),    \
             P##shuffle_epi8(hi, WIDE(_mm_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, 4, -1, 5, -1, 10, -1, 11, -1)))); \
-        const V re = P##or_si##BITS(                                                                      \
-            P##shuffle_epi8(lo, WIDE(_mm_setr_epi8(2, -1, -1, -1, 8, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1))), \
+        const V re = P##or_si##BITS(                                                                                 \
+            P##shuffle_epi8(lo, WIDE(_mm_setr_epi8(2, -1, -1, -1, 8, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1))),  \
             P##shuffle_epi8(hi, WIDE(_mm_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, 6, -1, -1, -1, 12, -1, -1, -1)))); \
-        const V kbg = P##set1_epi32(pair16(120, 603)), kr = P##set1_epi32(pair16(308, 0));                \
-        const V y03 = P##add_epi32(P##madd_epi16(bg03, kbg), P##madd_epi16(r03, kr));                     \
-        const V y47 = P##add_epi32(P##madd_epi16(bg47, kbg), P##madd_epi16(r47, kr));                     \
-        y = P##sub_epi16(P##packs_epi32(P##srai_epi32(y03, 10), P##srai_epi32(y47, 10)), P##set1_epi16(128)); \
-        cb = P##srai_epi32(P##add_epi32(P##madd_epi16(bge, P##set1_epi32(pair16(512, -339))),             \
-                                        P##madd_epi16(re, P##set1_epi32(pair16(-178, 0)))), 10);          \
-        cr = P##srai_epi32(P##add_epi32(P##madd_epi16(bge, P##set1_epi32(pair16(-83, -429))),             \
-                                        P##madd_epi16(re, P##set1_epi32(pair16(512, 0)))), 10);           \
+        const V kbg = P##set1_epi32(pair16(120, 603)), kr = P##set1_epi32(pair16(308, 0));                           \
+        const V y03 = P##add_epi32(P##madd_epi16(bg03, kbg), P##madd_epi16(r03, kr));                                \
+        const V y47 = P##add_epi32(P##madd_epi16(bg47, kbg), P##madd_epi16(r47, kr));                                \
+        y = P##sub_epi16(P##packs_epi32(P##srai_epi32(y03, 10), P##srai_epi32(y47, 10)), P##set1_epi16(128));        \
+        cb = P##srai_epi32(P##add_epi32(P##madd_epi16(bge, P##set1_epi32(pair16(512, -339))),                        \
+                                        P##madd_epi16(re, P##set1_epi32(pair16(-178, 0)))), 10);                     \
+        cr = P##srai_epi32(P##add_epi32(P##madd_epi16(bge, P##set1_epi32(pair16(-83, -429))),                        \
+                                        P##madd_epi16(re, P##set1_epi32(pair16(512, 0)))), 10);                      \
     }
 #define NARROW(m) (m)
 YCC16(__attribute__((target("ssse3"))), ycc8, __m128i, _mm_, 128, NARROW)
