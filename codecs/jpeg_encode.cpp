@@ -19,7 +19,7 @@ namespace {
 constexpr int32_t ROW_LIMIT = 65280;
 constexpr int32_t FLUSH_SIZE = 10000;
 // Room for one more unit's worth of coded bytes past the flush size (four
-// blocks of at most 63 codes of 26 bits, every byte stuffed: 1,640).
+// blocks of at most 64 codes of 26 bits, every byte stuffed: under 1,700).
 constexpr int32_t OUTPUT_SIZE = FLUSH_SIZE + 4096;
 
 constexpr uint8_t base_luma[64] = {
