@@ -201,6 +201,8 @@ IMG_EXPORT int IMG_API IMGLOW_save_bitmap_mem(void *block, const void *header, i
                                               IMG_get_row_fn get_row, void *context);
 IMG_EXPORT int IMG_API IMGLOW_set_comp_quality(int quality);
 /* The PNG writer's deflate level, 0 (stored) to 9 (smallest); 6 at start.
+ * The Windows writer, whose deflate effort is fixed, takes it as its row
+ * filter: 0 none, 1-3 left difference, 4-6 its default, 7-9 best per row.
  * Returns the previous level, or IMG_ERR_TYPE for a level outside 0..9. */
 IMG_EXPORT int IMG_API IMGLOW_set_png_level(int level);
 /* Sun raster output (type 37): nonzero writes byte-encoded run-length data,
