@@ -30,6 +30,22 @@ int open_layout(text_layout &l, font_guard &g, int32_t &line_height) {
     return line_height > 0 ? 0 : IMG_ERR_TYPE;
 }
 
+// The layout and font of the current settings, and the text read from start.
+struct text_reading {
+    text_layout l;
+    font_guard font;
+    int32_t line_height = 0;
+    scratch_set scratch;
+    byte_source src;
+
+    int open(int fd, int32_t start) {
+        if (int r = open_layout(l, font, line_height); r < 0) return r;
+        const bool opened = source_open(src, fd, start, READ_BUFFER_SIZE);
+        scratch.adopt(src.buf);
+        return opened ? 0 : IMG_ERR_MEMORY;
+    }
+};
+
 int32_t tab_width(os_font *font) {
     int32_t space = os_font_advance(font, ' ');
     int32_t stops = text_settings.tab > 0 ? text_settings.tab : 8;
@@ -176,16 +192,10 @@ int text_read(int32_t where, IMG_put_row_fn put_row, void *context, IMG_begin_im
 }
 
 int text_page_count(int fd) {
-    text_layout l;
-    font_guard font;
-    int32_t line_height;
-    if (int r = open_layout(l, font, line_height); r < 0) return r;
-    scratch_set scratch;
-    byte_source src;
-    const bool opened = source_open(src, fd, file_seek(fd, 0, 1), READ_BUFFER_SIZE);
-    scratch.adopt(src.buf);
-    if (!opened) return IMG_ERR_MEMORY;
-    pagination p = pagination_start(l, line_height);
+    text_reading t;
+    if (int r = t.open(fd, file_seek(fd, 0, 1)); r < 0) return r;
+    byte_source &src = t.src;
+    pagination p = pagination_start(t.l, t.line_height);
     while (source_fill(src)) {
         if (int r = pagination_feed(p, src.buf + src.pos, src.len - src.pos); r < 0) return r;
         src.pos = src.len;
@@ -202,15 +212,11 @@ int IMG_API IMGLOW_get_ascii_page_width(const char *name) {
     int fd = os_open(name, OS_OPEN_READ);
     if (fd < 0) return IMG_ERR_OPEN;
     int result = [&] {
-        text_layout l;
-        font_guard font;
-        int32_t line_height;
-        if (int r = open_layout(l, font, line_height); r < 0) return r;
-        scratch_set scratch;
-        byte_source src;
-        const bool opened = source_open(src, fd, 0, READ_BUFFER_SIZE);
-        scratch.adopt(src.buf);
-        if (!opened) return IMG_ERR_MEMORY;
+        text_reading t;
+        if (int r = t.open(fd, 0); r < 0) return r;
+        byte_source &src = t.src;
+        const text_layout &l = t.l;
+        const font_guard &font = t.font;
         bool utf8 = false;
         if (int r = scan_text(src, 0, &utf8); r < 0) return r;
         const int64_t tab = tab_width(font.font);
