@@ -374,6 +374,66 @@ IMG_EXPORT int IMG_API IMGLOW_get_ascii_page_width(const char *name);
  * or the load's code. */
 IMG_EXPORT int IMG_API IMG_import_ascii(const char *name, int page);
 
+/* Display.  dc is a device context (an HDC on Windows, a surface from
+ * IMG_dc_create_memory or a window surface elsewhere), window a window (an
+ * HWND; elsewhere a surface, whose client area is its size).  Rectangles are
+ * in dc's logical units.  The handle's crop rectangle is what is shown,
+ * stretched to the destination; its raster operation (IMGLOW_set_rop) is
+ * the transfer's.  Drawing on a device of fewer than 4 colours dithers
+ * pictures of 4 bits and more to black and white (never on a PostScript
+ * printer).  The handle's gamma, brightness and contrast shape the tones.
+ *   IMG_display_bitmap: 0, IMG_ERR_HANDLE, IMG_ERR_MEMORY.
+ *   IMG_display_bitmap_transp: the same, but pixels of colour (a COLORREF:
+ *     red in the low byte, RGB(r, g, b)) leave the destination untouched.
+ *   IMG_decompress_bitmap_display: loads page (0 the first) of a file, draws
+ *     it and frees it again: the drawing's result or the load's error. */
+IMG_EXPORT int IMG_API IMG_display_bitmap(int handle, void *dc, int left, int top, int width, int height);
+IMG_EXPORT int IMG_API IMG_display_bitmap_transp(int handle, void *dc, int left, int top, int width, int height,
+                                                 unsigned int colour);
+IMG_EXPORT int IMG_API IMG_decompress_bitmap_display(const char *name, int page, void *dc, int left, int top,
+                                                     int width, int height);
+
+/* Zoomed and scrolled views in a window: each sets the crop rectangle and
+ * the window's scroll bars (ranges 0..picture size - crop size).
+ *   IMG_zoom_bitmap: percent of 100 or less shows the whole picture; above,
+ *     the crop is the picture width / (percent / 100) wide, of the window's
+ *     shape, about the current centre.
+ *   IMG_zoom_bitmap_rect: the picture rectangle fills the window, grown along
+ *     one side to the window's shape about its centre.
+ *   IMG_zoom_bitmap_1_to_1: one picture pixel per screen pixel about the centre.
+ *   IMG_scroll_bitmap: for a WM_HSCROLL (276) or WM_VSCROLL message's wParam
+ *     (SB_LINEUP, SB_LINEDOWN, SB_PAGEUP, SB_PAGEDOWN, SB_THUMBTRACK; others
+ *     do nothing) moves the crop and scrolls the window's pixels; returns 0
+ *     (nothing scrolled), 1 or 2 (scrolled right or left), 3 or 4 (down or up).
+ *   IMG_repaint_scroll: in the following paint, draws the uncovered strip of
+ *     a scroll; direction is IMG_scroll_bitmap's result, paint the
+ *     PAINTSTRUCT of BeginPaint (elsewhere an IMG_paint, its first fields).
+ * All return IMG_ERR_HANDLE for an invalid handle. */
+typedef struct IMG_paint {
+    void *dc;
+    int erase;
+    int left, top, right, bottom; /* the rectangle to paint */
+} IMG_paint;
+IMG_EXPORT int IMG_API IMG_zoom_bitmap(int handle, void *window, int percent);
+IMG_EXPORT int IMG_API IMG_zoom_bitmap_rect(int handle, void *window, int left, int top, int width, int height);
+IMG_EXPORT int IMG_API IMG_zoom_bitmap_1_to_1(int handle, void *window);
+IMG_EXPORT int IMG_API IMG_scroll_bitmap(int handle, void *window, unsigned int wparam, int lparam, int message);
+IMG_EXPORT int IMG_API IMG_repaint_scroll(int handle, void *dc, void *window, int direction, const void *paint);
+
+/* Device-dependent bitmaps (an HBITMAP on Windows, a surface elsewhere):
+ * a copy of the picture drawn once for a device, then drawn again fast.
+ *   IMG_dib_to_ddb: the crop rectangle scaled to width x height for dc's
+ *     device, into *ddb (null on failure); 0, IMG_ERR_HANDLE, IMG_ERR_TYPE
+ *     for a size below 1, IMG_ERR_MEMORY.
+ *   IMG_display_ddb: draws it with its top left at (x, y) of dc, one to one.
+ *   IMG_create_handle_ddb: a new 24-bit handle from its pixels, or an error.
+ *   IMG_delete_ddb: frees it.
+ * IMG_ERR_HANDLE for what is no bitmap. */
+IMG_EXPORT int IMG_API IMG_dib_to_ddb(int handle, void *dc, int width, int height, void **ddb);
+IMG_EXPORT int IMG_API IMG_display_ddb(void *ddb, void *dc, int x, int y);
+IMG_EXPORT int IMG_API IMG_create_handle_ddb(void *ddb, void *dc);
+IMG_EXPORT int IMG_API IMG_delete_ddb(void *ddb);
+
 #ifndef _WIN32
 /* Device contexts on Linux.  Where Windows takes an HDC, HWND or HBITMAP,
  * the display exports take a surface the library makes: 32-bit pixels
