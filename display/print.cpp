@@ -1,7 +1,8 @@
 // Printing a handle's picture: the banded drawing with progress reporting,
 // and the fast path that leaves all scaling to the printer driver.
-#include "frame/handles.h"
+#include "display/display.h"
 #include "platform/graphics.h"
+#include "process/process.h"
 
 namespace brv {
 
@@ -19,11 +20,16 @@ using namespace brv;
 
 extern "C" {
 
+int IMG_API IMG_print_bitmap(int handle, void *dc, int left, int top, int width, int height) {
+    draw_options o;
+    o.print = true;
+    return draw_bitmap(handle, dc, left, top, width, height, o);
+}
+
 int IMG_API IMG_print_bitmap_fast(int handle, void *dc, int left, int top, int width, int height) {
-    handle_record *rec = handle_get(handle);
-    if (!rec) return IMG_ERR_HANDLE;
-    dib_lock lock(rec);
-    if (!lock) return IMG_ERR_MEMORY;
+    held_bitmap held(handle);
+    if (held.error) return held.error;
+    handle_record *rec = held.rec;
     rec->display_a[0] = left;
     rec->display_a[1] = top;
     rec->display_a[2] = width;
@@ -51,7 +57,7 @@ int IMG_API IMG_print_bitmap_fast(int handle, void *dc, int left, int top, int w
 
     // The library keeps dots per inch in the resolution fields, which a
     // driver would read as pixels per metre: hidden for the transfer.
-    uint8_t *dib = lock.get();
+    uint8_t *dib = held.bm.dib;
     dib_info *info = dib_of(dib);
     const uint32_t compression = info->biCompression;
     const int32_t xres = info->biXPelsPerMeter, yres = info->biYPelsPerMeter;
