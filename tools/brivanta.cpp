@@ -921,7 +921,7 @@ int cmd_print(int argc, char **argv) {
         }
         int w = 0, ht = 0, bits = 0;
         IMG_bitmap_info(h, &w, &ht, &bits);
-        unsigned char header[40] = {};
+        unsigned char header[40 + 1024] = {};  // the header and a full colour table
         IMGLOW_get_bitmap_header(h, header);
         int xdpi, ydpi;
         std::memcpy(&xdpi, header + 24, 4);
