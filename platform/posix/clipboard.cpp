@@ -26,6 +26,7 @@ struct growing_block {
     mem_block block = 0;
     uint8_t *data = nullptr;
     uint32_t size = 0, capacity = 0;
+    bool failed = false;  // too large, or memory ran out
 
     ~growing_block() { release(); }
     void release() {
@@ -36,7 +37,7 @@ struct growing_block {
         size = capacity = 0;
     }
     bool append(const void *bytes, uint64_t n) {
-        if (size + n > MAX_BYTES) return false;
+        if (size + n > MAX_BYTES) return !(failed = true);
         if (size + n > capacity) {
             uint32_t want = std::max<uint32_t>(capacity ? capacity : 65536, 65536);
             while (want < size + n) want *= 2;
@@ -44,7 +45,7 @@ struct growing_block {
             auto *nd = nb ? static_cast<uint8_t *>(mem_lock(nb)) : nullptr;
             if (!nd) {
                 if (nb) mem_free(nb);
-                return false;
+                return !(failed = true);
             }
             if (size) std::memcpy(nd, data, size);
             release_keep_size(nb, nd, want);
@@ -85,8 +86,8 @@ bool take_property(Display *d, Window w, Atom property, growing_block &out, Atom
     if (XGetWindowProperty(d, w, property, 0, 0x1FFFFFFF, True, AnyPropertyType, type, &format, &items, &after,
                            &bytes) != Success)
         return false;
-    bool ok = true;
-    if (*type != XInternAtom(d, "INCR", False)) ok = format == 8 && out.append(bytes, items);
+    bool ok = *type != None;
+    if (ok && *type != XInternAtom(d, "INCR", False)) ok = format == 8 && out.append(bytes, items);
     if (bytes) XFree(bytes);
     return ok;
 }
@@ -105,7 +106,7 @@ int fetch(Display *d, Window w, Atom selection, Atom target, growing_block &out)
         return IMG_ERR_OPEN;
     if (ev.xselection.property == None) return IMG_ERR_OPEN;
     Atom type = None;
-    if (!take_property(d, w, property, out, &type)) return out.size + 1 > MAX_BYTES ? IMG_ERR_MEMORY : IMG_ERR_OPEN;
+    if (!take_property(d, w, property, out, &type)) return out.failed ? IMG_ERR_MEMORY : IMG_ERR_OPEN;
     if (type != XInternAtom(d, "INCR", False)) return out.size ? 0 : IMG_ERR_OPEN;
     // Incremental: deleting the property asked for the first chunk; each
     // new value is the next, and an empty one ends the transfer.
@@ -117,7 +118,11 @@ int fetch(Display *d, Window w, Atom selection, Atom target, growing_block &out)
             }))
             return IMG_ERR_OPEN;
         const uint32_t before = out.size;
-        if (!take_property(d, w, property, out, &type)) return IMG_ERR_MEMORY;
+        // The notice of the INCR value itself may still be queued: no property yet.
+        if (!take_property(d, w, property, out, &type)) {
+            if (type == None) continue;
+            return out.failed ? IMG_ERR_MEMORY : IMG_ERR_OPEN;
+        }
         XFlush(d);
         if (out.size == before) return out.size ? 0 : IMG_ERR_OPEN;
     }
