@@ -12,6 +12,8 @@ namespace {
 // device coordinate arrives as a large positive one, as it always has.
 int low16(int32_t v) { return static_cast<uint16_t>(v); }
 
+int32_t wrap_add(int64_t a, int64_t b) { return static_cast<int32_t>(static_cast<uint32_t>(a + b)); }
+
 }  // namespace
 
 }  // namespace brv
@@ -36,12 +38,12 @@ int IMG_API IMG_print_bitmap_fast(int handle, void *dc, int left, int top, int w
     rec->display_a[3] = height;
 
     // Signed differences: a mirrored mapping stays mirrored on the device.
-    gfx_point corners[2] = {{left, top}, {static_cast<int32_t>(static_cast<uint32_t>(left) + static_cast<uint32_t>(width)),
-                                          static_cast<int32_t>(static_cast<uint32_t>(top) + static_cast<uint32_t>(height))}};
+    // The sums wrap as the 32-bit words they always were.
+    gfx_point corners[2] = {{left, top}, {wrap_add(left, width), wrap_add(top, height)}};
     gfx_lp_to_dp(dc, corners, 2);
     const int dx = corners[0].x, dy = corners[0].y;
-    int dw = static_cast<int32_t>(static_cast<uint32_t>(corners[1].x) - static_cast<uint32_t>(dx));
-    int dh = static_cast<int32_t>(static_cast<uint32_t>(corners[1].y) - static_cast<uint32_t>(dy));
+    int dw = wrap_add(corners[1].x, -static_cast<int64_t>(dx));
+    int dh = wrap_add(corners[1].y, -static_cast<int64_t>(dy));
 
     gfx_mapping saved;
     gfx_get_mapping(dc, &saved);

@@ -37,9 +37,10 @@ struct growing_block {
         size = capacity = 0;
     }
     bool append(const void *bytes, uint64_t n) {
+        if (!n) return true;
         if (size + n > MAX_BYTES) return !(failed = true);
         if (size + n > capacity) {
-            uint32_t want = std::max<uint32_t>(capacity ? capacity : 65536, 65536);
+            uint32_t want = std::max<uint32_t>(capacity, 65536);
             while (want < size + n) want *= 2;
             mem_block nb = mem_alloc(want, MEM_MOVEABLE | MEM_ZEROINIT);
             auto *nd = nb ? static_cast<uint8_t *>(mem_lock(nb)) : nullptr;
@@ -48,19 +49,16 @@ struct growing_block {
                 return !(failed = true);
             }
             if (size) std::memcpy(nd, data, size);
-            release_keep_size(nb, nd, want);
+            const uint32_t kept = size;
+            release();
+            block = nb;
+            data = nd;
+            capacity = want;
+            size = kept;
         }
         std::memcpy(data + size, bytes, n);
         size += static_cast<uint32_t>(n);
         return true;
-    }
-    void release_keep_size(mem_block nb, uint8_t *nd, uint32_t cap) {
-        const uint32_t kept = size;
-        release();
-        block = nb;
-        data = nd;
-        capacity = cap;
-        size = kept;
     }
 };
 
