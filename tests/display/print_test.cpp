@@ -221,6 +221,43 @@ TEST(Print, PrinterCapabilities) {
     surface_of(wide.get())->hooks = nullptr;
     IMG_delete_bitmap(h);
 }
+
+// Printers refuse bad arguments, leave nothing behind when memory fails,
+// and their page calls refuse a surface that is no printer.
+TEST(Print, PrinterSurfaceArgumentsAndFaults) {
+    const std::string pdf = temp_path("faults.pdf");
+    void *dc = nullptr;
+    if (IMG_dc_create_printer(pdf.c_str(), nullptr, 100, 1000, 1000, &dc) == IMG_ERR_TYPE)
+        GTEST_SKIP() << "built without cairo and CUPS";
+    EXPECT_EQ(IMG_dc_end_page(dc), 1);
+    EXPECT_EQ(IMG_dc_end_doc(dc), 0);
+    EXPECT_EQ(IMG_dc_end_doc(dc), IMG_ERR_TYPE);
+    EXPECT_EQ(IMG_dc_delete(dc), 0);
+    const struct {
+        const char *file, *queue;
+        int dpi, w, h, want;
+    } cases[] = {
+        {nullptr, nullptr, 100, 1000, 1000, IMG_ERR_TYPE}, {pdf.c_str(), nullptr, 0, 1000, 1000, IMG_ERR_TYPE},
+        {pdf.c_str(), nullptr, 100, 0, 1000, IMG_ERR_TYPE}, {"/nonexistent/x.pdf", nullptr, 100, 1000, 1000, IMG_ERR_CREATE},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(IMG_dc_create_printer(c.file, c.queue, c.dpi, c.w, c.h, &dc), c.want) << c.file << " " << c.dpi;
+        EXPECT_EQ(dc, nullptr);
+    }
+    print_dc memory(4, 4);
+    EXPECT_EQ(IMG_dc_start_page(memory.get()), IMG_ERR_HANDLE);
+    EXPECT_EQ(IMG_dc_end_doc(memory.get()), IMG_ERR_HANDLE);
+    const int blocks = mem_live_blocks(), live = gfx_live_objects();
+    for (int k = 1; k <= 3; k++) {
+        mem_fail_after(k);
+        const int r = IMG_dc_create_printer(pdf.c_str(), nullptr, 100, 1000, 1000, &dc);
+        mem_fail_after(0);
+        EXPECT_EQ(r, IMG_ERR_MEMORY) << k;
+        EXPECT_EQ(dc, nullptr);
+    }
+    EXPECT_EQ(mem_live_blocks(), blocks);
+    EXPECT_EQ(gfx_live_objects(), live);
+}
 #endif
 
 // The clipboard's DIB goes to the file as it stands: header, a full colour
