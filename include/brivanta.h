@@ -487,8 +487,9 @@ IMG_EXPORT int IMG_API IMG_dc_get_scroll(void *window, int bar, int *min, int *m
  *   IMG_dc_end_page: adds the page to the document, clears it; returns the
  *     number of pages done, or IMG_ERR_WRITE.
  *   IMG_dc_end_doc: closes the PDF (a page started and not ended is left
- *     out) and sends it to the queue: the CUPS job number, 0 without a queue,
- *     IMG_ERR_WRITE, or IMG_ERR_CREATE when the queue refuses the job.
+ *     out; a document of no pages holds one blank page, as a PDF must have
+ *     one) and sends it to the queue: the CUPS job number, 0 without a
+ *     queue, IMG_ERR_WRITE, or IMG_ERR_CREATE when the queue refuses the job.
  *   IMG_dc_delete without IMG_dc_end_doc closes the PDF with the pages done
  *     and sends nothing.
  * Page calls on a surface that is no printer return IMG_ERR_HANDLE.
