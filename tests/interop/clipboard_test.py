@@ -5,6 +5,7 @@ and a clipboard with no picture gives -2."""
 import ctypes
 import os
 import subprocess
+import time
 
 import numpy as np
 from PIL import Image
@@ -37,9 +38,18 @@ ENV = dict(os.environ, DISPLAY=DISPLAY)
 
 
 def offer(path, target):
-    """xclip owns the selection with the file as target until the next offer."""
-    subprocess.run(["xclip", "-selection", "clipboard", "-t", target, "-i", path], env=ENV, check=True,
-                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=20)
+    """xclip owns the selection with the file as target until the next offer;
+    its server starts after the command returns, so wait until it answers."""
+    xclip = ["xclip", "-selection", "clipboard", "-t", target]
+    subprocess.run(xclip + ["-i", path], env=ENV, check=True, stdout=subprocess.DEVNULL,
+                   stderr=subprocess.DEVNULL, timeout=20)
+    with open(path, "rb") as f:
+        want = f.read()
+    for _ in range(100):
+        if subprocess.run(xclip + ["-o"], env=ENV, capture_output=True, timeout=20).stdout == want:
+            return
+        time.sleep(0.1)
+    raise AssertionError("xclip never offered " + path)
 
 
 def saved():
@@ -50,50 +60,33 @@ def saved():
     return r, out
 
 
-def test_empty_clipboard():
+def test_clipboard_pictures():
+    # Pillow's BMP files carry full colour tables: the file comes back as it
+    # went, also at 1500 x 1000 x 24 bits, past xclip's single-transfer size.
+    # A PNG comes back as a BMP of its picture; text and nothing give -2.
     r, out = saved()
     assert r == -2 and not os.path.exists(out), r
-
-
-def test_bmp_target_saved_as_is():
-    # Pillow's BMP files carry a full colour table, so the file comes back
-    # unchanged; 1500 x 1000 at 24 bits is past xclip's single-transfer size.
-    cases = [("P", 37, 23), ("1", 50, 9), ("RGB", 61, 17), ("RGB", 1500, 1000)]
-    for mode, w, h in cases:
-        src = tmp("offer.bmp")
-        test_rgb(w, h).convert(mode).save(src)
-        offer(src, "image/bmp")
+    for mode, w, h, kind in [("P", 37, 23, "bmp"), ("1", 50, 9, "bmp"), ("RGB", 1500, 1000, "bmp"),
+                             ("RGB", 45, 31, "png"), (None, 0, 0, "txt")]:
+        src = tmp("offer." + kind)
+        if mode:
+            test_rgb(w, h).convert(mode).save(src)
+        else:
+            with open(src, "w") as f:
+                f.write("not a picture\n")
+        offer(src, {"bmp": "image/bmp", "png": "image/png", "txt": "UTF8_STRING"}[kind])
         r, out = saved()
-        assert r == 1, (mode, w, h, r)
-        with open(src, "rb") as a, open(out, "rb") as b:
-            assert a.read() == b.read(), "%s %dx%d differs" % (mode, w, h)
-
-
-def test_png_target_saved_as_bmp():
-    src = tmp("offer.png")
-    test_rgb(45, 31).save(src)
-    offer(src, "image/png")
-    r, out = saved()
-    assert r == 1, r
-    compare(np.asarray(Image.open(out).convert("RGB")), np.asarray(Image.open(src).convert("RGB")), "png clipboard")
-
-
-def test_text_is_no_picture():
-    src = tmp("offer.txt")
-    with open(src, "w") as f:
-        f.write("not a picture\n")
-    offer(src, "UTF8_STRING")
-    assert saved()[0] == -2
+        assert r == (-2 if kind == "txt" else 1), (mode, w, h, r)
+        if kind == "bmp":
+            with open(src, "rb") as a, open(out, "rb") as b:
+                assert a.read() == b.read(), "%s %dx%d differs" % (mode, w, h)
+        elif kind == "png":
+            compare(np.asarray(Image.open(out).convert("RGB")), np.asarray(Image.open(src).convert("RGB")), "png")
 
 
 if __name__ == "__main__":
     try:
-        main([
-            ("empty_clipboard", test_empty_clipboard),
-            ("bmp_target_saved_as_is", test_bmp_target_saved_as_is),
-            ("png_target_saved_as_bmp", test_png_target_saved_as_bmp),
-            ("text_is_no_picture", test_text_is_no_picture),
-        ])
+        main([("clipboard_pictures", test_clipboard_pictures)])
     finally:
         SERVER.terminate()
         SERVER.wait()
