@@ -23,7 +23,7 @@ PACKAGES = cmake ninja-build g++ clang libgtest-dev libbenchmark-dev \
 	pkg-config g++-multilib qemu-user pngquant ghostscript graphicsmagick libmagickcore-6.q16-6-extra libfreetype-dev libfontconfig-dev fonts-liberation libspng-dev zlib1g-dev \
 	libcairo2-dev libcups2-dev libx11-dev poppler-utils cups xvfb xclip
 # What the benchmarks compare against, linked by them alone.
-BENCH_PACKAGES = libvips-dev libmagickwand-6.q16-dev libimagequant-dev
+BENCH_PACKAGES = libvips-dev libmagickwand-6.q16-dev libimagequant-dev libpixman-1-dev
 
 .PHONY: all deps build demo test bench fuzz msan sanitize clean windows test-windows test-32 install
 

@@ -216,14 +216,17 @@ int paint_bands(const handle_record *rec, const uint8_t *dib, void *dc, int dx, 
             }
         }
         set_band_header(bh, dw, n, band_bits);
+        // A transfer that moves nothing failed for want of the system's memory.
+        bool sent;
         if (options.transparent) {
             set_band_header(mh, dw, n, band_bits);
-            gfx_stretch_dib(dc, dx, dy + top, dw, n, 0, 0, dw, n, mask.data, &mh, GFX_SRCAND);
-            gfx_stretch_dib(dc, dx, dy + top, dw, n, 0, 0, dw, n, band.data, &bh, GFX_SRCPAINT);
+            sent = gfx_stretch_dib(dc, dx, dy + top, dw, n, 0, 0, dw, n, mask.data, &mh, GFX_SRCAND) &&
+                   gfx_stretch_dib(dc, dx, dy + top, dw, n, 0, 0, dw, n, band.data, &bh, GFX_SRCPAINT);
         } else {
-            gfx_stretch_dib(dc, dx, dy + top, dw, n, 0, 0, dw, n, band.data, &bh, 
-                            options.rop ? options.rop : static_cast<uint32_t>(rec->raster_op));
+            sent = gfx_stretch_dib(dc, dx, dy + top, dw, n, 0, 0, dw, n, band.data, &bh,
+                                   options.rop ? options.rop : static_cast<uint32_t>(rec->raster_op));
         }
+        if (!sent) return IMG_ERR_MEMORY;
     }
     return 0;
 }

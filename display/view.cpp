@@ -6,6 +6,7 @@
 #include "platform/graphics.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace brv {
 

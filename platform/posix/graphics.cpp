@@ -170,14 +170,20 @@ private:
 
 // Nearest-neighbour map of one axis: destination offsets 0..dn-1 onto
 // source offsets from s0 over sn (either count may be negative: mirrored).
-// Offsets outside 0..limit-1 are marked -1.
-void axis_map(int32_t *out, int dn, int s0, int sn, int limit) {
+// Offsets outside 0..limit-1 are marked -1.  The rounding is GDI's
+// (COLORONCOLOR as measured under Wine): an enlargement samples a little
+// left of each pixel's centre; a reduction keeps the last source pixel of
+// each group across, and vertically the groups are counted from the bottom.
+void axis_map(int32_t *out, int dn, int s0, int sn, int limit, bool vertical) {
     const bool flip = (dn < 0) != (sn < 0);
     const int64_t d = dn < 0 ? -static_cast<int64_t>(dn) : dn;
     const int64_t n = sn < 0 ? -static_cast<int64_t>(sn) : sn;
     const int64_t base = sn < 0 ? static_cast<int64_t>(s0) + sn : s0;
     for (int64_t i = 0; i < d; i++) {
-        int64_t k = i * n / d;
+        int64_t k;
+        if (d >= n) k = (i * n + (n - 1) / 2) / d;
+        else if (!vertical) k = ((i + 1) * n - (d + 1) / 2) / d;
+        else k = n - 1 - ((d - 1 - i) * n + n - d / 2 - 1) / d;
         if (flip) k = n - 1 - k;
         const int64_t s = base + k;
         out[i] = s >= 0 && s < limit ? static_cast<int32_t>(s) : -1;
@@ -197,7 +203,8 @@ void device_span(surface *s, int x, int y, int w, int h, int *dx, int *dy, int *
 // and contiguous run of valid columns, calls row(dst, y, first, count)
 // where first indexes the column map.
 template <class Row>
-bool stretch_walk(surface *t, int dx, int dy, int dw, int dh, const int32_t *colmap, const int32_t *rowmap, Row row) {
+bool stretch_walk(surface *t, int dx, int dy, int dw, int dh, const int32_t *colmap, const int32_t *rowmap, Row row,
+                  bool bottom_up = false) {
     const int xs = dw < 0 ? dx + dw : dx, ys = dh < 0 ? dy + dh : dy;
     const int aw = std::abs(dw), ah = std::abs(dh);
     // Destination columns i (0..aw) sit at xs + i; in a mirrored span the
@@ -206,7 +213,10 @@ bool stretch_walk(surface *t, int dx, int dy, int dw, int dh, const int32_t *col
     while (i0 < i1 && colmap[dw < 0 ? aw - 1 - i0 : i0] < 0) i0++;
     while (i1 > i0 && colmap[dw < 0 ? aw - i1 : i1 - 1] < 0) i1--;
     if (i0 >= i1) return true;
-    for (int j = std::max(0, -ys); j < ah && ys + j < t->height; j++) {
+    const int j0 = std::max(0, -ys), j1 = std::min(ah, t->height - ys);
+    for (int k = j0; k < j1; k++) {
+        // A copy within one surface downwards runs from the bottom up.
+        const int j = bottom_up ? j1 - 1 - (k - j0) : k;
         const int32_t sr = rowmap[dh < 0 ? ah - 1 - j : j];
         if (sr < 0) continue;
         row(t->pixels + static_cast<size_t>(ys + j) * t->width + xs + i0, sr, i0, i1 - i0);
@@ -389,10 +399,10 @@ int gfx_stretch_dib(void *dc, int dx, int dy, int dw, int dh, int sx, int sy, in
     if (!colmap) return 0;
     int32_t *rowmap = colmap + aw;
     auto *line = reinterpret_cast<uint32_t *>(rowmap + ah);
-    axis_map(colmap, w0, sx, sw, v.width);
+    axis_map(colmap, w0, sx, sw, v.width, false);
     // Rows: first the offset within the rectangle, then the stored row
     // (a bottom-up DIB stores its lowest row first, as sy counts).
-    axis_map(rowmap, h0, 0, sh, sh);
+    axis_map(rowmap, h0, 0, sh, sh, true);
     for (int j = 0; j < ah; j++) {
         if (rowmap[j] < 0) continue;
         const int r = v.top_down ? top_first + rowmap[j] : top_first - rowmap[j];
@@ -493,8 +503,8 @@ bool gfx_bitblt(void *dc, int x, int y, int w, int h, void *src_dc, int sx, int 
     if (!colmap) return false;
     int32_t *rowmap = colmap + aw;
     auto *line = reinterpret_cast<uint32_t *>(rowmap + ah);
-    axis_map(colmap, w0, sx0, sw0, reads ? st->width : INT32_MAX);
-    axis_map(rowmap, h0, sy0, sh0, reads ? st->height : INT32_MAX);
+    axis_map(colmap, w0, sx0, sw0, reads ? st->width : INT32_MAX, false);
+    axis_map(rowmap, h0, sy0, sh0, reads ? st->height : INT32_MAX, true);
     // Source and destination may be one surface: copy the source row first.
     stretch_walk(t, x0, y0, w0, h0, colmap, rowmap, [&](uint32_t *dst, int32_t sr, int first, int n) {
         if (reads) {
@@ -502,7 +512,7 @@ bool gfx_bitblt(void *dc, int x, int y, int w, int h, void *src_dc, int sx, int 
             for (int i = 0; i < n; i++) line[i] = src[colmap[w0 < 0 ? aw - 1 - (first + i) : first + i]];
         }
         rop_row(dst, reads ? line : nullptr, n, rop);
-    });
+    }, reads && st == t && sy0 < y0);
     present(t, std::max(0, std::min(x0, x0 + w0)), std::max(0, std::min(y0, y0 + h0)), aw, ah);
     return true;
 }
