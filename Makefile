@@ -20,8 +20,8 @@ PACKAGES = cmake ninja-build g++ clang libgtest-dev libbenchmark-dev \
 	libtiff-tools netpbm imagemagick libjpeg-turbo-progs giflib-tools python3-pil python3-numpy \
 	libclang-rt-14-dev libtiff-dev libgif-dev libturbojpeg0-dev libstb-dev \
 	mingw-w64 g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix googletest wine wine64 \
-	pkg-config g++-multilib qemu-user pngquant ghostscript graphicsmagick libmagickcore-6.q16-6-extra libfreetype-dev libfontconfig-dev fonts-liberation libspng-dev zlib1g-dev \
-	libcairo2-dev libcups2-dev libx11-dev poppler-utils cups xvfb xclip
+	pkg-config g++-multilib qemu-user libx11-dev libxext-dev xvfb xdotool x11-apps pngquant ghostscript graphicsmagick libmagickcore-6.q16-6-extra libfreetype-dev libfontconfig-dev fonts-liberation libspng-dev zlib1g-dev \
+	libsane1 sane-utils libcairo2-dev libcups2-dev poppler-utils cups xclip
 # What the benchmarks compare against, linked by them alone.
 BENCH_PACKAGES = libvips-dev libmagickwand-6.q16-dev libimagequant-dev libpixman-1-dev
 

@@ -6,6 +6,10 @@
 
 namespace brv {
 
+// Red-first pixels to blue-first (out may be p), with the vector paths the
+// TIFF reader chooses.
+void swap_red_blue(const uint8_t *p, uint8_t *out, uint32_t width);
+
 // Frees the scratch blocks it took when the codec returns, whichever way,
 // so an early error return leaves the list as it found it.
 struct scratch_set {

@@ -70,15 +70,27 @@ inline int jpeg_quantise_one(int v, float recip) {
 // Inverse: natural-order coefficients (rows: bit i set when row i may be
 // non-zero) to signed samples clamped to -127..127 at a stride.
 void jpeg_fdct_8x8(const int16_t *src, int stride, int16_t *coef);
-// The forward transform the encoder runs, eight lanes at a time; bit for
-// bit the result of jpeg_fdct_8x8.
-void jpeg_fdct_8x8_lanes(const int16_t *src, int stride, int16_t *coef);
-// The same, each coefficient then quantised by jpeg_quantise_one with
-// recip (64 reciprocals, natural order), AC clamped to -1023..1023: what the
-// encoder runs.  Returns bit 8m+k set where coefficient (m, k) is not zero.
-uint64_t jpeg_fdct_quantise_lanes(const int16_t *src, int stride, const float *recip, int16_t *coef);
-// The widest vectors the encoder's transform may use: 256, or 0 for plain
-// code; the processor's own limit until called.  Output is the same.
+// Quantisers laid out for the encoder's transform: the table of block j of
+// a pair (slot j) in lanes 8j to 8j + 7 of each row, natural order.
+struct jpeg_quant_set {
+    alignas(32) int16_t mult[8][16];   // the quantiser's reciprocal, scaled
+    alignas(32) int16_t shift[8][16];  // and the power of two it is scaled by
+    alignas(32) int16_t limit[8][16];  // 1023, or 32767 for the DC
+    float recip[2][64];                // 1 / q, for the plain path
+};
+// Slot j from tables[j] (natural order, each quantiser 1..255).
+void jpeg_fill_quant_set(jpeg_quant_set &set, const uint8_t *const *tables);
+// The forward transform and quantisation the encoder runs, on as many
+// blocks as its vectors take at once (returned: 1 or 2): block j from
+// src[j] at the stride, with slot j's quantisers, to coef[j] in natural
+// order; bit for bit jpeg_fdct_8x8 then jpeg_quantise_one, AC clamped to
+// -1023..1023.  nonzero[j] has bit k set where zig-zag coefficient k is
+// not zero.
+int jpeg_fdct_quantise_group(const int16_t *const *src, int stride, const jpeg_quant_set &set, int16_t (*coef)[64],
+                             uint64_t *nonzero);
+// The widest vectors the encoder's transform and colour conversion may
+// use: 256, 128 (with SSSE3), or 0 for plain code; the processor's own
+// limit until called.  Output is the same.
 void jpeg_encoder_limit_vectors(int bits);
 void jpeg_idct_8x8(const int16_t *coef, unsigned rows, int8_t *dst, int stride);
 // The inverse transform the decoder runs, eight lanes at a time, on a

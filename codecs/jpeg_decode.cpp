@@ -563,23 +563,7 @@ constexpr int IDCT16_LIMIT = 16000;
         y[4] = P##sub_epi16(E3, O3), y[5] = P##sub_epi16(E2, O2);                                     \
         y[6] = P##sub_epi16(E1, O1), y[7] = P##sub_epi16(E0, O0);                                     \
     }                                                                                                 \
-    ATTR __attribute__((always_inline)) inline void NAME##_transpose(const V *y, V *x) {              \
-        V a[8], b[8];                                                                                 \
-        for (int q = 0; q < 8; q += 2) {                                                              \
-            a[q] = P##unpacklo_epi16(y[q], y[q + 1]);                                                 \
-            a[q + 1] = P##unpackhi_epi16(y[q], y[q + 1]);                                             \
-        }                                                                                             \
-        for (int q = 0; q < 8; q += 4) {                                                              \
-            b[q] = P##unpacklo_epi32(a[q], a[q + 2]);                                                 \
-            b[q + 1] = P##unpackhi_epi32(a[q], a[q + 2]);                                             \
-            b[q + 2] = P##unpacklo_epi32(a[q + 1], a[q + 3]);                                         \
-            b[q + 3] = P##unpackhi_epi32(a[q + 1], a[q + 3]);                                         \
-        }                                                                                             \
-        for (int q = 0; q < 4; q++) {                                                                 \
-            x[2 * q] = P##unpacklo_epi64(b[q], b[q + 4]);                                             \
-            x[2 * q + 1] = P##unpackhi_epi64(b[q], b[q + 4]);                                         \
-        }                                                                                             \
-    }
+    TRANSPOSE16_8X8(ATTR, NAME##_transpose, V, P)
 
 IDCT16_PASS(, idct_kernel_16, __m128i, _mm_)
 IDCT16_PASS(__attribute__((target("avx2"))), idct_kernel_16x2, __m256i, _mm256_)

@@ -5,13 +5,21 @@
 #include "codecs/jpeg.h"
 #include "codecs/jpeg_lanes.h"
 
+#include <algorithm>
+#include <bit>
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#endif
+
 namespace brv {
 
 namespace {
 
 constexpr int32_t ROW_LIMIT = 65280;
 constexpr int32_t FLUSH_SIZE = 10000;
-// Room for one more component's worth of coded bytes past the flush size.
+// Room for one more unit's worth of coded bytes past the flush size (four
+// blocks of at most 64 codes of 26 bits, every byte stuffed: under 1,700).
 constexpr int32_t OUTPUT_SIZE = FLUSH_SIZE + 4096;
 
 constexpr uint8_t base_luma[64] = {
@@ -53,9 +61,9 @@ constexpr uint8_t ac_chroma_values[162] = {
     0xc2, 0xc3, 0xc4, 0xc5, 0xc6, 0xc7, 0xc8, 0xc9, 0xca, 0xd2, 0xd3, 0xd4, 0xd5, 0xd6, 0xd7, 0xd8, 0xd9, 0xda,
     0xe2, 0xe3, 0xe4, 0xe5, 0xe6, 0xe7, 0xe8, 0xe9, 0xea, 0xf2, 0xf3, 0xf4, 0xf5, 0xf6, 0xf7, 0xf8, 0xf9, 0xfa};
 
+// Each symbol's code above its length (the low 8 bits), one load a symbol.
 struct code_table {
-    uint8_t length[256];
-    uint16_t code[256];
+    uint32_t entry[256];
 };
 
 // Canonical codes: consecutive within a length, doubled for the next one.
@@ -64,10 +72,7 @@ void build_code_table(code_table &t, const uint8_t *bits, const uint8_t *values)
     uint32_t code = 0;
     int k = 0;
     for (int l = 1; l <= 16; l++) {
-        for (int i = 0; i < bits[l - 1]; i++, k++) {
-            t.length[values[k]] = static_cast<uint8_t>(l);
-            t.code[values[k]] = static_cast<uint16_t>(code++);
-        }
+        for (int i = 0; i < bits[l - 1]; i++, k++) t.entry[values[k]] = code++ << 8 | static_cast<uint32_t>(l);
         code <<= 1;
     }
 }
@@ -83,59 +88,72 @@ void jpeg_build_code_tables() {
 
 // ---- Output ------------------------------------------------------------------------
 
-// Bits gather in a 64-bit accumulator and leave four bytes at a time, high
-// byte first; a word without an 0xFF byte (nearly all) skips the stuffing.
+// Bits gather in a 64-bit accumulator and leave eight bytes at a time,
+// high byte first; a word without an 0xFF byte (nearly all) skips the
+// stuffing.  Copied into a local for each block, so its fields stay in
+// registers rather than being reloaded after every byte stored.
 struct bit_writer {
     uint8_t *out;
     int32_t len;
     uint64_t acc;
-    int pending;
+    int room;  // bits acc can take before it is sent: 1..64
 
     void emit(uint32_t byte) {
         out[len++] = static_cast<uint8_t>(byte);
         if (byte == 0xFF) out[len++] = 0;
     }
     // bits holds no more than its n (at most 32) low bits.
-    void put(int n, uint32_t bits) {
-        acc = acc << n | bits;
-        pending += n;
-        if (pending < 32) return;
-        pending -= 32;
-        uint32_t word = static_cast<uint32_t>(acc >> pending);
+    __attribute__((always_inline)) void put(int n, uint32_t bits) {
+        if (n < room) {
+            acc = acc << n | bits;
+            room -= n;
+            return;
+        }
+        // Fill the word and send it; acc keeps bits whole, and the part
+        // already sent leaves the top of acc before the next word is full.
+        const int rest = n - room;
+        const uint64_t word = acc << room | uint64_t{bits} >> rest;
+        acc = bits;
+        room = 64 - rest;
         // A byte of ~word is zero exactly where word has an 0xFF byte.
-        uint32_t inv = ~word;
-        if (((inv - 0x01010101u) & ~inv & 0x80808080u) == 0) {
-            out[len] = static_cast<uint8_t>(word >> 24), out[len + 1] = static_cast<uint8_t>(word >> 16);
-            out[len + 2] = static_cast<uint8_t>(word >> 8), out[len + 3] = static_cast<uint8_t>(word);
-            len += 4;
+        const uint64_t inv = ~word;
+        if (((inv - 0x0101010101010101u) & ~inv & 0x8080808080808080u) == 0) {
+            const uint64_t be = __builtin_bswap64(word);
+            std::memcpy(out + len, &be, 8);
+            len += 8;
         } else {
-            emit(word >> 24), emit((word >> 16) & 0xFF), emit((word >> 8) & 0xFF), emit(word & 0xFF);
+            for (int shift = 56; shift >= 0; shift -= 8) emit(static_cast<uint32_t>(word >> shift) & 0xFF);
         }
     }
     // The data ends on a whole 16-bit word, padded with zero bits.
     void finish() {
-        int pad = (16 - pending % 16) % 16;
-        acc <<= pad;
-        pending += pad;
-        while (pending >= 8) {
-            pending -= 8;
-            emit(static_cast<uint32_t>(acc >> pending) & 0xFF);
-        }
+        int pending = 64 - room;
+        const int pad = (16 - pending % 16) % 16;
+        for (; pending >= 8; pending -= 8) emit(static_cast<uint32_t>(acc >> (pending - 8)) & 0xFF);
+        const uint32_t tail = static_cast<uint32_t>(acc & ((1u << pending) - 1)) << pad;
+        for (int left = pending + pad; left >= 8; left -= 8) emit(tail >> (left - 8) & 0xFF);
     }
 };
 
+// Bits of |v|, 0 for 0: 2|v| + 1 is never zero, so the scan needs no test.
 inline int significant_bits(int v) {
-    unsigned a = static_cast<unsigned>(v < 0 ? -v : v);
-    return a ? 32 - std::countl_zero(a) : 0;
+    const unsigned a = static_cast<unsigned>(v < 0 ? -v : v);
+    return 31 - __builtin_clz(2 * a + 1);
 }
 
 // Code (run, value): the symbol run*16 + size, then the value's low bits
 // (one less when negative).
-inline void jpeg_encode_value(bit_writer &bw, int run, int value, const code_table &t) {
-    int s = significant_bits(value);
-    int sym = run * 16 + s;
-    uint32_t extra = static_cast<uint32_t>(value < 0 ? value - 1 : value) & ((1u << s) - 1);
-    bw.put(t.length[sym] + s, static_cast<uint32_t>(t.code[sym]) << s | extra);
+__attribute__((always_inline)) inline void jpeg_encode_value(bit_writer &bw, int run, int value, const code_table &t) {
+    const int s = significant_bits(value);
+    const uint32_t e = t.entry[run * 16 + s];
+    const uint32_t extra = static_cast<uint32_t>(value + (value >> 31)) & ((1u << s) - 1);
+    bw.put(static_cast<int>(e & 0xFF) + s, (e >> 8) << s | extra);
+}
+
+// A symbol with no value bits: end of block (0) or sixteen zeros (0xF0).
+__attribute__((always_inline)) inline void jpeg_encode_symbol(bit_writer &bw, int symbol, const code_table &t) {
+    const uint32_t e = t.entry[symbol];
+    bw.put(static_cast<int>(e & 0xFF), e >> 8);
 }
 
 // ---- Transform -------------------------------------------------------------------------
@@ -194,18 +212,17 @@ void jpeg_fdct_8x8(const int16_t *src, int stride, int16_t *coef) {
 
 namespace {
 
-// The forward transform eight lanes at a time, through the same kernel, so
-// the coefficients are the same bit for bit.  Pass 1 runs the eight sample
-// rows side by side (lane i: row i, by a transpose of the rows as loaded),
-// giving work row k in F[k]; pass 2 runs the work rows side by side after a
-// transpose, giving coefficient row m in lanes k.  With recip, the
-// coefficients leave quantised (jpeg_quantise_one on each lane), AC
-// clamped to 1023, and the result has bit 8m+k set where (m, k) is not zero.
+// The forward transform eight 32-bit lanes at a time, through the same
+// kernel, so the coefficients are the same bit for bit: the plain path, and
+// the reference the 16-bit paths below are held to.  Pass 1 runs the eight
+// sample rows side by side (lane i: row i, by a transpose of the rows as
+// loaded), giving work row k in F[k]; pass 2 runs the work rows side by side
+// after a transpose, giving coefficient row m in lanes k.  The coefficients
+// leave quantised (jpeg_quantise_one on each lane), AC clamped to 1023.
 using flanes8 = float __attribute__((vector_size(32)));
 using short8 = int16_t __attribute__((vector_size(16)));
-__attribute__((always_inline)) inline uint64_t fdct_lanes(const int16_t *src, int stride, const float *recip,
-                                                         int16_t *coef) {
-    lanes8 x[8], F[8], lo{}, hi{};
+void fdct_lanes(const int16_t *src, int stride, const float *recip, int16_t *coef) {
+    lanes8 x[8], F[8];
     int dc = 0;
     for (int i = 0; i < 8; i++) {
         short8 r;
@@ -219,127 +236,200 @@ __attribute__((always_inline)) inline uint64_t fdct_lanes(const int16_t *src, in
     fdct_kernel<2>(x, F);
     for (int m = 0; m < 8; m++) {
         lanes8 v = (F[m] << 16) >> 16;
-        if (recip) {
-            lanes8 sign = v >> 31;
-            flanes8 f = __builtin_convertvector((v ^ sign) - sign, flanes8), q;
-            std::memcpy(&q, recip + 8 * m, 32);
-            lanes8 a = __builtin_convertvector((f + 0.5f) * q, lanes8);
-            if (m == 0) dc = (a[0] ^ sign[0]) - sign[0];
-            // At most 1023 (what the AC code sizes reach), in arithmetic the
-            // plain build can vectorise too.
-            lanes8 over = a - 1023;
-            a -= over & ~(over >> 31);
-            v = (a ^ sign) - sign;
-            // Bit m*8+k of the mask: coefficient (m, k) is not zero.
-            lanes8 nz = (a != 0) & (lanes8{1, 2, 4, 8, 16, 32, 64, 128} << (m % 4 * 8));
-            (m < 4 ? lo : hi) |= nz;
-        }
+        lanes8 sign = v >> 31;
+        flanes8 f = __builtin_convertvector((v ^ sign) - sign, flanes8), q;
+        std::memcpy(&q, recip + 8 * m, 32);
+        lanes8 a = __builtin_convertvector((f + 0.5f) * q, lanes8);
+        if (m == 0) dc = (a[0] ^ sign[0]) - sign[0];
+        // At most 1023 (what the AC code sizes reach), in arithmetic the
+        // plain build can vectorise too.
+        lanes8 over = a - 1023;
+        a -= over & ~(over >> 31);
+        v = (a ^ sign) - sign;
         short8 out = __builtin_convertvector(v, short8);
         std::memcpy(coef + 8 * m, &out, 16);
     }
-    if (!recip) return 0;
     coef[0] = static_cast<int16_t>(dc);
-    uint32_t l = 0, h = 0;
-    for (int k = 0; k < 8; k++) l |= static_cast<uint32_t>(lo[k]), h |= static_cast<uint32_t>(hi[k]);
-    return uint64_t{h} << 32 | l;
+}
+
+int fdct_group_plain(const int16_t *const *src, int stride, const jpeg_quant_set &set, int16_t (*coef)[64],
+                     uint64_t *nonzero) {
+    fdct_lanes(src[0], stride, set.recip[0], coef[0]);
+    nonzero[0] = 0;
+    for (int k = 0; k < 64; k++) nonzero[0] |= uint64_t{coef[0][jpeg_zigzag[k]] != 0} << k;
+    return 1;
 }
 
 #if defined(__x86_64__) || defined(__i386__)
-__attribute__((target("avx2"))) uint64_t fdct_lanes_avx2(const int16_t *src, int stride, const float *recip,
-                                                         int16_t *coef) {
-    return fdct_lanes(src, stride, recip, coef);
-}
-#endif
-uint64_t fdct_lanes_plain(const int16_t *src, int stride, const float *recip, int16_t *coef) {
-    return fdct_lanes(src, stride, recip, coef);
+// The same transform in 16-bit lanes, one block per 128-bit part of the
+// vector.  Every product (v * K) >> s becomes v (or 3v) plus a high-half
+// multiply by a constant that fits 16 bits, which is the floor of the exact
+// product, so each step equals the 32-bit kernel's while its values fit 16
+// bits.  They do with room to spare: carried as linear forms of the 64
+// samples (-129..128) plus rounding intervals, no value in either pass
+// exceeds 6,700 in magnitude, nor any coefficient 1,040.
+//
+// The quantiser divides |v| (below 2^11) by q as |v| * m >> (11 + l), with
+// l = ceil(log2 q) and m = ceil(2^(11 + l) / q) (below 2^12): the quotient
+// truncated, as jpeg_quantise_one gives, for every numerator below 2^11.
+// In 16 bits: (|v| << 5) * (m << 4) >> 16 is |v| * m >> 7, and a high-half
+// multiply by 2^(12 - l) shifts it on by 4 + l.
+// v + v * k / 65536, floored: (v * K) >> s where K / 2^s = 1 + k / 65536.
+#define FDCT16_SCALE(P, v, k) P##add_epi16(v, P##mulhi_epi16(v, P##set1_epi16(k)))
+#define FDCT16(ATTR, NAME, V, P, BITS, SIGN)                                                                         \
+    ATTR __attribute__((always_inline)) inline void NAME##_pass(const V *x, V *F, bool first) {                      \
+        const V s07 = P##add_epi16(x[0], x[7]), s16 = P##add_epi16(x[1], x[6]);                                      \
+        const V s25 = P##add_epi16(x[2], x[5]), s34 = P##add_epi16(x[3], x[4]);                                      \
+        const V d07 = P##sub_epi16(x[0], x[7]), d16 = P##sub_epi16(x[1], x[6]);                                      \
+        const V d25 = P##sub_epi16(x[2], x[5]), d34 = P##sub_epi16(x[3], x[4]);                                      \
+        const V a = P##add_epi16(s07, s34), b = P##add_epi16(s16, s25);                                              \
+        const V m = FDCT16_SCALE(P, P##sub_epi16(s07, s34), -30144); /* 553 >> 10 */                                 \
+        const V n = FDCT16_SCALE(P, P##sub_epi16(s16, s25), 20096);  /* 1338 >> 10 */                                \
+        const V F6 = FDCT16_SCALE(P, P##sub_epi16(m, n), -19200);    /* 724 >> 10 */                                 \
+        const V F2 = P##add_epi16(P##add_epi16(m, n), F6);                                                           \
+        const V p = FDCT16_SCALE(P, d07, -32128); /* 261 >> 9 */                                                     \
+        const V q = P##add_epi16(P##add_epi16(P##add_epi16(d34, d34), d34),                                          \
+                                 P##mulhi_epi16(d34, P##set1_epi16(-28672))); /* 41 >> 4 */                          \
+        const V r = FDCT16_SCALE(P, d16, -26112); /* 77 >> 7 */                                                      \
+        const V t = FDCT16_SCALE(P, d25, -6528);  /* 461 >> 9 */                                                     \
+        const V Pq = P##add_epi16(p, q), Q = P##add_epi16(r, t);                                                     \
+        const V u = FDCT16_SCALE(P, P##sub_epi16(p, q), -30144), w = FDCT16_SCALE(P, P##sub_epi16(r, t), 20096);     \
+        /* 181 >> 8 in pass 1 and 724 >> 10 in pass 2 are the same step. */                                          \
+        const V F7 = FDCT16_SCALE(P, P##sub_epi16(u, w), -19200);                                                    \
+        const V G = P##add_epi16(P##add_epi16(u, w), F7);                                                            \
+        const V H = FDCT16_SCALE(P, P##sub_epi16(Pq, Q), -19200);                                                    \
+        const V F1 = P##add_epi16(P##add_epi16(Q, G), Pq), F3 = P##add_epi16(H, G), F5 = P##add_epi16(H, F7);        \
+        if (first) {                                                                                                 \
+            F[0] = FDCT16_SCALE(P, P##add_epi16(a, b), -19200), F[4] = FDCT16_SCALE(P, P##sub_epi16(a, b), -19200);  \
+            F[1] = F1, F[2] = F2, F[3] = F3, F[5] = F5, F[6] = F6, F[7] = F7;                                        \
+            return;                                                                                                  \
+        }                                                                                                            \
+        /* (v * 362 + 2048) >> 11 and (v * 724 + 4096) >> 12: 181 >> 10, plus one. */                                \
+        const V one = P##set1_epi16(1), two = P##set1_epi16(2);                                                      \
+        F[0] = P##add_epi16(P##mulhi_epi16(P##add_epi16(a, b), P##set1_epi16(11584)), one);                          \
+        F[4] = P##add_epi16(P##mulhi_epi16(P##sub_epi16(a, b), P##set1_epi16(11584)), one);                          \
+        F[1] = P##srai_epi16(P##add_epi16(F1, two), 2), F[2] = P##srai_epi16(P##add_epi16(F2, two), 2);              \
+        F[3] = P##srai_epi16(P##add_epi16(F3, two), 2), F[5] = P##srai_epi16(P##add_epi16(F5, two), 2);              \
+        F[6] = P##srai_epi16(P##add_epi16(F6, two), 2), F[7] = P##srai_epi16(P##add_epi16(F7, two), 2);              \
+    }                                                                                                                \
+    TRANSPOSE16_8X8(ATTR, NAME##_transpose, V, P)                                                                    \
+    /* Rows (one block per 128-bit part) to quantised coefficient rows. */                                           \
+    ATTR __attribute__((always_inline)) inline void NAME(V *x, const jpeg_quant_set &set) {                          \
+        V F[8];                                                                                                      \
+        NAME##_transpose(x, F);                                                                                      \
+        NAME##_pass(F, x, true);                                                                                     \
+        NAME##_transpose(x, F);                                                                                      \
+        NAME##_pass(F, x, false);                                                                                    \
+        for (int m = 0; m < 8; m++) {                                                                                \
+            const V a = P##abs_epi16(x[m]);                                                                          \
+            V r = P##mulhi_epu16(P##slli_epi16(a, 5), P##load_si##BITS(reinterpret_cast<const V *>(set.mult[m])));   \
+            r = P##mulhi_epu16(r, P##load_si##BITS(reinterpret_cast<const V *>(set.shift[m])));                      \
+            r = P##min_epi16(r, P##load_si##BITS(reinterpret_cast<const V *>(set.limit[m])));                        \
+            x[m] = SIGN(r, x[m]);                                                                                    \
+        }                                                                                                            \
+    }
+
+#define SIGN128(r, v) _mm_sign_epi16(r, v)
+#define SIGN256(r, v) _mm256_sign_epi16(r, v)
+FDCT16(__attribute__((target("ssse3"))), fdct16, __m128i, _mm_, 128, SIGN128)
+FDCT16(__attribute__((target("avx2"))), fdct16x2, __m256i, _mm256_, 256, SIGN256)
+#undef SIGN128
+#undef SIGN256
+#undef FDCT16
+#undef FDCT16_SCALE
+
+// The not-zero bits in zig-zag order come from the coefficient rows packed
+// to bytes (saturation keeps a non-zero one non-zero), pair of rows q in
+// packed[q], natural position 16q + i at byte i.  Zig-zag positions 16c to
+// 16c + 15 are gathered from packed[q] for q from first[c] to last[c] by
+// byte shuffles, one block per 128-bit part.
+struct zigzag_gather {
+    int8_t shuffle[4][4][16];
+    constexpr zigzag_gather() : shuffle{} {
+        for (int c = 0; c < 4; c++)
+            for (int q = 0; q < 4; q++)
+                for (int i = 0; i < 16; i++) {
+                    const int natural = jpeg_zigzag[16 * c + i];
+                    shuffle[c][q][i] = static_cast<int8_t>(natural / 16 == q ? natural % 16 : -128);
+                }
+    }
+    static constexpr int first[4] = {0, 0, 0, 1}, last[4] = {2, 3, 3, 3};
+};
+constexpr zigzag_gather zigzag_gathers;
+
+// Two 16-byte loads as the halves of one vector.
+__attribute__((target("avx2"))) inline __m256i load_halves(const void *lo, const void *hi) {
+    return _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(static_cast<const __m128i *>(lo))),
+                                   _mm_loadu_si128(static_cast<const __m128i *>(hi)), 1);
 }
 
-using fdct_fn = uint64_t (*)(const int16_t *, int, const float *, int16_t *);
-#if defined(__x86_64__) || defined(__i386__)
-// Static initialisers must ask for the processor's features themselves.
-const bool have_avx2 = (__builtin_cpu_init(), __builtin_cpu_supports("avx2"));
-fdct_fn fdct_best = have_avx2 ? fdct_lanes_avx2 : fdct_lanes_plain;
-#else
-fdct_fn fdct_best = fdct_lanes_plain;
+__attribute__((target("ssse3"))) int fdct_group_ssse3(const int16_t *const *src, int stride, const jpeg_quant_set &set,
+                                                      int16_t (*coef)[64], uint64_t *nonzero) {
+    __m128i x[8], packed[4];
+    for (int k = 0; k < 8; k++) x[k] = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src[0] + k * stride));
+    fdct16(x, set);
+    for (int k = 0; k < 8; k++) _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[0] + 8 * k), x[k]);
+    for (int q = 0; q < 4; q++) packed[q] = _mm_packs_epi16(x[2 * q], x[2 * q + 1]);
+    uint64_t zero = 0;
+    for (int c = 0; c < 4; c++) {
+        __m128i z = _mm_setzero_si128();
+        for (int q = zigzag_gather::first[c]; q <= zigzag_gather::last[c]; q++)
+            z = _mm_or_si128(z, _mm_shuffle_epi8(packed[q], _mm_loadu_si128(reinterpret_cast<const __m128i *>(
+                                                                zigzag_gathers.shuffle[c][q]))));
+        zero |= uint64_t(uint32_t(_mm_movemask_epi8(_mm_cmpeq_epi8(z, _mm_setzero_si128())))) << 16 * c;
+    }
+    nonzero[0] = ~zero;
+    return 1;
+}
+
+__attribute__((target("avx2"))) int fdct_group_avx2(const int16_t *const *src, int stride, const jpeg_quant_set &set,
+                                                    int16_t (*coef)[64], uint64_t *nonzero) {
+    __m256i x[8], packed[4];
+    for (int k = 0; k < 8; k++) x[k] = load_halves(src[0] + k * stride, src[1] + k * stride);
+    fdct16x2(x, set);
+    for (int k = 0; k < 8; k++) {
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[0] + 8 * k), _mm256_castsi256_si128(x[k]));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(coef[1] + 8 * k), _mm256_extracti128_si256(x[k], 1));
+    }
+    for (int q = 0; q < 4; q++) packed[q] = _mm256_packs_epi16(x[2 * q], x[2 * q + 1]);
+    uint64_t zero[2] = {};
+    for (int c = 0; c < 4; c++) {
+        __m256i z = _mm256_setzero_si256();
+        for (int q = zigzag_gather::first[c]; q <= zigzag_gather::last[c]; q++)
+            z = _mm256_or_si256(z, _mm256_shuffle_epi8(packed[q], _mm256_broadcastsi128_si256(_mm_loadu_si128(
+                                                                      reinterpret_cast<const __m128i *>(
+                                                                          zigzag_gathers.shuffle[c][q])))));
+        const uint32_t m = uint32_t(_mm256_movemask_epi8(_mm256_cmpeq_epi8(z, _mm256_setzero_si256())));
+        zero[0] |= uint64_t(m & 0xFFFF) << 16 * c, zero[1] |= uint64_t(m >> 16) << 16 * c;
+    }
+    nonzero[0] = ~zero[0], nonzero[1] = ~zero[1];
+    return 2;
+}
 #endif
 
 }  // namespace
 
-void jpeg_fdct_8x8_lanes(const int16_t *src, int stride, int16_t *coef) { fdct_best(src, stride, nullptr, coef); }
-uint64_t jpeg_fdct_quantise_lanes(const int16_t *src, int stride, const float *recip, int16_t *coef) {
-    return fdct_best(src, stride, recip, coef);
-}
-
-void jpeg_encoder_limit_vectors(int bits) {
-#if defined(__x86_64__) || defined(__i386__)
-    fdct_best = bits >= 256 && have_avx2 ? fdct_lanes_avx2 : fdct_lanes_plain;
-#else
-    (void)bits;
-#endif
+void jpeg_fill_quant_set(jpeg_quant_set &set, const uint8_t *const *tables) {
+    for (int s = 0; s < 2; s++)
+        for (int i = 0; i < 64; i++) {
+            const int q = tables[s][i];
+            const int l = q > 1 ? 32 - std::countl_zero(static_cast<unsigned>(q - 1)) : 0;
+            const int m = ((2048 << l) + q - 1) / q;
+            set.mult[i / 8][8 * s + i % 8] = static_cast<int16_t>(m << 4);
+            set.shift[i / 8][8 * s + i % 8] = static_cast<int16_t>(4096 >> l);
+            set.limit[i / 8][8 * s + i % 8] = static_cast<int16_t>(i == 0 ? 32767 : 1023);
+            set.recip[s][i] = 1.0f / static_cast<float>(q);
+        }
 }
 
 namespace {
 
-// Row m's eight not-zero bits (natural order) as bits in zigzag order.
-struct zigzag_table {
-    uint64_t t[8][256];
-    constexpr zigzag_table() : t{} {
-        for (int k = 0; k < 64; k++)
-            for (int b = 0; b < 256; b++)
-                if (b >> (jpeg_zigzag[k] % 8) & 1) t[jpeg_zigzag[k] / 8][b] |= uint64_t{1} << k;
-    }
-};
-constexpr zigzag_table zigzag_bits;
-
-struct component {
-    int16_t predictor;
-    int16_t *plane;
-    const float *recip;  // 1/q per natural-order position
-    int h;
-    const code_table *dc, *ac;
-};
-
-void encode_block(bit_writer &bw, component &c, const int16_t *samples, int stride) {
-    alignas(16) int16_t coef[64];
-    const uint64_t natural = fdct_best(samples, stride, c.recip, coef);
-    // The typical tables code DC differences up to 11 bits and AC values up
-    // to 10; the extremes of saturated colour at quality 100 could exceed them.
-    int diff = coef[0] - c.predictor;
-    if (diff > 2047) diff = 2047;
-    if (diff < -2047) diff = -2047;
-    c.predictor = static_cast<int16_t>(c.predictor + diff);
-    jpeg_encode_value(bw, 0, diff, *c.dc);
-    uint64_t nonzero = 0;
-    for (int m = 0; m < 8; m++) nonzero |= zigzag_bits.t[m][(natural >> 8 * m) & 0xFF];
-    nonzero &= ~uint64_t{1};
-    // Sixteen zeros in a row take the (15, 0) code.
-    int prev = 0;
-    while (nonzero) {
-        int k = std::countr_zero(nonzero);
-        nonzero &= nonzero - 1;
-        int run = k - prev - 1;
-        for (; run >= 16; run -= 16) jpeg_encode_value(bw, 15, 0, *c.ac);
-        jpeg_encode_value(bw, run, coef[jpeg_zigzag[k]], *c.ac);
-        prev = k;
-    }
-    if (prev < 63) jpeg_encode_value(bw, 0, 0, *c.ac);
-}
-
-// ---- Rows ----------------------------------------------------------------------------------
-
-void jpeg_expand_palette_row(uint8_t *buf, int width, const uint8_t *palette) {
-    const uint8_t *idx = buf + 2 * width;
-    for (int i = 0; i < width; i++) {
-        const uint8_t *e = palette + 4 * idx[i];
-        uint8_t b = e[0], g = e[1], r = e[2];
-        buf[3 * i] = b, buf[3 * i + 1] = g, buf[3 * i + 2] = r;
-    }
-}
+// ---- Colour --------------------------------------------------------------------------------
 
 // Luma for every sample; chroma from the even samples only, positions 0-7
 // of every 16-sample span holding the span's eight (the rest go unread).
 // W is a multiple of 16; eight samples go through lanes at a time.
-__attribute__((always_inline)) inline void bgr_to_ycc(const uint8_t *buf, int W, int16_t *y, int16_t *cb, int16_t *cr) {
+void bgr_to_ycc_plain(const uint8_t *buf, int W, int16_t *y, int16_t *cb, int16_t *cr) {
 // (Macros, not lambdas: see the transform kernel.)
 #define CHANNEL(p, step)                                                                                        \
     lanes8 { (p)[0], (p)[step], (p)[2 * (step)], (p)[3 * (step)], (p)[4 * (step)], (p)[5 * (step)], (p)[6 * (step)], \
@@ -365,15 +455,146 @@ __attribute__((always_inline)) inline void bgr_to_ycc(const uint8_t *buf, int W,
 #undef STORE
 
 #if defined(__x86_64__) || defined(__i386__)
+// Two 16-bit weights as the one 32-bit constant a pair multiply takes.
+constexpr int pair16(int first, int second) {
+    return static_cast<int>(static_cast<uint32_t>(second) << 16 | static_cast<uint16_t>(first));
+}
+
+// The same sums by pairs of 16-bit products (blue and green words side by
+// side, red beside a zero word), eight pixels per 128-bit part: lo holds
+// the part's first 16 bytes, hi its bytes 8 to 23.  Luma comes out as eight
+// words, chroma of pixels 0, 2, 4 and 6 as four 32-bit sums each.  WIDE
+// repeats a 128-bit byte shuffle across the vector.
+#define YCC16(ATTR, NAME, V, P, BITS, WIDE)                                                                          \
+    ATTR __attribute__((always_inline)) inline void NAME(V lo, V hi, V &y, V &cb, V &cr) {                           \
+        const V bg03 = P##shuffle_epi8(lo, WIDE(_mm_setr_epi8(0, -1, 1, -1, 3, -1, 4, -1, 6, -1, 7, -1, 9, -1, 10, -1))); \
+        const V r03 = P##shuffle_epi8(lo, WIDE(_mm_setr_epi8(2, -1, -1, -1, 5, -1, -1, -1, 8, -1, -1, -1, 11, -1, -1, -1))); \
+        const V bg47 = P##shuffle_epi8(hi, WIDE(_mm_setr_epi8(4, -1, 5, -1, 7, -1, 8, -1, 10, -1, 11, -1, 13, -1, 14, -1))); \
+        const V r47 = P##shuffle_epi8(hi, WIDE(_mm_setr_epi8(6, -1, -1, -1, 9, -1, -1, -1, 12, -1, -1, -1, 15, -1, -1, -1))); \
+        const V bge = P##or_si##BITS(                                                                                \
+            P##shuffle_epi8(lo, WIDE(_mm_setr_epi8(0, -1, 1, -1, 6, -1, 7, -1, -1, -1, -1, -1, -1, -1, -1, -1))),    \
+            P##shuffle_epi8(hi, WIDE(_mm_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, 4, -1, 5, -1, 10, -1, 11, -1)))); \
+        const V re = P##or_si##BITS(                                                                                 \
+            P##shuffle_epi8(lo, WIDE(_mm_setr_epi8(2, -1, -1, -1, 8, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1))),  \
+            P##shuffle_epi8(hi, WIDE(_mm_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, 6, -1, -1, -1, 12, -1, -1, -1)))); \
+        const V kbg = P##set1_epi32(pair16(120, 603)), kr = P##set1_epi32(pair16(308, 0));                           \
+        const V y03 = P##add_epi32(P##madd_epi16(bg03, kbg), P##madd_epi16(r03, kr));                                \
+        const V y47 = P##add_epi32(P##madd_epi16(bg47, kbg), P##madd_epi16(r47, kr));                                \
+        y = P##sub_epi16(P##packs_epi32(P##srai_epi32(y03, 10), P##srai_epi32(y47, 10)), P##set1_epi16(128));        \
+        cb = P##srai_epi32(P##add_epi32(P##madd_epi16(bge, P##set1_epi32(pair16(512, -339))),                        \
+                                        P##madd_epi16(re, P##set1_epi32(pair16(-178, 0)))), 10);                     \
+        cr = P##srai_epi32(P##add_epi32(P##madd_epi16(bge, P##set1_epi32(pair16(-83, -429))),                        \
+                                        P##madd_epi16(re, P##set1_epi32(pair16(512, 0)))), 10);                      \
+    }
+#define NARROW(m) (m)
+YCC16(__attribute__((target("ssse3"))), ycc8, __m128i, _mm_, 128, NARROW)
+YCC16(__attribute__((target("avx2"))), ycc8x2, __m256i, _mm256_, 256, _mm256_broadcastsi128_si256)
+#undef NARROW
+#undef YCC16
+
+__attribute__((target("ssse3"))) void bgr_to_ycc_ssse3(const uint8_t *buf, int W, int16_t *y, int16_t *cb, int16_t *cr) {
+    for (int s = 0; s < W; s += 16) {
+        const uint8_t *p = buf + 3 * s;
+        __m128i y0, y1, cb0, cb1, cr0, cr1;
+        ycc8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(p)),
+             _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + 8)), y0, cb0, cr0);
+        ycc8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(p + 24)),
+             _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + 32)), y1, cb1, cr1);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(y + s), y0);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(y + s + 8), y1);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(cb + s), _mm_packs_epi32(cb0, cb1));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(cr + s), _mm_packs_epi32(cr0, cr1));
+    }
+}
+
+// Pixels 0-7 of each span in the low half, 8-15 in the high half.
 __attribute__((target("avx2"))) void bgr_to_ycc_avx2(const uint8_t *buf, int W, int16_t *y, int16_t *cb, int16_t *cr) {
-    bgr_to_ycc(buf, W, y, cb, cr);
+    for (int s = 0; s < W; s += 16) {
+        const uint8_t *p = buf + 3 * s;
+        __m256i yv, cbv, crv;
+        ycc8x2(load_halves(p, p + 24), load_halves(p + 8, p + 32), yv, cbv, crv);
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(y + s), yv);
+        // Per half: four blue-difference words, then four red; gather each colour's eight.
+        const __m256i c = _mm256_permute4x64_epi64(_mm256_packs_epi32(cbv, crv), 0xD8);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(cb + s), _mm256_castsi256_si128(c));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(cr + s), _mm256_extracti128_si256(c, 1));
+    }
 }
 #endif
-void jpeg_bgr_to_ycc(const uint8_t *buf, int W, int16_t *y, int16_t *cb, int16_t *cr) {
+
+// The paths the encoder runs, chosen by the processor's features and
+// narrowed by jpeg_encoder_limit_vectors.
+using fdct_group_fn = int (*)(const int16_t *const *, int, const jpeg_quant_set &, int16_t (*)[64], uint64_t *);
+using ycc_fn = void (*)(const uint8_t *, int, int16_t *, int16_t *, int16_t *);
+struct encoder_paths {
+    fdct_group_fn fdct;
+    ycc_fn ycc;
+    int group;  // blocks per transform call
+};
+
+encoder_paths paths_for(int bits) {
 #if defined(__x86_64__) || defined(__i386__)
-    if (fdct_best == fdct_lanes_avx2) return bgr_to_ycc_avx2(buf, W, y, cb, cr);
+    // Static initialisers must ask for the processor's features themselves.
+    __builtin_cpu_init();
+    if (bits >= 256 && __builtin_cpu_supports("avx2")) return {fdct_group_avx2, bgr_to_ycc_avx2, 2};
+    if (bits >= 128 && __builtin_cpu_supports("ssse3")) return {fdct_group_ssse3, bgr_to_ycc_ssse3, 1};
 #endif
-    bgr_to_ycc(buf, W, y, cb, cr);
+    (void)bits;
+    return {fdct_group_plain, bgr_to_ycc_plain, 1};
+}
+encoder_paths paths = paths_for(256);
+
+}  // namespace
+
+int jpeg_fdct_quantise_group(const int16_t *const *src, int stride, const jpeg_quant_set &set, int16_t (*coef)[64],
+                             uint64_t *nonzero) {
+    return paths.fdct(src, stride, set, coef, nonzero);
+}
+
+void jpeg_encoder_limit_vectors(int bits) { paths = paths_for(bits); }
+
+namespace {
+
+struct component {
+    int16_t predictor;
+    const code_table *dc, *ac;
+};
+
+// One block's quantised coefficients (natural order) with their not-zero
+// bits in zig-zag order.
+void encode_block(bit_writer &to, component &c, const int16_t *coef, uint64_t nonzero) {
+    bit_writer bw = to;
+    // The typical tables code DC differences up to 11 bits and AC values up
+    // to 10; the extremes of saturated colour at quality 100 could exceed them.
+    int diff = coef[0] - c.predictor;
+    if (diff > 2047) diff = 2047;
+    if (diff < -2047) diff = -2047;
+    c.predictor = static_cast<int16_t>(c.predictor + diff);
+    jpeg_encode_value(bw, 0, diff, *c.dc);
+    nonzero &= ~uint64_t{1};
+    // Sixteen zeros in a row take the (15, 0) code.
+    int prev = 0;
+    while (nonzero) {
+        int k = std::countr_zero(nonzero);
+        nonzero &= nonzero - 1;
+        int run = k - prev - 1;
+        for (; run >= 16; run -= 16) jpeg_encode_symbol(bw, 0xF0, *c.ac);
+        jpeg_encode_value(bw, run, coef[jpeg_zigzag[k]], *c.ac);
+        prev = k;
+    }
+    if (prev < 63) jpeg_encode_symbol(bw, 0, *c.ac);
+    to = bw;
+}
+
+// ---- Rows ----------------------------------------------------------------------------------
+
+void jpeg_expand_palette_row(uint8_t *buf, int width, const uint8_t *palette) {
+    const uint8_t *idx = buf + 2 * width;
+    for (int i = 0; i < width; i++) {
+        const uint8_t *e = palette + 4 * idx[i];
+        uint8_t b = e[0], g = e[1], r = e[2];
+        buf[3 * i] = b, buf[3 * i + 1] = g, buf[3 * i + 2] = r;
+    }
 }
 
 int write_segment(int fd, const uint8_t *p, int32_t n) { return write_all(fd, p, n); }
@@ -489,38 +710,67 @@ BRIVANTA_WRITER(jpeg_write_file) {
     auto *out = static_cast<uint8_t *>(mem.take(OUTPUT_SIZE));
     if (!row || !planes || !out) return IMG_ERR_MEMORY;
     jpeg_build_code_tables();
-    float recip_luma[64], recip_chroma[64];
-    for (int i = 0; i < 64; i++) recip_luma[i] = 1.0f / jpeg_quant_luma[i], recip_chroma[i] = 1.0f / jpeg_quant_chroma[i];
-
-    component comp[3] = {
-        {0, planes, recip_luma, colour ? 2 : 1, &dc_luma_codes, &ac_luma_codes},
-        {0, planes + 8 * W, recip_chroma, 1, &dc_chroma_codes, &ac_chroma_codes},
-        {0, planes + 16 * W, recip_chroma, 1, &dc_chroma_codes, &ac_chroma_codes},
-    };
-    bit_writer bw{out, 0, 0, 0};
+    // A colour unit's two luma blocks go through the transform together,
+    // then its two chroma blocks; grey units two at a time (or one by one
+    // on the narrower paths).
+    const encoder_paths path = paths;
+    alignas(32) jpeg_quant_set luma, chroma;
+    {
+        const uint8_t *const l[2] = {jpeg_quant_luma, jpeg_quant_luma};
+        const uint8_t *const c[2] = {jpeg_quant_chroma, jpeg_quant_chroma};
+        jpeg_fill_quant_set(luma, l), jpeg_fill_quant_set(chroma, c);
+    }
+    int16_t *const y_plane = planes, *const cb_plane = planes + 8 * W, *const cr_plane = planes + 16 * W;
+    component comp[3] = {{0, &dc_luma_codes, &ac_luma_codes},
+                         {0, &dc_chroma_codes, &ac_chroma_codes},
+                         {0, &dc_chroma_codes, &ac_chroma_codes}};
+    alignas(32) int16_t coef[4][64];
+    uint64_t nonzero[4];
+    bit_writer bw{out, 0, 0, 64};
     const int fetch_bytes = static_cast<int>(row_bytes(width, bits));
     const int px = colour ? 3 : 1;
+    // Rows needing no padding or expansion are read where the handle keeps them.
+    const bool in_place = !expand && width == W;
+    const uint8_t *current = row;
     int next_row = 0;
     for (int top = 0; top < height; top += 8) {
         for (int i = 0; i < 8; i++) {
-            // Past the last row the buffer still holds it: the padding repeats it.
+            // Past the last row current still holds it: the padding repeats it.
             if (next_row < height) {
-                uint8_t *dst = expand ? row + 2 * width : row;
-                if (int rc = get_row(context, dst, next_row++, fetch_bytes); rc < 0) return rc;
-                if (expand) jpeg_expand_palette_row(row, width, palette);
-                for (int x = width; x < W; x++) std::memcpy(row + px * x, row + px * (width - 1), px);
+                int rc = in_place ? save_row_view(get_row, context, next_row, fetch_bytes, &current) : 0;
+                if (rc < 0) return rc;
+                if (rc == 0) {
+                    uint8_t *dst = expand ? row + 2 * width : row;
+                    if (rc = get_row(context, dst, next_row, fetch_bytes); rc < 0) return rc;
+                    if (expand) jpeg_expand_palette_row(row, width, palette);
+                    for (int x = width; x < W; x++) std::memcpy(row + px * x, row + px * (width - 1), px);
+                    current = row;
+                }
+                next_row++;
             }
-            int16_t *y = comp[0].plane + i * W;
+            int16_t *y = y_plane + i * W;
             if (colour) {
-                int16_t *cb = comp[1].plane + i * W, *cr = comp[2].plane + i * W;
-                jpeg_bgr_to_ycc(row, W, y, cb, cr);
+                path.ycc(current, W, y, cb_plane + i * W, cr_plane + i * W);
             } else {
-                for (int x = 0; x < W; x++) y[x] = static_cast<int16_t>(row[x] - 128);
+                for (int x = 0; x < W; x++) y[x] = static_cast<int16_t>(current[x] - 128);
             }
         }
-        for (int x = 0; x < W; x += mcu) {
-            for (int c = 0; c < comps; c++) {
-                for (int h = 0; h < comp[c].h; h++) encode_block(bw, comp[c], comp[c].plane + x + 8 * h, W);
+        if (colour) {
+            for (int x = 0; x < W; x += 16) {
+                const int16_t *const src[4] = {y_plane + x, y_plane + x + 8, cb_plane + x, cr_plane + x};
+                for (int b = 0; b < 4; b += path.group) path.fdct(src + b, W, b < 2 ? luma : chroma, coef + b, nonzero + b);
+                encode_block(bw, comp[0], coef[0], nonzero[0]);
+                encode_block(bw, comp[0], coef[1], nonzero[1]);
+                encode_block(bw, comp[1], coef[2], nonzero[2]);
+                encode_block(bw, comp[2], coef[3], nonzero[3]);
+                if (int rc = flush_full(fd, bw); rc < 0) return rc;
+            }
+        } else {
+            // A group running past the right edge repeats the last block.
+            for (int x = 0; x < W; x += 8 * path.group) {
+                const int16_t *const src[2] = {y_plane + x, y_plane + std::min(x + 8, W - 8)};
+                path.fdct(src, W, luma, coef, nonzero);
+                for (int b = 0; b < path.group && x + 8 * b < W; b++) encode_block(bw, comp[0], coef[b], nonzero[b]);
                 if (int rc = flush_full(fd, bw); rc < 0) return rc;
             }
         }

@@ -1,5 +1,5 @@
-// Eight 32-bit lanes for the JPEG transforms: the vector type, the lane
-// shuffle in both compilers' spellings, and the 8x8 transpose between passes.
+// Lanes for the JPEG transforms: the eight-lane 32-bit vector type, the lane
+// shuffle in both compilers' spellings, and the 8x8 transposes between passes.
 #pragma once
 #include <cstdint>
 
@@ -30,5 +30,27 @@ __attribute__((always_inline)) inline void transpose_lanes8(const lanes8 *in, la
         out[m + 4] = LANE_SHUFFLE(u[m], u[m + 4], 4, 5, 6, 7, 12, 13, 14, 15);
     }
 }
+
+// The 8x8 transpose of 16-bit samples within each 128-bit part of a vector
+// (one block per part), written once for every width: NAME(y, x) gives
+// x[m] lane k = y[k] lane m.  P is the intrinsics' prefix (_mm_, _mm256_, ...).
+#define TRANSPOSE16_8X8(ATTR, NAME, V, P)                                                \
+    ATTR __attribute__((always_inline)) inline void NAME(const V *y, V *x) {             \
+        V a[8], b[8];                                                                    \
+        for (int q = 0; q < 8; q += 2) {                                                 \
+            a[q] = P##unpacklo_epi16(y[q], y[q + 1]);                                    \
+            a[q + 1] = P##unpackhi_epi16(y[q], y[q + 1]);                                \
+        }                                                                                \
+        for (int q = 0; q < 8; q += 4) {                                                 \
+            b[q] = P##unpacklo_epi32(a[q], a[q + 2]);                                    \
+            b[q + 1] = P##unpackhi_epi32(a[q], a[q + 2]);                                \
+            b[q + 2] = P##unpacklo_epi32(a[q + 1], a[q + 3]);                            \
+            b[q + 3] = P##unpackhi_epi32(a[q + 1], a[q + 3]);                            \
+        }                                                                                \
+        for (int q = 0; q < 4; q++) {                                                    \
+            x[2 * q] = P##unpacklo_epi64(b[q], b[q + 4]);                                \
+            x[2 * q + 1] = P##unpackhi_epi64(b[q], b[q + 4]);                            \
+        }                                                                                \
+    }
 
 }  // namespace brv

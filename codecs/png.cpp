@@ -122,13 +122,16 @@ BRIVANTA_READER(png_read_file) {
     if ((rc = begin_image(dib, context)) < 0) return rc;
 
     for (uint32_t y = 0; y < in.height; y++) {
-        // Opaque RGB comes straight into the DIB row: only red and blue trade places.
-        if ((rc = png_decode_row(dec.d, in.rgb ? out : row)) < 0) return rc;
+        // Opaque RGB comes straight into the DIB row (the handle's own, when
+        // the sink allows): only red and blue trade places.
+        uint8_t *dst = in.rgb ? load_row_target(put_row, context, static_cast<int>(y)) : nullptr;
+        if (!dst) dst = out;
+        if ((rc = png_decode_row(dec.d, in.rgb ? dst : row)) < 0) return rc;
         if (in.rgb)
-            for (uint32_t x = 0; x < in.width; x++) std::swap(out[3 * x], out[3 * x + 2]);
+            swap_red_blue(dst, dst, in.width);
         else
             convert_row(in, row, out, bits, back);
-        if ((rc = put_row(out, context, static_cast<int>(y), static_cast<int>(out_len))) < 0) return rc;
+        if ((rc = put_row(dst, context, static_cast<int>(y), static_cast<int>(out_len))) < 0) return rc;
     }
     return 0;
 }

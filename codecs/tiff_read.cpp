@@ -623,6 +623,12 @@ void rgb_to_bgr(const uint8_t *p, uint8_t *out, uint32_t width) {
     rgb_to_bgr_narrow(p, out, width);
 }
 
+}  // namespace
+
+void swap_red_blue(const uint8_t *p, uint8_t *out, uint32_t width) { rgb_to_bgr(p, out, width); }
+
+namespace {
+
 int tiff_row_convert(tiff_reader &r, const uint8_t *row, int index) {
     const tiff_tag_record &t = r.rec;
     uint32_t bits = r.bits;

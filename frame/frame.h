@@ -166,6 +166,14 @@ using writer_fn = int (*)(int fd, const dib_info *header, IMG_get_row_fn get_row
 // then has nothing to copy.  Null for any other sink or row.
 uint8_t *load_row_target(IMG_put_row_fn put_row, void *context, int r);
 
+// The writer's counterpart: when get_row is the handle's own source and
+// row r would come out as stored (no brightness or contrast table, the n
+// bytes within the stored row), points *row at it after the status report
+// get_row would make, and returns 1; the writer reads the row there and
+// nothing is copied.  0 for any other source (fetch the row as usual), or
+// the status hook's negative code.
+int save_row_view(IMG_get_row_fn get_row, void *context, int r, int n, const uint8_t **row);
+
 // A reader that finds a picture's author or date text hands it here; the
 // frame keeps it as the text writers embed.  Null leaves a text as it is.
 void report_identification(const char *text, const char *date);

@@ -35,6 +35,21 @@ int IMG_CALLBACK save_get_row(void *context, unsigned char *buffer, int r, int n
     return 0;
 }
 
+}  // namespace
+
+int save_row_view(IMG_get_row_fn get_row, void *context, int r, int n, const uint8_t **row) {
+    if (get_row != save_get_row || !context) return 0;
+    auto *ctx = static_cast<save_context *>(context);
+    const int stored = ctx->full_height - r - 1 - ctx->crop_top;
+    if (ctx->level_table || stored < 0 || stored >= ctx->full_height || n < 0 || n > ctx->stride - ctx->left_byte)
+        return 0;
+    if (int s = status_report(ctx->full_height); s < 0) return s;
+    *row = ctx->bits + static_cast<size_t>(stored) * ctx->stride + ctx->left_byte;
+    return 1;
+}
+
+namespace {
+
 int left_byte_of(int left, int bits) {
     switch (bits) {
     case 1: return (left + 7) / 8;

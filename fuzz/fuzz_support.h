@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 
 #if defined(__has_feature)
 #if __has_feature(memory_sanitizer)
@@ -134,4 +135,75 @@ inline int fuzz_reader(const uint8_t *data, size_t size, reader_fn reader, const
     if (announced_pixels > 0 && announced_pixels <= (1 << 22))
         IMG_delete_bitmap(check_loaded(IMG_decompress_bitmap_mem(in.bytes, 0)));
     return 0;
+}
+
+// The low-level load of a file image (recording its announced size), then,
+// when that size is sane, the handle-level load: the handle or a code.
+inline int load_both(void *file, int page = 0) {
+    announced_pixels = 0;
+    IMGLOW_decompress_bitmap_mem(file, page, accept_row, nullptr, accept_header);
+    return announced_pixels <= (1 << 22) ? check_loaded(IMG_decompress_bitmap_mem(file, page)) : -1;
+}
+
+// The colour of pixel x of row y (bottom-up storage) of a DIB, as 0xRRGGBB.
+inline uint32_t colour_at(const uint8_t *dib, int w, int h, int bits, int x, int y) {
+    const int pal = bits == 24 ? 0 : 4 << bits;
+    const uint8_t *r = dib + 40 + pal + int64_t{h - 1 - y} * row_bytes(w, bits);
+    if (bits == 24) return uint32_t(r[3 * x + 2]) << 16 | r[3 * x + 1] << 8 | r[3 * x];
+    int v = bits == 8 ? r[x] : bits == 4 ? (r[x / 2] >> (x & 1 ? 0 : 4)) & 15 : (r[x / 8] >> (7 - x % 8)) & 1;
+    const uint8_t *q = dib + 40 + 4 * v;
+    return uint32_t(q[2]) << 16 | q[1] << 8 | q[0];
+}
+
+// Two handles of the same size and depth whose every pixel shows the same
+// colour (a table may be reordered or normalised on the way).
+inline bool same_look(int a, int b) {
+    int wa, ha, ba, wb, hb, bb;
+    int blk_a = IMG_bitmap_info(a, &wa, &ha, &ba), blk_b = IMG_bitmap_info(b, &wb, &hb, &bb);
+    if (blk_a <= 0 || blk_b <= 0 || wa != wb || ha != hb || ba != bb) return false;
+    auto *da = static_cast<uint8_t *>(IMG_mem_lock(blk_a));
+    auto *db = static_cast<uint8_t *>(IMG_mem_lock(blk_b));
+    bool same = true;
+    for (int y = 0; same && y < ha; y++)
+        for (int x = 0; same && x < wa; x++) same = colour_at(da, wa, ha, ba, x, y) == colour_at(db, wb, hb, bb, x, y);
+    IMG_mem_unlock(blk_a);
+    IMG_mem_unlock(blk_b);
+    return same;
+}
+
+// Saves a handle as type into a block of room bytes: the save's result.
+// With reload, the file is loaded again from a block of its exact size and
+// must look the same: our own files read back.
+inline int save_checked(int h, int type, int64_t room, bool reload = false) {
+    int out = IMG_mem_alloc(static_cast<int>(room));
+    void *o = IMG_mem_lock(out);
+    int n = o ? IMG_save_bitmap_mem(h, o, type) : -1;
+    if (reload && n > 0) {
+        int back = reload_exact(o, n);
+        if (back < 0 || !same_look(h, back)) std::abort();
+        IMG_delete_bitmap(back);
+    }
+    if (o) IMG_mem_unlock(out);
+    IMG_mem_free(out);
+    return n;
+}
+
+// A reader run low-level over the input into a kept picture, which then
+// goes out through each writer of types.
+inline void read_then_write(uint8_t *file, reader_fn reader, std::initializer_list<int> types) {
+    memory_source_set(file);
+    decoded d;
+    int rc = reader(0, keep_row, &d, keep_header, MEMORY_FD);
+    if (scratch_count() != 0) std::abort();  // the reader frees what it takes
+    memory_source_end();
+    if (rc >= 0 && d.pixels) {
+        int out = IMG_mem_alloc(static_cast<int>(row_bytes(d.width, 24) * d.height * 3 + 8192));
+        if (void *q = IMG_mem_lock(out)) {
+            for (int type : types) IMGLOW_save_bitmap_mem(q, d.header, type, kept_row, &d);
+            IMG_mem_unlock(out);
+        }
+        IMG_mem_free(out);
+    }
+    std::free(d.pixels);
+    scratch_free_all();
 }

@@ -4,8 +4,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 16 || size > (1u << 20)) return 0;
-    static const int limit = IMGLOW_set_load_limit(16);
-    (void)limit;
+    [[maybe_unused]] static const int limit = IMGLOW_set_load_limit(16);
     fuzz_input in(data, size);
     if (!in.bytes) return 0;
     const uint8_t words = in.bytes[3] & 1 ? 9 : 8;

@@ -8,9 +8,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (!in.bytes) return 0;
     uint8_t *p = in.bytes;
     std::memcpy(p + 1, "WPC", 3);
-    announced_pixels = 0;
-    IMGLOW_decompress_bitmap_mem(p, 0, accept_row, nullptr, accept_header);
-    int h = announced_pixels <= (1 << 22) ? check_loaded(IMG_decompress_bitmap_mem(p, 0)) : -1;
+    int h = load_both(p);
     if (h >= 0) IMG_delete_bitmap(h);
     return 0;
 }

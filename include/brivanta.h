@@ -201,6 +201,8 @@ IMG_EXPORT int IMG_API IMGLOW_save_bitmap_mem(void *block, const void *header, i
                                               IMG_get_row_fn get_row, void *context);
 IMG_EXPORT int IMG_API IMGLOW_set_comp_quality(int quality);
 /* The PNG writer's deflate level, 0 (stored) to 9 (smallest); 6 at start.
+ * The Windows writer, whose deflate effort is fixed, takes it as its row
+ * filter: 0 none, 1-3 left difference, 4-6 its default, 7-9 best per row.
  * Returns the previous level, or IMG_ERR_TYPE for a level outside 0..9. */
 IMG_EXPORT int IMG_API IMGLOW_set_png_level(int level);
 /* Sun raster output (type 37): nonzero writes byte-encoded run-length data,
@@ -255,6 +257,8 @@ IMG_EXPORT int IMG_API IMGLOW_set_rop(int handle, int rop);
 IMG_EXPORT int IMG_API IMGLOW_get_transp_color(int handle);
 IMG_EXPORT int IMG_API IMGLOW_get_image_orientation(const char *name);
 IMG_EXPORT int IMG_API IMG_qor_version(int *major, int *minor);
+/* Copies per piece of a transition effect (times the effect's weight);
+ * 0 or less: measured against the device at each effect. */
 IMG_EXPORT int IMG_API IMGLOW_set_wipedelay(int delay);
 /* Writes the clipboard's picture to the BMP file name: 1, IMG_ERR_OPEN when
  * the clipboard cannot be opened or holds no picture, IMG_ERR_MEMORY when the
@@ -275,6 +279,18 @@ IMG_EXPORT int IMG_API IMG_save_clipboard(const char *name, void *owner);
  *     device coordinates go over as 16 bits. */
 IMG_EXPORT int IMG_API IMG_print_bitmap(int handle, void *dc, int left, int top, int width, int height);
 IMG_EXPORT int IMG_API IMG_print_bitmap_fast(int handle, void *dc, int left, int top, int width, int height);
+/* Draws a device-dependent bitmap (HBITMAP; on Linux a bitmap surface) into
+ * dc with its top-left corner at (left, top), revealed piece by piece:
+ * 1 rows top to bottom, 2 rows bottom to top (the top row is left
+ * undrawn), 3 8-pixel columns right to left (a remainder of width mod 8 at
+ * the left edge is left undrawn), 4 columns left to right, 5 four
+ * interleaved bands, 6 a checkerboard, 7 a box growing from the centre in
+ * eighths, 8 four blinds, 9 a box growing by 8 pixels, 10 curtains opening
+ * from the middle.  Any other code draws nothing.  The status callback is
+ * called with the picture's height as it runs and stops it by answering < 0.
+ * 0, IMG_ERR_MEMORY, -8 when the bitmap's size cannot be read, or
+ * IMG_ERR_STOPPED (what was drawn stays). */
+IMG_EXPORT int IMG_API IMG_display_ddb_effect(void *ddb, void *dc, int left, int top, int effect);
 
 /* Processing, in place on a handle: the handle keeps its number, and on
  * any failure its bitmap and record are left as they were.  Long operations
@@ -329,6 +345,46 @@ IMG_EXPORT int IMG_API IMG_color_gray(int handle);
  * size (nothing is copied for a null buffer or a size of 0).  Returns the
  * text's full length, or IMG_ERR_TYPE for a code the library never returns. */
 IMG_EXPORT int IMG_API IMG_get_error_text(int code, char *text_out, int size);
+
+/* Scanning: pictures from a scanner through the system's source manager
+ * (TWAIN32.DLL in the Windows directory; libsane, loaded when needed,
+ * elsewhere).  window is the parent window (HWND) on Windows and is ignored
+ * elsewhere; show_ui shows the source's own dialog on Windows.  Results:
+ * IMG_ERR_SCAN_SOURCE the source cannot be opened or enabled (or there is
+ * none), IMG_ERR_SCAN_ACQUIRE no source manager, IMG_ERR_STOPPED the user
+ * cancelled or closed the source (or the status callback stopped the
+ * transfer), IMG_ERR_MEMORY the transfer failed.
+ *   IMG_scan_acquire: one picture into a new handle.
+ *   IMG_scan_pages: every page the source delivers (a feeder until empty),
+ *     each saved as type (negative: BMP).  A multi-page type (TIFF 0, 7, 8,
+ *     10, 16 or DCX 11) with a name puts all pages in that file, replacing
+ *     it; otherwise page n goes to "%s%08d.img" with name as prefix (no
+ *     prefix when null), replacing any such file.  Returns the last page's
+ *     handle number (already deleted) or a negative code; a failed
+ *     transfer within the series gives IMG_ERR_SCAN_SOURCE.
+ *   IMG_scan_set_caps: what later scans ask of the source (on Windows when
+ *     its dialog is hidden); 0 leaves a setting as the source has it.  Area
+ *     in thousandths of an inch from the top-left corner; width or height 0
+ *     takes the whole area.  0, or IMG_ERR_TYPE for a value out of range.
+ *   IMG_scan_open_source: the source later scans use, by name; null or ""
+ *     shows the selection dialog on Windows and takes the first device
+ *     elsewhere.  0, IMG_ERR_SCAN_SOURCE for a name no source has,
+ *     IMG_ERR_STOPPED when the dialog is cancelled.
+ *   IMG_scan_list_sources: the source names, each NUL-terminated and then an
+ *     empty one, as many whole names as fit in size bytes; the number of
+ *     sources there are, or a negative code. */
+#define IMG_SCAN_COLOUR  1
+#define IMG_SCAN_GREY    2
+#define IMG_SCAN_LINEART 3
+#define IMG_SCAN_FLATBED 1
+#define IMG_SCAN_FEEDER  2
+#define IMG_SCAN_DUPLEX  3
+IMG_EXPORT int IMG_API IMG_scan_acquire(void *window, int show_ui);
+IMG_EXPORT int IMG_API IMG_scan_pages(void *window, const char *name, int type, int show_ui);
+IMG_EXPORT int IMG_API IMG_scan_set_caps(int resolution, int mode, int source, int left, int top, int width,
+                                         int height);
+IMG_EXPORT int IMG_API IMG_scan_open_source(void *window, const char *name);
+IMG_EXPORT int IMG_API IMG_scan_list_sources(char *names, int size);
 
 /* Text import: plain text files read as pictures.  Detection of text (type
  * IMG_TYPE_TEXT) is off until IMGLOW_set_auto_detect(IMG_TYPE_TEXT) is
@@ -505,6 +561,49 @@ IMG_EXPORT int IMG_API IMG_dc_create_printer(const char *pdf_file, const char *q
 IMG_EXPORT int IMG_API IMG_dc_start_page(void *dc);
 IMG_EXPORT int IMG_API IMG_dc_end_page(void *dc);
 IMG_EXPORT int IMG_API IMG_dc_end_doc(void *dc);
+
+/* A window on an X display, as a surface: its pixels are the window's
+ * backing store, shown through MIT-SHM where the server has it and by
+ * plain image requests otherwise.  The surface is the device context and
+ * the window of the display exports alike; its client area is the window's
+ * size, and pixels the server lost are put back from the backing store
+ * without the caller.  IMG_dc_delete closes the window.
+ *   IMG_dc_create_window: opens display (null: $DISPLAY) and maps a white
+ *     window of width x height titled title; *dc receives it.
+ *     IMG_ERR_TYPE when the display cannot be opened, is not a 24-bit true
+ *     colour one, or the library was built without X11; IMG_ERR_MEMORY.
+ *   IMG_dc_next_event: waits up to timeout_ms (-1: for ever) for the next
+ *     event: 1 with *event filled, 0 on timeout, IMG_ERR_HANDLE for what is
+ *     no window.  After a scroll moved the window's pixels, the uncovered
+ *     strip comes as an IMG_EVENT_PAINT to draw (as the paint that follows
+ *     ScrollWindow on Windows); IMG_EVENT_RESIZE comes with the backing
+ *     store already resized (new parts white), to be drawn whole. */
+#define IMG_EVENT_KEY    1  /* key: a lower-case character or IMG_KEY_*, modifiers */
+#define IMG_EVENT_WHEEL  2  /* wheel: +1 up, -1 down, modifiers */
+#define IMG_EVENT_PAINT  3  /* left, top, right, bottom: a rectangle to draw */
+#define IMG_EVENT_RESIZE 4  /* right, bottom: the new client size */
+#define IMG_EVENT_CLOSE  5  /* the window manager asks to close */
+#define IMG_KEY_ESCAPE    27
+#define IMG_KEY_LEFT      0x101
+#define IMG_KEY_RIGHT     0x102
+#define IMG_KEY_UP        0x103
+#define IMG_KEY_DOWN      0x104
+#define IMG_KEY_PAGE_UP   0x105
+#define IMG_KEY_PAGE_DOWN 0x106
+#define IMG_KEY_HOME      0x107
+#define IMG_KEY_END       0x108
+#define IMG_MOD_SHIFT 1
+#define IMG_MOD_CTRL  2
+typedef struct IMG_event {
+    int type;
+    int key;
+    int wheel;
+    int modifiers;
+    int left, top, right, bottom;
+} IMG_event;
+IMG_EXPORT int IMG_API IMG_dc_create_window(const char *display, int width, int height, const char *title,
+                                            void **dc);
+IMG_EXPORT int IMG_API IMG_dc_next_event(void *dc, int timeout_ms, IMG_event *event);
 #endif
 
 /* The library's exit procedure: does nothing, returns 1. */

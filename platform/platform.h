@@ -28,6 +28,11 @@ mem_block mem_handle(const void *address);
 void mem_fail_after(int k);
 int mem_live_blocks();
 
+// Freed picture-sized blocks may be kept for reuse (they are not alive):
+// give them all back to the system, and count the bytes kept.
+void mem_trim();
+uint32_t mem_cached_bytes();
+
 // ---- Files -------------------------------------------------------------------
 constexpr int OS_OPEN_READ = 0;
 constexpr int OS_OPEN_READWRITE = 2;

@@ -128,22 +128,40 @@ int flip_x(held_bitmap &held) {
     return 0;
 }
 
-// Flip in y into a new block, or (mirror) a half turn: flip in x and in y.
+// Flip in y in place, rows exchanged pairwise through one row buffer; for a
+// half turn (mirror) each row goes mirrored into its partner's place.  Both
+// rows of a pair are reported before the pair is touched, and a stop swaps
+// back the pairs done, so the handle is left as it was.  (A half turn reports
+// nothing, so it is never stopped: mirroring twice would clear padding bits.)
 int flip_y(held_bitmap &held, bool do_mirror) {
     const bitmap &bm = held.bm;
-    new_bitmap out(bm.dib, bm.width, bm.height, bm.bits);
-    if (!out) return IMG_ERR_MEMORY;
+    const uint32_t n = bm.stride;
+    auto *keep = static_cast<uint8_t *>(scratch_alloc(n));
+    if (!keep) return IMG_ERR_MEMORY;
     const mirror_fn mirror = mirror_kernel(bm.bits, true);
-    for (int y = 0; y < bm.height; y++) {
-        uint8_t *to = out.bm.row(bm.height - 1 - y);
-        std::memcpy(to, bm.row(y), bm.stride);
-        if (do_mirror) mirror(bm.row(y), to, bm.width);
-        if (int r = row_done(bm.height); r < 0) return r;
+    auto exchange = [&](int y) {
+        uint8_t *a = bm.row(y), *b = bm.row(bm.height - 1 - y);
+        std::memcpy(keep, a, n);
+        if (a != b) {
+            std::memcpy(a, b, n);
+            if (do_mirror) mirror(b, a, bm.width);
+            std::memcpy(b, keep, n);
+        }
+        if (do_mirror) mirror(keep, b, bm.width);
+    };
+    int r = 0, y = 0;
+    for (; 2 * y < bm.height; y++) {
+        if ((r = row_done(bm.height)) < 0) break;
+        if (bm.height - 1 - y != y && (r = row_done(bm.height)) < 0) break;
+        exchange(y);
     }
+    if (r < 0)
+        while (y-- > 0) exchange(y);
+    scratch_free(keep);
+    if (r < 0) return r;
     handle_record *rec = held.rec;
     rec->crop_top = bm.height - (rec->crop_top + rec->crop_height);
     if (do_mirror) rec->crop_left = bm.width - (rec->crop_left + rec->crop_width);
-    install(held, out);
     return 0;
 }
 
@@ -166,13 +184,24 @@ int transpose(const bitmap &src, const bitmap &dst, bool rows_reversed, bool col
             const int x1 = x0 + TILE < W ? x0 + TILE : W;
             for (int x = x0; x < x1; x++) {
                 uint8_t *d = dst.row(rows_reversed ? W - 1 - x : x);
-                if constexpr (Bits == 8 || Bits == 24) {
-                    constexpr int N = Bits / 8;
-                    const int step = cols_reversed ? -N : N;
-                    uint8_t *o = d + N * (cols_reversed ? H - 1 - y0 : y0);
-                    const uint8_t *s = src.row(y0) + N * x;
-                    for (int y = y0; y < y1; y++, o += step, s += src.stride)
-                        for (int k = 0; k < N; k++) o[k] = s[k];
+                if constexpr (Bits == 24) {
+                    // Pixels go as 4-byte words, walking the destination
+                    // upwards so each word's extra byte lands on the pixel
+                    // written next; the segment's last pixel, and the source
+                    // column whose extra byte may lie past the rows, go as 3.
+                    const int n = y1 - y0;
+                    uint8_t *o = d + 3 * (cols_reversed ? H - y1 : y0);
+                    const uint8_t *s = src.row(cols_reversed ? y1 - 1 : y0) + 3 * x;
+                    const ptrdiff_t next = cols_reversed ? -static_cast<ptrdiff_t>(src.stride) : src.stride;
+                    int i = 0;
+                    if (x + 1 < W)
+                        for (; i < n - 1; i++, o += 3, s += next) std::memcpy(o, s, 4);
+                    for (; i < n; i++, o += 3, s += next) std::memcpy(o, s, 3);
+                } else if constexpr (Bits == 8) {
+                    const int step = cols_reversed ? -1 : 1;
+                    uint8_t *o = d + (cols_reversed ? H - 1 - y0 : y0);
+                    const uint8_t *s = src.row(y0) + x;
+                    for (int y = y0; y < y1; y++, o += step, s += src.stride) *o = *s;
                 } else {
                     for (int y = y0; y < y1; y++)
                         put_px<Bits>(d, cols_reversed ? H - 1 - y : y, get_px<Bits>(src.row(y), x));

@@ -90,16 +90,19 @@ bytes dib_of_picture(const picture &p, int xdpi, int ydpi) {
     return d;
 }
 
+uint32_t px(const picture &p, int x, int y) {
+    const bytes &r = p.rows[y];
+    if (p.bits == 24) return r[3 * x] | r[3 * x + 1] << 8 | r[3 * x + 2] << 16;
+    return p.bits == 8 ? r[x] : p.bits == 4 ? (r[x / 2] >> (x & 1 ? 0 : 4)) & 15 : (r[x / 8] >> (7 - x % 8)) & 1;
+}
+
 bytes appearance(const picture &p) {
     bytes out;
-    for (auto &row : p.rows)
+    for (int y = 0; y < p.height; y++)
         for (int x = 0; x < p.width; x++) {
-            if (p.bits == 24) {
-                out.insert(out.end(), {row[3 * x + 2], row[3 * x + 1], row[3 * x]});
-                continue;
-            }
-            int v = p.bits == 8 ? row[x] : p.bits == 4 ? (row[x / 2] >> (x & 1 ? 0 : 4)) & 15 : (row[x / 8] >> (7 - x % 8)) & 1;
-            out.insert(out.end(), {p.palette[4 * v + 2], p.palette[4 * v + 1], p.palette[4 * v]});
+            const uint32_t v = px(p, x, y);
+            if (p.bits == 24) out.insert(out.end(), {uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)});
+            else out.insert(out.end(), {p.palette[4 * v + 2], p.palette[4 * v + 1], p.palette[4 * v]});
         }
     return out;
 }
@@ -133,6 +136,12 @@ picture picture_of(int handle) {
 bytes read_file(const std::string &name) {
     std::ifstream f(name, std::ios::binary);
     return bytes(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+}
+
+bytes from_hex(const std::string &hex) {
+    bytes b;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2) b.push_back(static_cast<uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    return b;
 }
 
 std::string data_path(const std::string &name) { return BRIVANTA_SOURCE_DIR "/tests/data/" + name; }

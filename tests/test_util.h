@@ -39,6 +39,9 @@ struct block_ref {
 };
 bytes dib_of_picture(const picture &p, int xdpi = 0, int ydpi = 0);
 
+// Pixel x, y (from the top left) at the picture's depth: the stored index,
+// or blue | green << 8 | red << 16.
+uint32_t px(const picture &p, int x, int y);
 // Red, green, blue of every pixel through the colour table: the picture as it looks.
 bytes appearance(const picture &p);
 
@@ -48,6 +51,8 @@ int handle_of(const picture &p);
 picture picture_of(int handle);
 
 bytes read_file(const std::string &name);
+// Bytes written as hex digits, two a byte.
+bytes from_hex(const std::string &hex);
 // A file under tests/data, and a list there without its comment and blank lines.
 std::string data_path(const std::string &name);
 std::vector<std::string> data_lines(const std::string &name);

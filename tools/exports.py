@@ -122,8 +122,9 @@ def elf_exports(so, nm):
     names = []
     for line in out.splitlines():
         parts = line.split()
-        # Symbol-version records (type A) are not functions.
-        if len(parts) >= 3 and parts[1] != "A":
+        # Symbol-version records (type A) are not functions, nor are the
+        # linker's section markers, which a link against X11 exports.
+        if len(parts) >= 3 and parts[1] != "A" and parts[2] not in ("__bss_start", "_edata", "_end"):
             names.append(parts[2].split("@")[0])
     return names
 

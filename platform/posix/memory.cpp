@@ -1,12 +1,33 @@
 // Movable memory blocks on POSIX: a table of malloc'd blocks with lock counts.
 // A block name packs the table slot (low 20 bits, plus one) and a generation
 // count (bits 20-30), so a freed name is not mistaken for its slot's next user.
+// Freed picture-sized blocks are kept for the next block of about their size:
+// fresh memory of that size comes from the system as pages it must fault in
+// and clear, which costs as much as the load that fills them.
 #include "platform/platform.h"
 
 #include <cstdlib>
 #include <cstring>
 #if defined(__linux__)
 #include <sys/mman.h>
+#endif
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define BRV_ASAN 1
+#endif
+#if __has_feature(memory_sanitizer)
+#define BRV_MSAN 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__)
+#define BRV_ASAN 1
+#endif
+#ifdef BRV_ASAN
+#include <sanitizer/asan_interface.h>
+#endif
+#ifdef BRV_MSAN
+#include <sanitizer/msan_interface.h>
 #endif
 
 namespace brv {
@@ -16,6 +37,7 @@ namespace {
 struct block_entry {
     void *data;
     uint32_t size;
+    uint32_t capacity;  // what was allocated: more than size for a reused block
     int32_t locks;
     uint32_t generation;
 };
@@ -60,6 +82,99 @@ void advise_large(void *p, uint32_t size) {
 #endif
 }
 
+// ---- Freed large blocks kept for reuse -------------------------------------
+// A few blocks, oldest first; bounded in count and bytes, and given back to
+// the system whenever an allocation fails.
+constexpr uint32_t CACHE_MIN = 1u << 20;
+constexpr int CACHE_SLOTS = 4;
+constexpr uint64_t CACHE_BYTES = sizeof(void *) >= 8 ? uint64_t{256} << 20 : uint64_t{64} << 20;
+
+struct cached_block {
+    void *data;
+    uint32_t capacity;
+};
+cached_block cache[CACHE_SLOTS];
+int cache_count = 0;
+uint64_t cache_bytes = 0;
+
+// Takes entry i out of the cache and returns its block.
+void *cache_unlink(int i, uint32_t *capacity) {
+    void *p = cache[i].data;
+    *capacity = cache[i].capacity;
+    cache_bytes -= *capacity;
+    for (int k = i + 1; k < cache_count; k++) cache[k - 1] = cache[k];
+    cache_count--;
+    return p;
+}
+
+void cache_drop(int i) {
+    uint32_t capacity;
+    void *p = cache_unlink(i, &capacity);
+#ifdef BRV_ASAN
+    ASAN_UNPOISON_MEMORY_REGION(p, capacity);
+#endif
+    std::free(p);
+}
+
+// Keeps a freed block, or frees it when it is too small or can never fit.
+void cache_put(void *p, uint32_t capacity) {
+    if (capacity < CACHE_MIN || capacity > CACHE_BYTES) {
+        std::free(p);
+        return;
+    }
+    while (cache_count && (cache_count == CACHE_SLOTS || cache_bytes + capacity > CACHE_BYTES)) cache_drop(0);
+    // Until it is handed out again, any use of it is a use of freed memory.
+#ifdef BRV_ASAN
+    ASAN_POISON_MEMORY_REGION(p, capacity);
+#endif
+#ifdef BRV_MSAN
+    __msan_poison(p, capacity);
+#endif
+    cache[cache_count++] = cached_block{p, capacity};
+    cache_bytes += capacity;
+}
+
+// The smallest kept block that holds size bytes without wasting more than a
+// quarter of it, taken out of the cache; null when none fits.
+void *cache_take(uint32_t size, uint32_t *capacity) {
+    if (size < CACHE_MIN) return nullptr;
+    int best = -1;
+    for (int i = 0; i < cache_count; i++) {
+        const uint32_t c = cache[i].capacity;
+        if (c >= size && c - size <= c / 4 && (best < 0 || c < cache[best].capacity)) best = i;
+    }
+    if (best < 0) return nullptr;
+    void *p = cache_unlink(best, capacity);
+    // Only the asked-for bytes become usable: the tail stays out of bounds.
+#ifdef BRV_ASAN
+    ASAN_UNPOISON_MEMORY_REGION(p, size);
+#endif
+#ifdef BRV_MSAN
+    __msan_allocated_memory(p, size);
+#endif
+    return p;
+}
+
+// A new block of size bytes (at least one): from the cache when one fits,
+// else from the system, giving the cache back first if the system refuses.
+void *block_get(uint32_t size, bool zero, uint32_t *capacity) {
+    if (void *p = cache_take(size, capacity)) {
+        if (zero) std::memset(p, 0, size);
+        return p;
+    }
+    const size_t n = size ? size : 1;  // never a zero-sized malloc: every block has a distinct address
+    for (;;) {
+        void *p = zero ? std::calloc(n, 1) : std::malloc(n);
+        if (p) {
+            advise_large(p, size);
+            *capacity = size;
+            return p;
+        }
+        if (!cache_count) return nullptr;
+        mem_trim();
+    }
+}
+
 bool take_failure() {
     if (fail_countdown <= 0) return false;
     return --fail_countdown == 0;
@@ -85,19 +200,19 @@ mem_block mem_alloc(uint32_t size, unsigned flags) {
             table_cap = cap;
         }
         slot = ++table_used;
-        table[slot - 1] = block_entry{nullptr, 0, 0, 0};
+        table[slot - 1] = block_entry{nullptr, 0, 0, 0, 0};
     }
-    // Never a zero-sized malloc: every block has a distinct address.
-    void *p = (flags & MEM_ZEROINIT) ? std::calloc(size ? size : 1, 1) : std::malloc(size ? size : 1);
+    uint32_t capacity = 0;
+    void *p = block_get(size, (flags & MEM_ZEROINIT) != 0, &capacity);
     block_entry &e = table[slot - 1];
     if (!p) {
         e.data = reinterpret_cast<void *>(static_cast<uintptr_t>(free_head) << 1 | 1);
         free_head = slot;
         return 0;
     }
-    advise_large(p, size);
     e.data = p;
     e.size = size;
+    e.capacity = capacity;
     e.locks = 0;
     live++;
     return static_cast<mem_block>(((e.generation & GEN_MASK) << SLOT_BITS) | slot);
@@ -120,7 +235,7 @@ int mem_unlock(mem_block block) {
 mem_block mem_free(mem_block block) {
     block_entry *e = entry_of(block);
     if (!e) return block;
-    std::free(e->data);
+    cache_put(e->data, e->capacity);
     uint32_t slot = static_cast<uint32_t>(block) & SLOT_MASK;
     // A free slot keeps the free-list link in its data word, tagged odd so it
     // can never equal a real (aligned) block address.
@@ -150,5 +265,11 @@ mem_block mem_handle(const void *address) {
 void mem_fail_after(int k) { fail_countdown = k > 0 ? k : 0; }
 
 int mem_live_blocks() { return live; }
+
+void mem_trim() {
+    while (cache_count) cache_drop(cache_count - 1);
+}
+
+uint32_t mem_cached_bytes() { return static_cast<uint32_t>(cache_bytes); }
 
 }  // namespace brv

@@ -1,7 +1,8 @@
 // PNG on Windows through the imaging component the system ships, so the DLL
 // bundles no codec.  The file passes through memory on both sides: the
 // component reads from and writes to streams, not callbacks.  It has no
-// deflate level setting, so the writer's level is not used here.
+// deflate level setting: the writer's level chooses its row filter instead
+// (see png_filter_for).
 #include "platform/png_codec.h"
 
 #include "brivanta.h"
@@ -249,6 +250,32 @@ struct png_encoder {
     uint32_t width, row_size;
 };
 
+namespace {
+
+// The component's deflate effort is fixed; the level picks the row filter,
+// the one choice it offers that trades time for size: 0 none (fastest,
+// largest), 1 to 3 the left-difference filter, 4 to 6 the component's own
+// choice (its default), 7 to 9 the best filter found for each row.
+uint8_t png_filter_for(int level) {
+    return static_cast<uint8_t>(level <= 0 ? WICPngFilterNone
+                                : level <= 3 ? WICPngFilterSub
+                                : level <= 6 ? WICPngFilterUnspecified
+                                             : WICPngFilterAdaptive);
+}
+
+// An option the component does not know leaves its default: not an error.
+void set_filter_option(IPropertyBag2 *options, int level) {
+    if (!options) return;
+    PROPBAG2 name = {};
+    name.pstrName = const_cast<LPOLESTR>(L"FilterOption");
+    VARIANT value = {};
+    value.vt = VT_UI1;
+    value.bVal = png_filter_for(level);
+    options->Write(1, &name, &value);
+}
+
+}  // namespace
+
 png_encoder *png_encode_open(const png_encode_params &p, png_write_fn write, void *user, int *error) {
     *error = IMG_ERR_MEMORY;
     auto *e = static_cast<png_encoder *>(block_alloc(sizeof(png_encoder)));
@@ -278,7 +305,8 @@ png_encoder *png_encode_open(const png_encode_params &p, png_write_fn write, voi
               SUCCEEDED(CreateStreamOnHGlobal(nullptr, TRUE, &e->stream)) &&
               SUCCEEDED(e->factory->CreateEncoder(GUID_ContainerFormatPng, nullptr, &e->encoder)) &&
               SUCCEEDED(e->encoder->Initialize(e->stream, WICBitmapEncoderNoCache)) &&
-              SUCCEEDED(e->encoder->CreateNewFrame(&e->frame, &options)) && SUCCEEDED(e->frame->Initialize(options)) &&
+              SUCCEEDED(e->encoder->CreateNewFrame(&e->frame, &options)) &&
+              (set_filter_option(options, p.level), SUCCEEDED(e->frame->Initialize(options))) &&
               SUCCEEDED(e->frame->SetSize(p.width, p.height)) && SUCCEEDED(e->frame->SetPixelFormat(&pf)) &&
               IsEqualGUID(pf, wanted);
     release(options);

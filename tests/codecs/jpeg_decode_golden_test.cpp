@@ -35,8 +35,7 @@ bytes damaged(bytes f, std::istream &ops) {
     size_t at;
     while (ops >> op >> at >> arg) {
         const auto pos = f.begin() + static_cast<std::ptrdiff_t>(std::min(at, f.size()));
-        bytes b;
-        for (size_t i = 0; i + 1 < arg.size(); i += 2) b.push_back(static_cast<uint8_t>(std::stoi(arg.substr(i, 2), nullptr, 16)));
+        const bytes b = from_hex(arg);
         if (op == "cut") f.resize(at);
         else if (op == "del") f.erase(pos, pos + std::stoi(arg));
         else if (op == "xor") f.at(at) ^= b.at(0);

@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <sstream>
+#include <tuple>
 
 using namespace jpeg_testing;
 
@@ -46,33 +48,24 @@ size_t find_segment(const bytes &f, int marker) {
 // ---- Decoder ----------------------------------------------------------------------
 
 TEST(JpegDecode, FixturesFromIndependentToolsMatchGoldenChecksums) {
-    struct {
-        const char *file;
+    int files = 0;
+    for (const std::string &line : data_lines("jpeg/fixtures.txt")) {
+        std::istringstream in(line);
+        std::string file, hash;
         int bits, xdpi;
-        uint64_t hash;
-    } cases[] = {
-        {"c420.jpg", 24, 1, 0x112f304f45651ce},
-        {"c422.jpg", 24, 1, 0xcae9db384202d602},
-        {"c444.jpg", 24, 1, 0x155317c5dcd556f8},
-        {"cgrey.jpg", 8, 1, 0xe66534be90eb7acc},
-        {"crestart.jpg", 24, 1, 0x112f304f45651ce},
-        {"im422_300dpi.jpg", 24, 300, 0xe9b6ef1790c0f8e2},
-        {"im420_72dpi.jpg", 24, 72, 0x20ef3fdf670205d2},
-        {"cmyk.jpg", 24, 0, 0xacdc9878deb0e829},
-    };
-    for (auto &c : cases) {
+        in >> file >> bits >> xdpi >> hash;
         sink s;
-        ASSERT_EQ(decode(fixture_bytes(c.file), s), 0) << c.file;
+        ASSERT_EQ(decode(fixture_bytes(file), s), 0) << file;
         EXPECT_EQ(s.begin_calls, 1);
-        EXPECT_EQ(s.info.biWidth, 67) << c.file;
-        EXPECT_EQ(s.info.biHeight, 45) << c.file;
-        EXPECT_EQ(s.info.biBitCount, c.bits) << c.file;
-        EXPECT_EQ(s.info.biXPelsPerMeter, c.xdpi) << c.file << ": densities pass through unconverted";
-        EXPECT_EQ(s.info.biYPelsPerMeter, c.xdpi) << c.file;
+        EXPECT_EQ(std::tie(s.info.biWidth, s.info.biHeight, s.info.biBitCount), std::tuple(67, 45, bits)) << file;
+        EXPECT_EQ(std::tie(s.info.biXPelsPerMeter, s.info.biYPelsPerMeter), std::tuple(xdpi, xdpi))
+            << file << ": densities pass through unconverted";
         EXPECT_EQ(s.bad_rows, 0);
-        for (const bytes &r : s.rows) ASSERT_EQ(r.size(), row_bytes(67, c.bits)) << c.file;
-        EXPECT_EQ(pixel_hash(s), c.hash) << c.file;
+        for (const bytes &r : s.rows) ASSERT_EQ(r.size(), row_bytes(67, bits)) << file;
+        EXPECT_EQ(pixel_hash(s), std::stoull(hash, nullptr, 16)) << file;
+        files++;
     }
+    EXPECT_EQ(files, 8);
 }
 
 // A black picture: the transform's clamp at -127 leaves level 1.
@@ -241,29 +234,12 @@ TEST(JpegEncode, QualityClamps) {
     IMGLOW_set_comp_quality(50);
 }
 
-// The last row is noise at quality 100: long codes, many stuffed 0xFF bytes
-// and the padding of the data to a whole 16-bit word.
-TEST(JpegEncode, GoldenOutputBytes) {
-    struct {
-        picture p;
-        int quality;
-        uint64_t hash;
-    } cases[] = {{smooth_picture(37, 21, kind::rgb24, 5), 75, 0xf3bcab4ff44b7e2f},
-                 {smooth_picture(37, 21, kind::grey8, 5), 75, 0xcb259f5082ab4576},
-                 {smooth_picture(30, 17, kind::palette8, 5), 25, 0xe29e20fb7d264bf8},
-                 {smooth_picture(64, 16, kind::rgb24, 5), 95, 0xc213da358248343c},
-                 {make_picture(45, 19, 24, 2), 100, 0x78c462b4c467f2eb}};
-    for (auto &c : cases) {
-        IMGLOW_set_comp_quality(c.quality);
-        EXPECT_EQ(byte_hash(save_pic(c.p, IMG_TYPE_JPEG)), c.hash) << c.p.width << "x" << c.p.height << " q" << c.quality;
-    }
-    IMGLOW_set_comp_quality(50);
-}
-
 // Output pinned across the depths a save takes (8-bit grey and mapped,
 // 24-bit; 4- and 32-bit handles are converted or refused on the way), sizes
-// padding the right and bottom edges, and qualities 1 to 100: each row's
-// hash runs on through the bytes of every quality, with and without vectors.
+// padding the right and bottom edges, and qualities 1 to 100 (noise at 100
+// makes long codes and stuffed 0xFF bytes): each row's hash runs on through
+// the bytes of every quality, and the lane kernels must give the same bytes
+// as the plain ones.
 TEST(JpegEncode, GoldenOutputAcrossDepthsSizesAndQualities) {
     struct {
         int width, height, bits;  // bits 0: smooth 24-bit, -1: smooth grey, -2: smooth mapped
@@ -276,7 +252,7 @@ TEST(JpegEncode, GoldenOutputAcrossDepthsSizesAndQualities) {
         picture p = c.bits > 0    ? make_picture(c.width, c.height, c.bits, static_cast<uint32_t>(c.width))
                     : c.bits == 0 ? smooth_picture(c.width, c.height, kind::rgb24, 2)
                                   : smooth_picture(c.width, c.height, c.bits == -1 ? kind::grey8 : kind::palette8, 3);
-        for (int vector_bits : {256, 0}) {
+        for (int vector_bits : {256, 128, 0}) {
             jpeg_encoder_limit_vectors(vector_bits);
             uint64_t h = 1469598103934665603ull;
             for (int q : {1, 4, 12, 25, 38, 50, 63, 75, 85, 90, 95, 99, 100}) {
@@ -294,6 +270,13 @@ TEST(JpegEncode, GoldenOutputAcrossDepthsSizesAndQualities) {
 
 namespace {
 int IMG_CALLBACK refuse(void *, unsigned char *, int r, int) { return r == 11 ? -42 : 0; }
+int IMG_CALLBACK rows_of_picture(void *context, unsigned char *buffer, int r, int n) {
+    const bytes &row = static_cast<const picture *>(context)->rows[r];
+    std::memcpy(buffer, row.data(), std::min(row.size(), static_cast<size_t>(n)));
+    return 0;
+}
+int stops_seen = 0;
+int IMG_CALLBACK stop_on_fifth_row(void *, int) { return ++stops_seen == 5 ? -100 : 0; }
 }  // namespace
 
 // Writes cut short anywhere across several 10,000-byte flushes.
@@ -308,6 +291,49 @@ TEST(JpegEncode, ShortWritesReturnMinusNineWherever) {
     IMG_delete_bitmap(h);
 }
 
+// A handle's rows that need no padding are read where the handle keeps
+// them: the file is the one a copy of the same rows gives, crop included,
+// and the status hook still sees each row and can stop the save.
+TEST(JpegEncode, RowsReadInPlaceEqualRowsCopied) {
+    struct {
+        picture p;
+        int left, top;  // a 16 x 16 crop when left >= 0
+    } cases[] = {{smooth_picture(32, 16, kind::rgb24, 6), -1, 0},
+                 {smooth_picture(48, 24, kind::grey8, 6), -1, 0},
+                 {smooth_picture(40, 24, kind::rgb24, 7), 8, 5}};
+    IMGLOW_set_comp_quality(80);
+    for (auto &c : cases) {
+        int h = handle_of(c.p);
+        picture want = c.p;
+        if (c.left >= 0) {
+            ASSERT_EQ(IMG_set_croprect(h, c.left, c.top, 16, 16), 0);
+            want.width = want.height = 16;
+            want.rows.clear();
+            const int px = c.p.bits / 8;
+            for (int y = c.top; y < c.top + 16; y++) {
+                bytes r(c.p.rows[y].begin() + c.left * px, c.p.rows[y].begin() + (c.left + 16) * px);
+                r.resize(stride_of(16, c.p.bits));
+                want.rows.push_back(r);
+            }
+        }
+        bytes dib = dib_of_picture(want);
+        block_ref out(uint32_t{1u << 20});
+        const int n = IMGLOW_save_bitmap_mem(out.data, dib.data(), IMG_TYPE_JPEG, rows_of_picture, &want);
+        ASSERT_GT(n, 0);
+        EXPECT_EQ(save_bytes(h, IMG_TYPE_JPEG), bytes(static_cast<uint8_t *>(out.data), static_cast<uint8_t *>(out.data) + n))
+            << c.p.width << "x" << c.p.height;
+        stops_seen = 0;
+        IMG_set_statusbar(nullptr, stop_on_fifth_row, 1);
+        int code = 0;
+        save_bytes(h, IMG_TYPE_JPEG, &code);
+        IMG_set_statusbar(nullptr, nullptr, 0);
+        EXPECT_EQ(code, -100);
+        EXPECT_EQ(stops_seen, 5);
+        IMG_delete_bitmap(h);
+    }
+    IMGLOW_set_comp_quality(50);
+}
+
 TEST(JpegEncode, RowCodesAndTooWideARow) {
     bytes dib = dib_of_picture(smooth_picture(40, 20, kind::palette8, 1));
     block_ref out(uint32_t{1u << 20});
@@ -320,46 +346,78 @@ TEST(JpegEncode, RowCodesAndTooWideARow) {
     EXPECT_EQ(n, IMG_ERR_MEMORY) << "too wide for the row buffer";
 }
 
-// The forward transform's lane kernel, alone and with quantisers, against
-// the plain one at every vector width (the inverse kernels are compared in
-// the decoder's golden tests).
-TEST(JpegTransform, ForwardLaneKernelEqualsTheScalarOne) {
+// The encoder's transform and quantiser at every vector width against the
+// scalar transform and jpeg_quantise_one, each block of a group with its
+// own quantisers: random level-shifted samples (the colour weights reach
+// -129 and 128), the extremes in random sign patterns and in the patterns
+// of the cosines themselves, which drive the coefficients to their peaks.
+TEST(JpegTransform, ForwardVectorPathsEqualTheScalarOne) {
     uint32_t seed = 12345;
     auto rnd = [&seed](int range) {
         seed = seed * 1664525u + 1013904223u;
         return static_cast<int>(seed >> 8) % (2 * range + 1) - range;
     };
-    for (int bits : {256, 0}) {
+    auto cosine_sign = [](int u, int n) { return std::cos((2 * n + 1) * u * M_PI / 16) >= 0; };
+    for (int bits : {256, 128, 0}) {
         jpeg_encoder_limit_vectors(bits);
-        for (int it = 0; it < 20000; it++) {
-            // Level-shifted samples (the colour weights reach 128), at a stride.
-            int16_t s[8 * 13];
-            for (auto &v : s) v = static_cast<int16_t>(it % 5 == 0 ? (rnd(1) < 0 ? 128 : -129) : rnd(128) - (rnd(1) > 0));
-            float recip[64];
-            for (auto &r : recip) r = 1.0f / static_cast<float>(it % 7 == 0 ? 1 : 128 + rnd(127));
-            int16_t fa[64], fb[64], qa[64], qb[64];
-            jpeg_fdct_8x8(s + 3, 13, fa);
-            jpeg_fdct_8x8_lanes(s + 3, 13, fb);
-            ASSERT_EQ(std::memcmp(fa, fb, sizeof fa), 0) << "block " << it << " at " << bits << " bits";
-            uint64_t nonzero = 0;
-            for (int k = 0; k < 64; k++) {
-                int q = jpeg_quantise_one(fa[k], recip[k]);
-                qa[k] = static_cast<int16_t>(k == 0 ? q : std::clamp(q, -1023, 1023));
-                nonzero |= uint64_t{q != 0} << k;
+        for (int it = 0; it < 60000; it++) {
+            int16_t s[2][8 * 13];
+            uint8_t tables[2][64];
+            for (int j = 0; j < 2; j++) {
+                const int u = rnd(8) & 7, v = rnd(8) & 7;
+                for (int i = 0; i < 8 * 13; i++) {
+                    const int row = (i - 3) / 13, col = (i - 3) % 13;
+                    s[j][i] = static_cast<int16_t>(it % 5 == 0   ? (rnd(1) < 0 ? 128 : -129)
+                                                   : it % 5 == 1 ? (cosine_sign(u, col & 7) == cosine_sign(v, row & 7) ? 128 : -129)
+                                                                 : rnd(128) - (rnd(1) > 0));
+                }
+                // Quantisers 1 to 255, often small (as at high qualities), at times all 1.
+                const int top = it % 7 == 0 ? 1 : it % 3 == 0 ? 16 : 255;
+                for (auto &q : tables[j]) q = static_cast<uint8_t>(1 + (rnd(127) + 127) % top);
             }
-            ASSERT_EQ(jpeg_fdct_quantise_lanes(s + 3, 13, recip, qb), nonzero) << "block " << it << " at " << bits << " bits";
-            ASSERT_EQ(std::memcmp(qa, qb, sizeof qa), 0) << "quantised block " << it << " at " << bits << " bits";
+            const uint8_t *const slots[2] = {tables[0], tables[1]};
+            jpeg_quant_set set;
+            jpeg_fill_quant_set(set, slots);
+            const int16_t *const src[2] = {s[0] + 3, s[1] + 3};
+            int16_t got[2][64];
+            uint64_t got_nonzero[2];
+            for (int j = 0; j < 2;) {
+                const int n = jpeg_fdct_quantise_group(src + j, 13, set, got + j, got_nonzero + j);
+                ASSERT_TRUE(n == 1 || n == 2);
+                for (int b = j; b < j + n; b++) {
+                    int16_t f[64], want[64];
+                    jpeg_fdct_8x8(src[b], 13, f);
+                    uint64_t nonzero = 0;
+                    for (int k = 0; k < 64; k++) {
+                        const int q = jpeg_quantise_one(f[k], 1.0f / tables[b - j][k]);
+                        want[k] = static_cast<int16_t>(k == 0 ? q : std::clamp(q, -1023, 1023));
+                    }
+                    for (int k = 0; k < 64; k++) nonzero |= uint64_t{want[jpeg_zigzag[k]] != 0} << k;
+                    ASSERT_EQ(std::memcmp(want, got[b], sizeof want), 0) << "block " << it << "/" << b << " at " << bits;
+                    ASSERT_EQ(got_nonzero[b], nonzero) << "block " << it << "/" << b << " at " << bits;
+                }
+                j += n;
+            }
         }
     }
     jpeg_encoder_limit_vectors(256);
 }
 
-// The encoder's multiply-by-reciprocal quantiser against division, over the
-// whole 16-bit coefficient range and every quantiser.
+// The quantisers against division: the plain path's float reciprocal over
+// the whole 16-bit range, and the vector paths' two high-half multiplies (as
+// the quantiser set lays them out) over every magnitude the transform gives.
 TEST(JpegTransform, QuantiserMultiplyEqualsTruncatingDivision) {
     for (int q = 1; q <= 255; q++) {
         const float recip = 1.0f / static_cast<float>(q);
         for (int v = -32768; v <= 32767; v++)
             if (jpeg_quantise_one(v, recip) != v / q) FAIL() << v << " / " << q;
+        uint8_t table[64];
+        std::memset(table, q, 64);
+        const uint8_t *const slots[2] = {table, table};
+        jpeg_quant_set set;
+        jpeg_fill_quant_set(set, slots);
+        const uint32_t mult = static_cast<uint16_t>(set.mult[0][0]), shift = static_cast<uint16_t>(set.shift[0][0]);
+        for (uint32_t a = 0; a < 2048; a++)
+            if ((((a << 5) * mult) >> 16) * shift >> 16 != a / q) FAIL() << a << " / " << q << " in 16-bit lanes";
     }
 }

@@ -47,16 +47,21 @@ TEST(TiffJpeg, StoredFilesDecodeAsTheirBaselineFile) {
 }
 
 TEST(TiffJpeg, WholeStreamsInStripsAndTypeDetection) {
-    // Each strip a complete file: two pictures stacked as two strips.
-    bytes top = jpeg_fixture("c420.jpg");
-    tiff_page page = simple_page(67, 90, 8, 3, 6, 6, {top, top}, 45);
-    bytes tiff = build_tiff({page}, false);
-    decoded d = run_tiff(tiff);
-    ASSERT_EQ(d.rc, 0);
-    std::vector<bytes> half = jpeg_rows(top), both = half;
-    both.insert(both.end(), half.begin(), half.end());
-    EXPECT_EQ(d.rows, both);
-    EXPECT_EQ(IMGLOW_get_filetype_mem(block_ref(tiff).data), IMG_TYPE_TIFF_JPEG);
+    // Each strip a complete file: two pictures stacked as two strips, their
+    // offsets and counts as longs and as pairs of shorts held in the entry.
+    bytes top = jpeg_fixture("c420.jpg"), bottom = jpeg_fixture("c422.jpg");
+    std::vector<bytes> both = jpeg_rows(top), lower = jpeg_rows(bottom);
+    both.insert(both.end(), lower.begin(), lower.end());
+    for (uint16_t type : {4, 3}) {
+        tiff_page page = simple_page(67, 90, 8, 3, 6, 6, {top, bottom}, 45);
+        set_field(page, 273, type, {});
+        set_field(page, 279, type, {});
+        bytes tiff = build_tiff({page}, false);
+        decoded d = run_tiff(tiff);
+        ASSERT_EQ(d.rc, 0) << type;
+        EXPECT_EQ(d.rows, both) << type;
+        EXPECT_EQ(IMGLOW_get_filetype_mem(block_ref(tiff).data), IMG_TYPE_TIFF_JPEG);
+    }
 }
 
 // Failing allocations and reads cut short, on strips of segments and on

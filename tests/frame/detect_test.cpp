@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 namespace {
 
 bytes padded(bytes head, size_t size = 600, uint8_t fill = 0) {
@@ -29,39 +31,15 @@ int filetype_of_file(const bytes &content) {
 }  // namespace
 
 TEST(Detect, ProbesInChainOrder) {
-    struct {
-        bytes head;
-        const char *want;
-    } cases[] = {
-        {{'I', 'I', 42, 0}, "tif"},
-        {{'M', 'M', 0, 42}, "tif"},
-        {{'G', 'I', 'F', '8', '9', 'a'}, "gif"},
-        {{'B', 'M'}, "bmp"},
-        {{40, 0, 0, 0}, "bmp"},
-        {{0xC5, 0xD0, 0xD3, 0xC6}, "eps"},
-        {{0xB1, 0x68, 0xDE, 0x3A}, "dcx"},
-        {{0xFF, 0xD8, 0xFF}, "jpg"},
-        {{0xFF, 'W', 'P', 'C'}, "wpg"},
-        {{'s', 'r', 'c'}, "cal"},
-        {{'\'', 'C', '1', 0}, "imt"},
-        {{'F', 'O', 'R', 'M'}, "iff"},
-        {{0xDC, 0xDC}, "lsd"},
-        {{10, 5, 1, 8}, "pcx"},
-        {{0, 0, 1, 0, 1, 0, 32}, "ico"},
-        {{0, 0, 2, 0}, "tga"},
-        {{30, 0, 0x9C}, "tga"},
-        {{0xD7, 0xCD, 0xC6, 0x9A}, "wmf"},
-        {{'P', 0xC3}, "clp"},
-        {{0x59, 0xA6, 0x6A, 0x95}, "ras"},
-        {{'8', 'B', 'P', 'S'}, "psd"},
-        {{'L', 'i', 'n', 'S'}, "msp"},
-        {{'#', 'd', 'e', 'f', 'i', 'n', 'e', ' '}, "xbm"},
-        {{'/', '*', ' ', 'X', 'P', 'M', ' ', '*', '/'}, "xpm"},
-        {{100, 0, 50, 0, 0, 0, 1}, "cut"},
-        // A PCX signature wins over anything later in the chain.
-        {{10, 0, 2, 0}, "pcx"},
-    };
-    for (auto &c : cases) EXPECT_EQ(detected(padded(c.head)), c.want) << int(c.head[0]);
+    int cases = 0;
+    for (const std::string &line : data_lines("detect/signatures.txt")) {
+        std::istringstream in(line);
+        std::string want, hex;
+        in >> want >> hex;
+        EXPECT_EQ(detected(padded(from_hex(hex))), want) << hex;
+        cases++;
+    }
+    EXPECT_EQ(cases, 26);
 }
 
 TEST(Detect, PictAndMacPaintReadFurtherOn) {

@@ -100,17 +100,9 @@ TEST(Load, ShrinkSamplesEveryDepthWhenLargerInBothDirections) {
             continue;
         }
         ASSERT_EQ(std::vector<int>({got.width, got.height, cw, ch}), std::vector<int>({c.w, c.h, c.w, c.h}));
-        const int bits = c.src.bits;
-        auto pixel = [&](const picture &p, int x, int y) {
-            const bytes &row = p.rows[y];
-            return bits == 24 ? row[3 * x] | row[3 * x + 1] << 8 | row[3 * x + 2] << 16
-                   : bits == 8 ? row[x]
-                   : bits == 4 ? (row[x / 2] >> (x & 1 ? 0 : 4)) & 15
-                               : (row[x / 8] >> (7 - x % 8)) & 1;
-        };
         for (int y = 0; y < c.h; y++)
             for (int x = 0; x < c.w; x++)
-                ASSERT_EQ(pixel(got, x, y), pixel(c.src, x * c.step, y * c.step + c.step - 1)) << bits << ": " << x << "," << y;
+                ASSERT_EQ(px(got, x, y), px(c.src, x * c.step, y * c.step + c.step - 1)) << c.src.bits << ": " << x << "," << y;
     }
 }
 

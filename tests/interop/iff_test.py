@@ -36,10 +36,6 @@ def with_mask(picture, name):
     return made_by("-maxplanes 8 -maskfile " + mask, picture, name)
 
 
-def ilbmtoppm(path):
-    return B.image_rgb(B.run(["ilbmtoppm", path]))
-
-
 def chunk(tag, data):
     return tag + struct.pack(">I", len(data)) + data + b"\0" * (len(data) & 1)
 
@@ -83,7 +79,7 @@ def expect(make, source, bits, tolerance=0, netpbm=True):
         if source is not None:
             B.compare(ours.rgb(), source, "against the source")
         if netpbm:
-            B.compare(ours.rgb(), ilbmtoppm(path), "against ilbmtoppm", tolerance)
+            B.compare(ours.rgb(), B.REFERENCES["ilbmtoppm"](path), "against ilbmtoppm", tolerance)
     return check
 
 

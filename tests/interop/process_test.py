@@ -68,7 +68,10 @@ GEOMETRY = [
     ("rotate 180", [lambda h: LIB.IMG_rotate_bitmap(h, 180)], ["-rotate", "180"], Image.Transpose.ROTATE_180),
     ("flip x", [LIB.IMG_flip_bitmapx], ["-flop"], Image.Transpose.FLIP_LEFT_RIGHT),
     ("flip y", [LIB.IMG_flip_bitmapy], ["-flip"], Image.Transpose.FLIP_TOP_BOTTOM),
+    # Deliberate: every other angle mirrors about the anti-diagonal.
     ("rotate 45", [lambda h: LIB.IMG_rotate_bitmap(h, 45)], ["-transverse"], Image.Transpose.TRANSVERSE),
+    ("rotate 0", [lambda h: LIB.IMG_rotate_bitmap(h, 0)], ["-transverse"], Image.Transpose.TRANSVERSE),
+    ("rotate -90", [lambda h: LIB.IMG_rotate_bitmap(h, -90)], ["-transverse"], Image.Transpose.TRANSVERSE),
 ]
 SIZES = [(37, 23), (1, 9), (9, 1), (8, 5), (65, 70)]
 

@@ -46,13 +46,9 @@ def sixteen_bit(name, top, rle):
     return B.tmp(name)
 
 
-def decodes_as_pillow(make, tolerance):
-    return lambda: B.decodes_like(make(), "Pillow", tolerance)
-
-
-cases = [(n, decodes_as_pillow(lambda n=n, c=c: B.make(c, n.replace(" ", "_") + ".tga"), 0)) for n, c in TOOL_FILES]
+cases = [(n, lambda n=n, c=c: B.decodes_like(B.make(c, n.replace(" ", "_") + ".tga"))) for n, c in TOOL_FILES]
 for top in (False, True):
     for rle in (False, True):
         n = "16-bit %s %s" % ("top-left" if top else "bottom-left", "RLE" if rle else "raw")
-        cases.append((n, decodes_as_pillow(lambda t=top, r=rle, n=n: sixteen_bit(n.replace(" ", "_") + ".tga", t, r), 7)))
+        cases.append((n, lambda t=top, r=rle, n=n: B.decodes_like(sixteen_bit(n.replace(" ", "_") + ".tga", t, r), "Pillow", 7)))
 B.main(cases)

@@ -1,5 +1,4 @@
 // Merging one handle's picture into another, and the look-up tables.
-#include "process/pixel.h"
 #include "test_util.h"
 #include "frame/handles.h"
 

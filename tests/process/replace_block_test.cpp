@@ -1,6 +1,6 @@
-// Every processing operation at every depth it takes, on odd and degenerate
-// sizes: allocation failures and a stop by the status callback leave the
-// handle as it was, and no block is left behind.
+// Every processing and colour operation at every depth it takes, on odd and
+// degenerate sizes: allocation failures, a stop by the status callback and
+// a refusal leave the handle as it was, and no block is left behind.
 #include "test_util.h"
 #include "frame/handles.h"
 #include "platform/platform.h"
@@ -38,6 +38,17 @@ const op_row ops[] = {
     {"own filter", {8, 24}, [](int h) { return IMG_process_bitmap(h, 0, own_kernel); }, false},
     {"grey", {4, 8, 24}, IMG_color_gray, false},
     {"apply lut", {1, 8, 24}, [](int h) { return IMG_apply_lut(h, ramp_down, nullptr, ramp_down); }, true},
+    {"popularity", {24}, IMG_popularity_color, false},
+    {"octree 8", {24}, [](int h) { return IMG_octree_color(h, 8, nullptr, 256); }, false},
+    {"octree 4", {8}, [](int h) { return IMG_octree_color(h, 4, nullptr, 16); }, false},
+    {"promote 8", {4}, IMG_promote_8, false},
+    {"promote 24", {1}, IMG_promote_24, false},
+    {"bayer mono", {8}, IMG_bayer_mono, false},
+    {"halftone mono", {24}, IMG_halftone_mono, false},
+    {"diffusion mono", {4}, IMG_diffusion_mono, false},
+    {"bayer colour", {24}, IMG_bayer_color, false},
+    {"diffusion colour", {8}, IMG_diffusion_color, false},
+    {"median cut", {24}, IMG_mediancut_color, false},
 };
 
 struct record_view {
@@ -157,4 +168,48 @@ TEST(Processing, StatusCallsPerRow) {
 TEST(Processing, BadHandles) {
     for (const op_row &op : ops)
         for (int h : {-1, 0, 999}) EXPECT_EQ(op.run(h), IMG_ERR_HANDLE) << op.name;
+}
+
+// Depths and arguments an operation refuses: its code, and the bitmap as it was.
+TEST(Processing, RefusalsLeaveTheBitmap) {
+    picture off_grey = grey_palette_picture(4, 4, 8, 1);
+    off_grey.palette[4 * 77 + 1] ^= 1;
+    const struct {
+        const char *name;
+        picture pic;
+        std::function<int(int)> run;
+        int want;
+    } cases[] = {
+        {"filter at 4 bits", make_picture(5, 5, 4, 1), [](int h) { return IMG_process_bitmap(h, 1, nullptr); }, IMG_ERR_DEPTH},
+        {"filter at 1 bit", make_picture(5, 5, 1, 1), [](int h) { return IMG_process_bitmap(h, 1, nullptr); }, IMG_ERR_DEPTH},
+        {"filter 10", make_picture(5, 5, 24, 1), [](int h) { return IMG_process_bitmap(h, 10, nullptr); }, IMG_ERR_TYPE},
+        {"own filter without a kernel", make_picture(5, 5, 24, 1), [](int h) { return IMG_process_bitmap(h, 0, nullptr); }, IMG_ERR_TYPE},
+        {"filter -1", make_picture(5, 5, 24, 1), [](int h) { return IMG_process_bitmap(h, -1, nullptr); }, IMG_ERR_TYPE},
+        {"sharpen at 1 bit", make_picture(5, 5, 1, 1), [](int h) { return IMG_sharpen_bitmap(h, 32); }, IMG_ERR_TYPE},
+        {"sharpen colours at 4 bits", make_picture(5, 5, 4, 1), [](int h) { return IMG_sharpen_bitmap(h, 32); }, IMG_ERR_TYPE},
+        {"sharpen colours at 8 bits", make_picture(5, 5, 8, 1), [](int h) { return IMG_sharpen_bitmap(h, 32); }, IMG_ERR_TYPE},
+        {"grey at 1 bit", make_picture(8, 2, 1, 1), IMG_color_gray, IMG_ERR_TYPE},
+        {"smoothing off grey", off_grey, [](int h) { return IMG_resize_bitmap_interp(h, 2, 2); }, IMG_ERR_TYPE},
+        {"smoothing at 4 bits", grey_palette_picture(4, 4, 4, 1), [](int h) { return IMG_resize_bitmap_interp(h, 2, 2); }, IMG_ERR_TYPE},
+        {"smoothing at 1 bit", make_picture(4, 4, 1, 1), [](int h) { return IMG_resize_bitmap_interp(h, 2, 2); }, IMG_ERR_TYPE},
+        {"smoothing to width 0", make_picture(4, 4, 24, 1), [](int h) { return IMG_resize_bitmap_interp(h, 0, 2); }, IMG_ERR_TYPE},
+        {"smoothing to height -1", make_picture(4, 4, 24, 1), [](int h) { return IMG_resize_bitmap_interp(h, 2, -1); }, IMG_ERR_TYPE},
+        {"popularity at 8 bits", make_picture(7, 3, 8, 5), IMG_popularity_color, IMG_ERR_TYPE},
+        {"octree 8 at 4 bits", make_picture(7, 3, 4, 5), [](int h) { return IMG_octree_color(h, 8, nullptr, 256); }, IMG_ERR_TYPE},
+        {"octree 4 at 1 bit", make_picture(7, 3, 1, 5), [](int h) { return IMG_octree_color(h, 4, nullptr, 16); }, IMG_ERR_TYPE},
+        {"promote 8 at 24 bits", make_picture(7, 3, 24, 5), IMG_promote_8, IMG_ERR_TYPE},
+        {"promote 24 at 24 bits", make_picture(7, 3, 24, 5), IMG_promote_24, IMG_ERR_TYPE},
+        {"bayer mono at 1 bit", make_picture(7, 3, 1, 5), IMG_bayer_mono, IMG_ERR_TYPE},
+        {"halftone mono at 1 bit", make_picture(7, 3, 1, 5), IMG_halftone_mono, IMG_ERR_TYPE},
+        {"diffusion mono at 1 bit", make_picture(7, 3, 1, 5), IMG_diffusion_mono, IMG_ERR_TYPE},
+        {"bayer colour at 1 bit", make_picture(7, 3, 1, 5), IMG_bayer_color, IMG_ERR_TYPE},
+        {"diffusion colour at 1 bit", make_picture(7, 3, 1, 5), IMG_diffusion_color, IMG_ERR_TYPE},
+        {"median cut at 1 bit", make_picture(7, 3, 1, 5), IMG_mediancut_color, IMG_ERR_TYPE},
+    };
+    for (auto &c : cases) {
+        int h = handle_of(c.pic);
+        EXPECT_EQ(c.run(h), c.want) << c.name;
+        EXPECT_EQ(picture_of(h), c.pic) << c.name;
+        IMG_delete_bitmap(h);
+    }
 }

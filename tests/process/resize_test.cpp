@@ -49,24 +49,3 @@ TEST(Resize, InterpolationCases) {
         IMG_delete_bitmap(h);
     }
 }
-
-TEST(Resize, InterpolationRefusals) {
-    picture p = grey_palette_picture(4, 4, 8, 1);
-    p.palette[4 * 77 + 1] ^= 1;  // one entry off grey
-    const struct {
-        picture pic;
-        int w, h, want;
-    } cases[] = {
-        {p, 2, 2, IMG_ERR_TYPE},
-        {grey_palette_picture(4, 4, 4, 1), 2, 2, IMG_ERR_TYPE},
-        {make_picture(4, 4, 1, 1), 2, 2, IMG_ERR_TYPE},
-        {make_picture(4, 4, 24, 1), 0, 2, IMG_ERR_TYPE},
-        {make_picture(4, 4, 24, 1), 2, -1, IMG_ERR_TYPE},
-    };
-    for (auto &c : cases) {
-        int h = handle_of(c.pic);
-        EXPECT_EQ(IMG_resize_bitmap_interp(h, c.w, c.h), c.want);
-        EXPECT_EQ(picture_of(h), c.pic);
-        IMG_delete_bitmap(h);
-    }
-}

@@ -1,7 +1,7 @@
-// Turns, flips and inversion: the kept behaviours (the anti-diagonal mirror
-// for other angles, the height limit, crop rectangles, zeroed tail bits).
-// Pixel-for-pixel agreement with other tools is in interop/process_test.py.
-#include "process/pixel.h"
+// Turns, flips and inversion: the kept behaviours (the height limit, crop
+// rectangles, zeroed tail bits).  Pixel-for-pixel agreement with other
+// tools, and the anti-diagonal mirror for other angles, are in
+// interop/process_test.py.
 #include "test_util.h"
 
 #include <gtest/gtest.h>
@@ -25,21 +25,6 @@ std::vector<int> crop_of(int h) {
 }
 
 }  // namespace
-
-TEST(Rotate, OtherAnglesMirrorAboutTheAntiDiagonal) {
-    for (int bits : {1, 4, 8, 24})
-        for (int angle : {45, 0, -90, 360}) {
-            picture p = make_picture(11, 7, bits, 5u + bits);
-            int h = handle_of(p);
-            ASSERT_EQ(IMG_rotate_bitmap(h, angle), 0);
-            picture q = picture_of(h);
-            ASSERT_EQ(q.width, 7);
-            ASSERT_EQ(q.height, 11);
-            for (int y = 0; y < 7; y++)
-                for (int x = 0; x < 11; x++) ASSERT_EQ(px(q, 6 - y, 10 - x), px(p, x, y)) << bits << " bits, " << angle;
-            IMG_delete_bitmap(h);
-        }
-}
 
 // The crop rectangle follows the content it marked.
 TEST(Rotate, CropRectangleFollowsTheContent) {
