@@ -156,7 +156,11 @@ def test_cups_queue_receives_document():
     finally:
         os.environ.pop("CUPS_SERVER", None)
         server.terminate()
-        server.wait()
+        try:
+            server.wait(timeout=10)
+        except subprocess.TimeoutExpired:
+            server.kill()
+            server.wait()
 
 
 if __name__ == "__main__":
