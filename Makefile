@@ -21,7 +21,7 @@ PACKAGES = cmake ninja-build g++ clang libgtest-dev libbenchmark-dev \
 	libclang-rt-14-dev libtiff-dev libgif-dev libturbojpeg0-dev libstb-dev \
 	mingw-w64 g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix googletest wine wine64 \
 	pkg-config g++-multilib qemu-user libx11-dev libxext-dev xvfb xdotool x11-apps pngquant ghostscript graphicsmagick libmagickcore-6.q16-6-extra libfreetype-dev libfontconfig-dev fonts-liberation libspng-dev zlib1g-dev \
-	libsane1 sane-utils
+	libsane1 sane-utils libcairo2-dev libcups2-dev poppler-utils cups xclip
 # What the benchmarks compare against, linked by them alone.
 BENCH_PACKAGES = libvips-dev libmagickwand-6.q16-dev libimagequant-dev libpixman-1-dev
 

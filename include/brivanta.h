@@ -260,6 +260,25 @@ IMG_EXPORT int IMG_API IMG_qor_version(int *major, int *minor);
 /* Copies per piece of a transition effect (times the effect's weight);
  * 0 or less: measured against the device at each effect. */
 IMG_EXPORT int IMG_API IMGLOW_set_wipedelay(int delay);
+/* Writes the clipboard's picture to the BMP file name: 1, IMG_ERR_OPEN when
+ * the clipboard cannot be opened or holds no picture, IMG_ERR_MEMORY when the
+ * file cannot be created or memory fails.  On Windows owner is the window
+ * that opens the clipboard (CF_DIB, else CF_BITMAP as 24 bits).  On Linux it
+ * is the X display's name (null: $DISPLAY), and the CLIPBOARD selection is
+ * asked for image/bmp, then image/png (where the library reads PNG). */
+IMG_EXPORT int IMG_API IMG_save_clipboard(const char *name, void *owner);
+
+/* Printing onto a printer device context the caller has put in a page;
+ * (left, top, width, height) in the context's logical units.
+ *   IMG_print_bitmap: the banded drawing of IMG_display_bitmap, with the
+ *     printing tone table, calling the status callback once per device row
+ *     with the device height; 0, IMG_ERR_HANDLE, IMG_ERR_MEMORY, or the
+ *     callback's negative answer, which stops it.
+ *   IMG_print_bitmap_fast: the crop rectangle in one stretched transfer, the
+ *     scaling left to the printer; 0, IMG_ERR_HANDLE or IMG_ERR_MEMORY.  The
+ *     device coordinates go over as 16 bits. */
+IMG_EXPORT int IMG_API IMG_print_bitmap(int handle, void *dc, int left, int top, int width, int height);
+IMG_EXPORT int IMG_API IMG_print_bitmap_fast(int handle, void *dc, int left, int top, int width, int height);
 /* Draws a device-dependent bitmap (HBITMAP; on Linux a bitmap surface) into
  * dc with its top-left corner at (left, top), revealed piece by piece:
  * 1 rows top to bottom, 2 rows bottom to top (the top row is left
@@ -509,6 +528,39 @@ IMG_EXPORT int IMG_API IMG_dc_set_mapping(void *dc, int map_mode, int window_org
                                           int window_ext_x, int window_ext_y, int viewport_org_x,
                                           int viewport_org_y, int viewport_ext_x, int viewport_ext_y);
 IMG_EXPORT int IMG_API IMG_dc_get_scroll(void *window, int bar, int *min, int *max, int *pos);
+/* Printer device contexts on Linux: a surface of the page's size at dpi
+ * dots per inch (page size in thousandths of an inch), drawn on like any
+ * surface, whose pages are written as PDF to pdf_file and, at the end of the
+ * document, sent to the CUPS queue named queue (either may be null, not
+ * both; with no file the PDF is a temporary one).  The printer reports true
+ * colour, no technology name (it is no PostScript device), LOGPIXELSX = dpi
+ * and no scaling factor, so at 300 dpi and more the printing tone table
+ * lightens the picture as on such a Windows printer; IMG_dc_set_caps changes
+ * what it reports.  A build without cairo and CUPS returns IMG_ERR_TYPE.
+ *   IMG_dc_create_printer: IMG_ERR_TYPE for bad arguments, IMG_ERR_CREATE when
+ *     the file cannot be made, IMG_ERR_MEMORY.
+ *   IMG_dc_start_page: clears the page to white.
+ *   IMG_dc_end_page: adds the page to the document, clears it; returns the
+ *     number of pages done, or IMG_ERR_WRITE.
+ *   IMG_dc_end_doc: closes the PDF (a page started and not ended is left
+ *     out; a document of no pages holds one blank page, as a PDF must have
+ *     one) and sends it to the queue: the CUPS job number, 0 without a
+ *     queue, IMG_ERR_WRITE, or IMG_ERR_CREATE when the queue refuses the job.
+ *   IMG_dc_delete without IMG_dc_end_doc closes the PDF with the pages done
+ *     and sends nothing.
+ * Page calls on a surface that is no printer return IMG_ERR_HANDLE.
+ *
+ *   IMG_dc_create_printer("out.pdf", NULL, 300, 8500, 11000, &dc);
+ *   IMG_dc_start_page(dc);
+ *   IMG_print_bitmap(h, dc, 300, 300, 1800, 1200);
+ *   IMG_dc_end_page(dc);
+ *   IMG_dc_end_doc(dc);
+ *   IMG_dc_delete(dc); */
+IMG_EXPORT int IMG_API IMG_dc_create_printer(const char *pdf_file, const char *queue, int dpi, int page_w_mils,
+                                             int page_h_mils, void **dc);
+IMG_EXPORT int IMG_API IMG_dc_start_page(void *dc);
+IMG_EXPORT int IMG_API IMG_dc_end_page(void *dc);
+IMG_EXPORT int IMG_API IMG_dc_end_doc(void *dc);
 
 /* A window on an X display, as a surface: its pixels are the window's
  * backing store, shown through MIT-SHM where the server has it and by

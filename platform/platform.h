@@ -67,6 +67,15 @@ void os_palette_delete(int32_t palette);
 // returns the palette that was selected before (0 where there are none).
 int32_t os_palette_select(void *dc, int32_t palette);
 
+// ---- Clipboard -------------------------------------------------------------------
+constexpr int OS_CLIP_DIB = 0;  // a packed DIB: header, colour table, rows
+constexpr int OS_CLIP_PNG = 1;  // a PNG file
+// Copies the clipboard's picture into a new block of *size bytes (owner: the
+// window that opens the clipboard on Windows, the X display's name or null
+// elsewhere).  0; -2 when the clipboard cannot be opened or holds no picture;
+// -1 when memory fails.
+int os_clipboard_picture(void *owner, mem_block *block, uint32_t *size, int *kind);
+
 // ---- Fonts ---------------------------------------------------------------------
 // A face chosen by name, for drawing text into 1-bit rows.  Where the named
 // face is absent the system's substitute for it serves (on Linux a

@@ -1,7 +1,9 @@
-// brivanta: the command-line face of the library (info, detect, convert, process, scan, demo).
+// brivanta: the command-line face of the library (info, detect, convert, process, scan, demo, view, print,
+// clipboard).
 #include "brivanta.h"
 #include "tools/view.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cctype>
 #include <cstdio>
@@ -14,6 +16,7 @@
 #ifdef _WIN32
 #include <fcntl.h>
 #include <io.h>
+#include <windows.h>
 #define isatty _isatty
 #else
 #include <unistd.h>
@@ -94,6 +97,8 @@ int usage(FILE *out) {
                  "  scan [OUT] [options]      a picture or a series of pages from a scanner\n"
                  "  formats                   the type codes: key, extension, read and write support\n"
                  "  demo [DIR]                save a built-in test card under every writer and read it back\n"
+                 "  print FILE [options]      print every page of FILE, to a PDF file or a printer\n"
+                 "  clipboard OUT             save the clipboard's picture as the BMP file OUT\n"
                  "  view [--effect N] FILE... show the files' pages in a window\n"
                  "  --version                 the library's version\n"
                  "FILE, IN and OUT may be - for standard input and output.\n"
@@ -908,6 +913,136 @@ int cmd_demo(int argc, char **argv) {
     return rows && processed && demo_text(dir) ? 0 : 1;
 }
 
+// ---- Printing -----------------------------------------------------------------------
+// A document on a printer: the library's PDF and CUPS printer on Linux, a
+// GDI printer device context on Windows.
+struct print_job {
+    void *dc = nullptr;
+    int dpi = 0, page_w = 0, page_h = 0;  // device pixels
+};
+
+#ifdef _WIN32
+int job_open(print_job &job, const char *to, const char *queue, int) {
+    if (!queue) {
+        std::fprintf(stderr, "brivanta: print: name a printer with --printer (--to prints to a file through it)\n");
+        return IMG_ERR_TYPE;
+    }
+    HDC dc = CreateDCA(nullptr, queue, nullptr, nullptr);
+    if (!dc) return IMG_ERR_CREATE;
+    DOCINFOA doc = {sizeof doc, "brivanta", to, nullptr, 0};
+    if (StartDocA(dc, &doc) <= 0) {
+        DeleteDC(dc);
+        return IMG_ERR_CREATE;
+    }
+    job = {dc, GetDeviceCaps(dc, LOGPIXELSX), GetDeviceCaps(dc, HORZRES), GetDeviceCaps(dc, VERTRES)};
+    return 0;
+}
+int job_start_page(print_job &job) { return StartPage(static_cast<HDC>(job.dc)) > 0 ? 0 : IMG_ERR_WRITE; }
+int job_end_page(print_job &job) { return EndPage(static_cast<HDC>(job.dc)) > 0 ? 0 : IMG_ERR_WRITE; }
+int job_close(print_job &job, bool complete) {
+    HDC dc = static_cast<HDC>(job.dc);
+    const int r = complete ? (EndDoc(dc) > 0 ? 0 : IMG_ERR_WRITE) : (AbortDoc(dc), 0);
+    DeleteDC(dc);
+    return r;
+}
+#else
+int job_open(print_job &job, const char *to, const char *queue, int dpi) {
+    // US Letter less nothing: the printable page is the sheet.
+    const int r = IMG_dc_create_printer(to, queue, dpi, 8500, 11000, &job.dc);
+    if (r < 0) return r;
+    job.dpi = dpi;
+    job.page_w = (8500 * dpi + 500) / 1000;
+    job.page_h = (11000 * dpi + 500) / 1000;
+    return 0;
+}
+int job_start_page(print_job &job) { return IMG_dc_start_page(job.dc); }
+int job_end_page(print_job &job) { return std::min(IMG_dc_end_page(job.dc), 0); }
+// An unfinished document still closes its PDF with the pages done.
+int job_close(print_job &job, bool complete) {
+    int r = complete ? IMG_dc_end_doc(job.dc) : 0;
+    if (r > 0) std::fprintf(stderr, "brivanta: print: job %d queued\n", r);
+    IMG_dc_delete(job.dc);
+    return std::min(r, 0);
+}
+#endif
+
+int cmd_print(int argc, char **argv) {
+    const char *in = nullptr, *to = nullptr, *queue = nullptr;
+    double width_in = 0;
+    bool fit = false;
+    int dpi = 300;
+    bool ok = !wants_help(argc, argv);
+    for (int i = 2; ok && i < argc; i++) {
+        const std::string a = argv[i];
+        const bool more = i + 1 < argc;
+        if (a == "--to" && more) to = argv[++i];
+        else if (a == "--printer" && more) queue = argv[++i];
+        else if (a == "--fit") fit = true;
+        else if (a == "--width" && more) ok = (width_in = std::atof(argv[++i])) > 0;
+        else if (a == "--dpi" && more) ok = (dpi = std::atoi(argv[++i])) >= 72 && dpi <= 2400;
+        else if (!in && a[0] != '-') in = argv[i];
+        else ok = false;
+    }
+    if (!ok || !in || (!to && !queue) || (fit && width_in > 0)) {
+        std::printf("usage: brivanta print FILE (--to OUT.pdf | --printer QUEUE) [--fit | --width INCHES] [--dpi N]\n"
+                    "Prints each page of FILE on a Letter sheet, centred: at the size its resolution gives\n"
+                    "(72 dpi when it has none, shrunk to fit), as large as fits (--fit), or INCHES wide.\n"
+                    "On Linux --to writes a PDF at N dots per inch (300) and --printer sends it to a CUPS\n"
+                    "queue; on Windows --printer names the printer and --to makes it print to a file.\n");
+        return ok && wants_help(argc, argv) ? 0 : 2;
+    }
+    const int pages = IMGLOW_get_pages(in);
+    if (pages < 0) return fail(in, pages);
+    print_job job;
+    if (int r = job_open(job, to, queue, dpi); r < 0) return fail(to ? to : queue, r);
+    int r = 0;
+    for (int page = 0; page < std::max(pages, 1) && r >= 0; page++) {
+        const int h = load_file(in, page);
+        if (h < 0) {
+            r = h;
+            break;
+        }
+        int w = 0, ht = 0, bits = 0;
+        IMG_bitmap_info(h, &w, &ht, &bits);
+        unsigned char header[40 + 1024] = {};  // the header and a full colour table
+        IMGLOW_get_bitmap_header(h, header);
+        int xdpi, ydpi;
+        std::memcpy(&xdpi, header + 24, 4);
+        std::memcpy(&ydpi, header + 28, 4);
+        // Natural size from the picture's resolution, in device pixels.
+        double dw = static_cast<double>(w) * job.dpi / (xdpi > 0 ? xdpi : 72);
+        double dh = static_cast<double>(ht) * job.dpi / (ydpi > 0 ? ydpi : 72);
+        const double margin = job.dpi / 2.0;
+        const double room_w = job.page_w - 2 * margin, room_h = job.page_h - 2 * margin;
+        double scale = 1;
+        if (width_in > 0) scale = width_in * job.dpi / dw;
+        else if (fit || dw > room_w || dh > room_h) scale = std::min(room_w / dw, room_h / dh);
+        dw *= scale;
+        dh *= scale;
+        const int pw = std::max(1, static_cast<int>(dw + 0.5)), ph = std::max(1, static_cast<int>(dh + 0.5));
+        r = job_start_page(job);
+        if (r >= 0) {
+            progress_start("print");
+            r = IMG_print_bitmap(h, job.dc, (job.page_w - pw) / 2, (job.page_h - ph) / 2, pw, ph);
+            progress_stop();
+        }
+        if (r >= 0) r = job_end_page(job);
+        IMG_delete_bitmap(h);
+    }
+    const int closed = job_close(job, r >= 0);
+    if (r >= 0) r = closed;
+    return r < 0 ? fail(in, r) : 0;
+}
+
+int cmd_clipboard(int argc, char **argv) {
+    if (wants_help(argc, argv) || argc != 3) {
+        std::printf("usage: brivanta clipboard OUT\nSaves the clipboard's picture as the BMP file OUT.\n");
+        return argc == 3 ? 0 : 2;
+    }
+    const int r = IMG_save_clipboard(argv[2], nullptr);
+    return r < 0 ? fail(argv[2], r) : 0;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -929,6 +1064,8 @@ int main(int argc, char **argv) {
     if (cmd == "process") return cmd_process(argc, argv);
     if (cmd == "scan") return cmd_scan(argc, argv);
     if (cmd == "demo") return cmd_demo(argc, argv);
+    if (cmd == "print") return cmd_print(argc, argv);
+    if (cmd == "clipboard") return cmd_clipboard(argc, argv);
     if (cmd == "view") return cmd_view(argc, argv, [](const char *name, int page) { return load_file(name, page); });
     std::fprintf(stderr, "brivanta: unknown command %s\n", cmd.c_str());
     return usage(stderr);
