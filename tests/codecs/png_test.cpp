@@ -67,14 +67,14 @@ TEST(PngRead, MalformedFilesGiveCodesAndLeaveNothing) {
     const bytes rgb = sample(24), mapped = sample(8);
     bytes bad_crc = rgb, bad_data = rgb, no_palette = mapped, bad_data_crc = rgb;
     bad_crc[20] ^= 1;
-    // A flipped bit in the data's own checksum, its last byte: the inflater
-    // does not check that one, so the chunk's CRC has to catch it.
-    bad_data_crc[41 + (rgb[35] << 8 | rgb[36]) - 1] ^= 0x10;
     // The chunk after the header: the image data of the 24-bit file, whose
     // first deflate block (past the 2-byte zlib header) gets a reserved type.
     ASSERT_EQ(std::string(rgb.begin() + 37, rgb.begin() + 41), "IDAT");
     bad_data[41 + 2] = 0xFF;
     fix_crc(bad_data, 33);
+    // A flipped bit in the data's own checksum, its last byte: the inflater
+    // does not check that one, so the chunk's CRC has to catch it.
+    bad_data_crc[41 + (rgb[35] << 8 | rgb[36]) - 1] ^= 0x10;
     // The 8-bit file's palette renamed to an ancillary chunk nobody knows.
     ASSERT_EQ(std::string(mapped.begin() + 37, mapped.begin() + 41), "PLTE");
     no_palette[37] = 'p';
