@@ -149,7 +149,9 @@ png_decoder *png_decode_open(png_read_fn read, void *user, uint32_t max_width, u
     auto *d = static_cast<png_decoder *>(block_alloc(sizeof(png_decoder)));
     if (!d) return nullptr;
     d->io = {read, nullptr, user};
-    d->ctx = clean(spng_ctx_new2(&block_allocator, 0));
+    // Every chunk's CRC already covers the compressed bytes, so the
+    // inflater's checksum is not computed: it would catch only a writer's bug.
+    d->ctx = clean(spng_ctx_new2(&block_allocator, SPNG_CTX_IGNORE_ADLER32));
     if (!d->ctx) {
         png_decode_close(d);
         return nullptr;
@@ -238,6 +240,13 @@ png_decoder *png_decode_open(png_read_fn read, void *user, uint32_t max_width, u
     return d;
 }
 
+// After the last row: the image data's final chunk is read to its CRC, the
+// check that stands in for the inflater's.  Chunks after it are not
+// required, so only a wrong CRC fails the load.
+namespace {
+int finish_data(png_decoder *d) { return clean(spng_decode_chunks(d->ctx)) == SPNG_ECHUNK_CRC ? IMG_ERR_DATA : 0; }
+}  // namespace
+
 int png_decode_row(png_decoder *d, uint8_t *row) {
     if (d->interlaced) {
         // Passes scatter over the whole picture: it is decoded at once, the
@@ -250,6 +259,7 @@ int png_decode_row(png_decoder *d, uint8_t *row) {
             if (!d->image) return IMG_ERR_MEMORY;
             if (int err = clean(spng_decode_image(d->ctx, d->image, total, d->fmt, SPNG_DECODE_TRNS)); err)
                 return code_of(err, IMG_ERR_DATA);
+            if (int rc = finish_data(d); rc < 0) return rc;
             BRV_UNPOISON(d->image, total);
         }
         std::memcpy(row, d->image + d->row_size * d->next_row++, d->row_size);
@@ -260,7 +270,8 @@ int png_decode_row(png_decoder *d, uint8_t *row) {
     // of libspng's own buffers along.
     BRV_UNPOISON(row, d->row_size);
     d->next_row++;
-    return err == 0 || err == SPNG_EOI ? 0 : code_of(err, IMG_ERR_DATA);
+    if (err == SPNG_EOI) return finish_data(d);
+    return err == 0 ? 0 : code_of(err, IMG_ERR_DATA);
 }
 
 void png_decode_close(png_decoder *d) {

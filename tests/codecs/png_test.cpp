@@ -65,13 +65,16 @@ void expect_load_fails(const bytes &file, int code, const char *what) {
 
 TEST(PngRead, MalformedFilesGiveCodesAndLeaveNothing) {
     const bytes rgb = sample(24), mapped = sample(8);
-    bytes bad_crc = rgb, bad_data = rgb, no_palette = mapped;
+    bytes bad_crc = rgb, bad_data = rgb, no_palette = mapped, bad_data_crc = rgb;
     bad_crc[20] ^= 1;
     // The chunk after the header: the image data of the 24-bit file, whose
     // first deflate block (past the 2-byte zlib header) gets a reserved type.
     ASSERT_EQ(std::string(rgb.begin() + 37, rgb.begin() + 41), "IDAT");
     bad_data[41 + 2] = 0xFF;
     fix_crc(bad_data, 33);
+    // A flipped bit in the data's own checksum, its last byte: the inflater
+    // does not check that one, so the chunk's CRC has to catch it.
+    bad_data_crc[41 + (rgb[35] << 8 | rgb[36]) - 1] ^= 0x10;
     // The 8-bit file's palette renamed to an ancillary chunk nobody knows.
     ASSERT_EQ(std::string(mapped.begin() + 37, mapped.begin() + 41), "PLTE");
     no_palette[37] = 'p';
@@ -91,9 +94,18 @@ TEST(PngRead, MalformedFilesGiveCodesAndLeaveNothing) {
         {"interlace method 2", with_header(rgb, 28, {2}), IMG_ERR_HEADER},
         {"width over a 31-bit row", with_header(rgb, 16, {0x7F, 0, 0, 0}), IMG_ERR_MEMORY},
         {"bad deflate block", bad_data, IMG_ERR_DATA},
+        {"image data CRC", bad_data_crc, IMG_ERR_DATA},
         {"palette missing", no_palette, IMG_ERR_HEADER},
     };
     for (auto &c : cases) expect_load_fails(c.file, c.code, c.what);
+}
+
+TEST(PngRead, FileCutAfterItsImageDataStillLoads) {
+    const bytes rgb = sample(24);
+    ASSERT_EQ(std::string(rgb.end() - 8, rgb.end() - 4), "IEND");
+    int h = load_bytes(bytes(rgb.begin(), rgb.end() - 12));
+    EXPECT_GE(h, 0);
+    IMG_delete_bitmap(h);
 }
 
 TEST(PngRead, HugePictureRefusedBeforeItsData) {
