@@ -233,6 +233,14 @@ int parse_type(const char *text) {
     return number && n == IMG_TYPE_BY_EXTENSION ? IMG_TYPE_BY_EXTENSION : -2;
 }
 
+// --type's value, or a one-line error and false.
+bool parse_type_option(const char *text, int *type) {
+    *type = parse_type(text);
+    if (*type != -2) return true;
+    std::fprintf(stderr, "brivanta: unknown type %s; 'brivanta formats' lists them\n", text);
+    return false;
+}
+
 // TYPE:WIDTH[:HEIGHT[:FILLORDER]], TYPE a number or g4, g3-2d, g3.
 bool parse_fax(const char *text, int *type, int *width, int *height, int *fill) {
     char name[16] = {};
@@ -334,11 +342,7 @@ int cmd_convert(int argc, char **argv) {
         auto value = [&]() -> const char * { return i + 1 < argc ? argv[++i] : nullptr; };
         const char *v = nullptr;
         if (a == "--type" && (v = value())) {
-            type = parse_type(v);
-            if (type == -2) {
-                std::fprintf(stderr, "brivanta: unknown type %s; 'brivanta formats' lists them\n", v);
-                return 2;
-            }
+            if (!parse_type_option(v, &type)) return 2;
         } else if (a == "--append") append = true;
         else if (a == "--page" && (v = value())) page = std::atoi(v);
         else if (a == "--quality" && (v = value())) quality = std::atoi(v);
@@ -411,11 +415,7 @@ int cmd_scan(int argc, char **argv) {
         auto value = [&]() -> const char * { return i + 1 < argc ? argv[++i] : nullptr; };
         const char *v = nullptr;
         if (a == "--type" && (v = value())) {
-            type = parse_type(v);
-            if (type == -2) {
-                std::fprintf(stderr, "brivanta: unknown type %s; 'brivanta formats' lists them\n", v);
-                return 2;
-            }
+            if (!parse_type_option(v, &type)) return 2;
         } else if (a == "--pages" && (v = value())) pages = true, prefix = v;
         else if (a == "--device" && (v = value())) device = v;
         else if (a == "--resolution" && (v = value())) resolution = std::atoi(v);
