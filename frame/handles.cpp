@@ -56,10 +56,9 @@ int handle_alloc() {
             slot = slot_count++;
         }
     }
-    mem_block rb = mem_alloc(sizeof(handle_record), MEM_MOVEABLE | MEM_ZEROINIT);
-    auto *rec = rb ? static_cast<handle_record *>(mem_lock(rb)) : nullptr;
+    mem_block rb;
+    auto *rec = mem_new_record<handle_record>(&rb);
     if (!rec) {
-        if (rb) mem_free(rb);
         trim_table();
         return IMG_ERR_MEMORY;
     }

@@ -23,6 +23,15 @@ uint32_t mem_size(mem_block block);    // 0 for a block that does not exist
 // The block whose data starts exactly at address, or 0.
 mem_block mem_handle(const void *address);
 
+// A zeroed record of type T in a block of its own, locked for its life:
+// the record, with *block set, or null (nothing left allocated).
+template <class T> T *mem_new_record(mem_block *block) {
+    *block = mem_alloc(sizeof(T), MEM_MOVEABLE | MEM_ZEROINIT);
+    T *record = *block ? static_cast<T *>(mem_lock(*block)) : nullptr;
+    if (!record && *block) *block = mem_free(*block);
+    return record;
+}
+
 // Test hooks: make the k-th allocation from now fail (k = 1 is the next one;
 // 0 switches failing off), and count the blocks alive.
 void mem_fail_after(int k);

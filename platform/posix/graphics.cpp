@@ -232,12 +232,9 @@ surface *surface_create(int width, int height) {
     if (width < 0 || height < 0) return nullptr;
     const uint64_t bytes = static_cast<uint64_t>(width) * static_cast<uint64_t>(height) * 4;
     if (bytes > 0x7FFF0000u) return nullptr;
-    mem_block rb = mem_alloc(sizeof(surface), MEM_MOVEABLE | MEM_ZEROINIT);
-    auto *s = rb ? static_cast<surface *>(mem_lock(rb)) : nullptr;
-    if (!s) {
-        if (rb) mem_free(rb);
-        return nullptr;
-    }
+    mem_block rb;
+    auto *s = mem_new_record<surface>(&rb);
+    if (!s) return nullptr;
     s->record_block = rb;
     if (bytes) {
         s->pixel_block = mem_alloc(static_cast<uint32_t>(bytes), MEM_MOVEABLE);

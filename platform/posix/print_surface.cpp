@@ -103,12 +103,9 @@ int IMG_API IMG_dc_create_printer(const char *pdf_file, const char *queue, int d
     const int64_t h = (static_cast<int64_t>(page_h_mils) * dpi + 500) / 1000;
     if (w < 1 || h < 1 || w * h > 0x1FFFC000) return IMG_ERR_MEMORY;
 
-    mem_block b = mem_alloc(sizeof(printer), MEM_MOVEABLE | MEM_ZEROINIT);
-    auto *p = b ? static_cast<printer *>(mem_lock(b)) : nullptr;
-    if (!p) {
-        if (b) mem_free(b);
-        return IMG_ERR_MEMORY;
-    }
+    mem_block b;
+    auto *p = mem_new_record<printer>(&b);
+    if (!p) return IMG_ERR_MEMORY;
     p->block = b;
     p->dpi = dpi;
     if (to_queue) std::strcpy(p->queue, queue);

@@ -278,10 +278,9 @@ int IMG_API IMG_dc_create_window(const char *display, int width, int height, con
         return IMG_ERR_TYPE;
     }
     surface *s = surface_create(0, 0);
-    mem_block rb = s ? mem_alloc(sizeof(x11_window), MEM_MOVEABLE | MEM_ZEROINIT) : 0;
-    auto *xw = rb ? static_cast<x11_window *>(mem_lock(rb)) : nullptr;
+    mem_block rb = 0;
+    auto *xw = s ? mem_new_record<x11_window>(&rb) : nullptr;
     if (!xw) {
-        if (rb) mem_free(rb);
         if (s) surface_destroy(s);
         XCloseDisplay(dpy);
         return IMG_ERR_MEMORY;
