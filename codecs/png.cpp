@@ -8,8 +8,6 @@
 #include "frame/byte_source.h"
 #include "platform/png_codec.h"
 
-#include <utility>
-
 namespace brv {
 
 namespace {
@@ -180,8 +178,7 @@ BRIVANTA_WRITER(png_write_file) {
     if (!enc.e) return rc;
     for (int y = 0; y < header->biHeight; y++) {
         if ((rc = get_row(context, row, y, static_cast<int>(fetch))) < 0) return rc;
-        if (bits == 24)
-            for (uint32_t x = 0; x < width; x++) std::swap(row[3 * x], row[3 * x + 2]);
+        if (bits == 24) swap_red_blue(row, row, width);
         if ((rc = png_encode_row(enc.e, row)) < 0) return rc;
     }
     return png_encode_finish(enc.e);
