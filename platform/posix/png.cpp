@@ -397,7 +397,8 @@ png_encoder *png_encode_open(const png_encode_params &p, png_write_fn write, voi
 
 int png_encode_row(png_encoder *e, const uint8_t *row) {
     if (e->prev) {
-        spng_set_option(e->ctx, SPNG_FILTER_CHOICE, SPNG_FILTER_CHOICE_NONE << pick_filter(row, e->prev, e->row_size, e->bpp));
+        const int filter = pick_filter(row, e->prev, e->row_size, e->bpp);
+        spng_set_option(e->ctx, SPNG_FILTER_CHOICE, SPNG_FILTER_CHOICE_NONE << filter);
         std::memcpy(e->prev, row, e->row_size);
     }
     int err = clean(spng_encode_row(e->ctx, row, e->row_size));
