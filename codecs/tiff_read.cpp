@@ -800,117 +800,40 @@ struct copy_out {
 // RGB runs stored as BGR as they are unpacked, so the row is written once.
 // The output runs two bytes behind the input: a run of n bytes at row byte
 // x gives output bytes [x - 2, x + n - 2), whose pixels' input has all come
-// by then, so each run is a fixed number of byte shuffles and stores
-// whatever its alignment to pixels.  Output byte x - 2 + t takes input byte
-// x - 4 + window_from(x % 3, t).
-constexpr int window_from(int phase, int t) { return swapped_from(t + phase + 1) - phase + 1; }
-
-// The four input bytes before the run (first lowest), and the row's last
-// two output bytes, which no run reaches.
-struct window_state {
-    uint8_t *row;
-    uint32_t rs;
-    uint32_t last4;
-    void keep_last(const uint8_t *src, uint32_t n) {
-        if (n >= 4)
-            std::memcpy(&last4, src + n - 4, 4);
-        else
-            for (uint32_t k = 0; k < n; k++) last4 = last4 >> 8 | static_cast<uint32_t>(src[k]) << 24;
-    }
-    void keep_last(uint8_t v, uint32_t n) {
-        for (uint32_t k = 0; k < n && k < 4; k++) last4 = last4 >> 8 | static_cast<uint32_t>(v) << 24;
-    }
-    void end() {
-        row[rs - 2] = static_cast<uint8_t>(last4 >> 16);
-        row[rs - 1] = static_cast<uint8_t>(last4 >> 8);
-    }
-};
-
-// 16 output bytes from the two input vectors at 0 and 4 bytes on, by phase.
-struct narrow_window_masks {
-    int8_t lo[3][16] = {}, hi[3][16] = {};
-    constexpr narrow_window_masks() {
-        for (int phase = 0; phase < 3; phase++)
-            for (int t = 0; t < 16; t++) {
-                const int from = window_from(phase, t);
-                lo[phase][t] = static_cast<int8_t>(from < 16 ? from : -1);
-                hi[phase][t] = static_cast<int8_t>(from < 16 ? -1 : from - 4);
-            }
-    }
-};
-constexpr narrow_window_masks NARROW_WINDOW{};
-
-// Sixteen output bytes a step (16 = 1 mod 3: the phase moves on by one).
-// A step may store past the run's output, which the next run overwrites,
-// but never past the row.
-struct window_out16 : window_state {
-    __attribute__((target("ssse3"))) void put(uint32_t x, uint32_t j, __m128i out, uint32_t n) {
-        const int64_t at = static_cast<int64_t>(x) - 2 + 16 * j;
-        if (at >= 0 && at + 16 <= rs) {
-            _mm_storeu_si128(reinterpret_cast<__m128i *>(row + at), out);
-            return;
-        }
-        alignas(16) uint8_t step[16];
-        _mm_store_si128(reinterpret_cast<__m128i *>(step), out);
-        const uint32_t skip = at < 0 ? static_cast<uint32_t>(-at) : 0, valid = n - 16 * j < 16 ? n - 16 * j : 16;
-        if (valid > skip) std::memcpy(row + at + skip, step + skip, valid - skip);
-    }
-    __attribute__((target("ssse3"))) __m128i shuffle(__m128i lo, __m128i hi, uint32_t phase) {
-        const auto *m = &NARROW_WINDOW;
-        return _mm_or_si128(_mm_shuffle_epi8(lo, _mm_loadu_si128(reinterpret_cast<const __m128i *>(m->lo[phase]))),
-                            _mm_shuffle_epi8(hi, _mm_loadu_si128(reinterpret_cast<const __m128i *>(m->hi[phase]))));
-    }
-    // The steps read up to 16 bytes past the run: without the input's reach
-    // (fast), the run is copied out first.
-    __attribute__((target("ssse3"))) void literal(uint32_t x, const uint8_t *src, uint32_t n, bool fast) {
-        uint8_t copy[128 + 16] = {};
-        if (!fast) src = static_cast<const uint8_t *>(std::memcpy(copy, src, n));
-        const __m128i before = _mm_slli_si128(_mm_cvtsi32_si128(static_cast<int>(last4)), 12);
-        uint32_t phase = x % 3;
-        for (uint32_t j = 0; 16 * j < n; j++, phase = phase == 2 ? 0 : phase + 1) {
-            const __m128i hi = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + 16 * j));
-            const __m128i lo = j ? _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + 16 * j - 4))
-                                 : _mm_alignr_epi8(hi, before, 12);
-            put(x, j, shuffle(lo, hi, phase), n);
-        }
-        keep_last(src, n);
-    }
-    // Past the first step every output byte is v.
-    __attribute__((target("ssse3"))) void repeat(uint32_t x, uint8_t v, uint32_t n) {
-        const __m128i same = _mm_set1_epi8(static_cast<char>(v));
-        const __m128i before = _mm_slli_si128(_mm_cvtsi32_si128(static_cast<int>(last4)), 12);
-        put(x, 0, shuffle(_mm_alignr_epi8(same, before, 12), same, x % 3), n);
-        for (uint32_t j = 1; 16 * j < n; j++) put(x, j, same, n);
-        keep_last(v, n);
-    }
-};
-
-// 64 output bytes from the 128 input bytes on, by phase; the next 64 take
-// the next phase's row (64 = 1 mod 3).
-struct wide_window_index {
+// by then, so each run takes two permutes and two stores whatever its
+// alignment to pixels.  Output byte x - 2 + t takes input byte x - 4 +
+// WINDOW.v[x % 3][t] of the 128 from there; the next 64 output bytes take
+// the next phase's row from 64 bytes on (64 = 1 mod 3).
+struct window_index {
     uint8_t v[4][64] = {};
-    constexpr wide_window_index() {
+    constexpr window_index() {
         for (int phase = 0; phase < 4; phase++)
-            for (int t = 0; t < 64; t++) v[phase][t] = static_cast<uint8_t>(window_from(phase % 3, t));
+            for (int t = 0; t < 64; t++)
+                v[phase][t] = static_cast<uint8_t>(swapped_from(t + phase % 3 + 1) - phase % 3 + 1);
     }
 };
-constexpr wide_window_index WIDE_WINDOW{};
+constexpr window_index WINDOW{};
 
 constexpr uint64_t low_bytes(uint32_t n) { return n >= 64 ? ~0ull : (1ull << n) - 1; }
 // The address k bytes from p, for a masked access: it touches only the
-// bytes its mask selects, which may not lie around all of that address.
+// bytes its mask selects, which need not lie around all of that address.
 inline const void *masked_at(const uint8_t *p, intptr_t k) {
     return reinterpret_cast<const void *>(reinterpret_cast<uintptr_t>(p) + static_cast<uintptr_t>(k));
 }
 
-// Two permutes and two stores a run, masked to its bytes: a run's input
-// from x - 4 is in a, b and c, last4 first.
-struct window_out64 : window_state {
+// A row of rs bytes, a whole number of pixels.  last4 holds the four input
+// bytes before the run, first lowest; the row's last two output bytes,
+// which no run reaches, come from it when the row ends.
+struct window_out {
+    uint8_t *row;
+    uint32_t rs;
+    uint32_t last4;
+    // The run's input from x - 4 is in a, b and c.
     __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void emit(uint32_t x, uint32_t n, __m512i a, __m512i b,
                                                                       __m512i c) {
         const uint32_t phase = x % 3;
-        const __m512i lo = _mm512_permutex2var_epi8(a, _mm512_loadu_si512(WIDE_WINDOW.v[phase]), b);
-        const __m512i hi = _mm512_permutex2var_epi8(b, _mm512_loadu_si512(WIDE_WINDOW.v[phase + 1]), c);
+        const __m512i lo = _mm512_permutex2var_epi8(a, _mm512_loadu_si512(WINDOW.v[phase]), b);
+        const __m512i hi = _mm512_permutex2var_epi8(b, _mm512_loadu_si512(WINDOW.v[phase + 1]), c);
         if (x >= 2) {
             _mm512_mask_storeu_epi8(row + x - 2, low_bytes(n), lo);
             if (n > 64) _mm512_mask_storeu_epi8(row + x + 62, low_bytes(n - 64), hi);
@@ -929,13 +852,20 @@ struct window_out64 : window_state {
         const __m512i b = _mm512_maskz_loadu_epi8(n > 60 ? low_bytes(n - 60) : 0, masked_at(src, 60));
         const __m512i c = _mm512_maskz_loadu_epi8(n > 124 ? low_bytes(n - 124) : 0, masked_at(src, 124));
         emit(x, n, a, b, c);
-        keep_last(src, n);
+        if (n >= 4)
+            std::memcpy(&last4, src + n - 4, 4);
+        else
+            for (uint32_t k = 0; k < n; k++) last4 = last4 >> 8 | static_cast<uint32_t>(src[k]) << 24;
     }
     __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void repeat(uint32_t x, uint8_t v, uint32_t n) {
         const __m512i same = _mm512_set1_epi8(static_cast<char>(v));
         const __m512i before = _mm512_zextsi128_si512(_mm_cvtsi32_si128(static_cast<int>(last4)));
         emit(x, n, _mm512_mask_blend_epi8(0xF, same, before), same, same);
-        keep_last(v, n);
+        for (uint32_t k = 0; k < n && k < 4; k++) last4 = last4 >> 8 | static_cast<uint32_t>(v) << 24;
+    }
+    void end() {
+        row[rs - 2] = static_cast<uint8_t>(last4 >> 16);
+        row[rs - 1] = static_cast<uint8_t>(last4 >> 8);
     }
 };
 #endif
@@ -1006,15 +936,10 @@ __attribute__((target("avx512f"), flatten)) bool unpack_row_wide(packbits_input 
     copy_out<copy_blocks64> out{row, rs + room};
     return unpack_row_with(in, out, rs, chunk);
 }
-// An RGB row as BGR; rs is a whole number of pixels.
-__attribute__((target("ssse3"), flatten)) bool unpack_bgr_narrow(packbits_input &in, uint8_t *row, uint32_t rs,
-                                                                  int32_t chunk) {
-    window_out16 out{{row, rs, 0}};
-    return unpack_row_with(in, out, rs, chunk);
-}
+// An RGB row as BGR.
 __attribute__((target("avx512f,avx512bw,avx512vbmi"), flatten)) bool unpack_bgr_wide(packbits_input &in, uint8_t *row,
                                                                                     uint32_t rs, int32_t chunk) {
-    window_out64 out{{row, rs, 0}};
+    window_out out{row, rs, 0};
     return unpack_row_with(in, out, rs, chunk);
 }
 const bool have_avx512 = __builtin_cpu_supports("avx512f");
@@ -1034,7 +959,7 @@ int tiff_read_packbits(tiff_reader &r) {
     bool (*unpack_bgr)(packbits_input &, uint8_t *, uint32_t, int32_t) = nullptr;
 #if defined(__x86_64__) || defined(__i386__)
     if (wide_unpack) unpack = unpack_row_wide;
-    if (simd_swap) unpack_bgr = wide_swap ? unpack_bgr_wide : unpack_bgr_narrow;
+    if (wide_swap) unpack_bgr = unpack_bgr_wide;
 #endif
     uint32_t strip = 0;
     for (r.plane = 0; r.plane < planes_of(r); r.plane++) {
@@ -1043,7 +968,8 @@ int tiff_read_packbits(tiff_reader &r) {
             if (!in.begin(first_read)) return IMG_ERR_DATA;
             for (uint32_t left = rows_in(r, y); left; left--, y++) {
                 // Plain RGB goes straight into the bitmap: swapped as it is
-                // unpacked where vectors allow, else swapped there after.
+                // unpacked with whole-register byte permutes, else swapped
+                // there after (with narrower vectors that is the faster way).
                 if (uint8_t *target = r.plain_rgb ? load_row_target(r.put_row, r.user, static_cast<int>(y)) : nullptr) {
                     if (unpack_bgr) {
                         if (!unpack_bgr(in, target, rs, chunk)) return IMG_ERR_DATA;

@@ -60,8 +60,8 @@ TEST(TiffRgbRows, EveryWidthLoadsAsItsPixels) {
 // Random PackBits strips, one per row or one per page: runs of every kind
 // and length that split pixels, and runs past a row's end, whose surplus
 // is dropped.  The rows the strips make are kept as they are generated; a
-// load into a handle (swapped as unpacked) and the row reader (swapped
-// after) both give them, at each vector width.
+// load into a handle (swapped as unpacked, with the widest vectors) and the
+// row reader (swapped after) both give them, at each vector width.
 TEST(TiffRgbRows, RandomPackBitsStripsLoadAsTheirRows) {
     uint32_t s = 5;
     auto next = [&s](uint32_t n) {
@@ -88,8 +88,8 @@ TEST(TiffRgbRows, RandomPackBitsStripsLoadAsTheirRows) {
         }
         if (samples == 3)
             for (bytes &row : want) row = rgb_row(row, static_cast<int>(width));  // the same swap back to BGR
-        const bytes file =
-            build_tiff({simple_page(width, height, 8, samples, samples == 3 ? 2 : 1, 32773, strips, rows_per_strip)}, false);
+        const tiff_page page = simple_page(width, height, 8, samples, samples == 3 ? 2 : 1, 32773, strips, rows_per_strip);
+        const bytes file = build_tiff({page}, false);
         for (int vectors : {512, 128, 0}) {
             const vector_limit limit(vectors);
             const decoded rows = run_tiff(file);
