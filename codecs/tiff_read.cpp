@@ -803,7 +803,8 @@ struct copy_out {
 // by then, so each run takes two permutes and two stores whatever its
 // alignment to pixels.  Output byte x - 2 + t takes input byte x - 4 +
 // WINDOW.v[x % 3][t] of the 128 from there; the next 64 output bytes take
-// the next phase's row from 64 bytes on (64 = 1 mod 3).
+// the next phase's row from 64 bytes on (64 = 1 mod 3), so a fourth row
+// repeats the first.
 struct window_index {
     uint8_t v[4][64] = {};
     constexpr window_index() {
