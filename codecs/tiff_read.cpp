@@ -780,11 +780,107 @@ struct copy_blocks64 {
 };
 #endif
 
-// One row of rs bytes into row, which has room bytes writable behind it:
-// whole-block copies are used where their overshoot fits.  Literal bytes
-// past the row's end are read and dropped.  False when the data ends first.
+// Runs copied as they are into a row with limit bytes writable: whole
+// blocks where their overshoot fits and the input has the reach (fast).
 template <class copy>
-bool unpack_row_with(packbits_input &in, uint8_t *row, uint32_t rs, uint32_t room, int32_t chunk) {
+struct copy_out {
+    uint8_t *row;
+    uint32_t limit;
+    void literal(uint32_t x, const uint8_t *src, uint32_t n, bool fast) {
+        if (fast && x + 128 <= limit)
+            copy::run(row + x, src, n);
+        else
+            std::memcpy(row + x, src, n);
+    }
+    void repeat(uint32_t x, uint8_t v, uint32_t n) { std::memset(row + x, v, n); }
+    void end() {}
+};
+
+#if defined(__x86_64__) || defined(__i386__)
+// RGB runs stored as BGR as they are unpacked, so the row is written once.
+// The output runs two bytes behind the input: a run of n bytes at row byte
+// x gives output bytes [x - 2, x + n - 2), whose pixels' input has all come
+// by then, so each run takes two permutes and two stores whatever its
+// alignment to pixels.  Output byte x - 2 + t takes input byte x - 4 +
+// WINDOW.v[x % 3][t] of the 128 from there; the next 64 output bytes take
+// the next phase's row from 64 bytes on (64 = 1 mod 3), so a fourth row
+// repeats the first.
+struct window_index {
+    uint8_t v[4][64] = {};
+    constexpr window_index() {
+        for (int phase = 0; phase < 4; phase++)
+            for (int t = 0; t < 64; t++)
+                v[phase][t] = static_cast<uint8_t>(swapped_from(t + phase % 3 + 1) - phase % 3 + 1);
+    }
+};
+constexpr window_index WINDOW{};
+
+constexpr uint64_t low_bytes(uint32_t n) { return n >= 64 ? ~0ull : (1ull << n) - 1; }
+// The address k bytes from p, for a masked access: it touches only the
+// bytes its mask selects, which need not lie around all of that address.
+inline const void *masked_at(const uint8_t *p, intptr_t k) {
+    return reinterpret_cast<const void *>(reinterpret_cast<uintptr_t>(p) + static_cast<uintptr_t>(k));
+}
+
+// A row of rs bytes, a whole number of pixels.  last4 holds the four input
+// bytes before the run, first lowest; the row's last two output bytes,
+// which no run reaches, come from it when the row ends.
+struct window_out {
+    uint8_t *row;
+    uint32_t rs;
+    uint32_t last4;
+    // The run's input from x - 4 is in a, b and c.
+    __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void emit(uint32_t x, uint32_t n, __m512i a, __m512i b,
+                                                                      __m512i c) {
+        const uint32_t phase = x % 3;
+        const __m512i lo = _mm512_permutex2var_epi8(a, _mm512_loadu_si512(WINDOW.v[phase]), b);
+        const __m512i hi = _mm512_permutex2var_epi8(b, _mm512_loadu_si512(WINDOW.v[phase + 1]), c);
+        if (x >= 2) {  // whole stores where they can be: they measured a little faster
+            if (n >= 64)
+                _mm512_storeu_si512(row + x - 2, lo);
+            else
+                _mm512_mask_storeu_epi8(row + x - 2, low_bytes(n), lo);
+            if (n >= 128)
+                _mm512_storeu_si512(row + x + 62, hi);
+            else if (n > 64)
+                _mm512_mask_storeu_epi8(row + x + 62, low_bytes(n - 64), hi);
+            return;
+        }
+        // The row's first run: its first 2 - x outputs would lie before the row.
+        alignas(64) uint8_t out[128];
+        _mm512_store_si512(out, lo);
+        _mm512_store_si512(out + 64, hi);
+        if (x + n > 2) std::memcpy(row, out + 2 - x, x + n - 2);
+    }
+    __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void literal(uint32_t x, const uint8_t *src, uint32_t n,
+                                                                         bool) {
+        const __m512i before = _mm512_zextsi128_si512(_mm_cvtsi32_si128(static_cast<int>(last4)));
+        const __m512i a = _mm512_mask_loadu_epi8(before, low_bytes(n + 4) & ~0xFull, masked_at(src, -4));
+        const __m512i b = _mm512_maskz_loadu_epi8(n > 60 ? low_bytes(n - 60) : 0, masked_at(src, 60));
+        const __m512i c = _mm512_maskz_loadu_epi8(n > 124 ? low_bytes(n - 124) : 0, masked_at(src, 124));
+        emit(x, n, a, b, c);
+        if (n >= 4)
+            std::memcpy(&last4, src + n - 4, 4);
+        else
+            for (uint32_t k = 0; k < n; k++) last4 = last4 >> 8 | static_cast<uint32_t>(src[k]) << 24;
+    }
+    __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void repeat(uint32_t x, uint8_t v, uint32_t n) {
+        const __m512i same = _mm512_set1_epi8(static_cast<char>(v));
+        const __m512i before = _mm512_zextsi128_si512(_mm_cvtsi32_si128(static_cast<int>(last4)));
+        emit(x, n, _mm512_mask_blend_epi8(0xF, same, before), same, same);
+        for (uint32_t k = 0; k < n && k < 4; k++) last4 = last4 >> 8 | static_cast<uint32_t>(v) << 24;
+    }
+    void end() {
+        row[rs - 2] = static_cast<uint8_t>(last4 >> 16);
+        row[rs - 1] = static_cast<uint8_t>(last4 >> 8);
+    }
+};
+#endif
+
+// One row of rs bytes into out; literal bytes past the row's end are read
+// and dropped.  False when the data ends first.
+template <class sink>
+bool unpack_row_with(packbits_input &in, sink &out, uint32_t rs, int32_t chunk) {
     // The input's state is kept in locals: stores into the row could
     // otherwise alias it and force a reload after every run.
     const uint8_t *buf = in.buf;
@@ -810,41 +906,48 @@ bool unpack_row_with(packbits_input &in, uint8_t *row, uint32_t rs, uint32_t roo
             uint32_t count = c < 128 ? static_cast<uint32_t>(c) + 1 : static_cast<uint32_t>((257 - c) & 0xFF);
             const uint32_t keep = rs - x < count ? rs - x : count;
             if (c < 128)
-                std::memcpy(row + x, p + 1, keep);
+                out.literal(x, p + 1, keep, false);
             else
-                std::memset(row + x, p[1], keep);
+                out.repeat(x, p[1], keep);
             x += keep;
             pos += c < 128 ? static_cast<int32_t>(count) + 1 : 2;
         } else if (n < 128) {
             const uint32_t count = static_cast<uint32_t>(n) + 1;
             const uint32_t keep = rs - x < count ? rs - x : count;
-            if (x + 128 <= rs + room)
-                copy::run(row + x, p + 1, keep);
-            else
-                std::memcpy(row + x, p + 1, keep);  // no room behind the row for whole blocks
+            out.literal(x, p + 1, keep, true);
             x += keep;
             pos += static_cast<int32_t>(count) + 1;
         } else {
             // 128 repeats 129 times: no no-op control byte here.
             uint32_t count = static_cast<uint32_t>((257 - n) & 0xFF);
             if (count > rs - x) count = rs - x;
-            std::memset(row + x, p[1], count);
+            out.repeat(x, p[1], count);
             x += count;
             pos += 2;
         }
     }
     in.pos = pos;
+    out.end();
     return true;
 }
 
+// A row as it is, into row with room bytes writable behind it.
 bool unpack_row(packbits_input &in, uint8_t *row, uint32_t rs, uint32_t room, int32_t chunk) {
-    return unpack_row_with<copy_blocks16>(in, row, rs, room, chunk);
+    copy_out<copy_blocks16> out{row, rs + room};
+    return unpack_row_with(in, out, rs, chunk);
 }
 #if defined(__x86_64__) || defined(__i386__)
-// Flattened, so the template and its copies are compiled for this target.
+// Flattened, so the template and its copies are compiled for each target.
 __attribute__((target("avx512f"), flatten)) bool unpack_row_wide(packbits_input &in, uint8_t *row, uint32_t rs,
                                                                   uint32_t room, int32_t chunk) {
-    return unpack_row_with<copy_blocks64>(in, row, rs, room, chunk);
+    copy_out<copy_blocks64> out{row, rs + room};
+    return unpack_row_with(in, out, rs, chunk);
+}
+// An RGB row as BGR.
+__attribute__((target("avx512f,avx512bw,avx512vbmi"), flatten)) bool unpack_bgr_wide(packbits_input &in, uint8_t *row,
+                                                                                    uint32_t rs, int32_t chunk) {
+    window_out out{row, rs, 0};
+    return unpack_row_with(in, out, rs, chunk);
 }
 const bool have_avx512 = __builtin_cpu_supports("avx512f");
 bool wide_unpack = have_avx512;
@@ -860,8 +963,10 @@ int tiff_read_packbits(tiff_reader &r) {
     const int32_t chunk = static_cast<int32_t>(rs) + 256 > 4096 ? static_cast<int32_t>(rs) + 256 : 4096;
     int32_t first_read = cap;  // what the next strip's first read asks for
     auto *unpack = unpack_row;
+    bool (*unpack_bgr)(packbits_input &, uint8_t *, uint32_t, int32_t) = nullptr;
 #if defined(__x86_64__) || defined(__i386__)
     if (wide_unpack) unpack = unpack_row_wide;
+    if (wide_swap) unpack_bgr = unpack_bgr_wide;
 #endif
     uint32_t strip = 0;
     for (r.plane = 0; r.plane < planes_of(r); r.plane++) {
@@ -869,11 +974,16 @@ int tiff_read_packbits(tiff_reader &r) {
             if (int rc = tiff_strip_seek(r, strip); rc < 0) return rc;
             if (!in.begin(first_read)) return IMG_ERR_DATA;
             for (uint32_t left = rows_in(r, y); left; left--, y++) {
-                // Plain RGB is unpacked into the bitmap and swapped there,
-                // so input and output stream through memory together.
+                // Plain RGB goes straight into the bitmap: swapped as it is
+                // unpacked with whole-register byte permutes, else swapped
+                // there after (with narrower vectors that is the faster way).
                 if (uint8_t *target = r.plain_rgb ? load_row_target(r.put_row, r.user, static_cast<int>(y)) : nullptr) {
-                    if (!unpack(in, target, rs, 0, chunk)) return IMG_ERR_DATA;
-                    rgb_to_bgr(target, target, r.rec.width);
+                    if (unpack_bgr) {
+                        if (!unpack_bgr(in, target, rs, chunk)) return IMG_ERR_DATA;
+                    } else {
+                        if (!unpack(in, target, rs, 0, chunk)) return IMG_ERR_DATA;
+                        rgb_to_bgr(target, target, r.rec.width);
+                    }
                     if (int rc = deliver(r, target, static_cast<int>(y)); rc < 0) return rc;
                     continue;
                 }

@@ -57,4 +57,41 @@ TEST(TiffRgbRows, EveryWidthLoadsAsItsPixels) {
         }
 }
 
+// Random PackBits strips, one per row or one per page: runs of every kind
+// and length that split pixels, and runs past a row's end, whose surplus
+// is dropped.  The rows the strips make are kept as they are generated; a
+// load swapping as it unpacks (widest vectors) and one swapping after both
+// give them.
+TEST(TiffRgbRows, RandomPackBitsStripsLoadAsTheirRows) {
+    uint32_t s = 5;
+    auto next = [&s](uint32_t n) { return ((s = s * 1664525u + 1013904223u) >> 8) % n; };
+    for (int round = 0; round < 48; round++) {
+        const uint32_t samples = round % 2 ? 3 : 1, width = 1 + next(round < 24 ? 12 : 200), height = 1 + next(5);
+        const uint32_t rows_per_strip = round % 4 < 2 ? 1 : height, row_bytes = width * samples;
+        std::vector<bytes> strips, want(height, bytes(row_bytes));
+        for (uint32_t y = 0; y < height; y++) {
+            if (y % rows_per_strip == 0) strips.emplace_back();
+            for (uint32_t x = 0; x < row_bytes;) {
+                const uint32_t c = next(3) ? (next(2) ? next(4) : 255 - next(3)) : next(256);
+                const uint32_t count = c < 128 ? c + 1 : (257 - c) & 0xFF;  // 128 repeats 129 times
+                strips.back().push_back(static_cast<uint8_t>(c));
+                for (uint32_t k = 0; k < count; k++, x++) {
+                    if (c < 128 || k == 0) strips.back().push_back(static_cast<uint8_t>(next(256)));
+                    if (x < row_bytes) want[y][samples == 3 ? x + 2 - x % 3 * 2 : x] = strips.back().back();  // BGR
+                }
+            }
+        }
+        const bytes file =
+            build_tiff({simple_page(width, height, 8, samples, samples == 3 ? 2 : 1, 32773, strips, rows_per_strip)}, false);
+        for (int vectors : {512, 0}) {
+            const vector_limit limit(vectors);
+            int code = 0;
+            const picture got = load_pic(file, &code);
+            ASSERT_GE(code, 0) << round;
+            for (uint32_t y = 0; y < height; y++)
+                EXPECT_TRUE(std::equal(want[y].begin(), want[y].end(), got.rows.at(y).begin())) << round << ", " << y;
+        }
+    }
+}
+
 }  // namespace
