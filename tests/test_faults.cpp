@@ -38,6 +38,12 @@ picture load_pic(const bytes &file, int *code, int page) {
     return p;
 }
 
+int load_code(const bytes &file, int page) {
+    int code = 0;
+    load_pic(file, &code, page);
+    return code;
+}
+
 bytes save_pic(const picture &p, int type, int *code) {
     int h = handle_of(p);
     bytes f = save_bytes(h, type, code);

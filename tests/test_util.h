@@ -72,6 +72,8 @@ bytes save_bytes(int handle, int type, int *result = nullptr);
 // A file image loaded through a handle and read back; empty on failure,
 // with the load's result in *code.  Either way no block may be left behind.
 picture load_pic(const bytes &file, int *code = nullptr, int page = 0);
+// The result of that load: a handle (already freed again) or the code.
+int load_code(const bytes &file, int page = 0);
 // A picture saved to memory through a handle; empty on failure.
 bytes save_pic(const picture &p, int type, int *code = nullptr);
 

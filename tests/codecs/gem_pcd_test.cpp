@@ -59,9 +59,7 @@ TEST(GemRead, ColourTableExtension) {
     // 17 header words: "XIMG", the RGB model, red and blue in thousandths.
     bytes f = gem({1, 17, 1, 1, 85, 85, 8, 1, 'X' << 8 | 'I', 'M' << 8 | 'G', 0, 1000, 0, 0, 0, 0, 1000},
                   {0x80, 1, 0xF0});
-    int code = 0;
-    load_pic(f, &code);
-    EXPECT_EQ(code, IMG_ERR_TYPE) << "detection names GEM only for headers of eight or nine words";
+    EXPECT_EQ(load_code(f), IMG_ERR_TYPE) << "detection names GEM only for headers of eight or nine words";
     block_ref b(f);
     memory_source_set(b.data);
     uint8_t palette[8] = {};
@@ -80,11 +78,7 @@ TEST(GemRead, Refusals) {
         {gem({1, 8, 1, 1, 85, 85, 8, 1}, {0, 0, 0xFE, 1, 0x81}), IMG_ERR_HEADER},  // not a replication mark
         {gem({1, 8, 1, 2, 85, 85, 8, 1}, {0, 1, 0xAA}), IMG_ERR_DATA},             // a pattern cut short
     };
-    for (auto &c : cases) {
-        int code = 0;
-        load_pic(c.file, &code);
-        EXPECT_EQ(code, c.code);
-    }
+    for (auto &c : cases) EXPECT_EQ(load_code(c.file), c.code);
 }
 
 namespace {
@@ -126,8 +120,6 @@ TEST(PcdRead, BaseImageThroughThePublishedConversion) {
     }
     bytes unsigned_pack = pcd_file(100, 156, 137);
     unsigned_pack[0x801] = 'X';
-    int code = 0;
-    load_pic(unsigned_pack, &code);
-    EXPECT_EQ(code, IMG_ERR_HEADER);
+    EXPECT_EQ(load_code(unsigned_pack), IMG_ERR_HEADER);
     check_load_faults(pcd_file(90, 140, 150), TRICKLES);
 }

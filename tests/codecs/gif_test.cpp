@@ -168,8 +168,7 @@ TEST(Gif, BrokenFilesEndWithCleanCodes) {
         {"data stops early", [&] { auto r = valid(); r.data.resize(100); return r; }(), IMG_ERR_DATA},
     };
     for (auto &c : cases) {
-        int code = 0;
-        load_pic(build(c.r), &code);
+        const int code = load_code(build(c.r));
         if (c.want) EXPECT_EQ(code, c.want) << c.what;
         else EXPECT_GE(code, 0) << c.what << ": a stray byte before the separator is scanned past";
     }
@@ -178,8 +177,7 @@ TEST(Gif, BrokenFilesEndWithCleanCodes) {
     bytes file = build(valid());
     const size_t data_end = file.size() - 2, separator = 13 + 768;  // terminator and trailer may go
     for (size_t cut = 1; cut < file.size(); cut++) {
-        int code = 0;
-        load_pic(bytes(file.begin(), file.begin() + static_cast<long>(cut)), &code);
+        const int code = load_code(bytes(file.begin(), file.begin() + static_cast<long>(cut)));
         // "G" and nine unread zeros pass the CUT probe, whose reader finds no header.
         if (cut < 3) EXPECT_EQ(code, cut == 1 ? IMG_ERR_DATA : IMG_ERR_TYPE) << cut;
         else if (cut == separator) EXPECT_EQ(code, IMG_ERR_HEADER) << cut << ": no separator before the end";

@@ -158,9 +158,7 @@ TEST(Pcx, UnsupportedDepthsDecodeWithoutRows) {
     rows_seen = 0;
     EXPECT_EQ(IMGLOW_decompress_bitmap_mem(b.data, 0, count_row, nullptr, no_header), 0);
     EXPECT_EQ(rows_seen, 0);
-    int code = 0;
-    load_pic(file, &code);
-    EXPECT_EQ(code, IMG_ERR_HEADER) << "a handle holds 1, 4, 8 or 24 bits only";
+    EXPECT_EQ(load_code(file), IMG_ERR_HEADER) << "a handle holds 1, 4, 8 or 24 bits only";
 }
 
 TEST(Pcx, BrokenFilesEndWithCleanCodes) {
@@ -187,11 +185,7 @@ TEST(Pcx, BrokenFilesEndWithCleanCodes) {
         {"huge", [&] { auto r = valid(); r.width = 65535, r.height = 65535, r.bpl = 65535, r.planes = 3; return build(r); }(),
          IMG_ERR_MEMORY},
     };
-    for (auto &c : cases) {
-        int code = 0;
-        load_pic(c.file, &code);
-        EXPECT_EQ(code, c.want) << c.what;
-    }
+    for (auto &c : cases) EXPECT_EQ(load_code(c.file), c.want) << c.what;
 }
 
 TEST(Dcx, AddsToAContainerWithALargerTable) {
@@ -243,11 +237,7 @@ TEST(Dcx, BrokenContainersEndWithCleanCodes) {
         {"page offset past the end", [&] { bytes f = good; put32(&f[4], 0x7FFFFF00); return f; }(), 0, IMG_ERR_OPEN},
         {"page offset into the table", [&] { bytes f = good; put32(&f[4], 8); return f; }(), 0, IMG_ERR_HEADER},
     };
-    for (auto &c : cases) {
-        int code = 0;
-        load_pic(c.file, &code, c.page);
-        EXPECT_EQ(code, c.want) << c.what;
-    }
+    for (auto &c : cases) EXPECT_EQ(load_code(c.file, c.page), c.want) << c.what;
     // Wrong magic, through the reader itself (detection would not pick it).
     bytes bad = good;
     bad[0] ^= 1;

@@ -1,4 +1,4 @@
-// Memory blocks: names, lock counts, address lookup and the failure switch.
+// Memory blocks: names, address lookup, the failure switch and block reuse.
 #include "platform/platform.h"
 
 #include <gtest/gtest.h>
@@ -28,16 +28,6 @@ TEST(MemoryBlocks, NamesArePositiveAndStaleNamesAreRejected) {
     EXPECT_EQ(mem_free(a), a) << "freeing a stale name fails";
     mem_free(b);
     EXPECT_EQ(mem_live_blocks(), live);
-}
-
-TEST(MemoryBlocks, LocksCount) {
-    mem_block a = mem_alloc(4, MEM_MOVEABLE);
-    mem_lock(a);
-    mem_lock(a);
-    EXPECT_EQ(mem_unlock(a), 1);
-    EXPECT_EQ(mem_unlock(a), 0);
-    EXPECT_EQ(mem_unlock(a), 0) << "unlocking an unlocked block stays at zero";
-    mem_free(a);
 }
 
 TEST(MemoryBlocks, FailSwitchFailsExactlyTheKthAllocation) {
