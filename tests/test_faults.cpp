@@ -177,6 +177,10 @@ void check_save_faults(int handle, int type) {
     EXPECT_GE(sweep_save_alloc_failures(handle, type, file), 1) << "the writer allocates its buffers";
     for (size_t budget : {size_t{0}, size_t{100}, file.size() / 2, file.size() - 1})
         EXPECT_EQ(save_with_write_budget(handle, type, budget), IMG_ERR_WRITE) << "budget " << budget;
+    const std::string name = temp_path("cut_save");  // and once through a file
+    std::remove(name.c_str());
+    EXPECT_EQ(save_with_write_budget(handle, type, file.size() / 2, name.c_str()), IMG_ERR_WRITE) << "a file";
+    std::remove(name.c_str());
 }
 
 namespace {

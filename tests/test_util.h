@@ -91,7 +91,7 @@ int save_with_write_budget(int handle, int type, size_t budget, const char *name
 int load_with_read_budget(const bytes &file, size_t budget, int page = 0, size_t chunk = 7);
 // The sweeps above over one file image (failing allocations, reads cut off
 // at budgets up to twice its size) and over one save (failing allocations,
-// writes cut short).  TRICKLES: the reader takes short reads, so an endless
+// writes cut short, to memory and to a file).  TRICKLES: the reader takes short reads, so an endless
 // budget in seven-byte reads loads the file.
 enum { TRICKLES = 1 };
 void check_load_faults(const bytes &file, int how, int page = 0);

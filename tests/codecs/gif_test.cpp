@@ -4,7 +4,7 @@
 // tools' files in interop/gif_test.py.
 #include "codecs/gif.h"
 #include "frame/frame.h"
-#include "test_util.h"
+#include "jpeg_support.h"
 
 #include <gtest/gtest.h>
 
@@ -89,14 +89,6 @@ bytes ramp_table(int n) {
     return t;
 }
 
-// Rows as the low-level load delivers them, by row number.
-using row_log = std::vector<std::pair<int, bytes>>;
-int IMG_CALLBACK log_row(unsigned char *row, void *context, int r, int n) {
-    static_cast<row_log *>(context)->push_back({r, bytes(row, row + n)});
-    return 0;
-}
-int IMG_CALLBACK accept_header(void *, void *) { return 0; }
-
 }  // namespace
 
 TEST(Gif, CodeStreams) {
@@ -138,10 +130,10 @@ TEST(Gif, CodeStreams) {
     r.global = ramp_table(256);
     r.width = 4, r.height = 3;
     r.data = pack_codes({{256, 9}, {1, 9}, {2, 9}, {3, 9}, {4, 9}, {5, 9}, {400, 9}, {6, 9}});
-    row_log log;
+    jpeg_testing::sink s;
     block_ref file(build(r));
-    EXPECT_EQ(IMGLOW_decompress_bitmap_mem(file.data, 0, log_row, &log, accept_header), 0);
-    EXPECT_EQ(log, row_log({{0, bytes({1, 2, 3, 4})}}));
+    EXPECT_EQ(IMGLOW_decompress_bitmap_mem(file.data, 0, jpeg_testing::sink_row, &s, jpeg_testing::sink_begin), 0);
+    EXPECT_EQ(s.rows, std::vector<bytes>({{1, 2, 3, 4}, {}, {}}));
 }
 
 TEST(Gif, BrokenFilesEndWithCleanCodes) {
@@ -202,10 +194,9 @@ TEST(Gif, LzwDecoderDirectlyOverASource) {
     ASSERT_TRUE(source_open(src, MEMORY_FD, 0, 512));
     dib_header h{};
     h.info.biWidth = 3, h.info.biHeight = 2, h.info.biBitCount = 4;
-    row_log log;
-    EXPECT_EQ(gif_lzw_decode(src, &h, log_row, &log, 3 | 8 << 8), 0);
-    ASSERT_EQ(log.size(), 2u);
-    EXPECT_EQ(log[0].second, bytes({0x12, 0xF0, 0, 0}));
-    EXPECT_EQ(log[1].second, bytes({0x45, 0x60, 0, 0}));
+    jpeg_testing::sink s;
+    s.rows.resize(2);
+    EXPECT_EQ(gif_lzw_decode(src, &h, jpeg_testing::sink_row, &s, 3 | 8 << 8), 0);
+    EXPECT_EQ(s.rows, std::vector<bytes>({{0x12, 0xF0, 0, 0}, {0x45, 0x60, 0, 0}}));
     scratch_free_all();
 }

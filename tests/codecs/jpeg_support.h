@@ -1,4 +1,4 @@
-// Helpers the JPEG and Targa tests share: a row sink that keeps what a
+// Helpers the reader tests share: a row sink that keeps what a
 // reader delivers, smooth pictures that lossy coding keeps close, and
 // checksums.
 #pragma once

@@ -2,7 +2,7 @@
 // recipes, palette rules, DCX containers, and hostile files.
 #include "codecs/pcx.h"
 #include "frame/frame.h"
-#include "test_util.h"
+#include "jpeg_support.h"
 
 #include <gtest/gtest.h>
 
@@ -43,10 +43,6 @@ bytes literal(const bytes &raw) {
     }
     return out;
 }
-
-int IMG_CALLBACK no_header(void *, void *) { return 0; }
-int rows_seen = 0;
-int IMG_CALLBACK count_row(unsigned char *, void *, int, int) { return ++rows_seen, 0; }
 
 }  // namespace
 
@@ -155,9 +151,9 @@ TEST(Pcx, UnsupportedDepthsDecodeWithoutRows) {
     r.data = literal(bytes(4, 0x1B));
     bytes file = build(r);
     block_ref b(file);
-    rows_seen = 0;
-    EXPECT_EQ(IMGLOW_decompress_bitmap_mem(b.data, 0, count_row, nullptr, no_header), 0);
-    EXPECT_EQ(rows_seen, 0);
+    jpeg_testing::sink s;
+    EXPECT_EQ(IMGLOW_decompress_bitmap_mem(b.data, 0, jpeg_testing::sink_row, &s, jpeg_testing::sink_begin), 0);
+    EXPECT_EQ(s.rows, std::vector<bytes>(2));
     EXPECT_EQ(load_code(file), IMG_ERR_HEADER) << "a handle holds 1, 4, 8 or 24 bits only";
 }
 
@@ -243,7 +239,8 @@ TEST(Dcx, BrokenContainersEndWithCleanCodes) {
     bad[0] ^= 1;
     block_ref b(bad);
     memory_source_set(b.data);
-    EXPECT_EQ(dcx_decompress(0, count_row, nullptr, no_header, MEMORY_FD), IMG_ERR_HEADER);
+    jpeg_testing::sink s;
+    EXPECT_EQ(dcx_decompress(0, jpeg_testing::sink_row, &s, jpeg_testing::sink_begin, MEMORY_FD), IMG_ERR_HEADER);
     EXPECT_EQ(dcx_page_count(MEMORY_FD), IMG_ERR_HEADER);
-    scratch_free_all();
+    scratch_free_all();  // the refusal leaves its source buffer to the call's end
 }

@@ -93,6 +93,8 @@ TEST(PngRead, MalformedFilesGiveCodesAndLeaveNothing) {
         {"palette at 16 bits", with_header(mapped, 24, {16, 3}), IMG_ERR_HEADER},
         {"interlace method 2", with_header(rgb, 28, {2}), IMG_ERR_HEADER},
         {"width over a 31-bit row", with_header(rgb, 16, {0x7F, 0, 0, 0}), IMG_ERR_MEMORY},
+        // 2.7 GB at 24 bits: over any limit, refused before its data.
+        {"30000 x 30000", with_header(rgb, 16, {0, 0, 0x75, 0x30, 0, 0, 0x75, 0x30}), IMG_ERR_MEMORY},
         {"bad deflate block", bad_data, IMG_ERR_DATA},
         {"image data CRC", bad_data_crc, IMG_ERR_DATA},
         {"palette missing", no_palette, IMG_ERR_HEADER},
@@ -106,11 +108,6 @@ TEST(PngRead, FileCutAfterItsImageDataStillLoads) {
     int h = load_bytes(bytes(rgb.begin(), rgb.end() - 12));
     EXPECT_GE(h, 0);
     IMG_delete_bitmap(h);
-}
-
-TEST(PngRead, HugePictureRefusedBeforeItsData) {
-    // 30000 x 30000 at 24 bits is 2.7 GB: over any limit, whatever the data.
-    expect_load_fails(with_header(sample(24), 16, {0, 0, 0x75, 0x30, 0, 0, 0x75, 0x30}), IMG_ERR_MEMORY, "30000 x 30000");
 }
 
 TEST(PngDetect, SignatureAndItsOwnFlag) {
