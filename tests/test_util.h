@@ -23,6 +23,11 @@ struct picture {
 };
 
 uint32_t stride_of(int width, int bits);
+// The tests' pseudo-random sequence: the next 24-bit value from seed s.
+inline uint32_t lcg_next(uint32_t &s) {
+    s = s * 1664525u + 1013904223u;
+    return s >> 8;
+}
 picture make_picture(int width, int height, int bits, uint32_t seed);
 picture grey_palette_picture(int width, int height, int bits, uint32_t seed);
 
@@ -47,8 +52,9 @@ bytes appearance(const picture &p);
 
 // Creates a handle from the picture (through the memory load path).
 int handle_of(const picture &p);
-// Reads a handle's bitmap back into a picture, with padding bits masked.
-picture picture_of(int handle);
+// Reads a handle's bitmap back into a picture, with padding bits masked, or
+// with padding, every stored byte as it is.
+picture picture_of(int handle, bool padding = false);
 
 bytes read_file(const std::string &name);
 // Bytes written as hex digits, two a byte.

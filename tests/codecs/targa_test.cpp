@@ -10,11 +10,6 @@ using namespace jpeg_testing;
 
 namespace {
 
-uint32_t next(uint32_t &s) {
-    s = s * 1103515245u + 12345u;
-    return s >> 9;
-}
-
 // A truth picture as the reader must deliver it: for 15/16-bit sources
 // every channel is a multiple of 8, as those files can only hold.
 picture truth(int width, int height, int bits, bool five_bit, uint32_t seed) {
@@ -40,12 +35,12 @@ struct recipe {
 
 void put_pixel(bytes &out, const uint8_t *bgr, int depth, uint32_t &seed) {
     if (depth == 15 || depth == 16) {
-        uint32_t w = bgr[0] >> 3 | (bgr[1] >> 3) << 5 | (bgr[2] >> 3) << 10 | (next(seed) & 1) << 15;
+        uint32_t w = bgr[0] >> 3 | (bgr[1] >> 3) << 5 | (bgr[2] >> 3) << 10 | (lcg_next(seed) & 1) << 15;
         out.push_back(static_cast<uint8_t>(w));
         out.push_back(static_cast<uint8_t>(w >> 8));
     } else {
         out.insert(out.end(), bgr, bgr + 3);
-        if (depth == 32) out.push_back(static_cast<uint8_t>(next(seed)));
+        if (depth == 32) out.push_back(static_cast<uint8_t>(lcg_next(seed)));
     }
 }
 
