@@ -73,7 +73,9 @@ int sweep_load_alloc_failures(const bytes &file, const picture &want, int page) 
     return 0;
 }
 
-int sweep_save_alloc_failures(int handle, int type, const bytes &want_file) {
+// Saves with the k-th allocation failing for k = 1, 2, ... until one
+// succeeds, which must give want_file; how many attempts failed.
+static int sweep_save_alloc_failures(int handle, int type, const bytes &want_file) {
     block_ref out(uint32_t{8} << 20);
     picture before = picture_of(handle);
     for (int k = 1; k < 100; k++) {
@@ -128,7 +130,9 @@ int save_with_write_budget(int handle, int type, size_t budget, const char *name
     return r;
 }
 
-int load_with_read_budget(const bytes &file, size_t budget, int page, size_t chunk) {
+// Loads from memory through read hooks that hand out at most chunk bytes a
+// call and nothing past budget bytes in all; the handle or the code.
+static int load_with_read_budget(const bytes &file, size_t budget, int page, size_t chunk) {
     block_ref b(file);
     hooked_size = static_cast<int32_t>(file.size());
     read_budget = budget, read_chunk = chunk;
@@ -171,7 +175,9 @@ void check_load_faults(const bytes &file, int how, int page) {
     EXPECT_EQ(temp_files_in(run_temp_dir), 0) << "a temporary file was left behind";
 }
 
-void check_save_faults(int handle, int type) {
+// One save swept: failing allocations, and writes cut short to memory and
+// to a file.
+static void check_save_faults(int handle, int type) {
     int n = 0;
     const bytes file = save_bytes(handle, type, &n);
     ASSERT_GT(n, 0);

@@ -84,21 +84,16 @@ int load_code(const bytes &file, int page = 0);
 bytes save_pic(const picture &p, int type, int *code = nullptr);
 
 // Fault injection, each case checked for -1 (or -9), no block left behind
-// and no scratch block outstanding.  Loads (or saves) with the k-th
-// allocation failing for k = 1, 2, ... until one succeeds; that one must give
-// want (or want_file).  Returns how many attempts failed.
+// and no scratch block outstanding.  Loads with the k-th allocation failing
+// for k = 1, 2, ... until one succeeds; that one must give want.  Returns
+// how many attempts failed.
 int sweep_load_alloc_failures(const bytes &file, const picture &want, int page = 0);
-int sweep_save_alloc_failures(int handle, int type, const bytes &want_file);
 // Saves to memory (or to the named file) with the writes cut off after
 // budget bytes; the result.
 int save_with_write_budget(int handle, int type, size_t budget, const char *name = nullptr);
-// Loads from memory through read hooks that hand out at most chunk bytes a
-// call and nothing past budget bytes in all; the handle or the code.
-int load_with_read_budget(const bytes &file, size_t budget, int page = 0, size_t chunk = 7);
-// The sweeps above over one file image (failing allocations, reads cut off
-// at budgets up to twice its size) and over one save (failing allocations,
-// writes cut short, to memory and to a file).  TRICKLES: the reader takes short reads, so an endless
-// budget in seven-byte reads loads the file.
+// The sweeps over one file image: failing allocations, and reads cut off at
+// budgets up to twice its size (test_faults.cpp sweeps every writer's saves
+// too).  TRICKLES: the reader takes short reads, so an endless budget in
+// seven-byte reads loads the file.
 enum { TRICKLES = 1 };
 void check_load_faults(const bytes &file, int how, int page = 0);
-void check_save_faults(int handle, int type);

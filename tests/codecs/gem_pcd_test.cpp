@@ -46,7 +46,6 @@ TEST(GemRead, RunsPlanesAndReplication) {
         EXPECT_EQ(p.bits, c.bits);
         EXPECT_EQ(appearance(p), c.look) << c.bits;
     }
-    check_load_faults(gem_mono, TRICKLES);
 }
 
 TEST(GemRead, ColourTableExtension) {

@@ -1,4 +1,4 @@
-// PNG: malformed files, detection and its flag, and the deflate level.
+// PNG: malformed files and the deflate level.
 // Files from other tools in every colour type and depth, and our output in
 // other decoders, are in tests/interop/png_test.py; the fault sweeps run
 // from the shared tables in tests/test_faults.cpp.
@@ -106,19 +106,6 @@ TEST(PngRead, FileCutAfterItsImageDataStillLoads) {
     const bytes rgb = sample(24);
     ASSERT_EQ(std::string(rgb.end() - 8, rgb.end() - 4), "IEND");
     int h = load_bytes(bytes(rgb.begin(), rgb.end() - 12));
-    EXPECT_GE(h, 0);
-    IMG_delete_bitmap(h);
-}
-
-TEST(PngDetect, SignatureAndItsOwnFlag) {
-    bytes f = sample(4);
-    block_ref b(f);
-    EXPECT_EQ(IMGLOW_get_filetype_mem(b.data), IMG_TYPE_PNG);
-    EXPECT_EQ(IMGLOW_unset_auto_detect(IMG_TYPE_PNG), 1);
-    EXPECT_EQ(IMGLOW_get_filetype_mem(b.data), IMG_ERR_TYPE);
-    EXPECT_EQ(load_bytes(f), IMG_ERR_TYPE);
-    EXPECT_EQ(IMGLOW_set_auto_detect(IMG_TYPE_PNG), 0);
-    int h = load_bytes(f);
     EXPECT_GE(h, 0);
     IMG_delete_bitmap(h);
 }
