@@ -23,9 +23,8 @@ bytes build(const bmp_recipe &r) {
     put32(&info[0], 40), put32(&info[4], r.width), put32(&info[8], r.height);
     put16(&info[12], 1), put16(&info[14], r.bits), put32(&info[16], r.compression);
     put32(&info[24], r.xppm), put32(&info[28], r.yppm), put32(&info[32], r.clr_used);
-    bytes out;
+    bytes out(r.file_header ? 14 : 0);
     if (r.file_header) {
-        out.resize(14);
         out[0] = 'B', out[1] = 'M';
         put32(&out[10], static_cast<uint32_t>(14 + info.size() + r.palette.size()));
     }
