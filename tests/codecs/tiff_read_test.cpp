@@ -29,36 +29,16 @@ int pages_counted(const bytes &file) {
 
 }  // namespace
 
-TEST(TiffHeader, BadHeadersGiveTheirCodes) {
-    bytes good = build_tiff({one_pixel()}, false);
-    auto with = [](tiff_page p, auto change) {
-        change(p);
-        return build_tiff({p}, false);
-    };
-    struct {
-        const char *name;
-        bytes file;
-        int code;
-    } cases[] = {
-        {"seven bytes", bytes(good.begin(), good.begin() + 7), IMG_ERR_HEADER},
-        {"byte order XX", [&] { bytes f = good; f[0] = f[1] = 'X'; return f; }(), IMG_ERR_TYPE},
-        {"551 entries", [&] { bytes f = good; put16(f.data() + get32(f.data() + 4), 551); return f; }(), IMG_ERR_HEADER},
-        {"negative entry count", [&] { bytes f = good; put16(f.data() + get32(f.data() + 4), 0x8001); return f; }(),
-         IMG_ERR_HEADER},
-        {"no strip offsets", with(one_pixel(), [](tiff_page &p) { p.fields.erase(p.fields.begin() + 5); }), IMG_ERR_DATA},
-        {"width 0", build_tiff({simple_page(0, 1, 8, 1, 1, 1, {b({7})})}, false), IMG_ERR_HEADER},
-        {"gray with alpha of 16 bits has no DIB depth", build_tiff({simple_page(1, 1, 16, 2, 1, 1, {b({7})})}, false),
-         IMG_ERR_HEADER},
-        {"an absurd row", with(simple_page(1, 1, 8, 3, 2, 1, {b({7})}), [](tiff_page &p) { set_field(p, 256, 4, {0x7FFFFFFF}); }),
-         IMG_ERR_MEMORY},
-        {"strip beyond the end",
-         with(simple_page(100, 10, 8, 1, 1, 1, {bytes(50, 1)}), [](tiff_page &p) { set_field(p, 273, 4, {1000000}); }), IMG_ERR_DATA},
-        {"fax compression on 8-bit samples", build_tiff({simple_page(8, 1, 8, 1, 0, 4, {b({0})})}, false), IMG_ERR_HEADER},
-    };
-    for (const auto &c : cases) EXPECT_EQ(run_tiff(c.file).rc, c.code) << c.name;
-    // The version word is not checked, and offsets count from the file's start.
+// Layouts a bitmap cannot hold are refused; the version word is not checked,
+// and offsets count from the file's start.  (Damaged headers are the tiff
+// fuzz seeds and crash files, and the TIFF rows of hostile_test.cpp.)
+TEST(TiffHeader, RefusedLayoutsAndKeptRules) {
+    EXPECT_EQ(run_tiff(build_tiff({simple_page(1, 1, 16, 2, 1, 1, {b({7})})}, false)).rc, IMG_ERR_HEADER)
+        << "grey with alpha of 16 bits has no DIB depth";
+    EXPECT_EQ(run_tiff(build_tiff({simple_page(8, 1, 8, 1, 0, 4, {b({0})})}, false)).rc, IMG_ERR_HEADER)
+        << "fax compression on 8-bit samples";
     EXPECT_EQ(row_of(run_tiff(build_tiff({one_pixel(5)}, true, 43)), 0, 1), b({5}));
-    bytes shifted = good;
+    bytes shifted = build_tiff({one_pixel()}, false);
     shifted.insert(shifted.begin(), 100, 0xEE);
     EXPECT_EQ(row_of(run_tiff(shifted, 100), 0, 1), b({7}));
 }
