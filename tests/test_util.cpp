@@ -21,11 +21,6 @@ static int used_bytes(int width, int bits) {
 
 uint32_t stride_of(int width, int bits) { return (static_cast<uint32_t>(used_bytes(width, bits)) + 3) & ~3u; }
 
-static uint32_t next(uint32_t &s) {
-    s = s * 1664525u + 1013904223u;
-    return s >> 8;
-}
-
 // Pixels that mix runs and noise, so run-length coders see both; padding
 // bits and bytes stay zero, as a stored bitmap keeps them.
 picture make_picture(int width, int height, int bits, uint32_t seed) {
@@ -36,9 +31,9 @@ picture make_picture(int width, int height, int bits, uint32_t seed) {
     if (bits <= 8) {
         p.palette.resize(4u << bits);
         for (size_t i = 0; i < p.palette.size(); i += 4) {
-            p.palette[i] = static_cast<uint8_t>(next(seed));
-            p.palette[i + 1] = static_cast<uint8_t>(next(seed));
-            p.palette[i + 2] = static_cast<uint8_t>(next(seed));
+            p.palette[i] = static_cast<uint8_t>(lcg_next(seed));
+            p.palette[i + 1] = static_cast<uint8_t>(lcg_next(seed));
+            p.palette[i + 2] = static_cast<uint8_t>(lcg_next(seed));
         }
         if (bits == 1) p.palette = {0, 0, 0, 0, 255, 255, 255, 0};
     }
@@ -47,10 +42,10 @@ picture make_picture(int width, int height, int bits, uint32_t seed) {
         bytes row(stride_of(width, bits), 0);
         int x = 0;
         while (x < used) {
-            uint32_t n = 1 + next(seed) % 12;
-            bool run = next(seed) & 1;
-            uint8_t v = static_cast<uint8_t>(next(seed));
-            for (uint32_t k = 0; k < n && x < used; k++, x++) row[x] = run ? v : static_cast<uint8_t>(next(seed));
+            uint32_t n = 1 + lcg_next(seed) % 12;
+            bool run = lcg_next(seed) & 1;
+            uint8_t v = static_cast<uint8_t>(lcg_next(seed));
+            for (uint32_t k = 0; k < n && x < used; k++, x++) row[x] = run ? v : static_cast<uint8_t>(lcg_next(seed));
         }
         if (bits == 1 && (width & 7)) row[used - 1] &= static_cast<uint8_t>(0xFF00 >> (width & 7));
         if (bits == 4 && (width & 1)) row[used - 1] &= 0xF0;
@@ -112,7 +107,7 @@ int handle_of(const picture &p) {
     return IMG_create_handle(b.data);
 }
 
-picture picture_of(int handle) {
+picture picture_of(int handle, bool padding) {
     picture p;
     int block = IMG_bitmap_info(handle, &p.width, &p.height, &p.bits);
     if (block <= 0) return p;
@@ -124,9 +119,9 @@ picture picture_of(int handle) {
     for (int y = 0; y < p.height; y++) {
         const uint8_t *src = dib + 40 + pal + (p.height - 1 - y) * stride;
         bytes row(stride, 0);
-        std::memcpy(row.data(), src, used);
-        if (p.bits == 1 && (p.width & 7)) row[used - 1] &= static_cast<uint8_t>(0xFF00 >> (p.width & 7));
-        if (p.bits == 4 && (p.width & 1)) row[used - 1] &= 0xF0;
+        std::memcpy(row.data(), src, padding ? stride : used);
+        if (!padding && p.bits == 1 && (p.width & 7)) row[used - 1] &= static_cast<uint8_t>(0xFF00 >> (p.width & 7));
+        if (!padding && p.bits == 4 && (p.width & 1)) row[used - 1] &= 0xF0;
         p.rows.push_back(row);
     }
     IMG_mem_unlock(block);

@@ -23,6 +23,11 @@ struct picture {
 };
 
 uint32_t stride_of(int width, int bits);
+// The tests' pseudo-random sequence: the next 24-bit value from seed s.
+inline uint32_t lcg_next(uint32_t &s) {
+    s = s * 1664525u + 1013904223u;
+    return s >> 8;
+}
 picture make_picture(int width, int height, int bits, uint32_t seed);
 picture grey_palette_picture(int width, int height, int bits, uint32_t seed);
 
@@ -47,8 +52,9 @@ bytes appearance(const picture &p);
 
 // Creates a handle from the picture (through the memory load path).
 int handle_of(const picture &p);
-// Reads a handle's bitmap back into a picture, with padding bits masked.
-picture picture_of(int handle);
+// Reads a handle's bitmap back into a picture, with padding bits masked, or
+// with padding, every stored byte as it is.
+picture picture_of(int handle, bool padding = false);
 
 bytes read_file(const std::string &name);
 // Bytes written as hex digits, two a byte.
@@ -72,25 +78,22 @@ bytes save_bytes(int handle, int type, int *result = nullptr);
 // A file image loaded through a handle and read back; empty on failure,
 // with the load's result in *code.  Either way no block may be left behind.
 picture load_pic(const bytes &file, int *code = nullptr, int page = 0);
+// The result of that load: a handle (already freed again) or the code.
+int load_code(const bytes &file, int page = 0);
 // A picture saved to memory through a handle; empty on failure.
 bytes save_pic(const picture &p, int type, int *code = nullptr);
 
 // Fault injection, each case checked for -1 (or -9), no block left behind
-// and no scratch block outstanding.  Loads (or saves) with the k-th
-// allocation failing for k = 1, 2, ... until one succeeds; that one must give
-// want (or want_file).  Returns how many attempts failed.
+// and no scratch block outstanding.  Loads with the k-th allocation failing
+// for k = 1, 2, ... until one succeeds; that one must give want.  Returns
+// how many attempts failed.
 int sweep_load_alloc_failures(const bytes &file, const picture &want, int page = 0);
-int sweep_save_alloc_failures(int handle, int type, const bytes &want_file);
 // Saves to memory (or to the named file) with the writes cut off after
 // budget bytes; the result.
 int save_with_write_budget(int handle, int type, size_t budget, const char *name = nullptr);
-// Loads from memory through read hooks that hand out at most chunk bytes a
-// call and nothing past budget bytes in all; the handle or the code.
-int load_with_read_budget(const bytes &file, size_t budget, int page = 0, size_t chunk = 7);
-// The sweeps above over one file image (failing allocations, reads cut off
-// at budgets up to twice its size) and over one save (failing allocations,
-// writes cut short).  TRICKLES: the reader takes short reads, so an endless
-// budget in seven-byte reads loads the file.
+// The sweeps over one file image: failing allocations, and reads cut off at
+// budgets up to twice its size (test_faults.cpp sweeps every writer's saves
+// too).  TRICKLES: the reader takes short reads, so an endless budget in
+// seven-byte reads loads the file.
 enum { TRICKLES = 1 };
 void check_load_faults(const bytes &file, int how, int page = 0);
-void check_save_faults(int handle, int type);

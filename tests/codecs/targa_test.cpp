@@ -1,6 +1,7 @@
 // Targa: every reader variant built from a truth picture (types, depths,
 // maps, origins, ID fields, run-length packets across row ends), row
-// callback codes, faults, and hostile files.
+// callback codes, faults, and refused headers.  Cut files are swept by the
+// read budgets of check_load_faults.
 #include "jpeg_support.h"
 
 #include <gtest/gtest.h>
@@ -8,11 +9,6 @@
 using namespace jpeg_testing;
 
 namespace {
-
-uint32_t next(uint32_t &s) {
-    s = s * 1103515245u + 12345u;
-    return s >> 9;
-}
 
 // A truth picture as the reader must deliver it: for 15/16-bit sources
 // every channel is a multiple of 8, as those files can only hold.
@@ -39,12 +35,12 @@ struct recipe {
 
 void put_pixel(bytes &out, const uint8_t *bgr, int depth, uint32_t &seed) {
     if (depth == 15 || depth == 16) {
-        uint32_t w = bgr[0] >> 3 | (bgr[1] >> 3) << 5 | (bgr[2] >> 3) << 10 | (next(seed) & 1) << 15;
+        uint32_t w = bgr[0] >> 3 | (bgr[1] >> 3) << 5 | (bgr[2] >> 3) << 10 | (lcg_next(seed) & 1) << 15;
         out.push_back(static_cast<uint8_t>(w));
         out.push_back(static_cast<uint8_t>(w >> 8));
     } else {
         out.insert(out.end(), bgr, bgr + 3);
-        if (depth == 32) out.push_back(static_cast<uint8_t>(next(seed)));
+        if (depth == 32) out.push_back(static_cast<uint8_t>(lcg_next(seed)));
     }
 }
 
@@ -141,7 +137,7 @@ TEST(TargaRead, EveryTypeDepthMapAndOrigin) {
         }
 }
 
-TEST(TargaRead, HostileFilesEndWithCleanCodes) {
+TEST(TargaRead, RefusedHeadersEndWithCleanCodes) {
     picture p = make_picture(20, 6, 24, 3);
     struct {
         const char *what;
@@ -164,18 +160,6 @@ TEST(TargaRead, HostileFilesEndWithCleanCodes) {
         EXPECT_EQ(read_targa(f, s), c.code) << c.what;
         EXPECT_EQ(s.begin_calls, 0) << c.what;
     }
-    const int live = mem_live_blocks();
-    for (const recipe &r : {recipe{2, 24}, recipe{10, 16}, recipe{9, 8, 24}, recipe{1, 8, 32}}) {
-        bytes f = build_targa(p.bits == 24 && r.depth == 8 ? truth(20, 6, 8, false, 4) : p, r);
-        for (size_t n = 1; n < f.size(); n++) {  // a zero-size block has no known size
-            sink s;
-            int rc = read_targa(bytes(f.begin(), f.begin() + n), s);
-            EXPECT_TRUE(rc == 0 || rc == IMG_ERR_DATA) << "type " << r.type << " cut at " << n << ": " << rc;
-            EXPECT_EQ(s.bad_rows, 0);
-        }
-    }
-    scratch_free_all();
-    EXPECT_EQ(mem_live_blocks(), live);
 }
 
 TEST(TargaRead, FaultsAndRowCodes) {

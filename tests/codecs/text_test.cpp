@@ -164,8 +164,7 @@ TEST_F(Text, PagesOfFilesEndingOnTheBoundary) {
         ASSERT_GE(code, 0) << lines;
         const int on_last = lines - (pages - 1) * per_page;
         EXPECT_EQ(inked_lines(last).size(), static_cast<size_t>(on_last)) << lines << " lines";
-        load_pic(text_of(s), &code, pages);
-        EXPECT_EQ(code, IMG_ERR_PAGE) << lines << " lines";
+        EXPECT_EQ(load_code(text_of(s), pages), IMG_ERR_PAGE) << lines << " lines";
     }
 }
 
@@ -208,8 +207,7 @@ TEST_F(Text, RenderedPage) {
     }
     // A form feed starts a new page; one at the top of a page adds none.
     EXPECT_EQ(inked_lines(load_pic(text_of("first\fsecond\n\f"), &code, 1)), (std::vector<int>{0}));
-    load_pic(text_of("first\fsecond\n\f"), &code, 2);
-    EXPECT_EQ(code, IMG_ERR_PAGE);
+    EXPECT_EQ(load_code(text_of("first\fsecond\n\f"), 2), IMG_ERR_PAGE);
     // Bold lays on more ink; a zero byte anywhere is not text.
     IMG_ascii_attributes bold{};
     bold.mask = IMG_ASCII_BOLD;
@@ -218,8 +216,7 @@ TEST_F(Text, RenderedPage) {
     IMGLOW_set_ascii_attributes(&bold);
     EXPECT_NE(load_pic(text_of("One\nTwo\n\nFour"), &code), three);
     EXPECT_GE(ink_of(load_pic(text_of("One\nTwo\n\nFour"), &code)).rows.size(), plain_rows);
-    load_pic(text_of(std::string("Some text, then\n\0", 17)), &code);
-    EXPECT_EQ(code, IMG_ERR_HEADER);
+    EXPECT_EQ(load_code(text_of(std::string("Some text, then\n\0", 17))), IMG_ERR_HEADER);
 }
 
 TEST_F(Text, FaultsAndPageWidth) {

@@ -9,11 +9,6 @@
 
 namespace {
 
-uint32_t lcg(uint32_t &s) {
-    s = s * 1664525u + 1013904223u;
-    return s >> 8;
-}
-
 // FNV-1a over the result, the number of rows and every delivered row.  The
 // stored sums count success as 1, the reader's success value when they were
 // taken.
@@ -72,7 +67,7 @@ TEST(TiffGolden, EveryConverterPath) {
                 const size_t row = planar == 2 ? (plane_bits + 7) / 8 : (plane_bits * samples + 7) / 8;
                 uint32_t s = width * 7 + bits;
                 bytes strip(row * (planar == 2 ? height * samples : height));
-                for (uint8_t &v : strip) v = static_cast<uint8_t>(lcg(s));
+                for (uint8_t &v : strip) v = static_cast<uint8_t>(lcg_next(s));
                 // Planar pages list one strip per plane.
                 std::vector<bytes> strips;
                 const size_t per_strip = planar == 2 ? row * height : strip.size();

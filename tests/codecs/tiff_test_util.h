@@ -167,22 +167,6 @@ inline bytes joined_strips(const bytes &t) {
     return out;
 }
 
-// The page with its strips placed at the very end of the file, so data
-// that runs short meets the end of the source rather than the IFD.
-inline bytes strips_at_end(tiff_page p, const std::vector<bytes> &strips, bool mm = false) {
-    p.strips.clear();
-    std::vector<uint32_t> offsets(strips.size(), 0), counts;
-    for (const bytes &s : strips) counts.push_back(static_cast<uint32_t>(s.size()));
-    set_field(p, 273, 4, offsets);
-    set_field(p, 279, 4, counts);
-    uint32_t at = static_cast<uint32_t>(build_tiff({p}, mm).size());
-    for (size_t i = 0; i < strips.size(); i++) offsets[i] = at, at += counts[i];
-    set_field(p, 273, 4, offsets);
-    bytes file = build_tiff({p}, mm);
-    for (const bytes &s : strips) file.insert(file.end(), s.begin(), s.end());
-    return file;
-}
-
 // A 24-bit DIB row's pixels as a TIFF RGB strip row: no pad, red first.
 inline bytes rgb_row(const bytes &bgr, int width) {
     bytes rgb(bgr.begin(), bgr.begin() + 3 * width);

@@ -1,10 +1,9 @@
-// TIFF writers: grey ramps without colour maps, page append, raw fax output,
-// and a failing save that leaves an existing file alone.
+// TIFF writers: grey ramps without colour maps, page append, and a failing
+// save that leaves an existing file alone.  (Raw fax output is decoded by
+// g3topbm and Pillow in tests/interop/writers_test.py.)
 #include "codecs/tiff_test_util.h"
 
-#include "codecs/ccitt.h"
 #include "codecs/tiff.h"
-#include "platform/platform.h"
 
 #include <gtest/gtest.h>
 
@@ -75,26 +74,6 @@ TEST(TiffWrite, SecondSaveAppendsAPageAndMotorolaFilesAreOverwritten) {
     }
     std::remove(name.c_str());
     IMG_delete_bitmap(ha), IMG_delete_bitmap(hb);
-}
-
-TEST(TiffWrite, RawFaxOutputDecodesWithTheFaxLoader) {
-    picture p = bilevel_page(1728, 50, 4);
-    int h = handle_of(p);
-    std::string name = temp_path("raw.fax");
-    for (int type : {33, 34}) {
-        std::remove(name.c_str());
-        ASSERT_EQ(IMG_save_bitmap(h, name.c_str(), type), 0) << type;
-        int fd = os_open(name.c_str(), OS_OPEN_READ);
-        int back = IMG_decompress_fax(fd, 1728, 0, type == 34 ? 4 : 3, 1);
-        os_close(fd);
-        ASSERT_GT(back, 0) << type;
-        picture q = picture_of(back);
-        EXPECT_EQ(q.height, 50) << "the loader counts the rows the data holds";
-        EXPECT_EQ(q.rows, p.rows) << type;
-        IMG_delete_bitmap(back);
-    }
-    std::remove(name.c_str());
-    IMG_delete_bitmap(h);
 }
 
 // A page added to a file fails at each allocation in turn: -1, and the file

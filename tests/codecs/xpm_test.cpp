@@ -62,8 +62,6 @@ TEST(XpmRead, Refusals) {
         {xpm("2 2 1 1", {"a c red", "aa"}), IMG_ERR_DATA},          // a row missing
     };
     for (auto &c : cases) {
-        int code = 0;
-        load_pic(bytes(c.file.begin(), c.file.end()), &code);
-        EXPECT_EQ(code, c.code) << c.file;
+        EXPECT_EQ(load_code(bytes(c.file.begin(), c.file.end())), c.code) << c.file;
     }
 }

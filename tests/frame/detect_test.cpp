@@ -74,15 +74,6 @@ TEST(Detect, FlagsFoldVariantsAndSwitchProbesOff) {
     }
 }
 
-TEST(Detect, TextOnlyWhenSwitchedOn) {
-    bytes text = {'h', 'e', 'l', 'l', 'o', ' ', 'w', 'o', 'r', 'l', 'd', '\n'};
-    EXPECT_EQ(filetype_of_file(text), IMG_ERR_TYPE);
-    EXPECT_EQ(load_bytes(text), IMG_ERR_TYPE);
-    IMGLOW_set_auto_detect(IMG_TYPE_TEXT);
-    EXPECT_EQ(filetype_of_file(text), IMG_TYPE_TEXT);
-    IMGLOW_unset_auto_detect(IMG_TYPE_TEXT);
-}
-
 TEST(Detect, QueriesRefineBmpAndMapShorterListsForFdAndMemory) {
     picture p = make_picture(20, 10, 8, 9);
     int h = handle_of(p);

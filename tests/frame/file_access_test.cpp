@@ -1,4 +1,4 @@
-// The file access layer: memory source rules, hooks and scratch blocks.
+// The file access layer: memory source rules and hooks.
 #include "frame/frame.h"
 #include "test_util.h"
 
@@ -45,12 +45,6 @@ TEST(MemorySource, WritesAreCutAtTheBlockEnd) {
     EXPECT_EQ(file_length(MEMORY_FD), 8) << "the length of a memory source is its position";
 }
 
-TEST(MemorySource, InnerAddressIsUnbounded) {
-    block_ref b(uint32_t{64});
-    memory_source_set(b.data + 8);
-    EXPECT_EQ(file_size_hint(MEMORY_FD), 0x70000000);
-}
-
 TEST(MemorySource, SeekHookAloneRoutesSeeksButNotReads) {
     block_ref b(bytes{'B', 'M', 9, 9});
     memory_source_set(b.data);
@@ -62,20 +56,4 @@ TEST(MemorySource, SeekHookAloneRoutesSeeksButNotReads) {
     IMGLOW_set_fileio(nullptr, nullptr, nullptr);
     EXPECT_EQ(seek_calls, 1);
     EXPECT_EQ(buf[0], 9) << "the read still came from memory";
-}
-
-TEST(Scratch, FreeAllReleasesEveryBlock) {
-    int live = mem_live_blocks();
-    void *blocks[20];
-    for (auto &p : blocks) {
-        p = scratch_alloc(100);
-        ASSERT_NE(p, nullptr);
-    }
-    EXPECT_EQ(scratch_count(), 20);
-    scratch_free(blocks[3]);
-    scratch_free(blocks[3]);  // unknown by now: ignored
-    EXPECT_EQ(scratch_count(), 19);
-    scratch_free_all();
-    EXPECT_EQ(scratch_count(), 0);
-    EXPECT_EQ(mem_live_blocks(), live);
 }

@@ -1,6 +1,5 @@
 // Merging one handle's picture into another, and the look-up tables.
 #include "test_util.h"
-#include "frame/handles.h"
 
 #include <gtest/gtest.h>
 
@@ -86,15 +85,5 @@ TEST(Lut, TablesPerChannel) {
         IMG_delete_bitmap(h);
     }
     EXPECT_EQ(IMG_apply_lut(-1, neg, neg, neg), IMG_ERR_HANDLE);
-}
-
-TEST(Lut, DisplayBrightnessAndContrastAreKept) {
-    int h = handle_of(make_picture(3, 3, 8, 1));
-    picture before = picture_of(h);
-    ASSERT_EQ(IMG_set_lut(h, 12, -30), 0);
-    EXPECT_EQ(handle_get(h)->brightness, 12);
-    EXPECT_EQ(handle_get(h)->contrast, -30);
-    EXPECT_EQ(picture_of(h), before);
-    EXPECT_EQ(IMG_set_lut(h + 1, 1, 1), IMG_ERR_HANDLE);
-    IMG_delete_bitmap(h);
+    EXPECT_EQ(IMG_set_lut(-1, 1, 1), IMG_ERR_HANDLE);
 }

@@ -16,6 +16,8 @@ struct op_row {
     std::vector<int> depths;
     std::function<int(int)> run;
     bool in_place;  // a stop leaves the rows done so far changed
+    std::vector<int> refused = {};  // depths refused (with colour tables), and the code
+    int refusal = IMG_ERR_TYPE;
 };
 
 const signed char own_kernel[9] = {0, -1, 0, -1, 6, -1, 0, -1, 0};
@@ -31,24 +33,24 @@ const op_row ops[] = {
     {"invert", {1, 4, 8, 24}, IMG_invert_bitmap, true},
     {"resize up", {1, 4, 8, 24}, [](int h) { return IMG_resize_bitmap(h, 13, 9); }, false},
     {"resize down", {1, 4, 8, 24}, [](int h) { return IMG_resize_bitmap(h, 2, 1); }, false},
-    {"interp up", {8, 24}, [](int h) { return IMG_resize_bitmap_interp(h, 13, 9); }, false},
-    {"interp down", {8, 24}, [](int h) { return IMG_resize_bitmap_interp(h, 1, 2); }, false},
-    {"sharpen", {4, 8, 24}, [](int h) { return IMG_sharpen_bitmap(h, 64); }, false},
-    {"filter 5", {8, 24}, [](int h) { return IMG_process_bitmap(h, 5, nullptr); }, false},
+    {"interp up", {8, 24}, [](int h) { return IMG_resize_bitmap_interp(h, 13, 9); }, false, {1, 4, 8}},
+    {"interp down", {8, 24}, [](int h) { return IMG_resize_bitmap_interp(h, 1, 2); }, false, {1, 4, 8}},
+    {"sharpen", {4, 8, 24}, [](int h) { return IMG_sharpen_bitmap(h, 64); }, false, {1, 4, 8}},
+    {"filter 5", {8, 24}, [](int h) { return IMG_process_bitmap(h, 5, nullptr); }, false, {1, 4}, IMG_ERR_DEPTH},
     {"own filter", {8, 24}, [](int h) { return IMG_process_bitmap(h, 0, own_kernel); }, false},
-    {"grey", {4, 8, 24}, IMG_color_gray, false},
+    {"grey", {4, 8, 24}, IMG_color_gray, false, {1}},
     {"apply lut", {1, 8, 24}, [](int h) { return IMG_apply_lut(h, ramp_down, nullptr, ramp_down); }, true},
-    {"popularity", {24}, IMG_popularity_color, false},
-    {"octree 8", {24}, [](int h) { return IMG_octree_color(h, 8, nullptr, 256); }, false},
-    {"octree 4", {8}, [](int h) { return IMG_octree_color(h, 4, nullptr, 16); }, false},
-    {"promote 8", {4}, IMG_promote_8, false},
-    {"promote 24", {1}, IMG_promote_24, false},
-    {"bayer mono", {8}, IMG_bayer_mono, false},
-    {"halftone mono", {24}, IMG_halftone_mono, false},
-    {"diffusion mono", {4}, IMG_diffusion_mono, false},
-    {"bayer colour", {24}, IMG_bayer_color, false},
-    {"diffusion colour", {8}, IMG_diffusion_color, false},
-    {"median cut", {24}, IMG_mediancut_color, false},
+    {"popularity", {24}, IMG_popularity_color, false, {8}},
+    {"octree 8", {24}, [](int h) { return IMG_octree_color(h, 8, nullptr, 256); }, false, {4}},
+    {"octree 4", {8}, [](int h) { return IMG_octree_color(h, 4, nullptr, 16); }, false, {1}},
+    {"promote 8", {4}, IMG_promote_8, false, {24}},
+    {"promote 24", {1}, IMG_promote_24, false, {24}},
+    {"bayer mono", {8}, IMG_bayer_mono, false, {1}},
+    {"halftone mono", {24}, IMG_halftone_mono, false, {1}},
+    {"diffusion mono", {4}, IMG_diffusion_mono, false, {1}},
+    {"bayer colour", {24}, IMG_bayer_color, false, {1}},
+    {"diffusion colour", {8}, IMG_diffusion_color, false, {1}},
+    {"median cut", {24}, IMG_mediancut_color, false, {1}},
 };
 
 struct record_view {
@@ -172,44 +174,27 @@ TEST(Processing, BadHandles) {
 
 // Depths and arguments an operation refuses: its code, and the bitmap as it was.
 TEST(Processing, RefusalsLeaveTheBitmap) {
-    picture off_grey = grey_palette_picture(4, 4, 8, 1);
+    auto refused = [](const picture &p, const std::function<int(int)> &run, int want, const std::string &what) {
+        int h = handle_of(p);
+        EXPECT_EQ(run(h), want) << what;
+        EXPECT_EQ(picture_of(h), p) << what;
+        IMG_delete_bitmap(h);
+    };
+    for (const op_row &op : ops)
+        for (int bits : op.refused) refused(make_picture(7, 3, bits, 5), op.run, op.refusal, op.name + (" at " + std::to_string(bits)));
+    picture off_grey = grey_palette_picture(4, 4, 8, 1), rgb = make_picture(5, 5, 24, 1);
     off_grey.palette[4 * 77 + 1] ^= 1;
     const struct {
         const char *name;
-        picture pic;
+        const picture &pic;
         std::function<int(int)> run;
-        int want;
-    } cases[] = {
-        {"filter at 4 bits", make_picture(5, 5, 4, 1), [](int h) { return IMG_process_bitmap(h, 1, nullptr); }, IMG_ERR_DEPTH},
-        {"filter at 1 bit", make_picture(5, 5, 1, 1), [](int h) { return IMG_process_bitmap(h, 1, nullptr); }, IMG_ERR_DEPTH},
-        {"filter 10", make_picture(5, 5, 24, 1), [](int h) { return IMG_process_bitmap(h, 10, nullptr); }, IMG_ERR_TYPE},
-        {"own filter without a kernel", make_picture(5, 5, 24, 1), [](int h) { return IMG_process_bitmap(h, 0, nullptr); }, IMG_ERR_TYPE},
-        {"filter -1", make_picture(5, 5, 24, 1), [](int h) { return IMG_process_bitmap(h, -1, nullptr); }, IMG_ERR_TYPE},
-        {"sharpen at 1 bit", make_picture(5, 5, 1, 1), [](int h) { return IMG_sharpen_bitmap(h, 32); }, IMG_ERR_TYPE},
-        {"sharpen colours at 4 bits", make_picture(5, 5, 4, 1), [](int h) { return IMG_sharpen_bitmap(h, 32); }, IMG_ERR_TYPE},
-        {"sharpen colours at 8 bits", make_picture(5, 5, 8, 1), [](int h) { return IMG_sharpen_bitmap(h, 32); }, IMG_ERR_TYPE},
-        {"grey at 1 bit", make_picture(8, 2, 1, 1), IMG_color_gray, IMG_ERR_TYPE},
-        {"smoothing off grey", off_grey, [](int h) { return IMG_resize_bitmap_interp(h, 2, 2); }, IMG_ERR_TYPE},
-        {"smoothing at 4 bits", grey_palette_picture(4, 4, 4, 1), [](int h) { return IMG_resize_bitmap_interp(h, 2, 2); }, IMG_ERR_TYPE},
-        {"smoothing at 1 bit", make_picture(4, 4, 1, 1), [](int h) { return IMG_resize_bitmap_interp(h, 2, 2); }, IMG_ERR_TYPE},
-        {"smoothing to width 0", make_picture(4, 4, 24, 1), [](int h) { return IMG_resize_bitmap_interp(h, 0, 2); }, IMG_ERR_TYPE},
-        {"smoothing to height -1", make_picture(4, 4, 24, 1), [](int h) { return IMG_resize_bitmap_interp(h, 2, -1); }, IMG_ERR_TYPE},
-        {"popularity at 8 bits", make_picture(7, 3, 8, 5), IMG_popularity_color, IMG_ERR_TYPE},
-        {"octree 8 at 4 bits", make_picture(7, 3, 4, 5), [](int h) { return IMG_octree_color(h, 8, nullptr, 256); }, IMG_ERR_TYPE},
-        {"octree 4 at 1 bit", make_picture(7, 3, 1, 5), [](int h) { return IMG_octree_color(h, 4, nullptr, 16); }, IMG_ERR_TYPE},
-        {"promote 8 at 24 bits", make_picture(7, 3, 24, 5), IMG_promote_8, IMG_ERR_TYPE},
-        {"promote 24 at 24 bits", make_picture(7, 3, 24, 5), IMG_promote_24, IMG_ERR_TYPE},
-        {"bayer mono at 1 bit", make_picture(7, 3, 1, 5), IMG_bayer_mono, IMG_ERR_TYPE},
-        {"halftone mono at 1 bit", make_picture(7, 3, 1, 5), IMG_halftone_mono, IMG_ERR_TYPE},
-        {"diffusion mono at 1 bit", make_picture(7, 3, 1, 5), IMG_diffusion_mono, IMG_ERR_TYPE},
-        {"bayer colour at 1 bit", make_picture(7, 3, 1, 5), IMG_bayer_color, IMG_ERR_TYPE},
-        {"diffusion colour at 1 bit", make_picture(7, 3, 1, 5), IMG_diffusion_color, IMG_ERR_TYPE},
-        {"median cut at 1 bit", make_picture(7, 3, 1, 5), IMG_mediancut_color, IMG_ERR_TYPE},
+    } arguments[] = {
+        {"filter 10", rgb, [](int h) { return IMG_process_bitmap(h, 10, nullptr); }},
+        {"own filter without a kernel", rgb, [](int h) { return IMG_process_bitmap(h, 0, nullptr); }},
+        {"filter -1", rgb, [](int h) { return IMG_process_bitmap(h, -1, nullptr); }},
+        {"smoothing off grey", off_grey, [](int h) { return IMG_resize_bitmap_interp(h, 2, 2); }},
+        {"smoothing to width 0", rgb, [](int h) { return IMG_resize_bitmap_interp(h, 0, 2); }},
+        {"smoothing to height -1", rgb, [](int h) { return IMG_resize_bitmap_interp(h, 2, -1); }},
     };
-    for (auto &c : cases) {
-        int h = handle_of(c.pic);
-        EXPECT_EQ(c.run(h), c.want) << c.name;
-        EXPECT_EQ(picture_of(h), c.pic) << c.name;
-        IMG_delete_bitmap(h);
-    }
+    for (auto &c : arguments) refused(c.pic, c.run, IMG_ERR_TYPE, c.name);
 }
