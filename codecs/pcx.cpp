@@ -306,6 +306,8 @@ BRIVANTA_READER(dcx_decompress) {
     const uint32_t page = paged ? static_cast<uint32_t>(where) & 0xFFFF : 0;
     byte_source src;
     if (!source_open(src, fd, start, 4096)) return IMG_ERR_MEMORY;
+    scratch_set mem;
+    mem.adopt(src.buf);
     uint8_t word[4];
     if (source_read(src, word, 4) != 4 || get32(word) != DCX_MAGIC) return IMG_ERR_HEADER;
     uint32_t offset = 0;
@@ -318,18 +320,19 @@ BRIVANTA_READER(dcx_decompress) {
     // page's ends with the file.
     uint32_t next = source_read(src, word, 4) == 4 ? get32(word) : 0;
     int32_t end = next > offset && next <= 0x7FFFFFFF ? static_cast<int32_t>(next) : -1;
-    scratch_free(src.buf);
+    mem.free_all();
     return pcx_read(static_cast<int32_t>(offset), end, put_row, context, begin_image, fd);
 }
 
 int dcx_page_count(int fd) {
     byte_source src;
     if (!source_open(src, fd, 0, 4096)) return IMG_ERR_MEMORY;
+    scratch_set mem;
+    mem.adopt(src.buf);
     uint8_t word[4];
     if (source_read(src, word, 4) != 4 || get32(word) != DCX_MAGIC) return IMG_ERR_HEADER;
     int pages = 0;
     while (source_read(src, word, 4) == 4 && get32(word)) pages++;
-    scratch_free(src.buf);
     return pages;
 }
 
