@@ -217,6 +217,21 @@ def make(cmd, name):
     return out
 
 
+def xvfb(screen, *extra):
+    """A private Xvfb on a display number it picks itself: (server, ":n"),
+    or (None, None) when none starts."""
+    r, w = os.pipe()
+    server = subprocess.Popen(["Xvfb", "-displayfd", str(w), "-nolisten", "tcp", "-screen", "0", screen, *extra],
+                              pass_fds=(w,), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    os.close(w)
+    with os.fdopen(r) as f:
+        number = f.readline().strip()
+    if not number:
+        server.wait()
+        return None, None
+    return server, ":" + number
+
+
 def image_rgb(data):
     """Any image file's bytes (PNM from a tool, say) decoded by Pillow to RGB."""
     return np.asarray(Image.open(io.BytesIO(data)).convert("RGB"))
