@@ -244,9 +244,10 @@ def pillow_rgb(path, page=0):
 
 
 def libtiff_rgb(path, page=0):
-    """libtiff's own decode through tiff2rgba."""
+    """libtiff's own decode through tiff2rgba (whose files Pillow does not
+    always open), read back by ImageMagick."""
     run(["tiff2rgba", "-c", "none", path, path + ".rgba.tif"])
-    return pillow_rgb(path + ".rgba.tif")
+    return REFERENCES["ImageMagick"](path + ".rgba.tif")
 
 
 # Reference decoders by name: each gives a file's (page's) pixels as RGB.
@@ -268,6 +269,8 @@ def dcx_page_rgb(path, page=0):
 
 
 REFERENCES["DCX page in Pillow"] = dcx_page_rgb
+# xwdtopnm writes 16-bit grey maps: brought to eight bits a sample.
+REFERENCES["xwdtopnm"] = lambda p, page=0: image_rgb(run("xwdtopnm %s 2>/dev/null | pamdepth 255" % p))
 for _tool in ("pcxtoppm", "tgatoppm", "giftopnm", "g3topbm", "xbmtopbm", "xpmtoppm", "rasttopnm", "ilbmtoppm"):
     REFERENCES[_tool] = lambda p, page=0, t=_tool: image_rgb(run([t, p]))
 

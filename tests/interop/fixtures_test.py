@@ -18,7 +18,7 @@ def tool(*cmd):
 
 def xwdtopnm(path):
     # xwdtopnm reads no 8-plane XY pixmap: that dump is held against the Z dump of its screen.
-    return B.image_rgb(B.run("xwdtopnm %s 2>/dev/null | pamdepth 255" % path.replace("_xy", "")))
+    return B.REFERENCES["xwdtopnm"](path.replace("_xy", ""))
 
 
 def sunras(path, ours):

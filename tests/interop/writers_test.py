@@ -50,12 +50,6 @@ SOURCES = {
 }
 
 
-def libtiff(path):
-    """libtiff's decode, through tiff2rgba into an uncompressed file."""
-    B.run(["tiff2rgba", "-c", "none", path, path + ".rgba.tif"])
-    return B.REFERENCES["ImageMagick"](path + ".rgba.tif")
-
-
 def raw_g4_in_tiff(path, width, height):
     """Raw Group 4 data wrapped in a minimal white-is-zero TIFF for Pillow."""
     data = open(path, "rb").read()
@@ -105,12 +99,7 @@ def metafile_in_magick(path):
     return B.image_rgb(B.run(["convert", "-density", "96", path, "-depth", "8", "ppm:-"]))
 
 
-def xwdtopnm(path):
-    """xwdtopnm, brought to eight bits a sample (it writes 16-bit grey maps)."""
-    return B.image_rgb(B.run("xwdtopnm %s | pamdepth 255" % path))
-
-
-PILLOW, MAGICK = B.REFERENCES["Pillow"], B.REFERENCES["ImageMagick"]
+PILLOW, MAGICK, libtiff, xwdtopnm = (B.REFERENCES[r] for r in ("Pillow", "ImageMagick", "libtiff", "xwdtopnm"))
 TOOL = lambda name: B.REFERENCES[name]
 ALL = "1 4 8 24"
 # type: (depths taken, extension, decoders, tolerance or PSNR floor)
@@ -198,6 +187,9 @@ def writer_case(type_code, source, decoders=None):
                 B.compare(got, want, "%s on type %d" % (getattr(decode, "__name__", "?"), type_code), accuracy)
         if type_code in (7, 8, 10, 18, 20):  # and our reader shows the same page, whichever palette it had
             B.compare(B.loaded(out).rgb(), want, "our reader on type %d" % type_code)
+        if type_code == 43:  # grey pictures stay grey, at the source's 96 dots per inch
+            with B.Image.open(out) as im:
+                assert (im.mode in ("1", "L")) == (source in ("1", "8 grey")) and round(im.info["dpi"][0]) == 96, im.info
     return check
 
 
