@@ -276,10 +276,13 @@ for _tool in ("pcxtoppm", "tgatoppm", "giftopnm", "g3topbm", "xbmtopbm", "xpmtop
 
 
 def decodes_like(path, ref="Pillow", tolerance=0, page=0, floor=None):
-    """Our load of the file against a reference decoder: within a tolerance,
-    or (floor) at least that many dB apart.  Returns our Picture."""
+    """Our load of the file against a reference decoder (a name in REFERENCES
+    or a function of the path and page): within a tolerance, or (floor) at
+    least that many dB apart.  Returns our Picture."""
     ours = loaded(path, page)
-    compare(ours.rgb(), REFERENCES[ref](path, page), "%s against %s" % (os.path.basename(path), ref), tolerance, floor)
+    decode = REFERENCES[ref] if isinstance(ref, str) else ref
+    what = "%s against %s" % (os.path.basename(path), getattr(decode, "__name__", ref))
+    compare(ours.rgb(), decode(path, page), what, tolerance, floor)
     return ours
 
 

@@ -135,7 +135,7 @@ WRITERS = {
     36: (ALL, "xwd", [xwdtopnm, MAGICK], EXACT),
     37: (ALL, "ras", [TOOL("rasttopnm"), PILLOW, MAGICK], EXACT),
     40: ("8 24", "tif", [libtiff], ("floor", 20.0)),
-    # Pillow's composite (ImageMagick reads no layerless indexed document; psd_test.py has its 24-bit case).
+    # Pillow's composite (ImageMagick reads no layerless indexed document: it reads the 24-bit one below).
     41: ("1 8 24", "psd", [lambda p: B.image_rgb(open(p, "rb").read())], EXACT),
     43: (ALL, "png", [PILLOW, MAGICK], EXACT),
 }
@@ -235,6 +235,7 @@ for t in WRITERS:
         s = SOURCE_FOR.get(t, {}).get(s, s)
         if ("type %d from %s" % (t, s), t) not in [(n, t) for n, _ in CASES]:
             CASES.append(("type %d from %s" % (t, s), writer_case(t, s)))
+CASES.append(("type 41 from 24 in ImageMagick", writer_case(41, "24", [MAGICK])))
 CASES.append(("demo round trip", demo_round_trip))
 
 if __name__ == "__main__":
