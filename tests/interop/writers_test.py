@@ -1,7 +1,8 @@
 """Every writer at every depth, against independent decoders: each file we
 write is decoded by tools that are not ours and compared with the picture
 the user saw before saving (the handle's pixels through its palette), never
-with our own reading of the file.  Depths a writer does not take must be
+with our own reading of the file; libtiff's tools list every TIFF's tags and
+copy it.  Depths a writer does not take must be
 refused.  Last, the demo's round trip: every lossless row comes back
 identical."""
 import os
@@ -12,7 +13,7 @@ import numpy as np
 
 import brivanta as B
 
-B.require("tiffcp", "tiff2rgba", "g3topbm", "pcxtoppm", "giftopnm", "tgatoppm", "djpeg", "convert", "xbmtopbm",
+B.require("tiffcp", "tiffinfo", "tiff2rgba", "g3topbm", "pcxtoppm", "giftopnm", "tgatoppm", "djpeg", "convert", "xbmtopbm",
           "xpmtoppm", "rasttopnm", "xwdtopnm", "ilbmtoppm")
 LIB = B.LIB
 
@@ -155,6 +156,8 @@ def as_fax(pic):
     return np.where((pic.indices() == black)[:, :, None], 0, 255).astype(np.uint8).repeat(3, axis=2)
 
 
+TIFF_TAGS = ("Image Width", "Bits/Sample", "Compression Scheme", "Photometric", "Resolution", "DateTime", "Artist",
+             "Rows/Strip", "Planar Configuration")
 # JPEG codes palette pictures by index: only an identity grey ramp is a picture it can keep.
 SOURCE_FOR = {13: {"8": "8 grey"}, 40: {"8": "8 grey"}, 25: {"1": "1 icon"}}
 
@@ -187,6 +190,11 @@ def writer_case(type_code, source, decoders=None):
                 B.compare(got, want, "%s on type %d" % (getattr(decode, "__name__", "?"), type_code), accuracy)
         if type_code in (7, 8, 10, 18, 20):  # and our reader shows the same page, whichever palette it had
             B.compare(B.loaded(out).rgb(), want, "our reader on type %d" % type_code)
+        if ext == "tif" and type_code != 40:  # libtiff lists the tags and copies the file without complaint
+            info = B.run(["tiffinfo", out]).decode(errors="replace")
+            assert all(t in info for t in TIFF_TAGS), "tiffinfo lacks some of %s:\n%s" % (TIFF_TAGS, info)
+            r = subprocess.run(["tiffcp", out, out + ".copy.tif"], capture_output=True)
+            assert r.returncode == 0 and b"rror" not in r.stderr, "tiffcp: %s" % r.stderr[:300]
         if type_code == 43:  # grey pictures stay grey, at the source's 96 dots per inch
             with B.Image.open(out) as im:
                 assert (im.mode in ("1", "L")) == (source in ("1", "8 grey")) and round(im.info["dpi"][0]) == 96, im.info
