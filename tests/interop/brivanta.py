@@ -159,7 +159,7 @@ def load_at_offset(path, lead):
         os.close(fd)
 
 
-def save(src, dst, type_code, quality=None):
+def save(src, dst, type_code):
     """Loads src and saves it as dst with a type code (removing an older dst
     first); returns the Picture that was saved, or the failing code."""
     if os.path.exists(dst):
@@ -168,13 +168,9 @@ def save(src, dst, type_code, quality=None):
     if h < 0:
         return h
     try:
-        if quality is not None:
-            LIB.IMGLOW_set_comp_quality(quality)
         rc = LIB.IMG_save_bitmap(h, dst.encode(), type_code)
         return rc if rc < 0 else picture_of(h)
     finally:
-        if quality is not None:
-            LIB.IMGLOW_set_comp_quality(75)
         LIB.IMG_delete_bitmap(h)
 
 
@@ -284,20 +280,6 @@ def decodes_like(path, ref="Pillow", tolerance=0, page=0, floor=None):
     what = "%s against %s" % (os.path.basename(path), getattr(decode, "__name__", ref))
     compare(ours.rgb(), decode(path, page), what, tolerance, floor)
     return ours
-
-
-def writes_like(src, dst, type_code, refs, tolerance=0, floor=None, quality=None):
-    """Saves src as dst; each reference decoder, and for exact writers our
-    own reload, must give the picture that was saved.  Lossy output (floor)
-    meets its floor in each."""
-    saved = save(src, dst, type_code, quality)
-    assert not isinstance(saved, int), "save of %s as %d gave %d" % (os.path.basename(src), type_code, saved)
-    want = saved.rgb()
-    for ref in refs:
-        compare(REFERENCES[ref](dst), want, "%s on our type %d" % (ref, type_code), tolerance, floor)
-    if floor is None:
-        compare(loaded(dst).rgb(), want, "our reload of type %d" % type_code, tolerance)
-    return saved
 
 
 def test_rgb(w, h):
