@@ -2,9 +2,8 @@
 write is decoded by tools that are not ours and compared with the picture
 the user saw before saving (the handle's pixels through its palette), never
 with our own reading of the file; libtiff's tools list every TIFF's tags and
-copy it.  Depths a writer does not take must be
-refused.  Last, the demo's round trip: every lossless row comes back
-identical."""
+copy it.  Depths a writer does not take must be refused.  Last, the demo's
+round trip: every lossless row comes back identical."""
 import os
 import struct
 import subprocess
@@ -13,8 +12,8 @@ import numpy as np
 
 import brivanta as B
 
-B.require("tiffcp", "tiffinfo", "tiff2rgba", "g3topbm", "pcxtoppm", "giftopnm", "tgatoppm", "djpeg", "convert", "xbmtopbm",
-          "xpmtoppm", "rasttopnm", "xwdtopnm", "ilbmtoppm")
+B.require("tiffcp", "tiffinfo", "tiff2rgba", "g3topbm", "pcxtoppm", "giftopnm", "tgatoppm", "djpeg", "convert",
+          "xbmtopbm", "xpmtoppm", "rasttopnm", "xwdtopnm", "ilbmtoppm")
 LIB = B.LIB
 
 
