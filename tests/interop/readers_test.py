@@ -182,21 +182,27 @@ def wpg_pack(rows):
     return out
 
 
+def wpg_file(values, depth, kind=1, vectors=False):
+    """The file of a picture's values (fixtures/wpg/README.md makes one so)."""
+    h, w = values.shape
+    per = 8 // depth
+    v = np.zeros((h, -(-w // per) * per), np.int64)
+    v[:, :w] = values
+    rows = [bytes((v[y].reshape(-1, per) << (per - 1 - np.arange(per)) * depth).sum(axis=1).astype(np.uint8))
+            for y in range(h)]
+    head = struct.pack("<5H", w, h, depth, 75, 75)
+    placed = struct.pack("<5H", 0, 0, 0, w, h) if kind == 2 else b""  # the second kind's placement
+    bitmap = record(11 if kind == 1 else 20, placed + head + wpg_pack(rows))
+    colours = record(14, struct.pack("<HH", 0, 1 << depth) + RNG.integers(0, 256, 3 << depth, np.uint8).tobytes())
+    return WPG_HEAD + record(15, struct.pack("<BBHH", 1, 0, w, h)) + colours + VECTORS * vectors + bitmap + \
+        VECTORS * vectors + record(16, b"")
+
+
 def wpg(w, h, depth, kind, vectors):
     def make(leaf):
         values = RNG.integers(0, 1 << depth, (h, w))  # noise, a flat band, repeated rows
         values[h // 3: h // 2], values[h // 2: h // 2 + 4] = (1 << depth) - 1, values[h // 2]
-        per = 8 // depth
-        v = np.zeros((h, -(-w // per) * per), np.int64)
-        v[:, :w] = values
-        rows = [bytes((v[y].reshape(-1, per) << (per - 1 - np.arange(per)) * depth).sum(axis=1).astype(np.uint8))
-                for y in range(h)]
-        head = struct.pack("<5H", w, h, depth, 75, 75)
-        placed = struct.pack("<5H", 0, 0, 0, w, h) if kind == 2 else b""  # the second kind's placement
-        bitmap = record(11 if kind == 1 else 20, placed + head + wpg_pack(rows))
-        colours = record(14, struct.pack("<HH", 0, 1 << depth) + RNG.integers(0, 256, 3 << depth, np.uint8).tobytes())
-        return built(leaf, WPG_HEAD + record(15, struct.pack("<BBHH", 1, 0, w, h)) + colours + VECTORS * vectors +
-                     bitmap + VECTORS * vectors + record(16, b""))
+        return built(leaf, wpg_file(values, depth, kind, vectors))
     return make
 
 
