@@ -267,7 +267,8 @@ def dcx_page_rgb(path, page=0):
 REFERENCES["DCX page in Pillow"] = dcx_page_rgb
 # xwdtopnm writes 16-bit grey maps: brought to eight bits a sample.
 REFERENCES["xwdtopnm"] = lambda p, page=0: image_rgb(run("xwdtopnm %s 2>/dev/null | pamdepth 255" % p))
-for _tool in ("pcxtoppm", "tgatoppm", "giftopnm", "g3topbm", "xbmtopbm", "xpmtoppm", "rasttopnm", "ilbmtoppm"):
+for _tool in ("pcxtoppm", "tgatoppm", "giftopnm", "g3topbm", "xbmtopbm", "xpmtoppm", "rasttopnm", "ilbmtoppm",
+              "gemtopnm", "macptopbm"):
     REFERENCES[_tool] = lambda p, page=0, t=_tool: image_rgb(run([t, p]))
 
 
