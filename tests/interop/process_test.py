@@ -175,12 +175,13 @@ def tool_chain():
 cases = [("tool chain", tool_chain)]
 for bits in (1, 4, 8, 24):
     cases.append(("turns and flips %d bits" % bits, geometry_case(bits)))
-    cases.append(("invert %d bits" % bits, model_case("inverted values", bits, (29, 11), LIB.IMG_invert_bitmap,
-                                                       lambda src, n, top=(1 << min(bits, 8)) - 1: top - src)))
+    cases.append(("invert %d bits" % bits, model_case(
+        "inverted values", bits, (29, 11), LIB.IMG_invert_bitmap, lambda src, n, top=(1 << min(bits, 8)) - 1: top - src)))
     for w, h, nw, nh in ((37, 23, 74, 46), (37, 23, 18, 11), (37, 23, 100, 7), (5, 3, 1, 1), (1, 9, 13, 4)):
         what = "replication %dx%d to %dx%d" % (w, h, nw, nh)
-        cases.append((what, model_case(what, bits, (w, h), lambda hd, nw=nw, nh=nh: LIB.IMG_resize_bitmap(hd, nw, nh),
-                                       lambda src, n, nw=nw, nh=nh: replicated(src, n, nw, nh))))
+        cases.append((what + " at %d bits" % bits, model_case(
+            what, bits, (w, h), lambda hd, nw=nw, nh=nh: LIB.IMG_resize_bitmap(hd, nw, nh),
+            lambda src, n, nw=nw, nh=nh: replicated(src, n, nw, nh))))
 for bits in (8, 24):
     for code in range(10):
         # Small values, so that sums reach both clamps and the range between.
@@ -190,8 +191,9 @@ for bits in (8, 24):
             lambda src, n, c=code: convolution_model(src, KERNELS[c], n), grey=True, top=64)))
     for w, h, nw, nh in ((37, 23, 18, 11), (37, 23, 12, 40), (9, 1, 4, 1)):
         what = "smoothing %dx%d to %dx%d" % (w, h, nw, nh)
-        cases.append((what, model_case(what, bits, (w, h), lambda hd, nw=nw, nh=nh: LIB.IMG_resize_bitmap_interp(hd, nw, nh),
-                                       lambda src, n, nw=nw, nh=nh: smoothed(src, n, nw, nh), grey=True)))
+        cases.append((what + " at %d bits" % bits, model_case(
+            what, bits, (w, h), lambda hd, nw=nw, nh=nh: LIB.IMG_resize_bitmap_interp(hd, nw, nh),
+            lambda src, n, nw=nw, nh=nh: smoothed(src, n, nw, nh), grey=True)))
 for bits in (4, 8, 24):
     for level in (0, 64, 128, -37):
         cases.append(("sharpen %d at %d bits" % (level, bits), model_case(
