@@ -302,9 +302,9 @@ TEST(Display, ScrollAndRepaintFollowTheView) {
 
 // Device-dependent copies: drawn one to one they hold the picture exactly,
 // read back into a handle and drawn at an offset; a transparent colour
-// leaves the destination where the picture has it; printing's callback
-// runs once per destination row and stops the drawing.
-TEST(Display, DeviceCopiesTransparencyAndPrintFlag) {
+// leaves the destination where the picture has it.  (Printing's progress
+// calls are in print_test.cpp.)
+TEST(Display, DeviceCopiesAndTransparency) {
     const picture pic = make_picture(37, 23, 24, 21);
     const int h = handle_of(pic);
     IMG_set_gamma(h, 100);  // identity tones
@@ -348,20 +348,6 @@ TEST(Display, DeviceCopiesTransparencyAndPrintFlag) {
     EXPECT_GT(shown, 100);
     EXPECT_EQ(mismatched, 0);
 
-    static int calls;
-    const auto counting = [](void *, int total) -> int IMG_CALLBACK { return ++calls, total == 60 ? 0 : -99; };
-    const auto stopping = [](void *, int) -> int IMG_CALLBACK { return -4; };
-    calls = 0;
-    IMG_set_statusbar(nullptr, counting, 1);
-    draw_options print;
-    print.print = true;
-    EXPECT_EQ(draw_bitmap(k, plain.dc, 0, 0, 80, 60, print), 0);
-    EXPECT_EQ(calls, 60);
-    EXPECT_EQ(IMG_display_bitmap(k, plain.dc, 0, 0, 80, 60), 0);
-    EXPECT_EQ(calls, 60) << "the display never reports progress";
-    IMG_set_statusbar(nullptr, stopping, 1);
-    EXPECT_EQ(draw_bitmap(k, plain.dc, 0, 0, 80, 60, print), -4);
-    IMG_set_statusbar(nullptr, nullptr, 0);
     EXPECT_EQ(IMG_display_bitmap(-1, plain.dc, 0, 0, 8, 8), IMG_ERR_HANDLE);
     EXPECT_EQ(IMG_dib_to_ddb(h, plain.dc, 0, 5, &ddb), IMG_ERR_TYPE);
 

@@ -2,49 +2,9 @@
 // in the Windows suite under Wine, on GDI memory DCs over 32-bit DIB
 // sections, held to the same expected pixels.  The clipboard save beside it.
 #include "display/display.h"
-#include "platform/graphics.h"
-#include "test_util.h"
-
-#include <gtest/gtest.h>
-
-#ifdef _WIN32
-#include <windows.h>
-#endif
+#include "test_dc.h"
 
 namespace {
-
-#ifdef _WIN32
-struct print_dc {
-    HDC dc = CreateCompatibleDC(nullptr);
-    HBITMAP bitmap, old;
-    uint32_t *bits = nullptr;
-    int w;
-    print_dc(int w_, int h) : w(w_) {
-        BITMAPINFO bi = {{sizeof(BITMAPINFOHEADER), w, -h, 1, 32, BI_RGB, 0, 0, 0, 0, 0}, {}};
-        bitmap = CreateDIBSection(dc, &bi, DIB_RGB_COLORS, reinterpret_cast<void **>(&bits), nullptr, 0);
-        std::fill_n(bits, static_cast<size_t>(w) * h, 0xFFFFFFu);
-        old = static_cast<HBITMAP>(SelectObject(dc, bitmap));
-    }
-    ~print_dc() {
-        DeleteObject(SelectObject(dc, old));
-        DeleteDC(dc);
-    }
-    void *get() const { return dc; }
-    uint32_t at(int x, int y) const { return GdiFlush(), bits[static_cast<size_t>(y) * w + x] & 0xFFFFFF; }
-};
-#else
-struct print_dc {
-    void *dc = nullptr;
-    print_dc(int w, int h) { IMG_dc_create_memory(w, h, &dc); }
-    ~print_dc() { IMG_dc_delete(dc); }
-    void *get() const { return dc; }
-    uint32_t at(int x, int y) const {
-        uint32_t v = 0;
-        IMG_dc_read_pixels(dc, x, y, 1, 1, &v);
-        return v;
-    }
-};
-#endif
 
 // 120 x 300 at 24 bits, red the column, green and blue the row from the top:
 // every printed pixel names its source pixel.  Gamma 100: identity tones.
@@ -91,25 +51,26 @@ TEST(Print, PathsMapTheCropRectangle) {
     const int h = row_coded_handle();
     ASSERT_EQ(IMG_set_croprect(h, 10, 20, 100, 50), 0);
     for (const auto &c : cases) {
-        print_dc dc(210, 110);
+        scoped_dc dc(210, 110);
         calls = 0;
         stop_at = c.stop;
         IMG_set_statusbar(nullptr, count_rows, 1);
-        const int r = c.path == FAST     ? IMG_print_bitmap_fast(h, dc.get(), c.left, c.top, c.width, c.height)
-                      : c.path == BANDED ? IMG_print_bitmap(h, dc.get(), c.left, c.top, c.width, c.height)
-                                         : IMG_display_bitmap(h, dc.get(), c.left, c.top, c.width, c.height);
+        const int r = c.path == FAST     ? IMG_print_bitmap_fast(h, dc.dc, c.left, c.top, c.width, c.height)
+                      : c.path == BANDED ? IMG_print_bitmap(h, dc.dc, c.left, c.top, c.width, c.height)
+                                         : IMG_display_bitmap(h, dc.dc, c.left, c.top, c.width, c.height);
         IMG_set_statusbar(nullptr, nullptr, 0);
         EXPECT_EQ(r, c.want);
         EXPECT_EQ(calls, c.path != BANDED ? 0 : c.stop ? 1 : c.height);
         if (c.path == BANDED) {
             EXPECT_EQ(last_total, c.height);
         }
+        const auto px = dc.pixels();
         int wrong = 0;
         for (int y = 0; y < 110; y++)
             for (int x = 0; x < 210; x++) {
                 const int i = x - c.left, j = y - c.top;
                 const bool in = c.scale && i >= 0 && i < c.width && j >= 0 && j < c.height;
-                wrong += dc.at(x, y) != (in ? coded(10 + i / c.scale, 20 + j / c.scale) : 0xFFFFFFu);
+                wrong += px[y * 210 + x] != (in ? coded(10 + i / c.scale, 20 + j / c.scale) : 0xFFFFFFu);
             }
         EXPECT_EQ(wrong, 0) << "case " << (&c - cases);
     }
@@ -129,21 +90,22 @@ TEST(Print, PathsMapTheCropRectangle) {
 // with a horizontal factor of 0) lightens the tones: 0 -> 24, 255 stays.
 TEST(Print, PrinterCapabilities) {
     const int h = row_coded_handle();
-    print_dc dc(250, 120);
-    IMG_dc_set_caps(dc.get(), -1, "", 96, 1, 1);
-    ASSERT_EQ(IMG_print_bitmap_fast(h, dc.get(), 0, 0, 60, 50), 0);
-    EXPECT_EQ(dc.at(119, 99), coded(119, 297));  // 120 x 100: every column, every third row
-    EXPECT_EQ(dc.at(120, 50), 0xFFFFFFu);
-    EXPECT_EQ(dc.at(50, 100), 0xFFFFFFu);
+    scoped_dc dc(250, 120);
+    IMG_dc_set_caps(dc.dc, -1, "", 96, 1, 1);
+    ASSERT_EQ(IMG_print_bitmap_fast(h, dc.dc, 0, 0, 60, 50), 0);
+    const auto px = dc.pixels();
+    EXPECT_EQ(px[99 * 250 + 119], coded(119, 297));  // 120 x 100: every column, every third row
+    EXPECT_EQ(px[50 * 250 + 120], 0xFFFFFFu);
+    EXPECT_EQ(px[100 * 250 + 50], 0xFFFFFFu);
 
     handle_record rec = {};
     const struct {
         int colours, dpi, scale_x, zero;
     } tones[] = {{2, 300, -1, 24}, {2, 300, 0, 24}, {2, 300, 1, 0}, {2, 299, -1, 0}, {-1, 600, -1, 24}};
     for (const auto &t : tones) {
-        IMG_dc_set_caps(dc.get(), t.colours, "", t.dpi, t.scale_x, 0);
+        IMG_dc_set_caps(dc.dc, t.colours, "", t.dpi, t.scale_x, 0);
         uint8_t tone[256];
-        build_tone_table(&rec, dc.get(), t.colours == 2, tone);
+        build_tone_table(&rec, dc.dc, t.colours == 2, tone);
         EXPECT_EQ(tone[0], t.zero) << t.dpi << " dpi, scale " << t.scale_x;
         EXPECT_EQ(tone[255], 255);
     }

@@ -10,30 +10,14 @@ import time
 import numpy as np
 from PIL import Image
 
-from brivanta import LIB, compare, main, require, test_rgb, tmp
+from brivanta import LIB, compare, main, require, test_rgb, tmp, xvfb
 
 require("Xvfb", "xclip")
 LIB.IMG_save_clipboard.argtypes = [ctypes.c_char_p, ctypes.c_char_p]
 
 
-def start_server():
-    """A private Xvfb on a display number it picks itself."""
-    r, w = os.pipe()
-    server = subprocess.Popen(["Xvfb", "-displayfd", str(w), "-nolisten", "tcp", "-screen", "0", "64x64x24"],
-                              pass_fds=(w,), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    os.close(w)
-    number = b""
-    while not number.endswith(b"\n"):
-        chunk = os.read(r, 16)
-        if not chunk:
-            break
-        number += chunk
-    os.close(r)
-    assert number.strip(), "Xvfb did not start"
-    return server, ":" + number.decode().strip()
-
-
-SERVER, DISPLAY = start_server()
+SERVER, DISPLAY = xvfb("64x64x24")
+assert SERVER, "Xvfb did not start"
 ENV = dict(os.environ, DISPLAY=DISPLAY)
 
 

@@ -11,14 +11,9 @@ B.require("convert", "xbmtopbm", "rasttopnm", "xwdtopnm", "pamdepth", "gemtopnm"
 fx = B.fixture
 
 
-def tool(*cmd):
-    """A netpbm decoder's picture of a file: the command, then its name."""
-    return lambda path: B.image_rgb(B.run(list(cmd) + [path]))
-
-
 def xwdtopnm(path):
     # xwdtopnm reads no 8-plane XY pixmap: that dump is held against the Z dump of its screen.
-    return B.image_rgb(B.run("xwdtopnm %s 2>/dev/null | pamdepth 255" % path.replace("_xy", "")))
+    return B.REFERENCES["xwdtopnm"](path.replace("_xy", ""))
 
 
 def sunras(path, ours):
@@ -56,12 +51,12 @@ def source(folder, name, negative=False, tolerance=0):
     return check
 
 
-magick, xbm = B.REFERENCES["ImageMagick"], tool("xbmtopbm")
+magick, xbm = B.REFERENCES["ImageMagick"], B.REFERENCES["xbmtopbm"]
 # folder, file, reference decoder (or None), a further check of our pixels (or None), bits (or None)
 CASES = [
     ("cals", "im.cal", magick, source("cals", "src.pbm"), None),
     ("cals", "im_wide.cal", magick, None, None),
-    ("gem", "netpbm.img", tool("gemtopnm"), source("gem", "src.pbm"), 1),
+    ("gem", "netpbm.img", B.REFERENCES["gemtopnm"], source("gem", "src.pbm"), 1),
     ("xbm", "netpbm_char.xbm", xbm, source("xbm", "src.pbm"), 1),
     ("xbm", "netpbm_short.xbm", xbm, source("xbm", "src.pbm"), 1),
     ("xbm", "im.xbm", xbm, source("xbm", "src.pbm"), 1),
@@ -78,7 +73,7 @@ CASES = [
 ] + [("sunras", n, None, lambda ours, n=n: sunras(fx("sunras", n), ours), None)
      for n in sorted(os.listdir(fx("sunras"))) if n.endswith(".ras")] + \
     [("xwd", n, xwdtopnm, None, None) for n in sorted(os.listdir(fx("xwd"))) if n.endswith(".xwd")] + \
-    [("macpaint", n, tool("macptopbm"), lambda ours, n=n: B.compare(B.loaded(macbinary(fx("macpaint", n))).rgb(), ours,
+    [("macpaint", n, B.REFERENCES["macptopbm"], lambda ours, n=n: B.compare(B.loaded(macbinary(fx("macpaint", n))).rgb(), ours,
                                                                    "in a MacBinary wrapper"), None)
      for n in ("nb_plasma.mac", "nb_shapes.mac")]
 

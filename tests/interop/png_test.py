@@ -1,9 +1,8 @@
 """PNG interop: files that Pillow and ImageMagick write in every colour type
 and depth, interlaced or not, load with the pixels Pillow reads (transparency
 matted against the file's background, white without one) at the nearest DIB
-depth; our output at every depth decodes in Pillow and ImageMagick to the
-picture that was saved, grey as grey, with its resolution, each row under
-the filter its residuals favour."""
+depth.  Our writer is checked in writers_test.py; here, each of its rows
+is stored under the filter its residuals favour."""
 import struct
 import zlib
 
@@ -102,52 +101,6 @@ PILLOW = [
 ]
 
 
-def our_output(bmp_options, bits, grey):
-    """The sources are 72 dots per inch; grey ones come from Pillow, whose
-    grey BMP has the whole ramp."""
-    src = B.tmp("o%d%s.bmp" % (bits, "g" if grey else ""))
-    if bmp_options:
-        B.run("convert %s -density 72 -units PixelsPerInch %s%s" % (SRC, bmp_options, src))
-    else:
-        Image.open(SRC).convert("L" if bits == 8 else "1").save(src, dpi=(72, 72))
-    dst = B.tmp("ours_%d%s.png" % (bits, "g" if grey else ""))
-    saved = B.writes_like(src, dst, 43, ["Pillow", "ImageMagick"])
-    assert saved.bits == bits
-    with Image.open(dst) as im:
-        assert (im.mode in ("1", "L")) == grey, "mode %s" % im.mode
-        # The resolution as the library read the source (a BMP's metres round down).
-        dpi = int(B.run([B.TOOL, "info", src]).decode().split("xdpi=")[1].split()[0])
-        assert dpi >= 71 and tuple(round(d) for d in im.info["dpi"]) == (dpi, dpi), (dpi, im.info.get("dpi"))
-
-
-OURS = [
-    ("", 1, True),
-    ("-colors 11 -type Palette BMP3:", 4, False),
-    ("-colors 150 -type Palette BMP3:", 8, False),
-    ("", 8, True),
-    ("-type TrueColor BMP3:", 24, False),
-]
-
-
-def converts_by_extension():
-    """The tool picks PNG by the output's name."""
-    tif = B.make("convert %s -type TrueColor -compress None {out}" % SRC, "scan.tif")
-    B.run([B.TOOL, "convert", tif, B.tmp("page.png")])
-    B.compare(B.pillow_rgb(B.tmp("page.png")), B.pillow_rgb(tif), "convert by extension")
-
-
-def crop_on_save():
-    """A handle's crop rectangle is what the PNG writer stores."""
-    h = B.LIB.IMG_decompress_bitmap(SRC.encode())
-    assert h >= 0
-    try:
-        assert B.LIB.IMG_set_croprect(h, 7, 5, 20, 11) == 0
-        assert B.LIB.IMG_save_bitmap(h, B.tmp("crop.png").encode(), 43) == 0
-    finally:
-        B.LIB.IMG_delete_bitmap(h)
-    B.compare(B.pillow_rgb(B.tmp("crop.png")), B.pillow_rgb(SRC)[5:16, 7:27], "cropped save")
-
-
 def row_filters():
     """8-bit grey and colour rows are stored under the filter whose residuals,
     as signed bytes, sum smallest (the first on a tie): the data inflated by
@@ -173,8 +126,5 @@ def row_filters():
 
 cases = [("ImageMagick " + n, lambda a=(n, o, b): magick_file(*a)) for n, o, b in MAGICK]
 cases += [("Pillow %s %d bits %s" % (m, b, sorted(s)), lambda a=(m, b, s, o): pillow_file(*a)) for m, b, s, o in PILLOW]
-cases += [("our %d bits%s in Pillow and ImageMagick" % (b, " grey" if g else ""), lambda a=(o, b, g): our_output(*a))
-          for o, b, g in OURS]
-cases += [("brivanta convert by extension", converts_by_extension), ("crop on save", crop_on_save),
-          ("row filters", row_filters)]
+cases += [("row filters", row_filters)]
 B.main(cases)

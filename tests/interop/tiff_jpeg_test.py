@@ -5,7 +5,6 @@ each was taken from) load close to libtiff's decode through Pillow, or through
 tiffcp for grey, which Pillow does not map.  (Type 40 output is checked in
 writers_test.py.)"""
 import os
-import subprocess
 
 import brivanta as b
 

@@ -1,35 +1,18 @@
-"""TIFF writing against libtiff's tools: every writer's output lists its tags
-in tiffinfo and copies in tiffcp; two saves into one file give a two-page
-TIFF.  (The pixels of every writer are checked by the writer matrix.)"""
-import subprocess
-
+"""TIFF writing against libtiff's tools: two saves into one file give a
+two-page TIFF, and an LZW strip ends where its codes do.  (Every writer's
+pixels and tags are checked by the writer matrix.)"""
 import numpy as np
 
 import brivanta as B
 
 B.require("tiffinfo", "tiffcp")
-SOURCES = {"1": B.test_page(), "4": B.test_rgb(83, 57).quantize(16), "8g": B.test_rgb(83, 57).convert("L"),
-           "8": B.test_rgb(83, 57).quantize(200), "24": B.test_rgb(83, 57)}
+SOURCES = {"1": B.test_page(), "8": B.test_rgb(83, 57).quantize(200), "24": B.test_rgb(83, 57)}
 for key, im in SOURCES.items():
     im.save(B.tmp("src_%s.bmp" % key))
-TYPES = {0: "1 24", 7: "1", 8: "1", 9: "8 24", 10: "1", 16: "4 8g"}
 
 
 def tags(file):
     return B.run(["tiffinfo", file]).decode(errors="replace")
-
-
-def tags_case(type_code, key):
-    def check():
-        out = B.tmp("t%d_%s.tif" % (type_code, key))
-        assert not isinstance(B.save(B.tmp("src_%s.bmp" % key), out, type_code), int)
-        info = tags(out)
-        for needed in ("Image Width", "Bits/Sample", "Compression Scheme", "Photometric", "Resolution",
-                       "DateTime", "Artist", "Rows/Strip", "Planar Configuration"):
-            assert needed in info, "tiffinfo lacks " + needed
-        r = subprocess.run(["tiffcp", out, B.tmp("copy.tif")], capture_output=True)
-        assert r.returncode == 0 and b"rror" not in r.stderr, "tiffcp: %s" % r.stderr[:300]
-    return check
 
 
 def two_saves_give_two_pages():
@@ -63,7 +46,6 @@ def lzw_strip_ends_with_its_end_code():
     assert codes[0] == 256 and 257 in codes and n == (9 * (codes.index(257) + 1) + 7) // 8, (n, codes)
 
 
-CASES = [("type %d from %s: tags" % (t, k), tags_case(t, k)) for t, keys in TYPES.items() for k in keys.split()]
-CASES += [("two saves give two pages", two_saves_give_two_pages),
+CASES = [("two saves give two pages", two_saves_give_two_pages),
           ("an LZW strip ends with its end code", lzw_strip_ends_with_its_end_code)]
 B.main(CASES)

@@ -1,7 +1,7 @@
 """The command-line tool: its type keys and format list come from the
-library, outputs are replaced unless --append, and - reads standard input
-and writes standard output (checked by Pillow's decode of the output
-against the source picture)."""
+library, outputs are replaced unless --append, - reads standard input and
+writes standard output (checked by Pillow's decode of the output against
+the source picture), and what it cannot do it refuses in one line."""
 import subprocess
 
 import numpy as np
@@ -46,12 +46,21 @@ def replaces_unless_appending():
 
 
 def refuses_what_it_cannot_do():
-    for args in (("--type", "tiff"), ("--type", "99"), ("--type", "")):
-        r = tool("convert", B.tmp("src.bmp"), B.tmp("x.tif"), *args)
-        assert r.returncode == 2 and b"unknown type" in r.stderr, (args, r.stderr)
-    assert tool("convert", B.tmp("src.bmp"), "-").returncode == 2, "standard output without --type"
-    r = tool("info", B.tmp("missing.bmp"))
-    assert r.returncode == 1 and b"cannot open the input" in r.stderr
+    """Usage errors exit 2, a refused input or operation 1, each with one line naming it."""
+    src, x = B.tmp("src.bmp"), B.tmp("x.bmp")
+    with open(B.tmp("src4.bmp"), "wb") as f:  # filters take no 4-bit picture
+        f.write(B.bmp_file(np.zeros((5, 5), int), 4, [(v, v, v) for v in range(0, 256, 17)]))
+    for args, code, text in ((("convert", src, x, "--type", "tiff"), 2, "unknown type"),
+                             (("convert", src, x, "--type", "99"), 2, "unknown type"),
+                             (("convert", src, x, "--type", ""), 2, "unknown type"),
+                             (("convert", src, "-"), 2, "standard output needs --type"),
+                             (("info", B.tmp("missing.bmp")), 1, "cannot open the input"),
+                             (("process", B.tmp("src4.bmp"), x, "--filter", "3"), 1, "--filter"),
+                             (("process", src, x, "--resize", "0x3"), 2, "WxH"), (("process", src, x, "--bogus"), 2, "--bogus"),
+                             (("process", src, x, "--rotate"), 2, "--rotate"), (("process", src, x, "--octree", "5"), 2, "--octree")):
+        r = tool(*args)
+        err = r.stderr.decode()
+        assert r.returncode == code and text in err and err.count("\n") == 1, (args, r.returncode, err)
 
 
 B.main([("formats list every code once", formats_list_every_code_once),

@@ -88,24 +88,6 @@ class Replica:
         return np.stack([(a >> 16) & 255, (a >> 8) & 255, a & 255], axis=-1).astype(np.uint8)
 
 
-def start_server(extra):
-    """An Xvfb on a free display number, or None when none starts."""
-    for n in range(57, 99):
-        if os.path.exists("/tmp/.X%d-lock" % n):
-            continue
-        p = subprocess.Popen(["Xvfb", ":%d" % n, "-screen", "0", "1280x1024x24", "-nolisten", "tcp"] + extra,
-                             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        for _ in range(50):
-            if os.path.exists("/tmp/.X11-unix/X%d" % n):
-                return p, ":%d" % n
-            if p.poll() is not None:
-                break
-            time.sleep(0.1)
-        p.kill()
-        p.wait()
-    return None, None
-
-
 def capture(env, window):
     xwd = subprocess.run(["xwd", "-silent", "-id", window], env=env, capture_output=True, check=True).stdout
     return B.image_rgb(B.run(["convert", "xwd:-", "ppm:-"], input=xwd))
@@ -123,7 +105,7 @@ def shows(env, window, want, what):
 
 
 def session(extra):
-    server, display = start_server(extra)
+    server, display = B.xvfb("1280x1024x24", *extra)
     if not server:
         print("skipped: Xvfb cannot start here")
         sys.exit(77)

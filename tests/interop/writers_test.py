@@ -1,9 +1,9 @@
 """Every writer at every depth, against independent decoders: each file we
 write is decoded by tools that are not ours and compared with the picture
 the user saw before saving (the handle's pixels through its palette), never
-with our own reading of the file.  Depths a writer does not take must be
-refused.  Last, the demo's round trip: every lossless row comes back
-identical."""
+with our own reading of the file; libtiff's tools list every TIFF's tags and
+copy it.  Depths a writer does not take must be refused.  Last, the demo's
+round trip: every lossless row comes back identical."""
 import os
 import struct
 import subprocess
@@ -12,8 +12,8 @@ import numpy as np
 
 import brivanta as B
 
-B.require("tiffcp", "tiff2rgba", "g3topbm", "pcxtoppm", "giftopnm", "tgatoppm", "djpeg", "convert", "xbmtopbm",
-          "xpmtoppm", "rasttopnm", "xwdtopnm", "ilbmtoppm")
+B.require("tiffcp", "tiffinfo", "tiff2rgba", "g3topbm", "pcxtoppm", "giftopnm", "tgatoppm", "djpeg", "convert",
+          "xbmtopbm", "xpmtoppm", "rasttopnm", "xwdtopnm", "ilbmtoppm")
 LIB = B.LIB
 
 
@@ -48,12 +48,6 @@ SOURCES = {
     # Icons hold at most 256 × 256.
     "1 icon": (PAGE[:64, :80], 1, BW, None),
 }
-
-
-def libtiff(path):
-    """libtiff's decode, through tiff2rgba into an uncompressed file."""
-    B.run(["tiff2rgba", "-c", "none", path, path + ".rgba.tif"])
-    return B.REFERENCES["ImageMagick"](path + ".rgba.tif")
 
 
 def raw_g4_in_tiff(path, width, height):
@@ -105,12 +99,7 @@ def metafile_in_magick(path):
     return B.image_rgb(B.run(["convert", "-density", "96", path, "-depth", "8", "ppm:-"]))
 
 
-def xwdtopnm(path):
-    """xwdtopnm, brought to eight bits a sample (it writes 16-bit grey maps)."""
-    return B.image_rgb(B.run("xwdtopnm %s | pamdepth 255" % path))
-
-
-PILLOW, MAGICK = B.REFERENCES["Pillow"], B.REFERENCES["ImageMagick"]
+PILLOW, MAGICK, libtiff, xwdtopnm = (B.REFERENCES[r] for r in ("Pillow", "ImageMagick", "libtiff", "xwdtopnm"))
 TOOL = lambda name: B.REFERENCES[name]
 ALL = "1 4 8 24"
 # type: (depths taken, extension, decoders, tolerance or PSNR floor)
@@ -146,7 +135,7 @@ WRITERS = {
     36: (ALL, "xwd", [xwdtopnm, MAGICK], EXACT),
     37: (ALL, "ras", [TOOL("rasttopnm"), PILLOW, MAGICK], EXACT),
     40: ("8 24", "tif", [libtiff], ("floor", 20.0)),
-    # Pillow's composite (ImageMagick reads no layerless indexed document; psd_test.py has its 24-bit case).
+    # Pillow's composite (ImageMagick reads no layerless indexed document: it reads the 24-bit one below).
     41: ("1 8 24", "psd", [lambda p: B.image_rgb(open(p, "rb").read())], EXACT),
     43: (ALL, "png", [PILLOW, MAGICK], EXACT),
 }
@@ -166,6 +155,8 @@ def as_fax(pic):
     return np.where((pic.indices() == black)[:, :, None], 0, 255).astype(np.uint8).repeat(3, axis=2)
 
 
+TIFF_TAGS = ("Image Width", "Bits/Sample", "Compression Scheme", "Photometric", "Resolution", "DateTime", "Artist",
+             "Rows/Strip", "Planar Configuration")
 # JPEG codes palette pictures by index: only an identity grey ramp is a picture it can keep.
 SOURCE_FOR = {13: {"8": "8 grey"}, 40: {"8": "8 grey"}, 25: {"1": "1 icon"}}
 
@@ -198,6 +189,15 @@ def writer_case(type_code, source, decoders=None):
                 B.compare(got, want, "%s on type %d" % (getattr(decode, "__name__", "?"), type_code), accuracy)
         if type_code in (7, 8, 10, 18, 20):  # and our reader shows the same page, whichever palette it had
             B.compare(B.loaded(out).rgb(), want, "our reader on type %d" % type_code)
+        if ext == "tif" and type_code != 40:  # libtiff lists the tags and copies the file without complaint
+            info = B.run(["tiffinfo", out]).decode(errors="replace")
+            assert all(t in info for t in TIFF_TAGS), "tiffinfo lacks some of %s:\n%s" % (TIFF_TAGS, info)
+            r = subprocess.run(["tiffcp", out, out + ".copy.tif"], capture_output=True)
+            assert r.returncode == 0 and b"rror" not in r.stderr, "tiffcp: %s" % r.stderr[:300]
+        if type_code in (13, 43):  # grey pictures stay grey; PNG keeps the source's 96 dots per inch
+            with B.Image.open(out) as im:
+                assert (im.mode in ("1", "L")) == (source in ("1", "8 grey")), im.mode
+                assert type_code == 13 or round(im.info["dpi"][0]) == 96, im.info
     return check
 
 
@@ -243,6 +243,7 @@ for t in WRITERS:
         s = SOURCE_FOR.get(t, {}).get(s, s)
         if ("type %d from %s" % (t, s), t) not in [(n, t) for n, _ in CASES]:
             CASES.append(("type %d from %s" % (t, s), writer_case(t, s)))
+CASES.append(("type 41 from 24 in ImageMagick", writer_case(41, "24", [MAGICK])))
 CASES.append(("demo round trip", demo_round_trip))
 
 if __name__ == "__main__":
