@@ -1,7 +1,7 @@
 // GIF: decoder behaviour on streams built here with an independent code
 // packer: code streams, the decoder alone, the stream's start.
 // Colour tables, interlacing and transparency are checked against other
-// tools' files in interop/gif_test.py.
+// tools' files in the GIF rows of interop/readers_test.py.
 #include "codecs/gif.h"
 #include "frame/frame.h"
 #include "jpeg_support.h"

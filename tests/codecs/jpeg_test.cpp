@@ -80,6 +80,8 @@ TEST(JpegDecode, BlackNeverReachesZero) {
     EXPECT_EQ(back.rows[0][0], 1);
 }
 
+// The SOI search's limit and a stream at an offset (restart intervals and a
+// short lead are held against djpeg in interop/jpeg_test.py).
 TEST(JpegDecode, SameCoefficientsDecodeTheSame) {
     const bytes c420 = fixture_bytes("c420.jpg"), c422 = fixture_bytes("c422.jpg");
     auto after = [](size_t n, uint8_t fill, const bytes &f) {
@@ -94,9 +96,6 @@ TEST(JpegDecode, SameCoefficientsDecodeTheSame) {
         const bytes &reference;
         int want;
     } cases[] = {
-        // cjpeg codes the same coefficients with and without restart intervals.
-        {"restart markers", fixture_bytes("crestart.jpg"), 0, c420, 0},
-        {"1 byte of garbage before the SOI", after(1, 0x5A, c420), 0, c420, 0},
         {"1000 bytes of garbage", after(1000, 0x5A, c420), 0, c420, 0},
         {"1001 bytes of garbage: past the search", after(1001, 0x5A, c420), 0, c420, IMG_ERR_HEADER},
         {"a stream at an offset in a larger file", after(5000, 0xFF, c422), 5000, c422, 0},
@@ -122,8 +121,6 @@ TEST(JpegDecode, ProgressiveArithmeticAndLosslessAreRefusedBeforeAnyStateIsUsed)
         EXPECT_EQ(s.begin_calls, 0);
         EXPECT_EQ(std::memcmp(&before, &jpeg_tables, sizeof before), 0) << "the kept tables changed";
     }
-    // The refusal reaches the handle-level load too.
-    EXPECT_EQ(load_bytes(fixture_bytes("cprogressive.jpg")), IMG_ERR_TYPE);
 }
 
 TEST(JpegDecode, TablesAreKeptForStreamsThatDoNotDefineThem) {

@@ -1,7 +1,8 @@
 // Pictures built from the published opcode layout, for the paths files from
 // other tools seldom take: version 1 bit maps without the file header, 2-bit
 // maps, 16-bit word runs, region forms, odd-length opcodes before a bitmap,
-// and broken ones.  ImageMagick's pictures are in tests/interop/pict_test.py.
+// and broken ones.  ImageMagick's pictures are the PICT rows of
+// tests/interop/readers_test.py.
 #include "codecs/codecs.h"
 #include "jpeg_support.h"
 

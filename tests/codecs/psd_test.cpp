@@ -1,6 +1,7 @@
 // Photoshop: what files from other tools do not show (Lab and CMYK at known
 // colours, the run-length repeat code 128, a short colour table).  Files from
-// ImageMagick in every mode are read in tests/interop/psd_test.py.
+// ImageMagick in every mode are the Photoshop rows of
+// tests/interop/readers_test.py.
 #include "jpeg_support.h"
 
 #include <gtest/gtest.h>

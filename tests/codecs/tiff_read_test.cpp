@@ -1,6 +1,6 @@
 // The TIFF reader: files built here in both byte orders for the header, page
-// chain and tag rules, and files made by independent tools for the decoders
-// (damaged strips are in the golden list of tiff_decode_golden_test.cpp).
+// chain and tag rules (files from independent tools are decoded in
+// interop/tiff_read_test.py, damaged strips in tiff_decode_golden_test.cpp).
 #include "codecs/tiff_test_util.h"
 
 #include "brivanta.h"
@@ -145,25 +145,6 @@ TEST(TiffStrips, ShortOffsets) {
         EXPECT_EQ(row_of(d, 0, 2), b({1, 2}));
         EXPECT_EQ(row_of(d, 1, 2), b({3, 4}));
     }
-}
-
-// ---- Files made by independent tools ---------------------------------------------------------------
-TEST(TiffFixtures, DecodeToTheirSourcePictures) {
-    struct {
-        const char *name;
-        picture want;
-        int page = 0;
-    } cases[] = {
-        {"page_g4.tif", fixture_page()},      {"page_g3_2d.tif", fixture_page()},   {"page_g3_lsb.tif", fixture_page()},
-        {"page_mh.tif", fixture_page()},      {"rgb_raw.tif", fixture_rgb()},       {"rgb_lzw2_mm.tif", fixture_rgb()},
-        {"rgb_planar_lzw.tif", fixture_rgb()}, {"rgb_packbits.tif", fixture_rgb()}, {"two_pages.tif", fixture_page(), 1},
-        {"two_pages.tif", fixture_rgb(), 2},
-    };
-    for (auto &c : cases) EXPECT_TRUE(load_pic(read_file(fixture(c.name)), nullptr, c.page) == c.want) << c.name << " " << c.page;
-    EXPECT_EQ(IMGLOW_get_pages(fixture("two_pages.tif").c_str()), 3);
-    EXPECT_EQ(IMGLOW_get_filetype(fixture("page_g4.tif").c_str()), IMG_TYPE_TIFF_G4);
-    EXPECT_EQ(IMGLOW_get_filetype(fixture("page_g3_2d.tif").c_str()), IMG_TYPE_TIFF_45);
-    EXPECT_EQ(IMGLOW_get_filetype(fixture("page_mh.tif").c_str()), IMG_TYPE_TIFF_HUFFMAN);
 }
 
 // A row callback's refusal removes the planar temporary file (cut files are

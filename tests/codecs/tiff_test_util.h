@@ -176,8 +176,8 @@ inline bytes rgb_row(const bytes &bgr, int width) {
 
 inline std::string fixture(const std::string &name) { return std::string(BRIVANTA_FIXTURES) + "/tiff/" + name; }
 
-// The fixtures' source pictures as DIB-layout pictures: page.pbm (1-bit,
-// bit 1 white), and rgb.ppm, whose pixel (x, y) is (17x, 23y, (5x + 11y) mod 256).
+// The fax fixtures' source picture, page.pbm, as a DIB-layout picture (1-bit,
+// bit 1 white).
 inline picture fixture_page() {
     bytes f = read_file(fixture("page.pbm"));
     picture p;
@@ -192,13 +192,3 @@ inline picture fixture_page() {
     return p;
 }
 
-inline picture fixture_rgb() {
-    picture p;
-    p.width = 16, p.height = 12, p.bits = 24;
-    for (int y = 0; y < 12; y++) {
-        bytes row(48, 0);
-        for (int x = 0; x < 16; x++) row[3 * x] = (5 * x + 11 * y) % 256, row[3 * x + 1] = 23 * y, row[3 * x + 2] = 17 * x;
-        p.rows.push_back(row);
-    }
-    return p;
-}

@@ -256,7 +256,6 @@ REFERENCES = {
 def dcx_page_rgb(path, page=0):
     """A DCX page cut out at its directory offsets and decoded by Pillow,
     whose own DCX reading takes 8-bit pages from the wrong places."""
-    import struct
     data = open(path, "rb").read()
     start, end = struct.unpack_from("<II", data, 4 + 4 * page)
     with open(path + ".page.pcx", "wb") as f:
@@ -264,7 +263,6 @@ def dcx_page_rgb(path, page=0):
     return pillow_rgb(path + ".page.pcx")
 
 
-REFERENCES["DCX page in Pillow"] = dcx_page_rgb
 # xwdtopnm writes 16-bit grey maps: brought to eight bits a sample.
 REFERENCES["xwdtopnm"] = lambda p, page=0: image_rgb(run("xwdtopnm %s 2>/dev/null | pamdepth 255" % p))
 for _tool in ("pcxtoppm", "tgatoppm", "giftopnm", "g3topbm", "xbmtopbm", "xpmtoppm", "rasttopnm", "ilbmtoppm",
