@@ -1,5 +1,5 @@
-// TIFF writers: grey ramps without colour maps, page append, and a failing
-// save that leaves an existing file alone.  (Raw fax output is decoded by
+// TIFF writers: grey ramps without colour maps, page append, and saves that
+// leave an existing file alone.  (Raw fax output is decoded by
 // g3topbm and Pillow in tests/interop/writers_test.py.)
 #include "codecs/tiff_test_util.h"
 
@@ -43,11 +43,12 @@ TEST(TiffWrite, GreyRampsGoWithoutAColourMap) {
     EXPECT_LT(save_pic(flat, IMG_TYPE_TIFF_LZW).size(), 40000u);
 }
 
-TEST(TiffWrite, SecondSaveAppendsAPageAndMotorolaFilesAreOverwritten) {
+// A second save appends a page at a word boundary.  (Both pages in Pillow,
+// and big-endian files overwritten, are checked in interop/tiff_write_test.py.)
+TEST(TiffWrite, SecondSaveAppendsAWordAlignedPage) {
     std::string name = temp_path("append.tif");
     std::remove(name.c_str());
-    picture a = bilevel_page(120, 40, 1), b = make_picture(33, 17, 24, 2);
-    int ha = handle_of(a), hb = handle_of(b);
+    int ha = handle_of(bilevel_page(120, 40, 1)), hb = handle_of(make_picture(33, 17, 24, 2));
     ASSERT_EQ(IMG_save_bitmap(ha, name.c_str(), IMG_TYPE_TIFF_G4), 0);
     size_t first_size = read_file(name).size();
     ASSERT_EQ(IMG_save_bitmap(hb, name.c_str(), IMG_TYPE_TIFF_LZW), 0);
@@ -55,16 +56,6 @@ TEST(TiffWrite, SecondSaveAppendsAPageAndMotorolaFilesAreOverwritten) {
     ifd_view first = parse_ifd(f, 8);
     EXPECT_EQ(first.next, first_size + (first_size & 1));
     EXPECT_EQ(parse_ifd(f, first.next).next, 0u);
-    EXPECT_EQ(IMGLOW_get_pages(name.c_str()), 2);
-    EXPECT_EQ(load_pic(f, nullptr, 1), b);
-
-    write_file(name, {'M', 'M', 0, 42, 0, 0, 0, 8, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12});
-    ASSERT_EQ(IMG_save_bitmap(hb, name.c_str(), 0), 0);
-    f = read_file(name);
-    EXPECT_EQ(get16(f.data()), TIFF_II);
-    EXPECT_EQ(parse_ifd(f, 8).next, 0u);
-    EXPECT_EQ(load_pic(f), b);
-
     // A chain that cannot be followed (past the end, or in a loop) is not
     // appended to; the file stays as it was.
     for (bytes broken : {bytes{'I', 'I', 42, 0, 0xF0, 0xFF, 0, 0}, bytes{'I', 'I', 42, 0, 8, 0, 0, 0, 0, 0, 8, 0, 0, 0}}) {
