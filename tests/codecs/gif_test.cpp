@@ -46,12 +46,9 @@ bytes plain_lzw(const bytes &indices, int root) {
 }
 
 struct gif_recipe {
-    std::string version = "89a";
     bytes global;                 // RGB triples, 2^k of them; empty: no table
     std::vector<bytes> extensions;  // complete blocks placed before the image
     int width = 4, height = 2;
-    bool interlace = false;
-    bytes local;
     int min_code = 8;
     bytes data;  // the LZW stream before it is cut into sub-blocks
 };
@@ -63,7 +60,7 @@ int table_bits(const bytes &t) {
 }
 
 bytes build(const gif_recipe &r) {
-    bytes f = {'G', 'I', 'F', uint8_t(r.version[0]), uint8_t(r.version[1]), uint8_t(r.version[2])};
+    bytes f = {'G', 'I', 'F', '8', '9', 'a'};
     f.insert(f.end(), {uint8_t(r.width), uint8_t(r.width >> 8), uint8_t(r.height), uint8_t(r.height >> 8)});
     f.push_back(r.global.empty() ? 0 : static_cast<uint8_t>(0x80 | table_bits(r.global)));
     f.insert(f.end(), {0, 0});
@@ -71,8 +68,7 @@ bytes build(const gif_recipe &r) {
     for (auto &e : r.extensions) f.insert(f.end(), e.begin(), e.end());
     f.insert(f.end(), {',', 0, 0, 0, 0, uint8_t(r.width), uint8_t(r.width >> 8), uint8_t(r.height),
                        uint8_t(r.height >> 8)});
-    f.push_back(static_cast<uint8_t>((r.local.empty() ? 0 : 0x80 | table_bits(r.local)) | (r.interlace ? 0x40 : 0)));
-    f.insert(f.end(), r.local.begin(), r.local.end());
+    f.push_back(0);  // no local table, not interlaced
     f.push_back(static_cast<uint8_t>(r.min_code));
     for (size_t i = 0; i < r.data.size(); i += 255) {
         size_t n = std::min<size_t>(255, r.data.size() - i);

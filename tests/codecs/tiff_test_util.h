@@ -105,8 +105,6 @@ struct decoded {
     std::vector<bytes> rows;  // by row index; empty when never delivered
     int calls = 0, stop_at_row = -1;
     int bits() const { return header[14] | header[15] << 8; }
-    int32_t width() const { return static_cast<int32_t>(get32(header + 4)); }
-    int32_t height() const { return static_cast<int32_t>(get32(header + 8)); }
 };
 
 inline int IMG_CALLBACK decoded_header(void *h, void *context) {
