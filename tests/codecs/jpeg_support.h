@@ -82,15 +82,6 @@ int run_reader_on(const bytes &file, sink &s, Reader reader, int32_t offset = 0,
     return rc;
 }
 
-// Peak signal to noise of two pictures as they look, in dB.
-inline double psnr(const picture &a, const picture &b) {
-    bytes x = appearance(a), y = appearance(b);
-    if (x.size() != y.size() || x.empty()) return 0;
-    double se = 0;
-    for (size_t i = 0; i < x.size(); i++) se += (x[i] - y[i]) * (x[i] - y[i]);
-    return se == 0 ? 99 : 10 * std::log10(255.0 * 255.0 * x.size() / se);
-}
-
 enum class kind { grey8, palette8, rgb24 };
 
 // Smooth waves: what photographs look like to a block transform.
