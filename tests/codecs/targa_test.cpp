@@ -106,7 +106,7 @@ int read_targa(const bytes &file, sink &s) { return run_reader_on(file, s, targa
 
 }  // namespace
 
-TEST(TargaRead, EveryTypeDepthMapAndOrigin) {
+TEST(TargaRead, ColourTypesDepthsMapsAndOrigins) {
     std::vector<recipe> recipes;
     for (int type : {2, 10})
         for (int depth : {15, 16, 24, 32})
