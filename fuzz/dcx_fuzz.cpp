@@ -3,11 +3,6 @@
 // and the page count taken through the same reader state.
 #include "fuzz/fuzz_support.h"
 #include "codecs/codecs.h"
-#include "platform/platform.h"
-
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 4 || size > (1u << 20)) return 0;

@@ -1,11 +1,6 @@
 // Fuzz target: any bytes, placed in a real memory block, through the
 // low-level memory load and the handle-level load.
 #include "fuzz/fuzz_support.h"
-#include "platform/platform.h"
-
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > (1u << 20)) return 0;

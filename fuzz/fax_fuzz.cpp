@@ -1,12 +1,6 @@
 // Fuzz target: raw fax data.  The first four bytes choose the fax type,
 // fill order, width and height; the rest is the coded data.
 #include "fuzz/fuzz_support.h"
-#include "frame/frame.h"
-#include "platform/platform.h"
-
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 4 || size > (1u << 20)) return 0;
@@ -15,17 +9,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     int fill = data[0] & 4 ? 2 : 1;
     int width = 1 + ((data[1] | (data[2] & 7) << 8));  // 1..2048
     int height = data[3] & 0x80 ? 0 : data[3];
-    int block = IMG_mem_alloc(static_cast<int>(size - 4));
-    void *p = IMG_mem_lock(block);
-    if (!p) return 0;
-    std::memcpy(p, data + 4, size - 4);
-    int live = mem_live_blocks();
-    memory_source_set(p);
+    fuzz_input in(data + 4, size - 4);
+    if (!in.bytes) return 0;
+    memory_source_set(in.bytes);
     file_seek(MEMORY_FD, 0, 0);
     int h = check_loaded(IMG_decompress_fax(MEMORY_FD, width, height, type, fill));
     if (h >= 0) IMG_delete_bitmap(h);
-    if (mem_live_blocks() != live) std::abort();
-    IMG_mem_unlock(block);
-    IMG_mem_free(block);
     return 0;
 }

@@ -145,6 +145,24 @@ inline int load_both(void *file, int page = 0) {
     return announced_pixels <= (1 << 22) ? check_loaded(IMG_decompress_bitmap_mem(file, page)) : -1;
 }
 
+inline void keep_nothing(int) {}
+
+// The shape of the targets for formats loaded whole: inputs of at least
+// least bytes, force putting in what detection wants, through load_both; a
+// handle that loads goes to then before it is freed.
+template <class Force, class Then = void (*)(int)>
+int fuzz_load(const uint8_t *data, size_t size, size_t least, Force force, Then then = keep_nothing) {
+    if (size < least || size > (1u << 20)) return 0;
+    fuzz_input in(data, size);
+    if (!in.bytes) return 0;
+    force(in.bytes);
+    int h = load_both(in.bytes);
+    if (h < 0) return 0;
+    then(h);
+    IMG_delete_bitmap(h);
+    return 0;
+}
+
 // The colour of pixel x of row y (bottom-up storage) of a DIB, as 0xRRGGBB.
 inline uint32_t colour_at(const uint8_t *dib, int w, int h, int bits, int x, int y) {
     const int pal = bits == 24 ? 0 : 4 << bits;
@@ -186,6 +204,13 @@ inline int save_checked(int h, int type, int64_t room, bool reload = false) {
     if (o) IMG_mem_unlock(out);
     IMG_mem_free(out);
     return n;
+}
+
+// A handle of at most max_pixels saved as type and reloaded looking the same.
+inline void save_reloaded(int h, int type, int64_t max_pixels) {
+    int w, ht, bits;
+    IMG_bitmap_info(h, &w, &ht, &bits);
+    if (int64_t{w} * ht <= max_pixels) save_checked(h, type, int64_t{w} * ht * 4 + 20000, true);
 }
 
 // A reader run low-level over the input into a kept picture, which then

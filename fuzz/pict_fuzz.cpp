@@ -4,15 +4,10 @@
 #include "fuzz/fuzz_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (size < 526 || size > (1u << 20)) return 0;
-    fuzz_input in(data, size);
-    if (!in.bytes) return 0;
-    uint8_t *p = in.bytes;
-    const bool version1 = p[0] & 1;
-    std::memset(p, 0, 10);
-    static const uint8_t v1[2] = {0x11, 0x01}, v2[4] = {0x00, 0x11, 0x02, 0xFF};
-    std::memcpy(p + 522, version1 ? v1 : v2, version1 ? 2 : 4);
-    int h = load_both(p);
-    if (h >= 0) IMG_delete_bitmap(h);
-    return 0;
+    return fuzz_load(data, size, 526, [](uint8_t *p) {
+        const bool version1 = p[0] & 1;
+        std::memset(p, 0, 10);
+        static const uint8_t v1[2] = {0x11, 0x01}, v2[4] = {0x00, 0x11, 0x02, 0xFF};
+        std::memcpy(p + 522, version1 ? v1 : v2, version1 ? 2 : 4);
+    });
 }

@@ -4,12 +4,7 @@
 #include "fuzz/fuzz_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (size < 4 || size > (1u << 20)) return 0;
-    fuzz_input in(data, size);
-    if (!in.bytes) return 0;
-    std::memcpy(in.bytes, "8BPS", 4);
-    int h = load_both(in.bytes);
-    if (h >= 0 && announced_pixels <= (1 << 20)) save_checked(h, IMG_TYPE_PSD, announced_pixels * 3 + 2000);
-    if (h >= 0) IMG_delete_bitmap(h);
-    return 0;
+    return fuzz_load(data, size, 4, [](uint8_t *p) { std::memcpy(p, "8BPS", 4); }, [](int h) {
+        if (announced_pixels <= (1 << 20)) save_checked(h, IMG_TYPE_PSD, announced_pixels * 3 + 2000);
+    });
 }

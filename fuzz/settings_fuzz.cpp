@@ -3,11 +3,6 @@
 // the dither mode and the page; the rest is a file of any type, loaded into
 // a handle and through the low-level load.
 #include "fuzz/fuzz_support.h"
-#include "platform/platform.h"
-
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 4 || size > (1u << 20)) return 0;

@@ -3,12 +3,6 @@
 // refinement, and through the handle-level load.
 #include "fuzz/fuzz_support.h"
 #include "codecs/codecs.h"
-#include "frame/frame.h"
-#include "platform/platform.h"
-
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > (1u << 20)) return 0;
