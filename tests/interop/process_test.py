@@ -147,9 +147,9 @@ def convolution_model(pic, k, n):
 
 
 def unsharp_model(pic, level, n, top):
-    """Blur in place, top row first and left to right, then 2 x source - blur."""
-    masked = level & ~15
-    k = (136 - abs(masked)) >> 3
+    """Blur in place, top row first and left to right, then 2 x source - blur;
+    levels past the strongest are the strongest."""
+    k = (136 - min(abs(level & ~15), 128)) >> 3
     a = pic[::-1].copy()
     b = a.copy()
     h, wn = a.shape
@@ -195,7 +195,7 @@ for bits in (8, 24):
             what, bits, (w, h), lambda hd, nw=nw, nh=nh: LIB.IMG_resize_bitmap_interp(hd, nw, nh),
             lambda src, n, nw=nw, nh=nh: smoothed(src, n, nw, nh), grey=True)))
 for bits in (4, 8, 24):
-    for level in (0, 64, 128, -37):
+    for level in (0, 64, 128, -37, 200, -200, -2 ** 31, 2 ** 31 - 1):
         cases.append(("sharpen %d at %d bits" % (level, bits), model_case(
             "sharpen %d" % level, bits, (19, 13), lambda hd, l=level: LIB.IMG_sharpen_bitmap(hd, l),
             lambda src, n, l=level, top=15 if bits == 4 else 255: unsharp_model(src, l, n, top), grey=True)))

@@ -1,7 +1,6 @@
-// Convolution, sharpening and the grey conversion they lean on: the
-// grey-first rule and the strongest level (refusals are in
-// replace_block_test.cpp).  Every kernel and level is
-// checked against numpy models in interop/process_test.py.
+// Convolution and the grey conversion it leans on: the grey-first rule
+// (refusals are in replace_block_test.cpp).  Every kernel and sharpening
+// level is checked against numpy models in interop/process_test.py.
 #include "test_util.h"
 
 #include <gtest/gtest.h>
@@ -14,22 +13,6 @@ TEST(Filter, ColourTableIsMadeGreyFirst) {
     ASSERT_EQ(IMG_color_gray(b), 0);
     ASSERT_EQ(IMG_process_bitmap(b, 7, nullptr), 0);
     EXPECT_EQ(picture_of(a), picture_of(b));
-    IMG_delete_bitmap(a);
-    IMG_delete_bitmap(b);
-}
-
-TEST(Sharpen, LevelsPastTheStrongest) {
-    // Levels past the strongest are the strongest, never a division by zero.
-    picture p = make_picture(9, 7, 8, 3);
-    for (int i = 0; i < 256; i++) std::fill_n(&p.palette[4 * i], 3, static_cast<uint8_t>(i));
-    int a = handle_of(p), b = handle_of(p);
-    ASSERT_EQ(IMG_sharpen_bitmap(a, 128), 0);
-    for (int level : {200, -200, INT32_MIN, INT32_MAX}) {
-        ASSERT_EQ(IMG_sharpen_bitmap(b, level), 0);
-        EXPECT_EQ(picture_of(b), picture_of(a)) << level;
-        IMG_delete_bitmap(b);
-        b = handle_of(p);
-    }
     IMG_delete_bitmap(a);
     IMG_delete_bitmap(b);
 }

@@ -73,18 +73,17 @@ TEST(Flip, CropRectangle) {
     IMG_delete_bitmap(h);
 }
 
+// Every stored byte, padding too; the values at each depth are in
+// interop/process_test.py.
 TEST(Invert, IndexesNotColoursAndTwiceIsIdentity) {
-    picture g = grey_palette_picture(7, 3, 8, 4);
-    int h = handle_of(g);
+    int h = handle_of(grey_palette_picture(7, 3, 8, 4));
     const picture before = picture_of(h, true);
     ASSERT_EQ(IMG_invert_bitmap(h), 0);
-    bytes a = appearance(g), b = appearance(picture_of(h));
-    for (size_t i = 0; i < a.size(); i++) ASSERT_EQ(b[i], 255 - a[i]);
-    // Padding bytes too.
     const picture inv = picture_of(h, true);
+    EXPECT_EQ(inv.palette, before.palette) << "the table is never touched";
     for (size_t y = 0; y < inv.rows.size(); y++)
         for (size_t i = 0; i < inv.rows[y].size(); i++) ASSERT_EQ(inv.rows[y][i], static_cast<uint8_t>(~before.rows[y][i]));
     ASSERT_EQ(IMG_invert_bitmap(h), 0);
-    EXPECT_EQ(picture_of(h, true), before) << "the table is never touched";
+    EXPECT_EQ(picture_of(h, true), before) << "twice is the identity";
     IMG_delete_bitmap(h);
 }
