@@ -175,7 +175,9 @@ def save(src, dst, type_code):
 
 
 def run(cmd, **kw):
-    """Runs an external tool; raises with its output when it fails."""
+    """Runs an external tool; raises with its output when it fails.  A tool
+    that waits for ever (xdotool for a window that never comes) fails too."""
+    kw.setdefault("timeout", 300)
     r = subprocess.run(cmd, shell=isinstance(cmd, str), capture_output=True, **kw)
     if r.returncode != 0:
         raise AssertionError("%s failed: %s" % (cmd, r.stderr.decode(errors="replace")[:400]))
